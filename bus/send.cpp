@@ -1,0 +1,114 @@
+#include "bus/send.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "drix_bus.h"
+
+namespace drix {
+namespace {
+
+constexpr int32_t kFailure = -1;
+
+// Encoding space of one batch of a variable-length type.
+constexpr uint32_t kBatchArea = 0x10000;
+
+int32_t call_bus(uint32_t handle, DrixSendDescriptor *descriptors, uint32_t count, uint32_t destination) {
+  return destination != 0 ? DRIX_SendToMsg(handle, descriptors, count, destination)
+                          : DRIX_SendMsg(handle, descriptors, count);
+}
+
+DrixSendDescriptor describe(const Sender &sender, const uint8_t *image, uint32_t length) {
+  return {reinterpret_cast<uintptr_t>(image), sender.id, length};
+}
+
+const void *record_at(const Sender &sender, const void *records, uint32_t i) {
+  return static_cast<const uint8_t *>(records) + std::size_t{i} * sender.record_size;
+}
+
+// The bytes that the fixed layout leaves unwritten go to another process: zeros, not what this memory held before.
+void encode_fixed(const Sender &sender, uint8_t *image, const void *record) {
+  std::memset(image, 0, sender.fixed_length);
+  sender.build_fixed(image, record);
+}
+
+class HeapBlock {
+ public:
+  // Unallocated when the size needs more than 32 bits.
+  explicit HeapBlock(uint64_t size)
+      : start_(size > UINT32_MAX ? nullptr : static_cast<uint8_t *>(std::malloc(static_cast<std::size_t>(size)))) {}
+  ~HeapBlock() { std::free(start_); }
+  HeapBlock(const HeapBlock &) = delete;
+  HeapBlock &operator=(const HeapBlock &) = delete;
+
+  uint8_t *start() const { return start_; }
+  DrixSendDescriptor *descriptors(std::size_t offset) const {
+    return reinterpret_cast<DrixSendDescriptor *>(start_ + offset);
+  }
+
+ private:
+  uint8_t *start_;
+};
+
+int32_t send_fixed_batch(const Sender &sender, uint32_t handle, const void *records, uint32_t count,
+                         uint32_t destination) {
+  const HeapBlock block(uint64_t{count} * (sender.fixed_length + sizeof(DrixSendDescriptor)));
+  if (block.start() == nullptr) return kFailure;
+  DrixSendDescriptor *descriptors = block.descriptors(std::size_t{count} * sender.fixed_length);
+  uint8_t *image = block.start();
+  for (uint32_t i = 0; i < count; ++i, image += sender.fixed_length) {
+    encode_fixed(sender, image, record_at(sender, records, i));
+    descriptors[i] = describe(sender, image, sender.fixed_length);
+  }
+  return call_bus(handle, descriptors, count, destination);
+}
+
+int32_t send_variable_batch(const Sender &sender, uint32_t handle, const void *records, uint32_t count,
+                            uint32_t destination) {
+  const HeapBlock block(kBatchArea + uint64_t{count} * sizeof(DrixSendDescriptor));
+  if (block.start() == nullptr) return kFailure;
+  DrixSendDescriptor *descriptors = block.descriptors(kBatchArea);
+  uint32_t used = 0;
+  for (uint32_t i = 0; i < count; ++i) {
+    const void *record = record_at(sender, records, i);
+    const uint32_t size = sender.size(record);
+    if (size == 0 || size > kBatchArea - used) return kFailure;
+    sender.build(block.start() + used, kBatchArea - used, record);
+    descriptors[i] = describe(sender, block.start() + used, size);
+    used += size;
+  }
+  return call_bus(handle, descriptors, count, destination);
+}
+
+}  // namespace
+
+int32_t send_single(const Sender &sender, uint32_t handle, const void *record, uint32_t destination) {
+  if (record == nullptr) return kFailure;
+  if (sender.fixed_length != 0) {
+    uint8_t image[kMaxFixedLength];
+    encode_fixed(sender, image, record);
+    DrixSendDescriptor descriptor = describe(sender, image, sender.fixed_length);
+    return call_bus(handle, &descriptor, 1, destination);
+  }
+  const uint32_t size = sender.size(record);
+  if (size == 0) return kFailure;
+  const HeapBlock block(size);
+  if (block.start() == nullptr) return kFailure;
+  sender.build(block.start(), size, record);
+  DrixSendDescriptor descriptor = describe(sender, block.start(), size);
+  return call_bus(handle, &descriptor, 1, destination);
+}
+
+int32_t send_batch(const Sender &sender, uint32_t handle, const void *records, uint32_t count, uint32_t destination) {
+  if (records == nullptr) return kFailure;
+  return sender.fixed_length != 0 ? send_fixed_batch(sender, handle, records, count, destination)
+                                  : send_variable_batch(sender, handle, records, count, destination);
+}
+
+int32_t send(const Sender &sender, uint32_t handle, const void *records, uint32_t count, uint32_t destination) {
+  if (count == 0) return kFailure;
+  return count == 1 ? send_single(sender, handle, records, destination)
+                    : send_batch(sender, handle, records, count, destination);
+}
+
+}  // namespace drix

@@ -1,0 +1,78 @@
+/* The operations that every message type of libdrix_fib6 offers.
+ *
+ * A message type X is a plain structure, the record, named after its package and message (for example
+ * fib6_cfg_query_comm_param). Its members stand in slot order and are named f0, f1, ... A byte string in slot N is the
+ * pair f<N>Len (number of bytes) and f<N>; a vector of records is the pair f<N>Count (number of elements) and f<N>.
+ *
+ * DRIX_DECLARE_MESSAGE(package, message) declares the seven operations. For X they read:
+ *
+ *   int32_t X__pack(const X *record, uint8_t *buffer, uint32_t *length);
+ *     Encodes the record in the compact layout. *length is the capacity of the buffer in bytes on entry and the encoded
+ *     length on success. Returns 0, or -1 for a null argument, a capacity that is too small or an encoding longer than
+ *     0xFFFFFFFF bytes; *length is then unchanged. The record and all that it points to stay the caller's and are only
+ *     read. The buffer needs no alignment.
+ *
+ *   uint32_t X__unpack(const uint8_t *buffer, uint32_t length, X *record);
+ *     Decodes a buffer of either layout into the record. Returns sizeof(X) on every path: a rejected buffer shows in
+ * the platform's log and in the record. The record is not touched when the arguments, the root offset or the root
+ * vtable are bad; otherwise its former content is overwritten, not released. Byte strings and element arrays are
+ * allocated and belong to the record until X_free__unpacked.
+ *
+ *   void X_free__unpacked(X *record);
+ *     Gives back what X__unpack allocated and sets those pointers to null; lengths and counts stay. Harmless on null,
+ * on a record released before and on types that own nothing. Not for records that the caller filled.
+ *
+ *   int32_t X__sendmsg(uint32_t handle, const X *records, uint32_t count);
+ *   int32_t X__sendtomsg(uint32_t handle, const X *records, uint32_t count, uint32_t destination);
+ *     Encode count records and hand them to the bus in one call, for the default destination of the bus handle or for
+ *     the given one (0: the default one). Return the bus's own status unchanged, or -1 with nothing sent: no records,
+ *     count 0, out of memory, or records of a variable-length type that together need more than 64 KiB (only when count
+ *     is above 1). The records are only read, and not needed any more on return.
+ *
+ *   int32_t X__sendsingle(uint32_t handle, const X *record, uint32_t count, uint32_t destination);
+ *     Sends one record whatever count says.
+ *
+ *   int32_t X__sendbatch(uint32_t handle, const X *records, uint32_t count, uint32_t destination);
+ *     Sends count records as X__sendtomsg does, also when count is 0 or 1.
+ *
+ * All operations may be called from any thread; a record belongs to one thread at a time.
+ */
+#ifndef DRIX_MESSAGE_H
+#define DRIX_MESSAGE_H
+
+#include <stdint.h>
+
+#define DRIX_API __attribute__((visibility("default")))
+
+#define DRIX_DECLARE_MESSAGE(package, message)                                                                        \
+  DRIX_API int32_t package##_##message##__pack(const package##_##message *record, uint8_t *buffer, uint32_t *length); \
+  DRIX_API uint32_t package##_##message##__unpack(const uint8_t *buffer, uint32_t length,                             \
+                                                  package##_##message *record);                                       \
+  DRIX_API void package##_##message##_free__unpacked(package##_##message *record);                                    \
+  DRIX_API int32_t package##_##message##__sendmsg(uint32_t handle, const package##_##message *records,                \
+                                                  uint32_t count);                                                    \
+  DRIX_API int32_t package##_##message##__sendtomsg(uint32_t handle, const package##_##message *records,              \
+                                                    uint32_t count, uint32_t destination);                            \
+  DRIX_API int32_t package##_##message##__sendsingle(uint32_t handle, const package##_##message *record,              \
+                                                     uint32_t count, uint32_t destination);                           \
+  DRIX_API int32_t package##_##message##__sendbatch(uint32_t handle, const package##_##message *records,              \
+                                                    uint32_t count, uint32_t destination);
+
+/* The functions of a package whose functions start with prefix:
+ *
+ *   int32_t prefix_recv_init(void);
+ *     Registers the decoder and the release function of every message type of the package with the bus. Returns 0, or
+ *     the first non-zero result of the bus; the types registered before it stay registered.
+ *
+ *   int32_t prefix_send_init(void);
+ *     Registers the package's resource-clean hook with the bus and returns the bus's result.
+ *
+ *   void prefix__send_resource_clean(void);
+ *     That hook. Sending keeps no resources between calls, so it does nothing.
+ */
+#define DRIX_DECLARE_PACKAGE(prefix)         \
+  DRIX_API int32_t prefix##_recv_init(void); \
+  DRIX_API int32_t prefix##_send_init(void); \
+  DRIX_API void prefix##__send_resource_clean(void);
+
+#endif

@@ -1,0 +1,66 @@
+// Integers on the wire: little-endian and unaligned, whatever the host is.
+#pragma once
+
+#include <bit>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace drix {
+
+inline constexpr bool kHostIsLittleEndian = std::endian::native == std::endian::little;
+
+template <std::unsigned_integral T>
+constexpr T to_wire_order(T value) {
+  if constexpr (kHostIsLittleEndian || sizeof(T) == 1) return value;
+  if constexpr (sizeof(T) == 2) return static_cast<T>(__builtin_bswap16(value));
+  if constexpr (sizeof(T) == 4) return static_cast<T>(__builtin_bswap32(value));
+}
+
+template <std::unsigned_integral T>
+T load(const uint8_t *from) {
+  T value;
+  std::memcpy(&value, from, sizeof value);
+  return to_wire_order(value);
+}
+
+template <std::unsigned_integral T>
+void store(uint8_t *to, T value) {
+  value = to_wire_order(value);
+  std::memcpy(to, &value, sizeof value);
+}
+
+// Copies count elements between record and wire; the operation is its own inverse.
+template <std::unsigned_integral T>
+void copy_elements(void *to, const void *from, std::size_t count) {
+  if constexpr (kHostIsLittleEndian || sizeof(T) == 1) {
+    std::memcpy(to, from, count * sizeof(T));
+  } else {
+    for (std::size_t i = 0; i < count; ++i) {
+      T value;
+      std::memcpy(&value, static_cast<const uint8_t *>(from) + i * sizeof(T), sizeof(T));
+      store(static_cast<uint8_t *>(to) + i * sizeof(T), value);
+    }
+  }
+}
+
+constexpr std::size_t round_up(std::size_t value, std::size_t multiple) {
+  return (value + multiple - 1) / multiple * multiple;
+}
+
+// A count word, an offset word and the root offset have this size, and so has a table's distance to its vtable.
+inline constexpr uint32_t kWord = 4;
+
+// What stands before the elements of an array, byte string or vector: its offset word and its count word.
+inline constexpr uint32_t kOffsetAndCount = 2 * kWord;
+
+// Vtable length and table size stand before the slot entries.
+inline constexpr uint32_t kVtableHeader = 4;
+
+constexpr uint32_t vtable_length(std::size_t slots) { return static_cast<uint32_t>(kVtableHeader + 2 * slots); }
+
+// Vectors and word arrays hold fewer elements than this.
+inline constexpr uint32_t kCountLimit = 0x40000000;
+
+}  // namespace drix

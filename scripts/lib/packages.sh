@@ -1,0 +1,25 @@
+# Debian packages for the project's scripts. To be sourced.
+
+# require_packages NAME...: installs those of the named packages that are missing, and says so.
+require_packages() {
+  local missing=() name
+  for name in "$@"; do
+    [ "$(dpkg-query -W -f='${db:Status-Status}' "$name" 2>/dev/null)" = installed ] || missing+=("$name")
+  done
+  if [ ${#missing[@]} -eq 0 ]; then
+    echo "packages: all present ($*)"
+    return 0
+  fi
+  echo "packages: installing ${missing[*]}"
+  local as_root=()
+  if [ "$(id -u)" -ne 0 ]; then
+    command -v sudo >/dev/null || { echo "packages: need root or sudo to install ${missing[*]}" >&2; return 1; }
+    as_root=(sudo)
+  fi
+  "${as_root[@]}" apt-get update -qq || echo "packages: apt-get update failed, going on with the present lists" >&2
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" \
+    >/dev/null || { echo "packages: could not install ${missing[*]}" >&2; return 1; }
+}
+
+BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libzmq3-dev libcli11-dev)
+TEST_PACKAGES=(clang-14 libclang-rt-14-dev g++-12-multilib googletest libgtest-dev binutils dpkg-dev)
