@@ -31,7 +31,7 @@ constexpr bool is_well_formed() {
   template <>                                                                \
   inline constexpr drix::MessageInfo drix::kMessage<package##_##message> = { \
       .services = &package##_services,                                       \
-      .id = drix::message_id(#package "." #message),                         \
+      .id = drix_message_id(#package "." #message),                          \
       .pack_name = #package "_" #message "_pack",                            \
       .unpack_name = #package "_" #message "_unpack",                        \
       .non_root_name = #package "_" #message "_unpack_non_root",             \

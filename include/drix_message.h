@@ -44,6 +44,22 @@
 
 #define DRIX_API __attribute__((visibility("default")))
 
+#ifdef __cplusplus
+#define DRIX_CONSTANT_FUNCTION constexpr inline
+#else
+#define DRIX_CONSTANT_FUNCTION static inline
+#endif
+
+/* The ID under which a message travels on the bus, for example drix_message_id("fib6_cfg.query_comm_param"): the 32-bit
+ * FNV-1a hash of package name, full stop and message name. */
+DRIX_CONSTANT_FUNCTION uint32_t drix_message_id(const char *name) {
+  uint32_t hash = 0x811C9DC5u;
+  for (; *name != '\0'; ++name) {
+    hash = (hash ^ (uint8_t)*name) * 0x01000193u;
+  }
+  return hash;
+}
+
 #define DRIX_DECLARE_MESSAGE(package, message)                                                                        \
   DRIX_API int32_t package##_##message##__pack(const package##_##message *record, uint8_t *buffer, uint32_t *length); \
   DRIX_API uint32_t package##_##message##__unpack(const uint8_t *buffer, uint32_t length,                             \

@@ -11,13 +11,14 @@ namespace {
 // Entries of a vtable that was written for fewer slots than the type has now.
 using ShortVtable = std::array<uint8_t, 2 * kMaxSlots>;
 
-[[nodiscard]] bool find_table(Table &table, Services &services, uint32_t slots, ShortVtable &shortened) {
+[[nodiscard]] bool find_table(Table &table, const Decoder &decoder, uint32_t position, ShortVtable &shortened) {
+  Services &services = decoder.message->services->decoding;
   const uint32_t n = table.length;
-  if (table.position < kWord || table.position > n - kWord) {
-    reject_table_offset(services, table.function, table.position, n);
+  if (position < kWord || position > n - kWord) {
+    reject_table_offset(services, table.function, position, n);
     return false;
   }
-  const uint32_t vtable = table.position - load<uint32_t>(table.buffer + table.position);
+  const uint32_t vtable = position - load<uint32_t>(table.buffer + position);
   if (vtable < kWord || vtable > n - kWord) {
     reject_vtable_offset(services, table.function, vtable, n - kWord);
     return false;
@@ -27,11 +28,13 @@ using ShortVtable = std::array<uint8_t, 2 * kMaxSlots>;
     reject_vtable_length(services, table.function, size, n - vtable);
     return false;
   }
+  table.start = table.buffer + position;
+  table.room = n - position;
   table.entries = table.buffer + vtable + kVtableHeader;
-  if (size < vtable_length(slots)) {
+  if (size < vtable_length(decoder.slots)) {
     const uint32_t present = size < kVtableHeader ? 0 : (size - kVtableHeader) / 2;
     shortened.fill(0);
-    std::memcpy(shortened.data(), table.buffer + vtable + kVtableHeader, 2 * std::size_t{present});
+    std::memcpy(shortened.data(), table.entries, 2 * std::size_t{present});
     table.entries = shortened.data();
   }
   return true;
@@ -47,9 +50,9 @@ void *allocate(const Table &table, Services &services, uint32_t size) {
 }  // namespace
 
 bool unpack_non_root(const Decoder &decoder, const uint8_t *buffer, uint32_t length, void *record, uint32_t position) {
-  Table table = {buffer, length, position, nullptr, decoder.message->non_root_name};
+  Table table = {.function = decoder.message->non_root_name, .buffer = buffer, .length = length};
   ShortVtable shortened;
-  if (!find_table(table, decoder.message->services->decoding, decoder.slots, shortened)) return false;
+  if (!find_table(table, decoder, position, shortened)) return false;
   if (decoder.unpack_slots(table, record)) return true;
   if (decoder.release != nullptr) decoder.release(record);
   return false;
@@ -61,9 +64,9 @@ uint32_t unpack_root(const Decoder &decoder, const uint8_t *buffer, uint32_t len
     reject_unpack_parameters(services, decoder.message->unpack_name, buffer, length, record);
     return decoder.record_size;
   }
-  Table table = {buffer, length, load<uint32_t>(buffer), nullptr, decoder.message->unpack_name};
+  Table table = {.function = decoder.message->unpack_name, .buffer = buffer, .length = length};
   ShortVtable shortened;
-  if (!find_table(table, services, decoder.slots, shortened)) return decoder.record_size;
+  if (!find_table(table, decoder, load<uint32_t>(buffer), shortened)) return decoder.record_size;
   svc_bind_mem(services);
   std::memset(record, 0, decoder.record_size);
   if (!decoder.unpack_slots(table, record) && decoder.release != nullptr) decoder.release(record);
@@ -79,7 +82,7 @@ bool unpack_bytes(const Table &table, Services &services, uint32_t word, uint32_
   void *block = allocate(table, services, size);
   if (block == nullptr) return false;
   bytes = static_cast<uint8_t *>(block);
-  std::memcpy(bytes, table.buffer + contents, size);
+  std::memcpy(bytes, table.start + contents, size);
   return true;
 }
 

@@ -14,32 +14,35 @@
 
 namespace drix {
 
-// A table found in a buffer: its distance word and the whole vtable lie inside.
+// A table found in a buffer. Positions of its fields count from its start, and everything between there and the buffer's
+// end may be read.
 struct Table {
-  const uint8_t *buffer;
-  uint32_t length;         // of the buffer
-  uint32_t position;       // of the table
-  const uint8_t *entries;  // one 16-bit word per slot of the type; 0 where the vtable is too short
+  const uint8_t *start = nullptr;
+  uint32_t room = 0;           // bytes from the table's start to the end of the buffer
+  const uint8_t *entries = nullptr;  // one 16-bit word per slot of the type; 0 where the vtable is too short
   const char *function;    // log name of the decoder at work
+  const uint8_t *buffer;
+  uint32_t length;  // of the buffer
 
-  uint32_t entry(std::size_t slot) const { return load<uint16_t>(entries + 2 * slot); }
+  bool holds(uint32_t at, uint32_t count) const { return at <= room && count <= room - at; }
 
-  // Whether count bytes at a position lie inside the buffer.
-  bool holds(uint32_t at, uint32_t count) const { return at <= length && count <= length - at; }
-
-  // Follows the offset word at a position; false when the word lies outside the buffer or its addition wraps.
-  [[nodiscard]] bool follow(uint32_t word, uint32_t &target) const {
+  // Follows an offset word to a table, whose position counts from the buffer's start and is not checked here; false when
+  // the word lies outside the buffer or the addition wraps.
+  [[nodiscard]] bool follow_to_table(uint32_t word, uint32_t &position) const {
     if (!holds(word, kWord)) return false;
-    target = word + load<uint32_t>(buffer + word);
-    return target >= word;
+    const uint32_t from = length - room + word;
+    position = from + load<uint32_t>(start + word);
+    return position >= from;
   }
 
-  // The same for an offset word that leads to a count, which is read.
+  // Follows an offset word to a count, which is read, and the elements behind it; false when the word or the count lies
+  // outside the buffer. Buffers are shorter than 2^31 bytes, so that includes every addition that wraps.
   [[nodiscard]] bool follow_to_count(uint32_t word, uint32_t &elements, uint32_t &count) const {
-    uint32_t target;
-    if (!follow(word, target) || !holds(target, kWord)) return false;
-    count = load<uint32_t>(buffer + target);
-    elements = target + kWord;
+    if (!holds(word, kWord)) return false;
+    const uint32_t distance = load<uint32_t>(start + word);
+    if (distance > room - word || !holds(word + distance, kWord)) return false;
+    count = load<uint32_t>(start + word + distance);
+    elements = word + distance + kWord;
     return true;
   }
 };
@@ -72,13 +75,14 @@ uint32_t unpack_root(const Decoder &decoder, const uint8_t *buffer, uint32_t len
 template <class R>
 const Decoder &decoder_of();
 
-// Recognises a table of the compact layout whose scalars are all non-zero.
+// Recognises a table of the compact layout whose scalars are all non-zero. Its size tells most others apart at once.
 template <class R>
 inline bool read_full_table(const uint8_t *buffer, uint32_t length, R &record, uint32_t position) {
   constexpr auto kSize = static_cast<uint32_t>(full_size<R>());
   constexpr uint32_t kVtableLength = vtable_length(kSlots<R>);
   if (length < kSize || position < kWord + kVtableLength || position - kVtableLength > length - kSize) return false;
   const uint8_t *vtable = buffer + (position - kVtableLength);
+  if (load<uint16_t>(vtable + 2) != static_cast<uint16_t>(full_table_size<R>())) return false;
   if (!matches_image<kFullImage<R>>(vtable)) return false;
   read_image<kFullImage<R>>(&record, vtable);
   return true;
@@ -93,42 +97,44 @@ template <class R>
 }
 
 template <class R>
-bool unpack_slots(const Table &found, void *to) {
-  const Table table = found;  // the record's bytes may alias anything, the copy nothing
+bool unpack_slots(const Table &table, void *to) {
+  // The record's bytes may alias anything, these copies nothing.
+  const uint8_t *const start = table.start;
+  const uint8_t *const entries = table.entries;
+  const uint32_t room = table.room;
   R &record = *static_cast<R *>(to);
   return all_slots<R>([&]<class S>(S) {
     auto &value = S::value(record);
-    const uint32_t entry = table.entry(S::index);
-    if (entry == 0) return true;
-    const uint32_t at = table.position + entry;
+    const uint32_t at = load<uint16_t>(entries + 2 * S::index);
+    if (at == 0) return true;
     if constexpr (S::kind == Kind::scalar) {
-      if (!table.holds(at, sizeof value)) return false;
-      value = load<typename S::Type>(table.buffer + at);
+      if (at + sizeof value > room) return false;
+      value = load<typename S::Type>(start + at);
       return true;
     } else if constexpr (S::kind == Kind::array) {
       uint32_t elements;
       uint32_t count;
       if (!table.follow_to_count(at, elements, count)) return false;
       if (count != S::elements || !table.holds(elements, sizeof value)) return false;
-      copy_elements<typename S::Element>(value, table.buffer + elements, S::elements);
+      copy_elements<typename S::Element>(value, start + elements, S::elements);
       return true;
     } else if constexpr (S::kind == Kind::bytes) {
       return unpack_bytes(table, kMessage<R>.services->decoding, at, S::length(record), value);
     } else if constexpr (S::kind == Kind::table) {
       uint32_t position;
-      return table.follow(at, position) && unpack_nested(table.buffer, table.length, value, position);
+      return table.follow_to_table(at, position) && unpack_nested(table.buffer, table.length, value, position);
     } else {
       using Element = typename S::Element;
       void *records = nullptr;
-      uint32_t words;
-      if (!open_vector(table, kMessage<R>.services->decoding, at, sizeof(Element), S::count(record), records, words)) {
+      uint32_t word;
+      if (!open_vector(table, kMessage<R>.services->decoding, at, sizeof(Element), S::count(record), records, word)) {
         return false;
       }
       value = static_cast<Element *>(records);
       const uint32_t count = S::count(record);
-      for (uint32_t i = 0; i < count; ++i, words += kWord) {
+      for (uint32_t i = 0; i < count; ++i, word += kWord) {
         uint32_t position;
-        if (!table.follow(words, position)) return false;
+        if (!table.follow_to_table(word, position)) return false;
         if (!unpack_nested(table.buffer, table.length, static_cast<Element *>(records)[i], position)) return false;
       }
       return true;
@@ -153,14 +159,14 @@ template <class R>
 uint32_t unpack(const uint8_t *buffer, uint32_t length, R *record) {
   if constexpr (kFixedLength<R>) {
     constexpr uint32_t kFullRoot = kWord + vtable_length(kSlots<R>);
-    if (buffer != nullptr && record != nullptr && length <= INT32_MAX) [[likely]] {
-      if (length >= kReadSize<kFixedImage<R>> && matches_image<kFixedImage<R>>(buffer)) {
+    if (buffer != nullptr && record != nullptr && length >= kWord && length <= INT32_MAX) [[likely]] {
+      const uint32_t root = load<uint32_t>(buffer);
+      if (root == kWord && length >= kReadSize<kFixedImage<R>> && matches_image<kFixedImage<R>>(buffer)) {
         svc_bind_mem(kMessage<R>.services->decoding);
         read_image<kFixedImage<R>>(record, buffer);
         return sizeof(R);
       }
-      if (length >= kWord + full_size<R>() && load<uint32_t>(buffer) == kFullRoot &&
-          matches_image<kFullImage<R>>(buffer + kWord)) {
+      if (root == kFullRoot && length >= kWord + full_size<R>() && matches_image<kFullImage<R>>(buffer + kWord)) {
         svc_bind_mem(kMessage<R>.services->decoding);
         read_image<kFullImage<R>>(record, buffer + kWord);
         return sizeof(R);

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <string_view>
 
 #include "runtime/services.h"
 
@@ -26,15 +25,5 @@ struct MessageInfo {
 // The constants of message type R; each package's list specialises it.
 template <class R>
 inline constexpr MessageInfo kMessage = {};
-
-// 32-bit FNV-1a. The bus tells message types apart by the hash of "package.message".
-constexpr uint32_t message_id(std::string_view name) {
-  uint32_t hash = 0x811C9DC5;
-  for (const char c : name) {
-    hash ^= static_cast<uint8_t>(c);
-    hash *= 0x01000193;
-  }
-  return hash;
-}
 
 }  // namespace drix
