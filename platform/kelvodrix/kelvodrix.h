@@ -1,0 +1,156 @@
+/* libkelvodrix: a stand-in for the platform's message bus, over ZeroMQ.
+ *
+ * It provides the four functions that libdrix_fib6 imports (drix_bus.h) and, declared here, what a process needs beside
+ * them: channels to send on and receivers to receive with.
+ *
+ * Endpoints. "ipc://PATH" between processes of one host, "tcp://HOST:PORT" between hosts, "inproc://NAME" inside a
+ * process; text without "://" is taken as the PATH of an ipc endpoint. A receiver binds its endpoint, channels connect
+ * to it, in any order. Only inproc channels cannot tell whether a receiver is there: their frames wait for it.
+ *
+ * Delivery. One DRIX_SendMsg or DRIX_SendToMsg call travels as one frame, whole or not at all. Frames to one endpoint
+ * are handled in the order in which they were sent, each at most once; nothing is ever sent twice. The receiver
+ * acknowledges a frame after it has handled every message in it: a handled message was either given to its subscriber
+ * or is counted in one of the receiver's other counters. The channel counts what it sent until it is acknowledged, so
+ * nothing is lost silently: what a receiver took to its grave stays counted as undelivered.
+ *
+ * Accounting across restarts. The frames to one endpoint are numbered 1, 2, 3, ... An acknowledgement names the latest
+ * unbroken run of numbers that this very receiver has handled, and a number up to which nothing can arrive any more: a
+ * frame up to there and outside the run is lost for good. A receiver that was restarted at the same endpoint starts a
+ * run of its own with the first frame that it sees, so it can never acknowledge for its predecessor. A sender that
+ * waits without progress asks the receiver for its run, so that a lost acknowledgement or a restart is noticed also
+ * when no more frames are sent. A frame that arrives after it was declared lost is dropped by the receiver.
+ *
+ * Bounds. A channel keeps at most its window of unacknowledged frames and bytes per endpoint, a receiver at most
+ * KELVODRIX_RECEIVE_QUEUE unhandled frames per connection, and no frame is larger than KELVODRIX_MAX_FRAME_BYTES.
+ *
+ * All functions may be called from any thread. Channels and receivers do not survive fork(): a child opens its own.
+ */
+#ifndef KELVODRIX_H
+#define KELVODRIX_H
+
+#include <stdint.h>
+
+#include "drix_bus.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define KELVODRIX_MAX_FRAME_BYTES (16u << 20) /* 28 bytes, and 8 bytes plus its length for every message */
+#define KELVODRIX_RECEIVE_QUEUE 64u           /* frames */
+#define KELVODRIX_MAX_RECORD_BYTES (64u << 10)
+
+/* The status of every bus function, the four of drix_bus.h included. -1 is left to the senders of libdrix_fib6. */
+typedef enum kelvodrix_status {
+  KELVODRIX_OK = 0,
+  KELVODRIX_ERR_INVALID = -2,      /* a null or out-of-range argument */
+  KELVODRIX_ERR_HANDLE = -3,       /* no such open channel */
+  KELVODRIX_ERR_DESTINATION = -4,  /* the channel has no such destination */
+  KELVODRIX_ERR_ENDPOINT = -5,     /* malformed endpoint, or a transport other than inproc, ipc and tcp */
+  KELVODRIX_ERR_BIND = -6,         /* the endpoint cannot be bound: no such directory, not writable, no such address */
+  KELVODRIX_ERR_IN_USE = -7,       /* another receiver is bound to the endpoint */
+  KELVODRIX_ERR_NO_RECEIVER = -8,  /* nobody was connected within the send timeout; nothing was queued */
+  KELVODRIX_ERR_WINDOW = -9,       /* the window stayed full for the send timeout; nothing was queued */
+  KELVODRIX_ERR_TOO_BIG = -10,     /* the frame is above KELVODRIX_MAX_FRAME_BYTES or above the window's bytes */
+  KELVODRIX_ERR_PENDING = -11,     /* at the timeout some messages were still unacknowledged */
+  KELVODRIX_ERR_LOST = -12,        /* every message is accounted for, but some were lost */
+  KELVODRIX_ERR_RECORD_SIZE = -13, /* a decoder reports a record of 0 or more than KELVODRIX_MAX_RECORD_BYTES bytes */
+  KELVODRIX_ERR_BUSY = -14,        /* the receiver's loop is running */
+  KELVODRIX_ERR_NO_MEMORY = -15,   /* out of memory */
+  KELVODRIX_ERR_SYSTEM = -16       /* the transport or the operating system failed */
+} kelvodrix_status;
+
+/* A status in words: static text, also for numbers that are no status. */
+const char *kelvodrix_strerror(int32_t status);
+
+/* ---- The functions of drix_bus.h ----
+ *
+ * DRIX_SendMsg and DRIX_SendToMsg copy the messages into one frame. 0 messages are KELVODRIX_OK and send nothing. When
+ * they return anything but KELVODRIX_OK, nothing was or will be sent.
+ *
+ * DRIX_RegIDLFuncHook keeps one decoder per message ID and process; a further registration of an ID replaces the former
+ * one from the next frame on. It decodes one empty message to learn the record's size. Records are cleared before they
+ * are decoded, and released after the subscriber has seen them, whatever it did.
+ *
+ * DRIX_RegIDLResorceCleanFuncHook remembers a hook once, however often it is registered. The hooks are called in the
+ * order of their registration each time the process closes its last channel.
+ */
+
+/* ---- Sending ---- */
+
+typedef struct kelvodrix_options {
+  uint32_t send_timeout_ms; /* how long a send may wait for a connection or for room in the window; 0: not at all */
+  uint32_t window_frames;   /* bound of unacknowledged frames per endpoint, 1 to 65536 */
+  uint32_t window_bytes;    /* bound of unacknowledged bytes per endpoint, not 0 */
+} kelvodrix_options;
+
+#define KELVODRIX_OPTIONS_DEFAULT \
+  { 1000u, 256u, 32u << 20 }
+
+/* Opens a channel whose default destination is the endpoint. options may be null for the default ones. On KELVODRIX_OK
+ * *handle is what the send functions take, never 0; it is the caller's to close. Does not wait for the connection. */
+int32_t kelvodrix_open(const char *endpoint, const kelvodrix_options *options, uint32_t *handle);
+
+/* Adds a destination to a channel. On KELVODRIX_OK *destination is what DRIX_SendToMsg takes with this handle, never 0;
+ * it lives as long as the channel. */
+int32_t kelvodrix_destination(uint32_t handle, const char *endpoint, uint32_t *destination);
+
+/* Waits until all that was sent, to any destination, is acknowledged or known to be lost, at most timeout_ms
+ * milliseconds. *undelivered (may be null) is then the number of messages since kelvodrix_open that are not
+ * acknowledged; it is written whenever the handle is good. Returns KELVODRIX_OK when that is 0, KELVODRIX_ERR_PENDING
+ * when the time ran out, or KELVODRIX_ERR_LOST. */
+int32_t kelvodrix_flush(uint32_t handle, uint32_t timeout_ms, uint64_t *undelivered);
+
+/* As kelvodrix_flush, and closes the channel whatever the result. Messages still unacknowledged by then are abandoned;
+ * those already on their way may yet arrive. */
+int32_t kelvodrix_close(uint32_t handle, uint32_t timeout_ms, uint64_t *undelivered);
+
+/* ---- Receiving ---- */
+
+typedef struct kelvodrix_receiver kelvodrix_receiver;
+
+/* Gets one decoded record of size bytes, which is valid until it returns. The bus cannot tell a rejected message from a
+ * good one: the decoder leaves what it could not read zero. */
+typedef void (*kelvodrix_subscriber)(void *context, uint32_t id, const void *record, uint32_t size);
+
+/* What happened to received messages, since the receiver was created and up to the last complete frame. */
+typedef struct kelvodrix_counters {
+  uint64_t frames;        /* handled */
+  uint64_t messages;      /* in the handled frames: the sum of the next four */
+  uint64_t delivered;     /* subscriber called, returned */
+  uint64_t failed;        /* subscriber called, left by a C++ exception */
+  uint64_t unknown_id;    /* no decoder registered */
+  uint64_t no_subscriber; /* decoder registered, nobody subscribed */
+  uint64_t malformed;     /* frames dropped whole and not acknowledged: bad header, truncated, bytes left over, ... */
+  uint64_t stale;         /* frames dropped whole: repeated, or late and already declared lost */
+} kelvodrix_counters;
+
+/* Binds a receiver to an endpoint. On KELVODRIX_OK *receiver is the caller's to destroy. Frames are queued from now on,
+ * within bounds, and handled by kelvodrix_run. */
+int32_t kelvodrix_receiver_create(const char *endpoint, kelvodrix_receiver **receiver);
+
+/* Has the messages with this ID given to subscriber(context, ...), on the thread that runs the loop and from the next
+ * frame on. One subscriber per ID: a further call replaces it, a null one removes it. A subscriber may call any
+ * function but kelvodrix_run and kelvodrix_receiver_destroy on its own receiver. */
+int32_t kelvodrix_subscribe(kelvodrix_receiver *receiver, uint32_t id, kelvodrix_subscriber subscriber, void *context);
+
+/* Receives and handles frames on the calling thread until kelvodrix_stop; returns KELVODRIX_OK then. May be called
+ * again afterwards. */
+int32_t kelvodrix_run(kelvodrix_receiver *receiver);
+
+/* Ends the loop after the frame being handled; when none is running, ends the next one at once. May be called from any
+ * thread, from a subscriber and from a signal handler. */
+void kelvodrix_stop(kelvodrix_receiver *receiver);
+
+/* Copies the counters. */
+void kelvodrix_get_counters(const kelvodrix_receiver *receiver, kelvodrix_counters *counters);
+
+/* Unbinds and frees a receiver; frames not yet handled stay unacknowledged. KELVODRIX_ERR_BUSY while its loop runs.
+ * Harmless on null. */
+int32_t kelvodrix_receiver_destroy(kelvodrix_receiver *receiver);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

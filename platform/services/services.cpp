@@ -1,0 +1,111 @@
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <new>
+
+#include "drix_services.h"
+
+namespace {
+
+// A word each: atomic without help from a library on every target.
+using Counter = std::atomic<size_t>;
+
+Counter blocks_live;
+Counter bytes_live;
+Counter allocations;
+Counter failures;
+Counter log_lines;
+
+std::atomic<uint32_t> memory_flag{1};
+std::atomic<uint32_t> fail_countdown{0};
+
+// Stands before every block, so that releasing a block knows its size.
+struct alignas(std::max_align_t) BlockHeader {
+  uint32_t bytes;
+};
+
+bool due_to_fail() {
+  uint32_t left = fail_countdown;
+  while (left != 0 && !fail_countdown.compare_exchange_weak(left, left - 1)) {
+  }
+  return left == 1;
+}
+
+constexpr size_t kLineBytes = 1024;
+
+// How much of the room a formatting function filled, going by its result.
+size_t filled(int wanted, size_t room) { return std::min(static_cast<size_t>(std::max(wanted, 0)), room - 1); }
+
+const char *or_dash(const char *text) { return text != nullptr ? text : "-"; }
+
+}  // namespace
+
+void PXR_OsalLogWrite(const drix_services_log_module *module, uint32_t level, uint32_t code, const char *file,
+                      uint32_t line, const char *function, const char *format, ...) {
+  int saved = errno;
+  timespec now{};
+  tm utc{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  gmtime_r(&now.tv_sec, &utc);
+  char date[sizeof("YYYY-MM-DDThh:mm:ss")];
+  static_cast<void>(std::strftime(date, sizeof(date), "%FT%T", &utc));
+
+  char text[kLineBytes];
+  size_t used =
+      filled(std::snprintf(text, sizeof(text), "%s.%06ldZ level=%lu code=%lu %s %s(%s:%lu): ", date,
+                           now.tv_nsec / 1000L, static_cast<unsigned long>(level), static_cast<unsigned long>(code),
+                           or_dash(module != nullptr ? module->name : nullptr), or_dash(function),
+                           file != nullptr ? file : "", static_cast<unsigned long>(line)),
+             sizeof(text));
+  if (format != nullptr) {
+    va_list arguments;
+    va_start(arguments, format);
+    used += filled(std::vsnprintf(text + used, sizeof(text) - used, format, arguments), sizeof(text) - used);
+    va_end(arguments);
+  }
+  // One line, written in one piece so that those of several threads do not mix.
+  std::replace(text, text + used, '\n', ' ');
+  text[used++] = '\n';
+  [[maybe_unused]] ssize_t written = write(STDERR_FILENO, text, used);
+  ++log_lines;
+  errno = saved;
+}
+
+uint32_t PXR_OsalMemUseFlagGet(uint32_t) { return memory_flag; }
+
+void *PXR_OsalMemCacheAlloc(uint32_t size, uint32_t, const char *) {
+  size_t total = sizeof(BlockHeader) + size;
+  bool possible = !due_to_fail() && total >= sizeof(BlockHeader);
+  void *start = possible ? std::malloc(total) : nullptr;
+  if (start == nullptr) {
+    ++failures;
+    return nullptr;
+  }
+  ++allocations;
+  ++blocks_live;
+  bytes_live += size;
+  return new (start) BlockHeader{size} + 1;
+}
+
+void PXR_OsalMemFree(void *block, uint32_t, const char *) {
+  if (block == nullptr) return;
+  BlockHeader *header = static_cast<BlockHeader *>(block) - 1;
+  --blocks_live;
+  bytes_live -= header->bytes;
+  std::free(header);
+}
+
+void drix_services_get_counters(drix_services_counters *counters) {
+  *counters = {blocks_live, bytes_live, allocations, failures, log_lines};
+}
+
+void drix_services_set_memory_flag(uint32_t flag) { memory_flag = flag; }
+
+void drix_services_fail_allocation(uint32_t nth) { fail_countdown = nth; }

@@ -1,0 +1,77 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstddef>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "drix_services.h"
+
+namespace {
+
+drix_services_counters counters() {
+  drix_services_counters now;
+  drix_services_get_counters(&now);
+  return now;
+}
+
+TEST(Services, CountBlocksAndBytesOfAllThreads) {
+  drix_services_counters before = counters();
+  std::array<void *, 4> kept{};
+  std::array<std::thread, 4> threads;
+  for (size_t i = 0; i < threads.size(); ++i)
+    threads[i] = std::thread([&block = kept[i]] {
+      for (uint32_t size = 0; size <= 1000; ++size) {
+        PXR_OsalMemFree(block, 12, "test");
+        block = PXR_OsalMemCacheAlloc(size, 12, "test");
+        ASSERT_NE(block, nullptr);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % alignof(std::max_align_t), 0u);
+        std::memset(block, 0xA5, size);
+      }
+    });
+  for (std::thread &thread : threads) thread.join();
+  drix_services_counters during = counters();
+  EXPECT_EQ(during.blocks_live - before.blocks_live, 4u);
+  EXPECT_EQ(during.bytes_live - before.bytes_live, 4000u);
+  EXPECT_EQ(during.allocations - before.allocations, 4004u);
+  for (void *block : kept) PXR_OsalMemFree(block, 12, "test");
+  EXPECT_EQ(counters().blocks_live, before.blocks_live);
+  EXPECT_EQ(counters().bytes_live, before.bytes_live);
+}
+
+TEST(Services, FailTheNthAllocationOnce) {
+  for (uint32_t nth : {0u, 1u, 3u}) {
+    drix_services_counters before = counters();
+    drix_services_fail_allocation(nth);
+    for (uint32_t i = 1; i <= 4; ++i) {
+      void *block = PXR_OsalMemCacheAlloc(16, 12, "test");
+      EXPECT_EQ(block == nullptr, i == nth) << i << " of " << nth;
+      PXR_OsalMemFree(block, 12, "test");
+    }
+    EXPECT_EQ(counters().failures - before.failures, nth == 0 ? 0u : 1u);
+    EXPECT_EQ(counters().blocks_live, before.blocks_live);
+  }
+}
+
+TEST(Services, AnswerTheMemoryFlag) {
+  EXPECT_EQ(PXR_OsalMemUseFlagGet(12), 1u);
+  drix_services_set_memory_flag(2);
+  EXPECT_EQ(PXR_OsalMemUseFlagGet(12), 2u);
+  drix_services_set_memory_flag(1);
+}
+
+TEST(Services, WriteOneLinePerLogCall) {
+  const drix_services_log_module module = {"TAG", "MODULE", 0x6200};
+  drix_services_counters before = counters();
+  testing::internal::CaptureStderr();
+  PXR_OsalLogWrite(&module, 2, 22, "", 77, "some_function", "[QUOPA]:bad\nvalue %u of %s", 5u, "x");
+  PXR_OsalLogWrite(nullptr, 2, 12, nullptr, 78, nullptr, "%s", std::string(5000, 'y').c_str());
+  std::string text = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(counters().log_lines - before.log_lines, 2u);
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2) << text;
+  EXPECT_NE(text.find("Z level=2 code=22 MODULE some_function(:77): [QUOPA]:bad value 5 of x\n"), text.npos) << text;
+  EXPECT_NE(text.find(" level=2 code=12 - -(:78): yyy"), text.npos) << text;
+}
+
+}  // namespace
