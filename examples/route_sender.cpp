@@ -1,0 +1,183 @@
+// Reads the kernel's IPv6 routes and sends them over the bus, see route_record.h. Succeeds only when the receiver has
+// acknowledged every message.
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cinttypes>
+#include <cstdint>
+#include <cstdio>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include "fib6Sync.h"
+#include "kelvodrix.h"
+#include "process.h"
+#include "route_record.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Options {
+  std::string endpoint = routes::kDefaultEndpoint;
+  std::string file = "/proc/net/ipv6_route";
+  uint32_t batch = 256;
+  uint32_t repeat = 1;
+  uint32_t timeout_s = 5;
+};
+
+struct Table {
+  std::vector<std::string> interfaces;  // interface n of a route stands at n - 1
+  std::vector<fib6Sync_ipv6Fwd> routes;
+};
+
+uint32_t interface_number(Table &table, std::string_view name) {
+  const auto known = std::find(table.interfaces.begin(), table.interfaces.end(), name);
+  const auto number = static_cast<uint32_t>(known - table.interfaces.begin()) + 1;
+  if (known == table.interfaces.end()) table.interfaces.emplace_back(name);
+  return number;
+}
+
+Table read_table(const std::string &path) {
+  std::ifstream file(path);
+  if (!file) throw std::system_error(errno, std::generic_category(), path);
+  Table table;
+  std::size_t line_number = 0;
+  for (std::string line; std::getline(file, line);) {
+    ++line_number;
+    try {
+      if (file.eof()) throw std::invalid_argument("the line is cut off");
+      std::string_view interface;
+      fib6Sync_ipv6Fwd route = routes::parse_route(line, interface);
+      route.f0 = interface_number(table, interface);
+      table.routes.push_back(route);
+    } catch (const std::invalid_argument &reason) {
+      throw std::runtime_error(path + ":" + std::to_string(line_number) + ": " + reason.what());
+    }
+  }
+  if (file.bad()) throw std::runtime_error(path + ": cannot be read");
+  if (table.routes.empty()) throw std::runtime_error(path + ": holds no routes");
+  return table;
+}
+
+class Channel {
+ public:
+  Channel(const std::string &endpoint, uint32_t timeout_s) : endpoint_(endpoint), timeout_ms_(timeout_s * 1000) {
+    kelvodrix_options options = KELVODRIX_OPTIONS_DEFAULT;
+    options.send_timeout_ms = timeout_ms_;
+    if (const int32_t status = kelvodrix_open(endpoint.c_str(), &options, &handle_)) fail("cannot open", status);
+  }
+  Channel(const Channel &) = delete;
+  Channel &operator=(const Channel &) = delete;
+  ~Channel() { kelvodrix_close(handle_, 0, nullptr); }
+
+  void send(const std::vector<fib6Sync_ipv6FwdUpdateMsg> &batch) {
+    check_sent(fib6Sync_ipv6FwdUpdateMsg__sendmsg(handle_, batch.data(), static_cast<uint32_t>(batch.size())));
+  }
+  void send(const fib6Sync_svcCtxMsg &message) { check_sent(fib6Sync_svcCtxMsg__sendmsg(handle_, &message, 1)); }
+
+  // Returns once everything is acknowledged.
+  void flush() {
+    uint64_t undelivered = 0;
+    const int32_t status = kelvodrix_flush(handle_, timeout_ms_, &undelivered);
+    if (status != KELVODRIX_OK) fail(std::to_string(undelivered) + " messages undelivered to", status);
+  }
+
+ private:
+  [[noreturn]] void fail(const std::string &what, int32_t status) const {
+    throw std::runtime_error(what + " " + endpoint_ + ": " + kelvodrix_strerror(status));
+  }
+
+  void check_sent(int32_t status) const {
+    if (status == KELVODRIX_OK) return;
+    uint64_t undelivered = 0;
+    kelvodrix_flush(handle_, 0, &undelivered);
+    fail("cannot send, with " + std::to_string(undelivered) + " messages undelivered, to", status);
+  }
+
+  std::string endpoint_;
+  uint32_t timeout_ms_;
+  uint32_t handle_ = 0;
+};
+
+double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+class Progress {
+ public:
+  explicit Progress(uint64_t total) : total_(total) {}
+
+  void report(uint64_t sent) {
+    if (Clock::now() < next_) return;
+    next_ += std::chrono::seconds(1);
+    std::fprintf(stderr, "route_sender: %" PRIu64 " of %" PRIu64 " routes\n", sent, total_);
+  }
+
+ private:
+  uint64_t total_;
+  Clock::time_point next_ = Clock::now() + std::chrono::seconds(1);
+};
+
+void send_routes(Channel &channel, const Table &table, const Options &options) {
+  routes::StreamStamp stamp;
+  const auto send_context = [&](fib6Sync_svcCtxMsg message) {
+    stamp.apply(message);
+    channel.send(message);
+  };
+
+  uint32_t number = 0;
+  for (const std::string &name : table.interfaces) send_context(routes::make_interface(++number, name));
+
+  const uint64_t total = uint64_t{options.repeat} * table.routes.size();
+  Progress progress(total);
+  std::vector<fib6Sync_ipv6FwdUpdateMsg> batch;
+  uint64_t sent = 0;
+  for (uint32_t pass = 0; pass < options.repeat; ++pass) {
+    for (const fib6Sync_ipv6Fwd &route : table.routes) {
+      fib6Sync_ipv6FwdUpdateMsg &message = batch.emplace_back();
+      message.f0.f0 = routes::kRoute;
+      message.f1 = route;
+      message.f1.f6 = static_cast<uint16_t>(std::min(pass, 0xFFFFu));
+      stamp.apply(message);
+      if (batch.size() == options.batch || sent + batch.size() == total) {
+        channel.send(batch);
+        sent += batch.size();
+        batch.clear();
+        progress.report(sent);
+      }
+    }
+  }
+  send_context(routes::make_end(static_cast<uint32_t>(total)));
+  channel.flush();
+}
+
+void run(const Options &options) {
+  const Table table = read_table(options.file);
+  const uint64_t total = uint64_t{options.repeat} * table.routes.size();
+  if (total + table.interfaces.size() + 1 > UINT32_MAX) {
+    throw std::runtime_error("--repeat: a stream has at most 4294967295 messages");
+  }
+  Channel channel(options.endpoint, options.timeout_s);
+  const Clock::time_point start = Clock::now();
+  send_routes(channel, table, options);
+  const double seconds = seconds_since(start);
+  std::printf("sent %" PRIu64 " routes in %.3f s: %.0f routes/s, all acknowledged\n", total, seconds,
+              static_cast<double>(total) / seconds);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  Options options;
+  CLI::App app("Sends the kernel's IPv6 routes over the bus.", "route_sender");
+  app.option_defaults()->always_capture_default();
+  app.add_option("--endpoint", options.endpoint, "where the receiver is");
+  app.add_option("--file", options.file, "a file in the format of /proc/net/ipv6_route");
+  app.add_option("--batch", options.batch, "routes in one send call")->check(CLI::Range(1u, 65536u));
+  app.add_option("--repeat", options.repeat, "how often to send the whole table")->check(CLI::Range(1u, UINT32_MAX));
+  app.add_option("--timeout", options.timeout_s, "seconds to wait for the receiver")->check(CLI::Range(0u, 86400u));
+  return run_process(app, argc, argv, [&] { run(options); });
+}

@@ -1,0 +1,140 @@
+#!/usr/bin/env bash
+# Runs the example processes and the demo as a user does: examples_test.sh GROUP BINARIES SPOILING_SENDER
+set -uo pipefail
+group=$1 binaries=$2 spoiling_sender=$3
+project=$(realpath "$(dirname "$0")/../..")
+sample=$project/examples/data/ipv6_route.sample
+work=$(mktemp -d)
+trap 'kill $(jobs -p) 2>/dev/null; wait; rm -rf "$work"' EXIT
+endpoint=ipc://$work/test.ipc
+failures=0
+
+complain() {
+  echo "FAILED: $*"
+  failures=$((failures + 1))
+}
+
+# expect STATUS OUTPUT ERRORS COMMAND...: the status, and a line that matches in standard output and in standard error;
+# an empty pattern stands for no output at all.
+expect() {
+  local status=$1 output=$2 errors=$3 got=0
+  shift 3
+  timeout 60 "$@" >"$work/output" 2>"$work/errors" || got=$?
+  if [ $got -ne "$status" ] || ! matches "$output" output || ! matches "$errors" errors; then
+    complain "$* (status $got)"
+    tail -n 5 "$work/output" "$work/errors"
+  fi
+}
+matches() { if [ -z "$1" ]; then [ ! -s "$work/$2" ]; else grep -qE -- "$1" "$work/$2"; fi; }
+
+count() { grep -cE -- "$1" "$work/output"; }
+one_error_line() { [ "$(wc -l <"$work/errors")" -eq 1 ] || complain "not one line on standard error: $*"; }
+
+demo=("$project/scripts/demo.sh" --binaries "$binaries")
+clean='^0 missing, 0 repeated, 0 differing, 0 rejected by the decoder, 0 refused by the bus$'
+row=' (eth|wg|lo)[0-9.]* +[0-9]+ [UGHDAnl!]+$'
+
+case $group in
+  quick_start)
+    expect 0 '^received 6 254 vrf-red$' '' "$binaries/quick_start"
+    ;;
+
+  demo)
+    "$project/examples/data/make_sample.sh" | cmp - "$sample" || complain "the sample is not what its script makes"
+    expect 0 "$clean" '' "${demo[@]}"
+    expect 0 "$clean" '' "${demo[@]}" --sample
+    [ "$(count "$row")" -eq "$(wc -l <"$sample")" ] || complain "a row per route"
+    while read -r destination next_hop interface metric flags; do
+      [ "$(count "^$destination +$next_hop +$interface +$metric $flags\$")" -eq 1 ] || complain "no row for $destination"
+    done <<-'ROWS'
+	2001:db8:1078::/48 2001:db8:0:2::178 eth2.101 1024 UG
+	2001:db8:1078::/48 fe80::278 eth2.102 2048 UG
+	2001:db8:0:1::a004/128 fe80::4 eth1 1024 UGHD
+	fd00:18::/48 fd00:0:a::18 wg0 50 UG
+	::/0 fe80::2 eth1 2048 UGA
+	::/0 :: lo 4294967295 n!
+	::1/128 :: lo 0 Unl
+	ROWS
+    expect 0 '^received 26700 routes ' '' "${demo[@]}" --sample --repeat 100 --batch 7
+    [ "$(count "$row")" -eq "$(wc -l <"$sample")" ] || complain "rows of the first pass only"
+    expect 0 '^sent 267 routes .* all acknowledged$' '' "${demo[@]}" --sample --quiet
+    [ "$(count "$row")" -eq 0 ] || complain "no rows when quiet"
+    expect 1 '^0 missing' 'the sender failed' "${demo[@]}" --sample --batch 0
+    ;;
+
+  spoiled) # one message of 12 interfaces, 267 routes and the end
+    ln -s "$binaries/route_receiver" "$work/route_receiver"
+    ln -s "$spoiling_sender" "$work/route_sender"
+    while read -r spoil at counts; do
+      expect 1 "^$counts" '^demo: the receiver ' env "SPOIL=$spoil" "SPOIL_AT=$at" \
+        "${demo[0]}" --binaries "$work" --sample --quiet
+    done <<-'CASES'
+	drop 100 1 missing, 0 repeated, 0 differing, 0 rejected
+	drop 5 1 missing, 0 repeated, 0 differing, 0 rejected
+	drop 278 1 missing, 0 repeated, 0 differing, 0 rejected
+	drop 279 0 missing, 0 repeated, 0 differing, 0 rejected
+	repeat 100 0 missing, 1 repeated, 0 differing, 0 rejected
+	swap 100 1 missing, 1 repeated, 0 differing, 0 rejected
+	alter 100 0 missing, 0 repeated, 1 differing, 0 rejected
+	truncate 100 1 missing, 0 repeated, 1 differing, 1 rejected
+	CASES
+    ;;
+
+  bad_input)
+    while IFS='|' read -r spoil reason; do
+      sed -E "3$spoil" "$sample" >"$work/routes"
+      expect 1 '' "^route_sender: $work/routes:3: $reason" "$binaries/route_sender" --endpoint "$endpoint" \
+        --file "$work/routes"
+      one_error_line "$spoil"
+    done <<-'CASES'
+	s/^fd/d/|fewer than 8 hexadecimal digits
+	s/^fd/0x/|fewer than 8 hexadecimal digits
+	s/ 40 / +4 /|fewer than 2 hexadecimal digits
+	s/ 40 / 400 /|no blank
+	s/ 40 / 81 /|prefix longer than 128 bits
+	s/ 00 / 40 /|a route for one source prefix only
+	s/ +eth0//|no blank
+	s/eth0//|not an interface name
+	s/eth0/&234567890abcdef/|not an interface name
+	s/eth0/& up/|not an interface name
+	s/.*//|fewer than 8 hexadecimal digits
+	CASES
+    head -c -1 "$sample" >"$work/cut"
+    : >"$work/empty"
+    while IFS='|' read -r status options reason; do
+      # shellcheck disable=SC2086 # several options
+      expect "$status" '' "^route_sender: $reason" "$binaries/route_sender" --endpoint "$endpoint" $options
+      one_error_line "$options"
+    done <<-CASES
+	1|--file $work/cut|$work/cut:267: the line is cut off
+	1|--file $work/empty|$work/empty: holds no routes
+	1|--file $work/none|$work/none: No such file
+	1|--file $work|$work: cannot be read
+	1|--file $sample --repeat 4294967295|--repeat: a stream has at most
+	1|--file $sample --timeout 1|cannot send, .* no receiver
+	105|--repeat 0|--repeat: 
+	109|--no-such-option|.*--no-such-option
+	CASES
+    expect 1 '' '^route_receiver: cannot receive at ' "$binaries/route_receiver" --endpoint "ipc://$work/none/test.ipc"
+    one_error_line "endpoint that cannot be bound"
+    ;;
+
+  stopped) # the receiver goes away in the middle of a stream
+    while read -r signal receiver_status summary; do
+      "$binaries/route_receiver" --quiet --endpoint "$endpoint" >"$work/summary" 2>&1 &
+      receiver=$!
+      (sleep 1 && kill "-$signal" $receiver) &
+      expect 1 '' '^route_sender: .* messages undelivered' "$binaries/route_sender" --endpoint "$endpoint" \
+        --file "$sample" --repeat 1000000 --timeout 1
+      wait $receiver
+      [ $? -eq "$receiver_status" ] || complain "status of the receiver after $signal"
+      [ "$(grep -c 'before the end of the stream\|^received [1-9]' "$work/summary")" -eq "$summary" ] ||
+        complain "summary after $signal: $(cat "$work/summary")"
+    done <<-'CASES'
+	TERM 1 2
+	INT 1 2
+	KILL 137 0
+	CASES
+    ;;
+esac
+[ $failures -eq 0 ]
