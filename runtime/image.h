@@ -204,6 +204,10 @@ struct Run {
   std::size_t width;  // of the elements
 };
 
+// The constants alone, which are all that is left of an image in the library.
+template <const auto &image>
+inline constexpr auto kConstants = image.bytes;
+
 template <const auto &image, Role role>
 struct Runs {
   // Elements of different width join only where they need no byte swaps.
@@ -257,7 +261,7 @@ template <const auto &image>
 inline void write_image(uint8_t *__restrict out, const void *__restrict record) {
   const auto *from = static_cast<const uint8_t *>(record);
   for_each_run<image, Role::constant>(
-      [=]<Run run>() { std::memcpy(out + run.at, image.bytes.data() + run.at, run.size); });
+      [=]<Run run>() { std::memcpy(out + run.at, kConstants<image>.data() + run.at, run.size); });
   for_each_run<image, Role::value>([=]<Run run>() { copy_values<run>(out + run.at, from + run.source); });
 }
 
@@ -266,7 +270,7 @@ template <const auto &image>
 inline bool matches_image(const uint8_t *in) {
   Difference difference;
   for_each_run<image, Role::constant>(
-      [&]<Run run>() { difference.add<run.size>(in + run.at, image.bytes.data() + run.at); });
+      [&]<Run run>() { difference.add<run.size>(in + run.at, kConstants<image>.data() + run.at); });
   return difference.none();
 }
 

@@ -65,10 +65,10 @@ typedef struct probe_carrier {
   MESSAGE(probe, leaf)          \
   MESSAGE(probe, item)          \
   MESSAGE(probe, tree)          \
-  MESSAGE(probe, every)         \
   MESSAGE(probe, named)         \
   MESSAGE(probe, holder)        \
-  MESSAGE(probe, carrier)
+  MESSAGE(probe, carrier)       \
+  MESSAGE(probe, every)
 
 PROBE_MESSAGES(DRIX_DECLARE_MESSAGE)
 DRIX_DECLARE_PACKAGE(probe)

@@ -31,8 +31,10 @@ struct Bus {
   int32_t status = 0;  // of every send and of the hook's registration
   std::size_t refused_registration = SIZE_MAX;
   int32_t refusal = 0;
-  std::vector<Call> calls;
-  std::vector<Registered> registered;  // refused ones included
+  bool quiet = false;  // only count calls, without touching the heap
+  std::size_t quiet_calls = 0;
+  std::vector<Call> calls = {};
+  std::vector<Registered> registered = {};  // refused ones included
   DrixResourceCleanFunc hook = nullptr;
 };
 

@@ -3,23 +3,14 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 #include <vector>
+
+#include "codec.h"
 
 namespace fake_platform {
 
-struct LogCall {
-  uint32_t code;
-  std::string function;
-  std::string text;
-  bool operator==(const LogCall &) const = default;
-};
-
-struct MemoryCall {
-  uint32_t size;  // 0 for a free
-  std::string function;
-  bool operator==(const MemoryCall &) const = default;
-};
+using reference::LogCall;
+using reference::MemoryCall;
 
 // What happened since the last reset.
 std::vector<LogCall> logs();

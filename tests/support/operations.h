@@ -6,6 +6,9 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <vector>
+
+#include "schema.h"
 
 struct Operations {
   int32_t (*pack)(const void *record, uint8_t *buffer, uint32_t *length);
@@ -16,9 +19,6 @@ struct Operations {
   int32_t (*sendsingle)(uint32_t handle, const void *record, uint32_t count, uint32_t destination);
   int32_t (*sendbatch)(uint32_t handle, const void *records, uint32_t count, uint32_t destination);
 };
-
-// False when the process has no such type.
-inline bool has_type(const std::string &prefix) { return dlsym(RTLD_DEFAULT, (prefix + "__pack").c_str()) != nullptr; }
 
 inline Operations operations_of(const std::string &prefix) {
   const auto set = [&](auto &operation, const char *suffix) {
@@ -35,4 +35,11 @@ inline Operations operations_of(const std::string &prefix) {
   set(found.sendsingle, "__sendsingle");
   set(found.sendbatch, "__sendbatch");
   return found;
+}
+
+// The library's message types and the test's own.
+inline std::vector<const reference::Type *> every_type() {
+  std::vector<const reference::Type *> types = reference::all_types();
+  for (const reference::Type *type : reference::types_of("probe")) types.push_back(type);
+  return types;
 }

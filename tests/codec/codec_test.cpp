@@ -1,0 +1,258 @@
+// Every message type against the constants that were typed in for it, and against the reference codec on good, bad and
+// worst input.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "codec.h"
+#include "fake_bus.h"
+#include "fake_platform.h"
+#include "fib6Sync.h"
+#include "judge.h"
+#include "operations.h"
+#include "probe.h"
+#include "runtime/image.h"
+
+namespace {
+
+using judge::Subject;
+using reference::Bytes;
+using reference::Type;
+
+// Runs a check for every message type under its name.
+template <class Check>
+void for_every_type(Check check) {
+  for (const Type *type : every_type()) {
+    SCOPED_TRACE(type->prefix());
+    check(*type, Subject(*type));
+  }
+}
+
+Bytes packed_by_library(const Subject &subject, const void *record) {
+  Bytes buffer(70000);
+  auto length = static_cast<uint32_t>(buffer.size());
+  EXPECT_EQ(subject.library.pack(record, buffer.data(), &length), 0);
+  buffer.resize(length);
+  return buffer;
+}
+
+Bytes sent_by_library(const Subject &subject, const void *record) {
+  fake_bus::bus() = {};
+  EXPECT_EQ(subject.library.sendsingle(1, record, 1, 0), 0);
+  return fake_bus::bus().calls.at(0).messages.at(0).bytes;
+}
+
+uint32_t read_u32(const Bytes &bytes, std::size_t at) {
+  return bytes[at] | uint32_t{bytes[at + 1]} << 8 | uint32_t{bytes[at + 2]} << 16 | uint32_t{bytes[at + 3]} << 24;
+}
+uint32_t read_u16(const Bytes &bytes, std::size_t at) { return bytes[at] | uint32_t{bytes[at + 1]} << 8; }
+
+TEST(Codec, KeepsToTheListedConstants) {
+  for_every_type([](const Type &type, const Subject &subject) {
+    const reference::Constants &listed = type.listed;
+    Bytes zero(type.record_size);
+    Bytes set = zero;
+    reference::fill_set(type, set.data());
+    const auto expect_listed = [](std::size_t actual, uint32_t constant, const char *what) {
+      EXPECT_TRUE(constant == 0 || actual == constant) << what << " is " << actual << ", listed " << constant;
+    };
+    expect_listed(type.message_id(), listed.id, "message ID");
+    expect_listed(packed_by_library(subject, zero.data()).size(), listed.compact_zero, "compact length of zeros");
+    expect_listed(packed_by_library(subject, set.data()).size(), listed.compact_set, "full compact length");
+    EXPECT_EQ(subject.library.unpack(nullptr, 0, nullptr), type.record_size);
+
+    const Bytes image = sent_by_library(subject, set.data());
+    if (!type.is_fixed()) return;
+    expect_listed(image.size(), listed.fixed_length, "fixed length");
+    const uint32_t vtable = 4 - read_u32(image, 4);
+    expect_listed(vtable, listed.vtable_position, "vtable position");
+    expect_listed(read_u16(image, vtable), listed.vtable_length, "vtable length");
+    expect_listed(read_u16(image, vtable + 2), listed.table_size, "table size");
+    for (std::size_t i = 0; i < type.listed_offsets.size(); ++i) {
+      EXPECT_EQ(read_u16(image, vtable + 4 + 2 * i), type.listed_offsets[i]) << "slot " << i;
+    }
+  });
+}
+
+TEST(Codec, WritesAndReadsRandomRecordsAsTheReferenceDoes) {
+  std::mt19937 random(2);
+  for_every_type([&](const Type &type, const Subject &subject) {
+    for (int round = 0; round < 60; ++round) {
+      reference::Arena arena;
+      Bytes record(type.record_size);
+      reference::fill_random(type, record.data(), random, round % 4 / 4.0, arena);
+      std::vector<Bytes> images = {reference::pack(type, record.data())};
+      EXPECT_EQ(packed_by_library(subject, record.data()), images[0]);
+      if (type.is_fixed()) images.push_back(reference::build_fixed(type, record.data()));
+      for (const Bytes &image : images) {
+        Bytes decoded(type.record_size, 0xEE);
+        subject.library.unpack(image.data(), static_cast<uint32_t>(image.size()), decoded.data());
+        EXPECT_TRUE(reference::equal(type, record.data(), decoded.data()));
+        subject.library.free_unpacked(decoded.data());
+        EXPECT_EQ(judge::decode(subject, image.data(), static_cast<uint32_t>(image.size())), "");
+      }
+    }
+  });
+}
+
+// Encodes into a buffer of the image's own length, so that a write past its end is found.
+TEST(Codec, PacksIntoExactlyTheBytesItNeedsAndRefusesLess) {
+  std::mt19937 random(3);
+  for_every_type([&](const Type &type, const Subject &subject) {
+    for (int round = 0; round < 8; ++round) {
+      reference::Arena arena;
+      Bytes record(type.record_size);
+      reference::fill_random(type, record.data(), random, round / 8.0, arena);
+      const Bytes image = reference::pack(type, record.data());
+      const auto size = static_cast<uint32_t>(image.size());
+      for (const uint32_t capacity : {uint32_t{0}, size - 1, size, size + 1, size + 1000}) {
+        Bytes buffer(capacity, 0xEE);
+        uint32_t length = capacity;
+        const bool fits = capacity >= size;
+        EXPECT_EQ(subject.library.pack(record.data(), buffer.data(), &length), fits ? 0 : -1);
+        EXPECT_EQ(length, fits ? size : capacity);
+        for (uint32_t i = fits ? size : 0; i < capacity; ++i) ASSERT_EQ(buffer[i], 0xEE) << "byte " << i;
+      }
+    }
+  });
+}
+
+TEST(Codec, RefusesBadParametersWithTheRightLogLine) {
+  for_every_type([](const Type &type, const Subject &subject) {
+    Bytes record(type.record_size);
+    Bytes buffer(1000);
+    uint32_t length = 1000;
+    fake_platform::reset();
+    EXPECT_EQ(subject.library.pack(nullptr, buffer.data(), &length), -1);
+    EXPECT_EQ(subject.library.pack(record.data(), buffer.data(), nullptr), -1);
+    length = 5;
+    EXPECT_EQ(subject.library.pack(record.data(), nullptr, &length), -1);
+    EXPECT_TRUE(fake_platform::logs().empty());
+    for (const uint32_t capacity : {1000u, 0xFFFFFFFFu}) {
+      length = capacity;
+      fake_platform::reset();
+      EXPECT_EQ(subject.library.pack(record.data(), nullptr, &length), -1);
+      EXPECT_EQ(length, capacity);
+      const std::vector<reference::LogCall> expected = {
+          {22, type.prefix() + "_pack", "[QUOPA]:Param invalid(null, " + std::to_string(capacity) + ", nonNull)"}};
+      EXPECT_EQ(fake_platform::logs(), expected);
+    }
+    for (const uint32_t n : {0u, 3u, 0x80000000u, 0xFFFFFFFFu}) {
+      EXPECT_EQ(judge::decode(subject, buffer.data(), n), "") << n;
+      EXPECT_EQ(judge::last_outcome(), judge::Outcome::rejected);
+    }
+    EXPECT_EQ(judge::decode(subject, nullptr, 100), "");
+    fake_platform::reset();
+    EXPECT_EQ(subject.library.unpack(buffer.data(), 100, nullptr), type.record_size);
+    const std::vector<reference::LogCall> expected = {
+        {22, type.prefix() + "_unpack", "[QUOPA]:Param invalid(nonNull, 100, null)"}};
+    EXPECT_EQ(fake_platform::logs(), expected);
+    subject.library.free_unpacked(nullptr);
+  });
+}
+
+// The images from which bad ones are made by one change each: random records in either layout.
+std::vector<Bytes> good_images(const Type &type, std::mt19937 &random, int records) {
+  std::vector<Bytes> images;
+  for (int i = 0; i < records; ++i) {
+    reference::Arena arena;
+    Bytes record(type.record_size);
+    reference::fill_random(type, record.data(), random, i % 2 == 0 ? 0.0 : 0.5, arena);
+    images.push_back(reference::pack(type, record.data()));
+    if (type.is_fixed()) images.push_back(reference::build_fixed(type, record.data()));
+  }
+  return images;
+}
+
+TEST(Codec, JudgesEveryTruncationAsTheReferenceDoes) {
+  std::mt19937 random(4);
+  judge::Guarded memory(1 << 16);
+  for_every_type([&](const Type &type, const Subject &subject) {
+    for (const Bytes &image : good_images(type, random, 2)) {
+      for (uint32_t n = 0; n <= image.size(); ++n) {
+        ASSERT_EQ(judge::decode(subject, memory.place(image.data(), n), n), "") << "cut to " << n;
+      }
+    }
+  });
+}
+
+TEST(Codec, JudgesEveryChangedByteAndWordAsTheReferenceDoes) {
+  constexpr uint8_t kChanges[] = {0x01, 0x04, 0x80, 0xFF};
+  std::mt19937 random(5);
+  judge::Guarded memory(1 << 16);
+  for_every_type([&](const Type &type, const Subject &subject) {
+    for (const Bytes &image : good_images(type, random, 2)) {
+      const auto n = static_cast<uint32_t>(image.size());
+      const uint32_t words[] = {0, 1, 4, n - 4, n - 3, n, 0x3FFFFFFF, 0x40000000, 0x80000000, 0xFFFFFFFF};
+      for (uint32_t at = 0; at < n; ++at) {
+        Bytes changed = image;
+        for (const uint8_t change : kChanges) {
+          changed[at] = image[at] ^ change;
+          ASSERT_EQ(judge::decode(subject, memory.place(changed.data(), n), n), "")
+              << "byte " << at << " ^ " << +change;
+        }
+        if (at + 4 > n) continue;
+        const uint32_t word = words[random() % std::size(words)];
+        changed = image;
+        for (uint32_t i = 0; i < 4; ++i) changed[at + i] = static_cast<uint8_t>(word >> (8 * i));
+        ASSERT_EQ(judge::decode(subject, memory.place(changed.data(), n), n), "") << "word " << word << " at " << at;
+      }
+    }
+  });
+}
+
+TEST(Codec, SurvivesEveryFailingAllocation) {
+  std::mt19937 random(6);
+  std::size_t failures = 0;
+  for_every_type([&](const Type &type, const Subject &subject) {
+    if (type.is_fixed()) return;
+    for (const Bytes &image : good_images(type, random, 6)) {
+      const auto n = static_cast<uint32_t>(image.size());
+      ASSERT_EQ(judge::decode(subject, image.data(), n), "");
+      const std::size_t allocations = fake_platform::allocations().size();
+      for (std::size_t failing = 0; failing < allocations; ++failing, ++failures) {
+        ASSERT_EQ(judge::decode(subject, image.data(), n, failing), "") << "allocation " << failing;
+      }
+    }
+  });
+  EXPECT_GT(failures, 20u);
+}
+
+// A vtable written for fewer slots, of odd length or hardly there leaves the slots beyond it absent.
+TEST(Codec, TakesShortVtables) {
+  std::mt19937 random(7);
+  for_every_type([&](const Type &type, const Subject &subject) {
+    for (Bytes image : good_images(type, random, 2)) {
+      const uint32_t table = read_u32(image, 0);
+      const uint32_t vtable = table - read_u32(image, table);
+      const uint32_t full = read_u16(image, vtable);
+      for (uint32_t length = 0; length <= full + 1; ++length) {
+        image[vtable] = static_cast<uint8_t>(length);
+        ASSERT_EQ(judge::decode(subject, image.data(), static_cast<uint32_t>(image.size())), "") << length;
+        EXPECT_TRUE(length >= 6 || judge::last_outcome() == judge::Outcome::complete);
+      }
+    }
+  });
+}
+
+template <class R>
+void expect_gaps_untouched(const Type &type, const void *record) {
+  Bytes image(drix::fixed_length<R>(), 0xEE);
+  drix::write_image<drix::kFixedImage<R>>(image.data(), record);
+  std::vector<bool> written;
+  const Bytes expected = reference::build_fixed(type, record, &written);
+  for (std::size_t i = 0; i < image.size(); ++i) {
+    EXPECT_EQ(image[i], written[i] ? expected[i] : 0xEE) << type.prefix() << " byte " << i;
+  }
+}
+
+TEST(Codec, FixedBuilderLeavesTheGapsAlone) {
+  const fib6Sync_tlv tlv = {1, 2};
+  const probe_mixed mixed = {1, 2, {3, 4, 5}};
+  const probe_carrier carrier = {6, mixed, 7};
+  expect_gaps_untouched<fib6Sync_tlv>(reference::find("fib6Sync", "tlv"), &tlv);
+  expect_gaps_untouched<probe_mixed>(reference::find("probe", "mixed"), &mixed);
+  expect_gaps_untouched<probe_carrier>(reference::find("probe", "carrier"), &carrier);
+}
+
+}  // namespace

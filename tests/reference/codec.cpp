@@ -1,0 +1,392 @@
+#include "codec.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace reference {
+
+namespace {
+
+// Record members in host order, at any place.
+uint32_t get(const void *record, size_t place, uint32_t width) {
+  const auto *from = static_cast<const uint8_t *>(record) + place;
+  if (width == 1) return *from;
+  uint16_t half;
+  uint32_t word;
+  if (width == 2) return std::memcpy(&half, from, 2), half;
+  return std::memcpy(&word, from, 4), word;
+}
+
+void set(void *record, size_t place, uint32_t width, uint32_t value) {
+  auto *to = static_cast<uint8_t *>(record) + place;
+  const auto half = static_cast<uint16_t>(value);
+  if (width == 1) *to = static_cast<uint8_t>(value);
+  if (width == 2) std::memcpy(to, &half, 2);
+  if (width == 4) std::memcpy(to, &value, 4);
+}
+
+uint8_t *get_pointer(const void *record, const Slot &slot) {
+  uint8_t *pointer;
+  std::memcpy(&pointer, static_cast<const uint8_t *>(record) + slot.member, sizeof pointer);
+  return pointer;
+}
+
+void set_pointer(void *record, const Slot &slot, uint8_t *pointer) {
+  std::memcpy(static_cast<uint8_t *>(record) + slot.member, &pointer, sizeof pointer);
+}
+
+uint32_t get_length(const void *record, const Slot &slot) { return get(record, slot.length_member, 4); }
+
+const uint8_t *inside(const void *record, const Slot &slot) {
+  return static_cast<const uint8_t *>(record) + slot.member;
+}
+uint8_t *inside(void *record, const Slot &slot) { return static_cast<uint8_t *>(record) + slot.member; }
+
+// The wire, byte by byte.
+void put(Bytes &out, uint32_t value, uint32_t width) {
+  for (uint32_t i = 0; i < width; ++i) out.push_back(static_cast<uint8_t>(value >> (8 * i)));
+}
+
+void put_at(Bytes &out, size_t at, uint32_t value, uint32_t width) {
+  for (uint32_t i = 0; i < width; ++i) out[at + i] = static_cast<uint8_t>(value >> (8 * i));
+}
+
+uint32_t read(const uint8_t *buffer, uint32_t at, uint32_t width) {
+  uint32_t value = 0;
+  for (uint32_t i = 0; i < width; ++i) value |= uint32_t{buffer[at + i]} << (8 * i);
+  return value;
+}
+
+uint32_t vtable_length(const Type &type) { return static_cast<uint32_t>(4 + 2 * type.slots.size()); }
+
+bool in_compact_layout(const Slot &slot, const void *record) {
+  switch (slot.kind) {
+    case Kind::kScalar:
+      return get(record, slot.member, slot.width) != 0;
+    case Kind::kArray:
+    case Kind::kTable:
+      return true;
+    default:
+      return get_pointer(record, slot) != nullptr && get_length(record, slot) != 0;
+  }
+}
+
+// Appends a table, vtable first, and returns the table's position.
+uint32_t append_table(const Type &type, const void *record, Bytes &out) {
+  const size_t vtable = out.size();
+  out.resize(vtable + vtable_length(type));
+  const size_t table = out.size();
+  put(out, vtable_length(type), 4);
+  std::vector<size_t> words(type.slots.size());
+  const auto start_field = [&](size_t i) {
+    words[i] = out.size();
+    put_at(out, vtable + 4 + 2 * i, static_cast<uint32_t>(out.size() - table), 2);
+  };
+  const auto point = [&](size_t word, size_t target) { put_at(out, word, static_cast<uint32_t>(target - word), 4); };
+
+  for (size_t i = 0; i < type.slots.size(); ++i) {
+    const Slot &slot = type.slots[i];
+    if (slot.kind != Kind::kScalar || !in_compact_layout(slot, record)) continue;
+    start_field(i);
+    put(out, get(record, slot.member, slot.width), slot.width);
+  }
+  for (size_t i = 0; i < type.slots.size(); ++i) {
+    if (type.slots[i].kind == Kind::kScalar || !in_compact_layout(type.slots[i], record)) continue;
+    start_field(i);
+    put(out, 0, 4);
+  }
+  for (size_t i = 0; i < type.slots.size(); ++i) {
+    const Slot &slot = type.slots[i];
+    if (slot.kind == Kind::kScalar || slot.kind == Kind::kTable || !in_compact_layout(slot, record)) continue;
+    point(words[i], out.size());
+    const uint32_t count = slot.kind == Kind::kArray ? slot.count : get_length(record, slot);
+    put(out, count, 4);
+    words[i] = out.size();
+    if (slot.kind == Kind::kArray) {
+      for (uint32_t k = 0; k < count; ++k) put(out, get(record, slot.member + k * slot.width, slot.width), slot.width);
+    } else if (slot.kind == Kind::kBytes) {
+      out.insert(out.end(), get_pointer(record, slot), get_pointer(record, slot) + count);
+    } else {
+      out.resize(out.size() + 4 * size_t{count});
+    }
+  }
+  put_at(out, vtable, vtable_length(type), 2);
+  put_at(out, vtable + 2, static_cast<uint32_t>(out.size() - table), 2);
+  for (size_t i = 0; i < type.slots.size(); ++i) {
+    const Slot &slot = type.slots[i];
+    if (slot.kind == Kind::kTable) point(words[i], append_table(*slot.type, inside(record, slot), out));
+  }
+  for (size_t i = 0; i < type.slots.size(); ++i) {
+    const Slot &slot = type.slots[i];
+    if (slot.kind != Kind::kVector || !in_compact_layout(slot, record)) continue;
+    for (uint32_t k = 0; k < get_length(record, slot); ++k) {
+      point(words[i] + 4 * k, append_table(*slot.type, get_pointer(record, slot) + k * slot.type->record_size, out));
+    }
+  }
+  return static_cast<uint32_t>(table);
+}
+
+void append_fixed(const Type &type, const void *record, Bytes &out, std::vector<bool> &written) {
+  const auto emit = [&](uint32_t value, uint32_t width) {
+    put(out, value, width);
+    written.resize(out.size(), true);
+  };
+  const auto skip_to = [&](size_t position) {
+    out.resize(position);
+    written.resize(position, false);
+  };
+  const size_t start = out.size();
+  const size_t table = start + 4;
+  std::vector<uint32_t> offsets;
+  emit(4, 4);
+  emit(0, 4);
+  for (const Slot &slot : type.slots) {
+    offsets.push_back(static_cast<uint32_t>(out.size() - table));
+    if (slot.kind == Kind::kTable) {
+      append_fixed(*slot.type, inside(record, slot), out, written);
+      continue;
+    }
+    if (slot.kind == Kind::kArray) {
+      emit(4, 4);
+      emit(slot.count, 4);
+    }
+    for (uint32_t k = 0; k < slot.count; ++k) emit(get(record, slot.member + k * slot.width, slot.width), slot.width);
+  }
+  const size_t table_size = out.size() - table;
+  const size_t vtable = table + (table_size + 3) / 4 * 4;
+  skip_to(vtable);
+  put_at(out, table, static_cast<uint32_t>(table - vtable), 4);
+  emit(vtable_length(type), 2);
+  emit(static_cast<uint32_t>(table_size), 2);
+  for (const uint32_t offset : offsets) emit(offset, 2);
+  skip_to(start + (out.size() - start + 7) / 8 * 8);
+}
+
+// One decoding of one buffer. 64-bit positions cannot wrap, so wrapping is asked for where it matters.
+class Decoding {
+ public:
+  Decoding(const uint8_t *buffer, uint32_t length, Trace &trace, size_t failing_allocation)
+      : buffer_(buffer), n_(length), trace_(trace), until_failure_(failing_allocation) {}
+
+  // Finds a table's vtable.
+  bool find_vtable(uint32_t table, const std::string &name, uint32_t &vtable) {
+    const auto n = static_cast<uint32_t>(n_);
+    if (table < 4 || table > n - 4) {
+      log(22, name, "[QUOPA]:Table offset(%u) is out of range(4 - %u)", table, n);
+      return false;
+    }
+    vtable = table - read(buffer_, table, 4);
+    if (vtable < 4 || vtable > n - 4) {
+      log(22, name, "[QUOPA]:Vtable offset(%u) is out of range(4 - %u)", vtable, n - 4);
+      return false;
+    }
+    const uint32_t length = read(buffer_, vtable, 2);
+    if (uint64_t{vtable} + length > n_) {
+      log(22, name, "[QUOPA]:Vtable Len(%u) is out of range(0 - %u)", length, n - vtable);
+      return false;
+    }
+    return true;
+  }
+
+  bool decode_slots(const Type &type, uint32_t table, uint32_t vtable, const std::string &name, void *record) {
+    const uint32_t length = read(buffer_, vtable, 2);
+    for (size_t i = 0; i < type.slots.size(); ++i) {
+      if (length < 4 + 2 * (i + 1)) break;
+      const uint32_t entry = read(buffer_, vtable + 4 + 2 * static_cast<uint32_t>(i), 2);
+      if (entry != 0 && !decode_slot(type.slots[i], table + entry, name, record)) return false;
+    }
+    return true;
+  }
+
+  void log(uint32_t code, const std::string &function, const char *format, ...) {
+    char text[200];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    trace_.logs.push_back({code, function, text});
+  }
+
+ private:
+  bool fits(uint64_t at, uint64_t size) const { return at + size <= n_; }
+
+  bool follow(uint32_t word, uint64_t &target) const {
+    if (!fits(word, 4)) return false;
+    target = uint64_t{word} + read(buffer_, word, 4);
+    return target <= 0xFFFFFFFF;
+  }
+
+  uint8_t *allocate(uint32_t size, const std::string &name) {
+    trace_.allocations.push_back({size, name});
+    if (until_failure_ != SIZE_MAX && until_failure_-- == 0) {
+      log(12, name, "[QUOPA]:Malloc unpack data failed, size(%u)", size);
+      return nullptr;
+    }
+    return static_cast<uint8_t *>(std::calloc(1, size));
+  }
+
+  bool decode_slot(const Slot &slot, uint32_t p, const std::string &name, void *record) {
+    if (slot.kind == Kind::kScalar) {
+      if (!fits(p, slot.width)) return false;
+      set(record, slot.member, slot.width, read(buffer_, p, slot.width));
+      return true;
+    }
+    uint64_t target;
+    if (!follow(p, target)) return false;
+    if (slot.kind == Kind::kTable) {
+      return decode_non_root(*slot.type, inside(record, slot), static_cast<uint32_t>(target));
+    }
+    if (!fits(target, 4)) return false;
+    const auto q = static_cast<uint32_t>(target);
+    const uint32_t count = read(buffer_, q, 4);
+    const bool words = slot.kind == Kind::kVector || slot.width == 4;
+    if (slot.kind != Kind::kBytes && words && count >= 0x40000000) return false;
+    if (slot.kind == Kind::kArray) {
+      if (count != slot.count || !fits(q + 4, uint64_t{count} * slot.width)) return false;
+      for (uint32_t k = 0; k < count; ++k) {
+        set(record, slot.member + k * slot.width, slot.width, read(buffer_, q + 4 + k * slot.width, slot.width));
+      }
+      return true;
+    }
+    if (!fits(q + 4, slot.kind == Kind::kBytes ? count : uint64_t{4} * count)) return false;
+    set(record, slot.length_member, 4, count);
+    if (count == 0) return true;
+    const uint64_t size = slot.kind == Kind::kBytes ? count : uint64_t{count} * slot.type->record_size;
+    if (size > 0xFFFFFFFF) return false;
+    uint8_t *block = allocate(static_cast<uint32_t>(size), name);
+    if (block == nullptr) return false;
+    set_pointer(record, slot, block);
+    if (slot.kind == Kind::kBytes) {
+      std::memcpy(block, buffer_ + q + 4, count);
+      return true;
+    }
+    for (uint32_t k = 0; k < count; ++k) {
+      uint64_t table;
+      if (!follow(q + 4 + 4 * k, table)) return false;
+      if (!decode_non_root(*slot.type, block + k * slot.type->record_size, static_cast<uint32_t>(table))) return false;
+    }
+    return true;
+  }
+
+  bool decode_non_root(const Type &type, void *record, uint32_t table) {
+    const std::string name = type.prefix() + "_unpack_non_root";
+    uint32_t vtable;
+    if (!find_vtable(table, name, vtable)) return false;
+    if (decode_slots(type, table, vtable, name, record)) return true;
+    release(type, record, trace_);
+    return false;
+  }
+
+  const uint8_t *buffer_;
+  uint64_t n_;
+  Trace &trace_;
+  size_t until_failure_;
+};
+
+}  // namespace
+
+uint8_t *Arena::allocate(size_t size) {
+  blocks_.push_back(std::make_unique<uint8_t[]>(size));
+  return blocks_.back().get();
+}
+
+void fill_random(const Type &type, void *record, std::mt19937 &random, double zeros, Arena &arena) {
+  const auto value = [&] { return static_cast<uint32_t>(random() >> (random() % 32)); };
+  std::bernoulli_distribution zero(zeros);
+  for (const Slot &slot : type.slots) {
+    if (slot.kind == Kind::kScalar) {
+      set(record, slot.member, slot.width, zero(random) ? 0 : value() | 1);
+    } else if (slot.kind == Kind::kArray) {
+      for (uint32_t k = 0; k < slot.count; ++k) set(record, slot.member + k * slot.width, slot.width, value());
+    } else if (slot.kind == Kind::kTable) {
+      fill_random(*slot.type, inside(record, slot), random, zeros, arena);
+    } else {
+      const uint32_t count = zero(random) ? 0 : static_cast<uint32_t>(random() % 5);
+      const size_t size = slot.kind == Kind::kBytes ? 1 : slot.type->record_size;
+      uint8_t *block = count == 0 ? nullptr : arena.allocate(count * size);
+      for (uint32_t k = 0; k < count; ++k) {
+        if (slot.kind == Kind::kBytes) block[k] = static_cast<uint8_t>(value());
+        if (slot.kind == Kind::kVector) fill_random(*slot.type, block + k * size, random, zeros, arena);
+      }
+      set(record, slot.length_member, 4, count);
+      set_pointer(record, slot, block);
+    }
+  }
+}
+
+void fill_set(const Type &type, void *record) {
+  uint32_t value = 0x81828384;
+  for (const Slot &slot : type.slots) {
+    for (uint32_t k = 0; k < slot.count; ++k) set(record, slot.member + k * slot.width, slot.width, value++ | 1);
+    if (slot.kind == Kind::kTable) fill_set(*slot.type, inside(record, slot));
+  }
+}
+
+bool equal(const Type &type, const void *a, const void *b) {
+  for (const Slot &slot : type.slots) {
+    if (slot.kind == Kind::kTable) {
+      if (!equal(*slot.type, inside(a, slot), inside(b, slot))) return false;
+    } else if (slot.kind == Kind::kScalar || slot.kind == Kind::kArray) {
+      if (std::memcmp(inside(a, slot), inside(b, slot), size_t{slot.width} * slot.count) != 0) return false;
+    } else {
+      const uint8_t *data_a = get_pointer(a, slot);
+      const uint8_t *data_b = get_pointer(b, slot);
+      const uint32_t count = get_length(a, slot);
+      if (count != get_length(b, slot) || (data_a == nullptr) != (data_b == nullptr)) return false;
+      const size_t size = slot.kind == Kind::kBytes ? 1 : slot.type->record_size;
+      for (uint32_t k = 0; data_a != nullptr && k < count; ++k) {
+        if (slot.kind == Kind::kBytes && data_a[k] != data_b[k]) return false;
+        if (slot.kind == Kind::kVector && !equal(*slot.type, data_a + k * size, data_b + k * size)) return false;
+      }
+    }
+  }
+  return true;
+}
+
+Bytes pack(const Type &type, const void *record) {
+  Bytes out(4);
+  put_at(out, 0, append_table(type, record, out), 4);
+  return out;
+}
+
+Bytes build_fixed(const Type &type, const void *record, std::vector<bool> *written) {
+  Bytes out;
+  std::vector<bool> marks;
+  append_fixed(type, record, out, marks);
+  if (written != nullptr) *written = marks;
+  return out;
+}
+
+bool decode(const Type &type, const uint8_t *buffer, uint32_t length, void *record, Trace &trace,
+            size_t failing_allocation) {
+  const std::string name = type.prefix() + "_unpack";
+  Decoding decoding(buffer, length, trace, failing_allocation);
+  if (buffer == nullptr || record == nullptr || static_cast<int32_t>(length) < 4) {
+    decoding.log(22, name, "[QUOPA]:Param invalid(%s, %d, %s)", buffer == nullptr ? "null" : "nonNull",
+                 static_cast<int32_t>(length), record == nullptr ? "null" : "nonNull");
+    return false;
+  }
+  const uint32_t table = read(buffer, 0, 4);
+  uint32_t vtable;
+  if (!decoding.find_vtable(table, name, vtable)) return false;
+  std::memset(record, 0, type.record_size);
+  if (decoding.decode_slots(type, table, vtable, name, record)) return true;
+  release(type, record, trace);
+  return false;
+}
+
+void release(const Type &type, void *record, Trace &trace) {
+  for (const Slot &slot : type.slots) {
+    if (slot.kind == Kind::kTable) release(*slot.type, inside(record, slot), trace);
+    if (slot.kind != Kind::kBytes && slot.kind != Kind::kVector) continue;
+    if (get_pointer(record, slot) != nullptr) {
+      std::free(get_pointer(record, slot));
+      trace.frees.push_back({0, type.prefix() + "_free_unpacked"});
+    }
+    set_pointer(record, slot, nullptr);
+  }
+}
+
+}  // namespace reference

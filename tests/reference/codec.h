@@ -1,0 +1,73 @@
+// A second codec, driven by the typed-in slot lists and as simple as it can be: it judges what the library writes and
+// what it makes of any buffer.
+#ifndef TESTS_REFERENCE_CODEC_H
+#define TESTS_REFERENCE_CODEC_H
+
+#include <cstdint>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "schema.h"
+
+namespace reference {
+
+using Bytes = std::vector<uint8_t>;
+
+// Owns what records point to.
+class Arena {
+ public:
+  uint8_t *allocate(size_t size);
+
+ private:
+  std::vector<std::unique_ptr<uint8_t[]>> blocks_;
+};
+
+// Fills a record: each scalar is zero with the given probability, byte strings and vectors are short.
+void fill_random(const Type &type, void *record, std::mt19937 &random, double zeros, Arena &arena);
+
+// Sets every scalar and array element to a non-zero value and leaves byte strings and vectors empty.
+void fill_set(const Type &type, void *record);
+
+// Compares what records mean, not their padding; the pointers of empty byte strings and vectors count as they are.
+bool equal(const Type &type, const void *a, const void *b);
+
+// Encodes in the compact layout.
+Bytes pack(const Type &type, const void *record);
+
+// Encodes a fixed-length type in the fixed layout; the bytes that the layout leaves unwritten are zero here and false
+// in written.
+Bytes build_fixed(const Type &type, const void *record, std::vector<bool> *written = nullptr);
+
+struct LogCall {
+  uint32_t code;
+  std::string function;
+  std::string text;
+  bool operator==(const LogCall &) const = default;
+};
+
+struct MemoryCall {
+  uint32_t size;  // 0 for a free
+  std::string function;
+  bool operator==(const MemoryCall &) const = default;
+};
+
+// What a decoder did to the platform, in order.
+struct Trace {
+  std::vector<LogCall> logs;
+  std::vector<MemoryCall> allocations;
+  std::vector<MemoryCall> frees;
+};
+
+// Decodes into a record as the library is to do it. Fails the allocation with the given number, counted from 0. True
+// when every slot was decoded.
+bool decode(const Type &type, const uint8_t *buffer, uint32_t length, void *record, Trace &trace,
+            size_t failing_allocation = SIZE_MAX);
+
+// Releases a record that decode filled.
+void release(const Type &type, void *record, Trace &trace);
+
+}  // namespace reference
+
+#endif

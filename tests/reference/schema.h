@@ -1,0 +1,76 @@
+// The message types as a table of text rows, typed in by hand beside the C structures of the public headers, so that a
+// wrong structure and a wrong row cannot agree by accident.
+#ifndef TESTS_REFERENCE_SCHEMA_H
+#define TESTS_REFERENCE_SCHEMA_H
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace reference {
+
+// What is known about a type's encodings. 0: not listed.
+struct Constants {
+  uint32_t id = 0;
+  uint32_t fixed_length = 0;
+  uint32_t vtable_length = 0;
+  uint32_t table_size = 0;       // fixed layout
+  uint32_t vtable_position = 0;  // fixed layout
+  uint32_t compact_zero = 0;     // compact length of the all-zero record
+  uint32_t compact_set = 0;      // compact length with every scalar non-zero
+};
+
+// slots: the kinds in slot order: u8 u16 u32, u8[N] u32[N], bytes, the message name of an earlier row of the package
+// for an embedded record, that name and [] for a vector; a suffix *N repeats. offsets: each slot's place in the fixed
+// table.
+struct Row {
+  const char *message;
+  const char *slots;
+  Constants listed = {};
+  const char *offsets = "";
+};
+
+enum class Kind { kScalar, kArray, kBytes, kTable, kVector };
+
+struct Type;
+
+struct Slot {
+  Kind kind;
+  uint32_t width = 0;          // bytes of a scalar or of an array's element
+  uint32_t count = 0;          // elements of an array
+  const Type *type = nullptr;  // of a table or of a vector's elements
+  size_t length_member = 0;    // place of f<N>Len or f<N>Count in the record
+  size_t member = 0;           // place of f<N> in the record
+};
+
+struct Type {
+  std::string package;
+  std::string message;
+  std::vector<Slot> slots;
+  Constants listed;
+  std::vector<uint32_t> listed_offsets;
+  size_t record_size = 0;
+  size_t record_alignment = 1;
+
+  std::string prefix() const { return package + "_" + message; }
+  bool is_fixed() const;        // owns nothing and has one encoded length in the fixed layout
+  uint32_t message_id() const;  // hashed from the names
+};
+
+// The 100 message types of the library, package by package, each in registration order.
+const std::vector<const Type *> &all_types();
+
+// All types of one package in row order. "probe" holds shapes beyond those of the library.
+std::vector<const Type *> types_of(const std::string &package);
+
+// Throws std::invalid_argument for an unknown name.
+const Type &find(const std::string &package, const std::string &message);
+
+// Adds types for find() and types_of().
+void register_types(const std::string &package, std::span<const Row> rows);
+
+}  // namespace reference
+
+#endif

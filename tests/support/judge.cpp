@@ -1,0 +1,95 @@
+#include "judge.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <stdexcept>
+
+#include "fake_platform.h"
+
+namespace judge {
+
+namespace {
+
+constexpr uint8_t kPoison = 0xEE;
+
+Outcome outcome;
+
+std::string describe(const reference::LogCall &call) {
+  return std::to_string(call.code) + " " + call.function + ": " + call.text;
+}
+
+std::string describe(const reference::MemoryCall &call) {
+  return std::to_string(call.size) + " bytes by " + call.function;
+}
+
+template <class Call>
+std::string text(const std::vector<Call> &calls) {
+  std::string lines;
+  for (const Call &call : calls) lines += "\n    " + describe(call);
+  return lines.empty() ? "\n    none" : lines;
+}
+
+template <class Call>
+std::string compare(const char *what, const std::vector<Call> &library, const std::vector<Call> &expected) {
+  if (library == expected) return {};
+  return std::string("\n  ") + what + ":" + text(library) + "\n  expected:" + text(expected);
+}
+
+}  // namespace
+
+Guarded::Guarded(std::size_t capacity) {
+  const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  pages_ = (capacity + page - 1) / page * page;
+  mapped_ = pages_ + page;
+  void *memory = mmap(nullptr, mapped_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED) throw std::runtime_error("mmap failed");
+  start_ = static_cast<uint8_t *>(memory);
+  if (mprotect(start_ + pages_, page, PROT_NONE) != 0) throw std::runtime_error("mprotect failed");
+}
+
+Guarded::~Guarded() { munmap(start_, mapped_); }
+
+const uint8_t *Guarded::place(const uint8_t *bytes, std::size_t size) {
+  uint8_t *to = start_ + pages_ - size;
+  std::copy(bytes, bytes + size, to);
+  return to;
+}
+
+Outcome last_outcome() { return outcome; }
+
+std::string decode(const Subject &subject, const uint8_t *buffer, uint32_t length, std::size_t failing_allocation) {
+  const reference::Type &type = *subject.type;
+  const reference::Bytes untouched(type.record_size, kPoison);
+  reference::Bytes expected = untouched;
+  reference::Bytes record = untouched;
+  reference::Trace trace;
+  const bool complete = reference::decode(type, buffer, length, expected.data(), trace, failing_allocation);
+  outcome = expected == untouched ? Outcome::rejected : complete ? Outcome::complete : Outcome::given_up;
+
+  fake_platform::reset(failing_allocation);
+  const std::size_t blocks_before = fake_platform::live_blocks();
+  const uint32_t result = subject.library.unpack(buffer, length, record.data());
+
+  std::string faults;
+  if (result != type.record_size) faults += "\n  result " + std::to_string(result);
+  faults += compare("log calls", fake_platform::logs(), trace.logs);
+  faults += compare("allocations", fake_platform::allocations(), trace.allocations);
+  if (outcome == Outcome::rejected) {
+    if (record != untouched) faults += "\n  the record was touched";
+  } else {
+    if (!reference::equal(type, record.data(), expected.data())) faults += "\n  the record differs";
+    for (int time = 0; time < 2; ++time) {  // the second release finds nothing to free
+      subject.library.free_unpacked(record.data());
+      reference::release(type, expected.data(), trace);
+    }
+    if (!reference::equal(type, record.data(), expected.data())) faults += "\n  the released record differs";
+  }
+  faults += compare("frees", fake_platform::frees(), trace.frees);
+  if (fake_platform::live_blocks() != blocks_before) faults += "\n  blocks leaked";
+  return faults;
+}
+
+}  // namespace judge
