@@ -15,7 +15,7 @@ complain() {
 }
 
 # expect STATUS OUTPUT ERRORS COMMAND...: the status, and a line that matches in standard output and in standard error;
-# an empty pattern stands for no output at all.
+# an empty pattern stands for no output at all, * for any or none.
 expect() {
   local status=$1 output=$2 errors=$3 got=0
   shift 3
@@ -25,7 +25,13 @@ expect() {
     tail -n 5 "$work/output" "$work/errors"
   fi
 }
-matches() { if [ -z "$1" ]; then [ ! -s "$work/$2" ]; else grep -qE -- "$1" "$work/$2"; fi; }
+matches() {
+  case $1 in
+    '') [ ! -s "$work/$2" ] ;;
+    '*') true ;;
+    *) grep -qE -- "$1" "$work/$2" ;;
+  esac
+}
 
 count() { grep -cE -- "$1" "$work/output"; }
 one_error_line() { [ "$(wc -l <"$work/errors")" -eq 1 ] || complain "not one line on standard error: $*"; }
@@ -59,7 +65,8 @@ case $group in
     [ "$(count "$row")" -eq "$(wc -l <"$sample")" ] || complain "rows of the first pass only"
     expect 0 '^sent 267 routes .* all acknowledged$' '' "${demo[@]}" --sample --quiet
     [ "$(count "$row")" -eq 0 ] || complain "no rows when quiet"
-    expect 1 '^0 missing' 'the sender failed' "${demo[@]}" --sample --batch 0
+    # The receiver may be stopped before it can sum up.
+    expect 1 '*' 'the sender failed' "${demo[@]}" --sample --batch 0
     ;;
 
   spoiled) # one message of 12 interfaces, 267 routes and the end
