@@ -16,6 +16,7 @@ namespace {
 constexpr uint8_t kPoison = 0xEE;
 
 Outcome outcome;
+reference::Trace trace;
 
 std::string describe(const reference::LogCall &call) {
   return std::to_string(call.code) + " " + call.function + ": " + call.text;
@@ -59,13 +60,14 @@ const uint8_t *Guarded::place(const uint8_t *bytes, std::size_t size) {
 }
 
 Outcome last_outcome() { return outcome; }
+const reference::Trace &last_trace() { return trace; }
 
 std::string decode(const Subject &subject, const uint8_t *buffer, uint32_t length, std::size_t failing_allocation) {
   const reference::Type &type = *subject.type;
   const reference::Bytes untouched(type.record_size, kPoison);
   reference::Bytes expected = untouched;
   reference::Bytes record = untouched;
-  reference::Trace trace;
+  trace = {};
   const bool complete = reference::decode(type, buffer, length, expected.data(), trace, failing_allocation);
   outcome = expected == untouched ? Outcome::rejected : complete ? Outcome::complete : Outcome::given_up;
 

@@ -41,4 +41,7 @@ std::string decode(const Subject &subject, const uint8_t *buffer, uint32_t lengt
 enum class Outcome { rejected, given_up, complete };
 Outcome last_outcome();
 
+// What the reference did to the platform in it, releases included.
+const reference::Trace &last_trace();
+
 }  // namespace judge

@@ -1,0 +1,267 @@
+// Spoils good images of every message type, one change at a time, and judges what the library makes of each.
+//
+// Every truncation; every byte set to every value; every vtable entry set to each value that ends in the buffer or just
+// behind it, and to extremes; every offset word, distance to a vtable and count set to what leads to each position of
+// the buffer, forwards and backwards, and to extremes. Where memory is allocated, each allocation also fails in turn.
+#include <fnmatch.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <random>
+#include <stdexcept>
+#include <string_view>
+
+#include "judge.h"
+
+namespace {
+
+using reference::Bytes;
+using reference::Kind;
+using reference::Slot;
+using reference::Type;
+
+uint32_t read(const Bytes &image, uint32_t at, uint32_t width) {
+  uint32_t value = 0;
+  for (uint32_t i = 0; i < width; ++i) value |= uint32_t{image[at + i]} << (8 * i);
+  return value;
+}
+
+// Cuts an image off at a position (width 0) or writes a value there.
+struct Change {
+  uint32_t at;
+  uint32_t width;
+  uint32_t value;
+
+  void apply(Bytes &image) const {
+    if (width == 0) image = Bytes(image.begin(), image.begin() + at);
+    for (uint32_t i = 0; i < width; ++i) image[at + i] = static_cast<uint8_t>(value >> (8 * i));
+  }
+};
+
+// Where an image says where things are: the vtables' words; offset words, distances to vtables and counts.
+struct Places {
+  std::vector<uint32_t> entries;
+  std::vector<uint32_t> words;
+};
+
+void find_places(const Type &type, const Bytes &image, uint32_t table, Places &places) {
+  const uint32_t vtable = table - read(image, table, 4);
+  places.words.push_back(table);
+  for (uint32_t at = vtable; at < vtable + read(image, vtable, 2); at += 2) places.entries.push_back(at);
+  for (uint32_t i = 0; i < type.slots.size(); ++i) {
+    const Slot &slot = type.slots[i];
+    const uint32_t entry = read(image, vtable + 4 + 2 * i, 2);
+    if (entry == 0 || slot.kind == Kind::kScalar) continue;
+    const uint32_t word = table + entry;
+    const uint32_t target = word + read(image, word, 4);
+    places.words.push_back(word);
+    if (slot.kind == Kind::kTable) {
+      find_places(*slot.type, image, target, places);
+      continue;
+    }
+    places.words.push_back(target);
+    for (uint32_t k = 0; slot.kind == Kind::kVector && k < read(image, target, 4); ++k) {
+      const uint32_t element = target + 4 + 4 * k;
+      places.words.push_back(element);
+      find_places(*slot.type, image, element + read(image, element, 4), places);
+    }
+  }
+}
+
+// In the compact layout a record without zeros, the longest of many, and one with every second scalar zero; in the
+// fixed layout one without zeros.
+std::vector<Bytes> good_images(const Type &type, std::mt19937 &random) {
+  Bytes longest;
+  std::vector<Bytes> images;
+  for (int draw = 0; draw < 16; ++draw) {
+    reference::Arena arena;
+    Bytes record(type.record_size);
+    reference::fill_random(type, record.data(), random, draw == 0 ? 0.5 : 0.0, arena);
+    const Bytes image = reference::pack(type, record.data());
+    if (image.size() > longest.size()) longest = image;
+    if (draw == 0) images.push_back(image);
+    if (draw == 1 && type.is_fixed()) images.push_back(reference::build_fixed(type, record.data()));
+  }
+  images.push_back(longest);
+  return images;
+}
+
+// What a decoding came to and the start of the log line that tells it; table and vtable below the root included.
+constexpr struct {
+  const char *name;
+  std::string_view log;
+} kEndings[] = {{"complete", ""},
+                {"given up silently", ""},
+                {"parameters", "[QUOPA]:Param"},
+                {"table offset", "[QUOPA]:Table"},
+                {"vtable offset", "[QUOPA]:Vtable offset"},
+                {"vtable length", "[QUOPA]:Vtable Len"},
+                {"allocation", "[QUOPA]:Malloc"}};
+
+std::size_t last_ending() {
+  const reference::Trace &trace = judge::last_trace();
+  if (trace.logs.empty()) return judge::last_outcome() == judge::Outcome::complete ? 0 : 1;
+  std::size_t ending = 2;
+  while (!trace.logs[0].text.starts_with(kEndings[ending].log)) ++ending;
+  return ending;
+}
+
+// The decoding at work, for whoever has to reproduce it.
+struct {
+  const Type *type;
+  const Bytes *image;  // as changed
+  Change change;
+  std::size_t failing_allocation;
+} current;
+
+void print_current() {
+  const auto &[type, image, change, failing] = current;
+  std::printf("%s", type->prefix().c_str());
+  if (change.width == 0) std::printf(" cut to %u bytes", change.at);
+  if (change.width != 0) std::printf(" with value %u in %u bytes at %u", change.value, change.width, change.at);
+  if (failing != SIZE_MAX) std::printf(", allocation %zu failing", failing);
+  std::printf(":\n  ");
+  for (const uint8_t byte : *image) std::printf("%02X", byte);
+  std::printf("\n");
+}
+
+void print_current_and_die(int signal) {
+  std::printf("signal %d in ", signal);
+  print_current();
+  std::fflush(stdout);
+  _exit(2);
+}
+
+constexpr uint32_t kMostDifferences = 5;  // then it is enough
+
+class Campaign {
+ public:
+  // Judges the extremes and one in sample of the other changes, drawn by seed; from heap blocks or in front of memory
+  // that faults.
+  Campaign(uint32_t sample, bool heap, uint32_t seed) : sample_(sample), heap_(heap), random_(seed) {}
+
+  void spoil(const judge::Subject &subject, const Bytes &good) {
+    const auto n = static_cast<uint32_t>(good.size());
+    const auto judge_one = [&](const Change &change) {
+      if (differences_ < kMostDifferences) judge_changed(subject, good, change);
+    };
+    const auto sample_one = [&](const Change &change) {
+      if (sample_ == 1 || random_() % sample_ == 0) judge_one(change);
+    };
+    Places places = {.entries = {}, .words = {0}};
+    find_places(*subject.type, good, read(good, 0, 4), places);
+    for (uint32_t length = 0; length <= n; ++length) sample_one({length, 0, 0});
+    for (uint32_t at = 0; at < n; ++at) {
+      for (uint32_t value = 0; value < 256; ++value) sample_one({at, 1, value});
+    }
+    for (const uint32_t at : places.entries) {
+      for (const uint32_t value : {0x7FFFu, 0x8000u, 0xFFFFu}) judge_one({at, 2, value});
+      for (uint32_t value = 0; value <= n + 4; ++value) sample_one({at, 2, value});
+    }
+    for (const uint32_t at : places.words) {
+      for (const uint32_t value : {0x3FFFFFFFu, 0x40000000u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu}) {
+        judge_one({at, 4, value});
+      }
+      for (uint32_t target = 0; target <= n + 4; ++target) {
+        for (const uint32_t value : {target, target - at, at - target}) sample_one({at, 4, value});
+      }
+    }
+  }
+
+  uint64_t decodes() const { return decodes_; }
+  uint64_t count(std::size_t ending) const { return endings_[ending]; }
+  uint32_t differences() const { return differences_; }
+
+ private:
+  void judge_changed(const judge::Subject &subject, const Bytes &good, const Change &change) {
+    Bytes image = good;
+    change.apply(image);
+    const auto n = static_cast<uint32_t>(image.size());
+    const uint8_t *bytes = heap_ ? image.data() : memory_.place(image.data(), n);
+    const auto decode = [&](std::size_t failing_allocation) {
+      current = {subject.type, &image, change, failing_allocation};
+      const std::string fault = judge::decode(subject, bytes, n, failing_allocation);
+      ++decodes_;
+      ++endings_[last_ending()];
+      if (fault.empty()) return;
+      ++differences_;
+      print_current();
+      std::printf("%s\n", fault.c_str());
+    };
+    decode(SIZE_MAX);
+    const std::size_t allocations = judge::last_trace().allocations.size();
+    for (std::size_t failing = 0; failing < allocations; ++failing) decode(failing);
+  }
+
+  uint32_t sample_;
+  bool heap_;
+  std::mt19937 random_;
+  judge::Guarded memory_{1 << 16};
+  uint64_t decodes_ = 0;
+  uint64_t endings_[std::size(kEndings)] = {};
+  uint32_t differences_ = 0;
+};
+
+// One file for each image, as the fuzz targets read them: the type's number, then the image.
+void write_seeds(const std::string &folder, const Type &type, std::size_t number, const std::vector<Bytes> &images) {
+  std::filesystem::create_directories(folder);
+  for (std::size_t i = 0; i < images.size(); ++i) {
+    std::ofstream file(folder + "/" + type.prefix() + "-" + std::to_string(i), std::ios::binary);
+    file.put(static_cast<char>(number));
+    file.write(reinterpret_cast<const char *>(images[i].data()), static_cast<std::streamsize>(images[i].size()));
+    if (!file.flush()) throw std::runtime_error("cannot write to " + folder);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  uint32_t sample = 1;
+  uint32_t seed = 1;
+  bool heap = false;
+  std::string pattern = "*";
+  std::string seeds;
+  CLI::App app("Decodes spoiled images of every message type and judges the library's doings by the reference codec.");
+  app.add_option("--sample", sample, "Judge one change in so many, drawn at random; extremes always")
+      ->check(CLI::PositiveNumber);
+  app.add_option("--types", pattern, "Only types whose prefix matches this shell pattern, like fib6_cfg_query*");
+  app.add_option("--seed", seed, "For records and sample");
+  app.add_flag("--heap", heap, "Decode from heap blocks, which sanitizers watch, instead of in front of a guard page");
+  app.add_option("--seeds", seeds, "Only write the good images into this folder, as seeds for the fuzz targets");
+  CLI11_PARSE(app, argc, argv);
+
+  for (const int signal : {SIGSEGV, SIGBUS, SIGABRT}) std::signal(signal, print_current_and_die);
+  const auto start = std::chrono::steady_clock::now();
+  std::mt19937 random(seed);
+  Campaign campaign(sample, heap, seed);
+  std::map<std::string, std::size_t> numbers;  // of the types in their packages
+  for (const Type *each : reference::all_types()) {
+    const Type &type = *each;
+    const std::vector<Bytes> images = good_images(type, random);
+    if (!seeds.empty()) {
+      write_seeds(seeds + "/" + type.package, type, numbers[type.package]++, images);
+      continue;
+    }
+    if (fnmatch(pattern.c_str(), type.prefix().c_str(), 0) != 0) continue;
+    const judge::Subject subject(type);
+    for (const Bytes &image : images) campaign.spoil(subject, image);
+  }
+  if (!seeds.empty()) return 0;
+
+  const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+  std::printf("%12llu decodes in %.1f s\n", static_cast<unsigned long long>(campaign.decodes()), elapsed.count());
+  bool all_seen = true;
+  for (std::size_t i = 0; i < std::size(kEndings); ++i) {
+    std::printf("%12llu %s\n", static_cast<unsigned long long>(campaign.count(i)), kEndings[i].name);
+    all_seen = all_seen && campaign.count(i) > 0;
+  }
+  std::printf("%12u differences\n", campaign.differences());
+  if (pattern == "*" && !all_seen) std::printf("a kind of ending never occurred\n");
+  return campaign.differences() == 0 && campaign.decodes() > 0 && (all_seen || pattern != "*") ? 0 : 1;
+}
