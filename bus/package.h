@@ -27,40 +27,39 @@ constexpr bool is_well_formed() {
 
 }  // namespace drix
 
-#define DRIX_MESSAGE_CONSTANTS(package, message)                             \
-  template <>                                                                \
-  inline constexpr drix::MessageInfo drix::kMessage<package##_##message> = { \
-      .services = &package##_services,                                       \
-      .id = drix_message_id(#package "." #message),                          \
-      .pack_name = #package "_" #message "_pack",                            \
-      .unpack_name = #package "_" #message "_unpack",                        \
-      .non_root_name = #package "_" #message "_unpack_non_root",             \
-      .release_name = #package "_" #message "_free_unpacked",                \
-  };                                                                         \
+#define DRIX_MESSAGE_CONSTANTS(package, message)                                                           \
+  template <>                                                                                              \
+  inline constexpr drix::MessageInfo drix::kMessage<package##_##message> = {                               \
+      .services = &package##_services,                                                                     \
+      .id = drix_message_id(#package "." #message),                                                        \
+      .prefix_length = sizeof #package "_" #message - 1,                                                   \
+      .log_names = #package "_" #message "_pack\0" #package "_" #message "_unpack\0" #package "_" #message \
+                            "_unpack_non_root\0" #package "_" #message "_free_unpacked",                   \
+  };                                                                                                       \
   static_assert(drix::is_well_formed<package##_##message>());
 
 #define DRIX_MESSAGE_OPERATIONS(package, message)                                                               \
   int32_t package##_##message##__pack(const package##_##message *record, uint8_t *buffer, uint32_t *length) {   \
-    return drix::pack(record, buffer, length);                                                                  \
+    return drix::pack(drix::kEncoder<package##_##message>, record, buffer, length);                             \
   }                                                                                                             \
   uint32_t package##_##message##__unpack(const uint8_t *buffer, uint32_t length, package##_##message *record) { \
     return drix::unpack(buffer, length, record);                                                                \
   }                                                                                                             \
   void package##_##message##_free__unpacked(package##_##message *record) { drix::free_unpacked(record); }       \
   int32_t package##_##message##__sendmsg(uint32_t handle, const package##_##message *records, uint32_t count) { \
-    return drix::send(drix::kSender<package##_##message>, handle, records, count, 0);                           \
+    return drix::send(drix::kEncoder<package##_##message>, handle, records, count, 0);                          \
   }                                                                                                             \
   int32_t package##_##message##__sendtomsg(uint32_t handle, const package##_##message *records, uint32_t count, \
                                            uint32_t destination) {                                              \
-    return drix::send(drix::kSender<package##_##message>, handle, records, count, destination);                 \
+    return drix::send(drix::kEncoder<package##_##message>, handle, records, count, destination);                \
   }                                                                                                             \
   int32_t package##_##message##__sendsingle(uint32_t handle, const package##_##message *record, uint32_t,       \
                                             uint32_t destination) {                                             \
-    return drix::send_single(drix::kSender<package##_##message>, handle, record, destination);                  \
+    return drix::send_single(drix::kEncoder<package##_##message>, handle, record, destination);                 \
   }                                                                                                             \
   int32_t package##_##message##__sendbatch(uint32_t handle, const package##_##message *records, uint32_t count, \
                                            uint32_t destination) {                                              \
-    return drix::send_batch(drix::kSender<package##_##message>, handle, records, count, destination);           \
+    return drix::send_batch(drix::kEncoder<package##_##message>, handle, records, count, destination);          \
   }
 
 #define DRIX_MESSAGE_ID(package, message) drix::kMessage<package##_##message>.id,

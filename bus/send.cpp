@@ -18,18 +18,18 @@ int32_t call_bus(uint32_t handle, DrixSendDescriptor *descriptors, uint32_t coun
                           : DRIX_SendMsg(handle, descriptors, count);
 }
 
-DrixSendDescriptor describe(const Sender &sender, const uint8_t *image, uint32_t length) {
-  return {reinterpret_cast<uintptr_t>(image), sender.id, length};
+DrixSendDescriptor describe(const Encoder &encoder, const uint8_t *image, uint32_t length) {
+  return {reinterpret_cast<uintptr_t>(image), encoder.message->id, length};
 }
 
-const void *record_at(const Sender &sender, const void *records, uint32_t i) {
-  return static_cast<const uint8_t *>(records) + std::size_t{i} * sender.record_size;
+const void *record_at(const Encoder &encoder, const void *records, uint32_t i) {
+  return static_cast<const uint8_t *>(records) + std::size_t{i} * encoder.record_size;
 }
 
 // The bytes that the fixed layout leaves unwritten go to another process: zeros, not what this memory held before.
-void encode_fixed(const Sender &sender, uint8_t *image, const void *record) {
-  std::memset(image, 0, sender.fixed_length);
-  sender.build_fixed(image, record);
+void encode_fixed(const Encoder &encoder, uint8_t *image, const void *record) {
+  std::memset(image, 0, encoder.fixed_length);
+  build_fixed(encoder, image, record);
 }
 
 class HeapBlock {
@@ -50,31 +50,31 @@ class HeapBlock {
   uint8_t *start_;
 };
 
-int32_t send_fixed_batch(const Sender &sender, uint32_t handle, const void *records, uint32_t count,
+int32_t send_fixed_batch(const Encoder &encoder, uint32_t handle, const void *records, uint32_t count,
                          uint32_t destination) {
-  const HeapBlock block(uint64_t{count} * (sender.fixed_length + sizeof(DrixSendDescriptor)));
+  const HeapBlock block(uint64_t{count} * (encoder.fixed_length + sizeof(DrixSendDescriptor)));
   if (block.start() == nullptr) return kFailure;
-  DrixSendDescriptor *descriptors = block.descriptors(std::size_t{count} * sender.fixed_length);
+  DrixSendDescriptor *descriptors = block.descriptors(std::size_t{count} * encoder.fixed_length);
   uint8_t *image = block.start();
-  for (uint32_t i = 0; i < count; ++i, image += sender.fixed_length) {
-    encode_fixed(sender, image, record_at(sender, records, i));
-    descriptors[i] = describe(sender, image, sender.fixed_length);
+  for (uint32_t i = 0; i < count; ++i, image += encoder.fixed_length) {
+    encode_fixed(encoder, image, record_at(encoder, records, i));
+    descriptors[i] = describe(encoder, image, encoder.fixed_length);
   }
   return call_bus(handle, descriptors, count, destination);
 }
 
-int32_t send_variable_batch(const Sender &sender, uint32_t handle, const void *records, uint32_t count,
+int32_t send_variable_batch(const Encoder &encoder, uint32_t handle, const void *records, uint32_t count,
                             uint32_t destination) {
   const HeapBlock block(kBatchArea + uint64_t{count} * sizeof(DrixSendDescriptor));
   if (block.start() == nullptr) return kFailure;
   DrixSendDescriptor *descriptors = block.descriptors(kBatchArea);
   uint32_t used = 0;
   for (uint32_t i = 0; i < count; ++i) {
-    const void *record = record_at(sender, records, i);
-    const uint32_t size = sender.size(record);
+    const void *record = record_at(encoder, records, i);
+    const uint32_t size = compact_size(encoder, record);
     if (size == 0 || size > kBatchArea - used) return kFailure;
-    sender.build(block.start() + used, kBatchArea - used, record);
-    descriptors[i] = describe(sender, block.start() + used, size);
+    build(encoder, block.start() + used, kBatchArea - used, record);
+    descriptors[i] = describe(encoder, block.start() + used, size);
     used += size;
   }
   return call_bus(handle, descriptors, count, destination);
@@ -82,33 +82,33 @@ int32_t send_variable_batch(const Sender &sender, uint32_t handle, const void *r
 
 }  // namespace
 
-int32_t send_single(const Sender &sender, uint32_t handle, const void *record, uint32_t destination) {
+int32_t send_single(const Encoder &encoder, uint32_t handle, const void *record, uint32_t destination) {
   if (record == nullptr) return kFailure;
-  if (sender.fixed_length != 0) {
+  if (encoder.fixed_length != 0) {
     uint8_t image[kMaxFixedLength];
-    encode_fixed(sender, image, record);
-    DrixSendDescriptor descriptor = describe(sender, image, sender.fixed_length);
+    encode_fixed(encoder, image, record);
+    DrixSendDescriptor descriptor = describe(encoder, image, encoder.fixed_length);
     return call_bus(handle, &descriptor, 1, destination);
   }
-  const uint32_t size = sender.size(record);
+  const uint32_t size = compact_size(encoder, record);
   if (size == 0) return kFailure;
   const HeapBlock block(size);
   if (block.start() == nullptr) return kFailure;
-  sender.build(block.start(), size, record);
-  DrixSendDescriptor descriptor = describe(sender, block.start(), size);
+  build(encoder, block.start(), size, record);
+  DrixSendDescriptor descriptor = describe(encoder, block.start(), size);
   return call_bus(handle, &descriptor, 1, destination);
 }
 
-int32_t send_batch(const Sender &sender, uint32_t handle, const void *records, uint32_t count, uint32_t destination) {
+int32_t send_batch(const Encoder &encoder, uint32_t handle, const void *records, uint32_t count, uint32_t destination) {
   if (records == nullptr) return kFailure;
-  return sender.fixed_length != 0 ? send_fixed_batch(sender, handle, records, count, destination)
-                                  : send_variable_batch(sender, handle, records, count, destination);
+  return encoder.fixed_length != 0 ? send_fixed_batch(encoder, handle, records, count, destination)
+                                   : send_variable_batch(encoder, handle, records, count, destination);
 }
 
-int32_t send(const Sender &sender, uint32_t handle, const void *records, uint32_t count, uint32_t destination) {
+int32_t send(const Encoder &encoder, uint32_t handle, const void *records, uint32_t count, uint32_t destination) {
   if (count == 0) return kFailure;
-  return count == 1 ? send_single(sender, handle, records, destination)
-                    : send_batch(sender, handle, records, count, destination);
+  return count == 1 ? send_single(encoder, handle, records, destination)
+                    : send_batch(encoder, handle, records, count, destination);
 }
 
 }  // namespace drix

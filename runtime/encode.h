@@ -1,4 +1,6 @@
 // Encoding: the compact layout with its size function, and the fixed layout. One forward pass, no allocation.
+//
+// The code that is made for each type writes tables; what surrounds them is the same for all and stands in encode.cpp.
 #pragma once
 
 #include <array>
@@ -22,13 +24,12 @@ bool has_offset_word(const R &record) {
 }
 
 template <class R>
-bool every_scalar_is_set(const R &record) {
-  bool set = true;
-  for_each_slot<R>([&]<class S>(S) {
-    if constexpr (S::kind == Kind::scalar) set &= S::value(record) != 0;
-    if constexpr (S::kind == Kind::table) set &= every_scalar_is_set(S::value(record));
+[[gnu::always_inline]] inline bool every_scalar_is_set(const R &record) {
+  return all_slots<R>([&]<class S>(S) {
+    if constexpr (S::kind == Kind::scalar) return S::value(record) != 0;
+    if constexpr (S::kind == Kind::table) return every_scalar_is_set(S::value(record));
+    return true;
   });
-  return set;
 }
 
 // Encoded length of a table in the compact layout without a root offset. Sums stay below 2^64: a vector's own bytes are
@@ -56,21 +57,36 @@ uint64_t nested_size(const R &record) {
   return size;
 }
 
-// Encoded length of a record in the compact layout; 0 when it is null or the length does not fit in 32 bits.
+// A length that the encoding of a record with a root offset does not exceed; it is found without a look at the scalars.
 template <class R>
-uint32_t size(const R *record) {
-  if (record == nullptr) return 0;
-  const uint64_t size = kWord + nested_size(*record);
-  return size > UINT32_MAX ? 0 : static_cast<uint32_t>(size);
+uint64_t longest_size(const R &record) {
+  uint64_t size = kWord + vtable_length(kSlots<R>) + kWord;
+  for_each_slot<R>([&]<class S>(S) {
+    if constexpr (S::kind == Kind::scalar) {
+      size += sizeof(typename S::Type);
+    } else if constexpr (S::kind == Kind::array) {
+      size += kOffsetAndCount + sizeof(typename S::Type);
+    } else if constexpr (S::kind == Kind::table) {
+      size += longest_size(S::value(record));
+    } else if constexpr (S::kind == Kind::bytes) {
+      size += kOffsetAndCount + uint64_t{S::length(record)};
+    } else {
+      size += kOffsetAndCount + S::count(record) * uint64_t{kWord + full_size<typename S::Element>()};
+    }
+  });
+  return size;
 }
 
 // Writes a table in the compact layout, vtable first, and returns the end of all that was written; the table itself
 // follows its vtable.
 template <class R>
-uint8_t *build_nested(uint8_t *vtable, const R &record);
-
-template <class R>
-[[gnu::noinline]] uint8_t *build_slots(uint8_t *vtable, const R &record) {
+[[gnu::noinline]] uint8_t *build_table(uint8_t *vtable, const R &record) {
+  if constexpr (kFixedLength<R>) {
+    if (every_scalar_is_set(record)) {
+      write_image<kFullImage<R>>(vtable, &record);
+      return vtable + kFullImage<R>.bytes.size();
+    }
+  }
   constexpr uint32_t kVtableLength = vtable_length(kSlots<R>);
   uint8_t *const table = vtable + kVtableLength;
   const auto set_entry = [=](std::size_t slot, uint32_t offset) {
@@ -81,10 +97,11 @@ template <class R>
   for_each_slot<R>([&]<class S>(S) {
     if constexpr (S::kind == Kind::scalar) {
       const auto value = S::value(record);
-      const uint32_t offset = value != 0 ? inline_size : 0;
+      const uint32_t present = value != 0 ? UINT32_MAX : 0;
+      const uint32_t offset = inline_size & present;
       set_entry(S::index, offset);
       store(table + offset, value);  // a zero falls on the table's distance word, which is written last
-      inline_size += value != 0 ? static_cast<uint32_t>(sizeof value) : 0;
+      inline_size += sizeof value & present;
     }
   });
 
@@ -126,7 +143,7 @@ template <class R>
   for_each_slot<R>([&]<class S>(S) {
     if constexpr (S::kind == Kind::table) {
       point_at(words[S::index], end + vtable_length(kSlots<typename S::Type>));
-      end = build_nested(end, S::value(record));
+      end = build_table(end, S::value(record));
     }
   });
   for_each_slot<R>([&]<class S>(S) {
@@ -137,7 +154,7 @@ template <class R>
       uint8_t *word = words[S::index];
       for (uint32_t i = 0; i < count; ++i, word += kWord) {
         point_at(word, end + vtable_length(kSlots<typename S::Element>));
-        end = build_nested(end, elements[i]);
+        end = build_table(end, elements[i]);
       }
     }
   });
@@ -148,56 +165,61 @@ template <class R>
   return end;
 }
 
-template <class R>
-inline uint8_t *build_nested(uint8_t *vtable, const R &record) {
-  if constexpr (kFixedLength<R>) {
-    if (every_scalar_is_set(record)) {
-      write_image<kFullImage<R>>(vtable, &record);
-      return vtable + kFullImage<R>.bytes.size();
-    }
-  }
-  return build_slots(vtable, record);
-}
+// What the shared encoding flow needs to know of a type.
+struct Encoder {
+  const MessageInfo *message;
+  uint32_t record_size;
+  uint32_t vtable_length;
+  uint8_t *(*build_table)(uint8_t *vtable, const void *record);
 
-// Writes a record in the compact layout into a buffer of at least size(record) bytes. Returns the number of bytes
-// written, 0 on bad parameters.
-template <class R>
-uint32_t build(uint8_t *buffer, uint32_t capacity, const R *record) {
-  Services &services = kMessage<R>.services->encoding;
-  if (buffer == nullptr || record == nullptr || capacity < kWord) [[unlikely]] {
-    reject_build_parameters(services, kMessage<R>.pack_name, buffer, capacity, record);
-    return 0;
-  }
-  svc_bind_mem(services);
-  const uint8_t *end = build_nested(buffer + kWord, *record);
-  store(buffer, kWord + vtable_length(kSlots<R>));
-  return static_cast<uint32_t>(end - buffer);
-}
+  // Of fixed-length types, else 0 and null.
+  uint32_t fixed_length;
+  uint32_t longest_compact;  // encoded length when all scalars are non-zero
+  void (*build_fixed)(uint8_t *buffer, const void *record);
+
+  // Of variable-length types, else null.
+  uint64_t (*nested_size)(const void *record);
+  uint64_t (*longest_size)(const void *record);
+};
+
+// Encoded length of a record of a variable-length type in the compact layout; 0 when it does not fit in 32 bits.
+uint32_t compact_size(const Encoder &encoder, const void *record);
+
+// Writes a record in the compact layout into a buffer that is large enough. Returns the number of bytes written, 0 on
+// bad parameters.
+uint32_t build(const Encoder &encoder, uint8_t *buffer, uint32_t capacity, const void *record);
 
 // Writes exactly the fixed layout of a record; bytes that the layout leaves unwritten stay as they are.
+void build_fixed(const Encoder &encoder, uint8_t *buffer, const void *record);
+
+// The encoder that a package exports, see X__pack in drix_message.h.
+int32_t pack(const Encoder &encoder, const void *record, uint8_t *buffer, uint32_t *length);
+
+inline constexpr uint32_t kMaxFixedLength = 536;
+
 template <class R>
-void build_fixed(uint8_t *buffer, const R &record) {
-  static_assert(kFixedLength<R>);
-  svc_bind_mem(kMessage<R>.services->encoding);
-  write_image<kFixedImage<R>>(buffer, &record);
+constexpr Encoder make_encoder() {
+  Encoder encoder = {};
+  encoder.message = &kMessage<R>;
+  encoder.record_size = sizeof(R);
+  encoder.vtable_length = vtable_length(kSlots<R>);
+  encoder.build_table = [](uint8_t *vtable, const void *record) {
+    return build_table(vtable, *static_cast<const R *>(record));
+  };
+  if constexpr (kFixedLength<R>) {
+    encoder.fixed_length = fixed_length<R>();
+    encoder.longest_compact = kWord + full_size<R>();
+    static_assert(fixed_length<R>() <= kMaxFixedLength && kWord + full_size<R>() <= kMaxFixedLength,
+                  "single records are encoded on the stack");
+    encoder.build_fixed = [](uint8_t *buffer, const void *record) { write_image<kFixedImage<R>>(buffer, record); };
+  } else {
+    encoder.nested_size = [](const void *record) { return nested_size(*static_cast<const R *>(record)); };
+    encoder.longest_size = [](const void *record) { return longest_size(*static_cast<const R *>(record)); };
+  }
+  return encoder;
 }
 
-// The encoder that a package exports for R, see X__pack in drix_message.h.
 template <class R>
-int32_t pack(const R *record, uint8_t *buffer, uint32_t *length) {
-  constexpr int32_t kFailure = -1;
-  if (record == nullptr || length == nullptr) return kFailure;
-  const uint32_t capacity = *length;
-  bool measured = false;
-  if constexpr (kFixedLength<R>) measured = capacity >= kWord + full_size<R>();  // no record needs more
-  if (!measured) {
-    const uint32_t needed = size(record);
-    if (needed == 0 || capacity < needed) return kFailure;
-  }
-  const uint32_t written = build(buffer, capacity, record);
-  if (written == 0) return kFailure;
-  *length = written;
-  return 0;
-}
+inline constexpr Encoder kEncoder = make_encoder<R>();
 
 }  // namespace drix

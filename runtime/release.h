@@ -15,7 +15,7 @@ void release_members(R &record) {
     if constexpr (S::kind == Kind::table) {
       release_members(value);
     } else if constexpr (S::kind == Kind::bytes || S::kind == Kind::vector) {
-      if (value != nullptr) svc_free(kMessage<R>.services->decoding, value, kMessage<R>.release_name);
+      if (value != nullptr) svc_free(kMessage<R>.services->decoding, value, kMessage<R>.release_name());
       value = nullptr;
     }
   });

@@ -12,7 +12,7 @@
 
 namespace drix {
 
-enum class Kind {
+enum class Kind : uint8_t {
   scalar,  // uint8_t, uint16_t or uint32_t
   array,   // uint8_t[N] or uint32_t[N]
   bytes,   // uint8_t * with f<I>Len
@@ -46,6 +46,14 @@ struct Member {
     template <class R>                                   \
     static constexpr std::size_t offset() {              \
       return offsetof(R, f##I);                          \
+    }                                                    \
+    template <class R>                                   \
+    static constexpr std::size_t length_offset() {       \
+      return offsetof(R, f##I##Len);                     \
+    }                                                    \
+    template <class R>                                   \
+    static constexpr std::size_t count_offset() {        \
+      return offsetof(R, f##I##Count);                   \
     }                                                    \
     template <class R>                                   \
     static constexpr auto &value(R &r) {                 \
@@ -115,6 +123,14 @@ struct Slot {
   static constexpr std::size_t offset = Member<I>::template offset<R>();
   static constexpr std::size_t elements = std::extent_v<Type>;  // of an array
 
+  // Of the member before a byte string or vector.
+  static constexpr std::size_t find_length_offset() {
+    if constexpr (kind == Kind::bytes) return Member<I>::template length_offset<R>();
+    if constexpr (kind == Kind::vector) return Member<I>::template count_offset<R>();
+    return 0;
+  }
+  static constexpr std::size_t length_offset = find_length_offset();
+
   static constexpr auto &value(auto &record) { return Member<I>::value(record); }
   static constexpr auto &length(auto &record) { return Member<I>::length(record); }
   static constexpr auto &count(auto &record) { return Member<I>::count(record); }
@@ -122,15 +138,17 @@ struct Slot {
 
 // Calls visit(Slot<R, I>) for every slot in order.
 template <class R, class Visit>
-constexpr void for_each_slot(Visit visit) {
-  [&]<std::size_t... I>(std::index_sequence<I...>) { (visit(Slot<R, I>()), ...); }
+[[gnu::always_inline]] constexpr void for_each_slot(Visit visit) {
+  [&]<std::size_t... I>(std::index_sequence<I...>) __attribute__((always_inline)) { (visit(Slot<R, I>()), ...); }
   (std::make_index_sequence<kSlots<R>>());
 }
 
 // The same until a visit returns false; tells whether all returned true.
 template <class R, class Visit>
-[[nodiscard]] constexpr bool all_slots(Visit visit) {
-  return [&]<std::size_t... I>(std::index_sequence<I...>) { return (visit(Slot<R, I>()) && ...); }
+[[nodiscard, gnu::always_inline]] constexpr bool all_slots(Visit visit) {
+  return [&]<std::size_t... I>(std::index_sequence<I...>) __attribute__((always_inline)) {
+    return (visit(Slot<R, I>()) && ...);
+  }
   (std::make_index_sequence<kSlots<R>>());
 }
 

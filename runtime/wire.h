@@ -16,6 +16,7 @@ constexpr T to_wire_order(T value) {
   if constexpr (kHostIsLittleEndian || sizeof(T) == 1) return value;
   if constexpr (sizeof(T) == 2) return static_cast<T>(__builtin_bswap16(value));
   if constexpr (sizeof(T) == 4) return static_cast<T>(__builtin_bswap32(value));
+  if constexpr (sizeof(T) == 8) return static_cast<T>(__builtin_bswap64(value));
 }
 
 template <std::unsigned_integral T>
