@@ -30,6 +30,7 @@
 #include <string_view>
 
 #include "fib6Sync.h"
+#include "stream_account.h"
 
 namespace routes {
 
@@ -84,30 +85,19 @@ class StreamCheck {
   void take(const auto &message) {
     const uint32_t sequence = message.f0.f1;
     const uint32_t checksum = checksum_member(message);
-    const bool due = sequence == last_sequence_ + 1;
-    if (sequence == 0 || (due && checksum != chain_checksum(last_checksum_, message))) {
-      ++differing_;
-    } else if (sequence <= last_sequence_) {
-      ++repeated_;
-    }
-    if (sequence > last_sequence_) {
-      missing_ += sequence - last_sequence_ - 1;
-      last_sequence_ = sequence;
-      last_checksum_ = checksum;  // the next message is checked against it, so that one fault is counted once
-    }
+    const bool due = sequence == account_.last() + 1;
+    const bool differs = sequence == 0 || (due && checksum != chain_checksum(last_checksum_, message));
+    // The next message is checked against this one, so that one fault is counted once.
+    if (sequence > account_.last()) last_checksum_ = checksum;
+    account_.take(sequence, differs);
   }
 
-  bool clean() const { return missing_ == 0 && repeated_ == 0 && differing_ == 0; }
-  uint64_t missing() const { return missing_; }
-  uint64_t repeated() const { return repeated_; }
-  uint64_t differing() const { return differing_; }
+  void end() { account_.end(); }
+  const StreamAccount &account() const { return account_; }
 
  private:
-  uint32_t last_sequence_ = 0;
+  StreamAccount account_;
   uint32_t last_checksum_ = 0;
-  uint64_t missing_ = 0;
-  uint64_t repeated_ = 0;
-  uint64_t differing_ = 0;
 };
 
 }  // namespace routes

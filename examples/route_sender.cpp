@@ -13,21 +13,18 @@
 #include <system_error>
 #include <vector>
 
+#include "channel.h"
 #include "fib6Sync.h"
-#include "kelvodrix.h"
 #include "process.h"
 #include "route_record.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 struct Options {
-  std::string endpoint = routes::kDefaultEndpoint;
+  ChannelOptions channel = {.endpoint = routes::kDefaultEndpoint};
   std::string file = "/proc/net/ipv6_route";
   uint32_t batch = 256;
   uint32_t repeat = 1;
-  uint32_t timeout_s = 5;
 };
 
 struct Table {
@@ -64,48 +61,6 @@ Table read_table(const std::string &path) {
   return table;
 }
 
-class Channel {
- public:
-  Channel(const std::string &endpoint, uint32_t timeout_s) : endpoint_(endpoint), timeout_ms_(timeout_s * 1000) {
-    kelvodrix_options options = KELVODRIX_OPTIONS_DEFAULT;
-    options.send_timeout_ms = timeout_ms_;
-    if (const int32_t status = kelvodrix_open(endpoint.c_str(), &options, &handle_)) fail("cannot open", status);
-  }
-  Channel(const Channel &) = delete;
-  Channel &operator=(const Channel &) = delete;
-  ~Channel() { kelvodrix_close(handle_, 0, nullptr); }
-
-  void send(const std::vector<fib6Sync_ipv6FwdUpdateMsg> &batch) {
-    check_sent(fib6Sync_ipv6FwdUpdateMsg__sendmsg(handle_, batch.data(), static_cast<uint32_t>(batch.size())));
-  }
-  void send(const fib6Sync_svcCtxMsg &message) { check_sent(fib6Sync_svcCtxMsg__sendmsg(handle_, &message, 1)); }
-
-  // Returns once everything is acknowledged.
-  void flush() {
-    uint64_t undelivered = 0;
-    const int32_t status = kelvodrix_flush(handle_, timeout_ms_, &undelivered);
-    if (status != KELVODRIX_OK) fail(std::to_string(undelivered) + " messages undelivered to", status);
-  }
-
- private:
-  [[noreturn]] void fail(const std::string &what, int32_t status) const {
-    throw std::runtime_error(what + " " + endpoint_ + ": " + kelvodrix_strerror(status));
-  }
-
-  void check_sent(int32_t status) const {
-    if (status == KELVODRIX_OK) return;
-    uint64_t undelivered = 0;
-    kelvodrix_flush(handle_, 0, &undelivered);
-    fail("cannot send, with " + std::to_string(undelivered) + " messages undelivered, to", status);
-  }
-
-  std::string endpoint_;
-  uint32_t timeout_ms_;
-  uint32_t handle_ = 0;
-};
-
-double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
-
 class Progress {
  public:
   explicit Progress(uint64_t total) : total_(total) {}
@@ -125,7 +80,7 @@ void send_routes(Channel &channel, const Table &table, const Options &options) {
   routes::StreamStamp stamp;
   const auto send_context = [&](fib6Sync_svcCtxMsg message) {
     stamp.apply(message);
-    channel.send(message);
+    channel.send(fib6Sync_svcCtxMsg__sendmsg, &message, 1);
   };
 
   uint32_t number = 0;
@@ -143,7 +98,7 @@ void send_routes(Channel &channel, const Table &table, const Options &options) {
       message.f1.f6 = static_cast<uint16_t>(std::min(pass, 0xFFFFu));
       stamp.apply(message);
       if (batch.size() == options.batch || sent + batch.size() == total) {
-        channel.send(batch);
+        channel.send(fib6Sync_ipv6FwdUpdateMsg__sendmsg, batch.data(), static_cast<uint32_t>(batch.size()));
         sent += batch.size();
         batch.clear();
         progress.report(sent);
@@ -160,12 +115,12 @@ void run(const Options &options) {
   if (total + table.interfaces.size() + 1 > UINT32_MAX) {
     throw std::runtime_error("--repeat: a stream has at most 4294967295 messages");
   }
-  Channel channel(options.endpoint, options.timeout_s);
+  Channel channel(options.channel);
   const Clock::time_point start = Clock::now();
   send_routes(channel, table, options);
   const double seconds = seconds_since(start);
   std::printf("sent %" PRIu64 " routes in %.3f s: %.0f routes/s, all acknowledged\n", total, seconds,
-              static_cast<double>(total) / seconds);
+              per_second(total, seconds));
 }
 
 }  // namespace
@@ -174,10 +129,9 @@ int main(int argc, char **argv) {
   Options options;
   CLI::App app("Sends the kernel's IPv6 routes over the bus.", "route_sender");
   app.option_defaults()->always_capture_default();
-  app.add_option("--endpoint", options.endpoint, "where the receiver is");
+  options.channel.add_to(app);
   app.add_option("--file", options.file, "a file in the format of /proc/net/ipv6_route");
   app.add_option("--batch", options.batch, "routes in one send call")->check(CLI::Range(1u, 65536u));
   app.add_option("--repeat", options.repeat, "how often to send the whole table")->check(CLI::Range(1u, UINT32_MAX));
-  app.add_option("--timeout", options.timeout_s, "seconds to wait for the receiver")->check(CLI::Range(0u, 86400u));
   return run_process(app, argc, argv, [&] { run(options); });
 }

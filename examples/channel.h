@@ -1,0 +1,52 @@
+// The sending end of the example processes.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "kelvodrix.h"
+#include "process.h"
+
+struct ChannelOptions {
+  std::string endpoint;
+  uint32_t timeout_s = 5;
+
+  void add_to(CLI::App &app) {
+    app.add_option("--endpoint", endpoint, "where the receiver is");
+    app.add_option("--timeout", timeout_s, "seconds to wait for the receiver")->check(CLI::Range(0u, 86400u));
+  }
+};
+
+class Channel {
+ public:
+  explicit Channel(const ChannelOptions &options) : endpoint_(options.endpoint), timeout_ms_(options.timeout_s * 1000) {
+    kelvodrix_options bus_options = KELVODRIX_OPTIONS_DEFAULT;
+    bus_options.send_timeout_ms = timeout_ms_;
+    check(kelvodrix_open(endpoint_.c_str(), &bus_options, &handle_), "cannot open " + endpoint_);
+  }
+  Channel(const Channel &) = delete;
+  Channel &operator=(const Channel &) = delete;
+  ~Channel() { kelvodrix_close(handle_, 0, nullptr); }
+
+  // Sends records with the send operation of their type.
+  template <class Record>
+  void send(int32_t (*sendmsg)(uint32_t, const Record *, uint32_t), const Record *records, uint32_t count) {
+    const int32_t status = sendmsg(handle_, records, count);
+    if (status == KELVODRIX_OK) return;
+    uint64_t undelivered = 0;
+    kelvodrix_flush(handle_, 0, &undelivered);
+    check(status, "cannot send, with " + std::to_string(undelivered) + " messages undelivered, to " + endpoint_);
+  }
+
+  // Returns once everything is acknowledged.
+  void flush() {
+    uint64_t undelivered = 0;
+    const int32_t status = kelvodrix_flush(handle_, timeout_ms_, &undelivered);
+    check(status, std::to_string(undelivered) + " messages undelivered to " + endpoint_);
+  }
+
+ private:
+  std::string endpoint_;
+  uint32_t timeout_ms_;
+  uint32_t handle_ = 0;
+};

@@ -1,0 +1,85 @@
+// The receiving end of the example processes.
+#pragma once
+
+#include <cinttypes>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "drix_services.h"
+#include "kelvodrix.h"
+#include "process.h"
+#include "stream_account.h"
+
+// Stops the receiver's loop at SIGINT and SIGTERM for as long as it lives.
+class StopOnSignal {
+ public:
+  explicit StopOnSignal(kelvodrix_receiver *receiver) {
+    receiver_ = receiver;
+    install([](int) { kelvodrix_stop(receiver_); });
+  }
+  StopOnSignal(const StopOnSignal &) = delete;
+  StopOnSignal &operator=(const StopOnSignal &) = delete;
+  ~StopOnSignal() { install(SIG_DFL); }
+
+ private:
+  static void install(void (*handler)(int)) {
+    struct sigaction action = {};
+    action.sa_handler = handler;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+  }
+
+  static inline kelvodrix_receiver *receiver_ = nullptr;
+};
+
+// The one receiver of a process.
+class Receiver {
+ public:
+  explicit Receiver(const std::string &endpoint) : receiver_(create(endpoint)), stop_on_signal_(receiver_.get()) {}
+
+  void subscribe(uint32_t id, kelvodrix_subscriber subscriber, void *context) {
+    check(kelvodrix_subscribe(receiver_.get(), id, subscriber, context), "cannot subscribe");
+  }
+
+  // Returns when it is stopped, also by a signal.
+  void run() { check(kelvodrix_run(receiver_.get()), "cannot receive"); }
+  void stop() { kelvodrix_stop(receiver_.get()); }
+
+  // Prints what went wrong with the stream that was received; throws when anything did.
+  void conclude(const StreamAccount &stream) const {
+    kelvodrix_counters bus;
+    kelvodrix_get_counters(receiver_.get(), &bus);
+    drix_services_counters services;
+    drix_services_get_counters(&services);
+    const uint64_t refused = bus.messages - bus.delivered + bus.malformed + bus.stale;
+
+    std::printf("%" PRIu64 " missing, %" PRIu64 " repeated, %" PRIu64 " differing, %" PRIu64
+                " rejected by the decoder, %" PRIu64 " refused by the bus\n",
+                stream.missing(), stream.repeated(), stream.differing(), services.log_lines, refused);
+    if (!stream.ended()) throw std::runtime_error("stopped before the end of the stream");
+    if (!stream.clean() || services.log_lines != 0 || refused != 0) {
+      throw std::runtime_error("the stream did not arrive whole and unchanged");
+    }
+    if (services.blocks_live != 0) {
+      throw std::runtime_error(std::to_string(services.blocks_live) + " blocks of records were not released");
+    }
+  }
+
+ private:
+  struct Destroy {
+    void operator()(kelvodrix_receiver *receiver) const { kelvodrix_receiver_destroy(receiver); }
+  };
+
+  static kelvodrix_receiver *create(const std::string &endpoint) {
+    kelvodrix_receiver *receiver = nullptr;
+    check(kelvodrix_receiver_create(endpoint.c_str(), &receiver), "cannot receive at " + endpoint);
+    return receiver;
+  }
+
+  std::unique_ptr<kelvodrix_receiver, Destroy> receiver_;
+  StopOnSignal stop_on_signal_;
+};
