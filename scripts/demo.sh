@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
 # Sends routes from one process to another over the bus and prints what arrived: the kernel's IPv6 routes, or those of
-# a sample when the kernel has none. Fails when a route is missing or differs.
+# a sample when the kernel has none. Fails when a route is missing or differs. With --soak it sends one record of every
+# message type with random content instead, again and again, and fails when any member of any record differs.
 #
 # Usage: scripts/demo.sh [--sample] [--quiet] [--binaries DIR] [OPTION OF route_sender]...
+#        scripts/demo.sh --soak SECONDS [--binaries DIR] [OPTION OF soak_sender]...
 #   --sample        send the sample's routes anyway
-#   --quiet         print the summary only
+#   --quiet         print the summary only, as --soak always does
+#   --soak SECONDS  send random records of all message types for so long
 #   --binaries DIR  use the programs in DIR instead of installing packages and building
 # For example: scripts/demo.sh --repeat 100000
 set -euo pipefail
@@ -18,6 +21,7 @@ project=$(realpath "$(dirname "${BASH_SOURCE[0]}")/..")
 sample=$project/examples/data/ipv6_route.sample
 routes=/proc/net/ipv6_route
 binaries=
+soak=
 receiver_options=()
 sender_options=()
 while [ $# -gt 0 ]; do
@@ -28,6 +32,10 @@ while [ $# -gt 0 ]; do
       ;;
     --sample) routes=$sample ;;
     --quiet) receiver_options+=(--quiet) ;;
+    --soak)
+      soak=${2:?--soak needs a number of seconds}
+      shift
+      ;;
     --binaries)
       binaries=$(realpath -e "${2:?--binaries needs a folder}")
       shift
@@ -36,9 +44,17 @@ while [ $# -gt 0 ]; do
   esac
   shift
 done
-if ! grep -q . "$routes" 2>/dev/null; then
-  echo "demo: the kernel has no IPv6 routes; these are the sample's"
-  routes=$sample
+if [ -n "$soak" ]; then
+  programs=soak records=record
+  receiver_options=()
+  sender_options+=(--seconds "$soak")
+else
+  programs=route records=route
+  if ! grep -q . "$routes" 2>/dev/null; then
+    echo "demo: the kernel has no IPv6 routes; these are the sample's"
+    routes=$sample
+  fi
+  sender_options+=(--file "$routes")
 fi
 
 cd "$project"
@@ -63,11 +79,11 @@ trap clean_up EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
 
-endpoint=ipc://$work/routes.ipc
-"$binaries/route_receiver" --endpoint "$endpoint" "${receiver_options[@]}" &
+endpoint=ipc://$work/demo.ipc
+"$binaries/${programs}_receiver" --endpoint "$endpoint" "${receiver_options[@]}" &
 receiver=$!
 children+=("$receiver")
-"$binaries/route_sender" --endpoint "$endpoint" --file "$routes" "${sender_options[@]}" &
+"$binaries/${programs}_sender" --endpoint "$endpoint" "${sender_options[@]}" &
 sender=$!
 children+=("$sender")
 
@@ -75,4 +91,4 @@ wait "$sender" || fail "the sender failed"
 # It succeeds once everything is acknowledged, so the receiver has seen the end of the stream by now.
 timeout 5 tail --pid="$receiver" -f /dev/null || fail "the receiver did not see the end of the stream"
 wait "$receiver" || fail "the receiver failed"
-echo "demo: every route arrived unchanged"
+echo "demo: every $records arrived unchanged"

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Runs the example processes and the demo as a user does: examples_test.sh GROUP BINARIES SPOILING_SENDER
+# Runs the example processes and the demo as a user does: examples_test.sh GROUP BINARIES SPOILING_BINARIES
 set -uo pipefail
-group=$1 binaries=$2 spoiling_sender=$3
+group=$1 binaries=$2 spoiling_binaries=$3
 project=$(realpath "$(dirname "$0")/../..")
 sample=$project/examples/data/ipv6_route.sample
 work=$(mktemp -d)
@@ -40,6 +40,16 @@ demo=("$project/scripts/demo.sh" --binaries "$binaries")
 clean='^0 missing, 0 repeated, 0 differing, 0 rejected by the decoder, 0 refused by the bus$'
 row=' (eth|wg|lo)[0-9.]* +[0-9]+ [UGHDAnl!]+$'
 
+# expect_spoiled PROGRAMS OPTION...: the demo fails on each way to spoil a message that standard input names, with the
+# number of the message from 0, and says so.
+expect_spoiled() {
+  ln -s "$binaries/$1_receiver" "$work/$1_receiver"
+  ln -s "$spoiling_binaries/spoiling_$1_sender" "$work/$1_sender"
+  while read -r spoil at output; do
+    expect 1 "^$output" '^demo: the receiver ' env "SPOIL=$spoil" "SPOIL_AT=$at" "${demo[0]}" --binaries "$work" "${@:2}"
+  done
+}
+
 case $group in
   quick_start)
     expect 0 '^received 6 254 vrf-red$' '' "$binaries/quick_start"
@@ -70,12 +80,7 @@ case $group in
     ;;
 
   spoiled) # one message of 12 interfaces, 267 routes and the end
-    ln -s "$binaries/route_receiver" "$work/route_receiver"
-    ln -s "$spoiling_sender" "$work/route_sender"
-    while read -r spoil at counts; do
-      expect 1 "^$counts" '^demo: the receiver ' env "SPOIL=$spoil" "SPOIL_AT=$at" \
-        "${demo[0]}" --binaries "$work" --sample --quiet
-    done <<-'CASES'
+    expect_spoiled route --sample --quiet <<-'CASES'
 	drop 100 1 missing, 0 repeated, 0 differing, 0 rejected
 	drop 5 1 missing, 0 repeated, 0 differing, 0 rejected
 	drop 278 1 missing, 0 repeated, 0 differing, 0 rejected
@@ -85,6 +90,22 @@ case $group in
 	alter 100 0 missing, 0 repeated, 1 differing, 0 rejected
 	truncate 100 1 missing, 0 repeated, 1 differing, 1 rejected
 	CASES
+    ;;
+
+  soak) # the 78th record of a round is a fib6Sync.ipv6FwdUpdateMsg
+    expect 0 '^sent [0-9]+00 records in .* all acknowledged$' '' "${demo[@]}" --soak 1
+    for line in "$clean" '^received [1-9][0-9]* records of '{fib6_cfg,korBrokerFib6,fib6Sync}' in '; do
+      [ "$(count "$line")" -eq 1 ] || complain "no line $line"
+    done
+    expect_spoiled soak --soak 1 <<-'CASES'
+	drop 78 1 missing, 0 repeated, 0 differing, 0 rejected
+	repeat 78 0 missing, 1 repeated, 0 differing, 0 rejected
+	repeat 78 fib6Sync.ipv6FwdUpdateMsg is out of turn, round 1 of seed
+	alter 78 0 missing, 0 repeated, 1 differing, 0 rejected
+	alter 78 fib6Sync.ipv6FwdUpdateMsg differs in f1.f3, round 1 of seed
+	truncate 78 0 missing, 0 repeated, 1 differing, 1 rejected
+	CASES
+    expect 1 '*' '^soak_sender: --seconds: ' "${demo[@]}" --soak 0
     ;;
 
   bad_input)

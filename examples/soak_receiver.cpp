@@ -1,0 +1,129 @@
+// Receives the soak's records and compares every member with what was sent, see soak_record.h. Ends with the stream, or
+// with SIGINT or SIGTERM; succeeds only when the stream arrived whole and unchanged.
+#include <chrono>
+#include <cinttypes>
+#include <cstdint>
+#include <cstdio>
+#include <deque>
+#include <string>
+
+#include "fib6Sync.h"
+#include "process.h"
+#include "receiver.h"
+#include "soak_record.h"
+#include "stream_account.h"
+
+namespace {
+
+constexpr uint32_t kMaxReports = 10;  // the first faults are told one by one, all are counted
+
+// The subscriber of all message types.
+class Soak {
+ public:
+  explicit Soak(Receiver &receiver) : receiver_(receiver) {
+    for (const soak::Package &package : soak::packages()) {
+      Tally &tally = tallies_.emplace_back(Tally{.package = package.name});
+      for (const soak::Message &message : package.messages) {
+        places_.push_back({*this, message, tally, places_.size() + 1});
+        receiver_.subscribe(message.id, take_record, &places_.back());
+      }
+    }
+  }
+  Soak(const Soak &) = delete;
+  Soak &operator=(const Soak &) = delete;
+
+  // Prints the summary; throws when the stream did not arrive whole and unchanged.
+  void conclude() const {
+    Tally total = {};
+    for (const Tally &tally : tallies_) {
+      total.records += tally.records;
+      total.time += tally.time;
+      print(tally, std::string(" of ") + tally.package);
+    }
+    print(total, "");
+    receiver_.conclude(account_);
+  }
+
+ private:
+  struct Tally {
+    const char *package = nullptr;
+    uint64_t records = 0;
+    Clock::duration time = {};  // since the message before each record was done
+  };
+
+  // A message type and its place in a round.
+  struct Place {
+    Soak &soak;
+    const soak::Message &message;
+    Tally &tally;
+    uint64_t index;  // 0 is the mark
+  };
+
+  static void take_record(void *context, uint32_t, const void *record, uint32_t) {
+    const Place &place = *static_cast<const Place *>(context);
+    place.soak.take(place, record);
+  }
+
+  static void print(const Tally &tally, const std::string &what) {
+    const double seconds = std::chrono::duration<double>(tally.time).count();
+    std::printf("received %" PRIu64 " records%s in %.3f s: %.0f records/s\n", tally.records, what.c_str(), seconds,
+                per_second(tally.records, seconds));
+  }
+
+  void take(const Place &place, const void *record) {
+    if (place.message.id == soak::kMarkMessageId) {
+      if (const auto mark = soak::read_mark(*static_cast<const fib6Sync_svcCtxMsg *>(record))) return take(*mark);
+    }
+    const std::string member = place.message.first_difference(round_, record);
+    const uint64_t number = number_of(place.index);
+    if (!member.empty()) report(place, "differs in " + member);
+    if (number != account_.last() + 1) report(place, "is out of turn");
+    account_.take(number, !member.empty());
+    ++place.tally.records;
+    const Clock::time_point now = Clock::now();
+    place.tally.time += now - last_;
+    last_ = now;
+  }
+
+  void take(const soak::Mark &mark) {
+    round_ = mark.round;
+    account_.take(number_of(0), false);
+    last_ = Clock::now();
+    if (mark.end) {
+      account_.end();
+      receiver_.stop();
+    }
+  }
+
+  void report(const Place &place, const std::string &fault) {
+    if (++reports_ > kMaxReports) return;
+    std::printf("%s %s, round %u of seed %u\n", place.message.name, fault.c_str(), round_.number, round_.seed);
+  }
+
+  // The number of a message of this round in the stream.
+  uint64_t number_of(uint64_t index) const { return uint64_t{round_.number - 1} * (places_.size() + 1) + index + 1; }
+
+  Receiver &receiver_;
+  std::deque<Tally> tallies_;  // one a package; neither these nor the places move
+  std::deque<Place> places_;
+  StreamAccount account_;
+  uint32_t reports_ = 0;
+  soak::Round round_ = {.seed = 0, .number = 1};
+  Clock::time_point last_ = Clock::now();  // when the last message was done
+};
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  std::string endpoint = soak::kDefaultEndpoint;
+  CLI::App app("Receives random records of every message type over the bus and checks them.", "soak_receiver");
+  app.option_defaults()->always_capture_default();
+  app.add_option("--endpoint", endpoint, "where to receive");
+  return run_process(app, argc, argv, [&] {
+    for (const soak::Package &package : soak::packages()) check(package.recv_init(), "cannot register the decoders");
+    Receiver receiver(endpoint);
+    Soak soak(receiver);
+    receiver.run();
+    soak.conclude();
+  });
+}
