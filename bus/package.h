@@ -3,13 +3,15 @@
 // DRIX_PACKAGE(package, prefix, LIST) stands in the package's one source file. LIST(MESSAGE) calls MESSAGE(package,
 // message) for every message in registration order; the record of each is package_message. The macro gives every
 // message its constants and its seven exported operations, and the package its binding units and its three functions,
-// whose names start with prefix.
+// whose names start with prefix. package_variable_length is the number of its types that own memory, for the source
+// file to assert.
 #pragma once
 
 #include <iterator>
 
 #include "bus/registration.h"
 #include "bus/send.h"
+#include "drix_message.h"
 #include "runtime/decode.h"
 #include "runtime/encode.h"
 #include "runtime/message.h"
@@ -20,7 +22,8 @@ namespace drix {
 
 template <class R>
 constexpr bool is_well_formed() {
-  static_assert(every_member_is_a_slot<R>(), "members are f0, f1, ... in this order and nothing else");
+  static_assert(every_member_is_a_slot<R>(),
+                "members are f0, f1, ... in this order, 48 slots at most, and nothing else");
   static_assert(nests_one_level<R>(), "embedded and element types hold no further tables, element types own nothing");
   return true;
 }
@@ -62,6 +65,8 @@ constexpr bool is_well_formed() {
     return drix::send_batch(drix::kEncoder<package##_##message>, handle, records, count, destination);          \
   }
 
+#define DRIX_ADD_VARIABLE_LENGTH(package, message) +!drix::kFixedLength<package##_##message>
+
 #define DRIX_MESSAGE_ID(package, message) drix::kMessage<package##_##message>.id,
 
 // The bus knows records as untyped storage, so it is handed the typed operations through untyped pointers.
@@ -74,6 +79,7 @@ constexpr bool is_well_formed() {
   LIST(DRIX_MESSAGE_CONSTANTS)                                                                                \
   static constexpr uint32_t package##_ids[] = {LIST(DRIX_MESSAGE_ID)};                                        \
   static_assert(drix::ids_are_unique(package##_ids), "the bus tells message types apart by ID");              \
+  static constexpr std::size_t package##_variable_length = 0 LIST(DRIX_ADD_VARIABLE_LENGTH);                  \
   extern "C" {                                                                                                \
   LIST(DRIX_MESSAGE_OPERATIONS)                                                                               \
   int32_t prefix##_recv_init(void) {                                                                          \

@@ -8,6 +8,8 @@
 namespace drix {
 namespace {
 
+static_assert(sizeof(DrixSendDescriptor) == sizeof(uintptr_t) + 8, "three words without a gap on the ILP32 platform");
+
 constexpr int32_t kFailure = -1;
 
 // Encoding space of one batch of a variable-length type.

@@ -16,8 +16,7 @@ typedef struct DrixSendDescriptor {
   uint32_t length;   /* encoded length in bytes */
 } DrixSendDescriptor;
 
-/* Decodes a received buffer into a record and returns the record's size in bytes, whether the buffer was good or not.
- */
+/* Decodes a received buffer into a record. Returns the record's size in bytes, whether the buffer was good or not. */
 typedef uint32_t (*DrixDecodeFunc)(const uint8_t *buffer, uint32_t length, void *record);
 
 /* Releases what decoding allocated for a record. */

@@ -9,14 +9,22 @@
  *   int32_t X__pack(const X *record, uint8_t *buffer, uint32_t *length);
  *     Encodes the record in the compact layout. *length is the capacity of the buffer in bytes on entry and the encoded
  *     length on success. Returns 0, or -1 for a null argument, a capacity that is too small or an encoding longer than
- *     0xFFFFFFFF bytes; *length is then unchanged. The record and all that it points to stay the caller's and are only
- *     read. The buffer needs no alignment.
+ *     0xFFFFFFFF bytes; *length is then unchanged. A null buffer of sufficient capacity is logged, the rest is not. The
+ *     record and all that it points to stay the caller's and are only read. The buffer needs no alignment and does not
+ *     overlap the record.
  *
  *   uint32_t X__unpack(const uint8_t *buffer, uint32_t length, X *record);
- *     Decodes a buffer of either layout into the record. Returns sizeof(X) on every path: a rejected buffer shows in
- * the platform's log and in the record. The record is not touched when the arguments, the root offset or the root
- * vtable are bad; otherwise its former content is overwritten, not released. Byte strings and element arrays are
- * allocated and belong to the record until X_free__unpacked.
+ *     Decodes a buffer of either layout, of 4 to 0x7FFFFFFF bytes, into the record, which does not overlap it. Returns
+ *     sizeof(X) on every path; what became of a buffer shows in the record and partly in the platform's log:
+ *     - Null arguments, another length, a root offset or a root vtable out of range: logged, and the record is not
+ *       touched. In all other cases its former content is overwritten, not released.
+ *     - An embedded table or an element whose place or vtable is out of range, or memory that is not to be had: logged,
+ *       and decoding ends there.
+ *     - A field, a count or an element out of range: not logged, and decoding ends there.
+ *     Where decoding ends early, a type that owns nothing keeps the members decoded so far and has zeros in the others;
+ *     of a type that owns memory all blocks are given back, their pointers are null, and lengths and counts that were
+ *     read stay. Otherwise byte strings and element arrays are allocated and belong to the record until
+ *     X_free__unpacked.
  *
  *   void X_free__unpacked(X *record);
  *     Gives back what X__unpack allocated and sets those pointers to null; lengths and counts stay. Harmless on null,

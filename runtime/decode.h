@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdint>
 
+#include "runtime/image_runs.h"
 #include "runtime/message.h"
 #include "runtime/quick_read.h"
 #include "runtime/release.h"

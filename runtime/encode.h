@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "runtime/image.h"
+#include "runtime/image_runs.h"
 #include "runtime/message.h"
 #include "runtime/reject.h"
 #include "runtime/slots.h"
@@ -32,8 +33,8 @@ template <class R>
   });
 }
 
-// Encoded length of a table in the compact layout without a root offset. Sums stay below 2^64: a vector's own bytes are
-// limited by memory, and a count that no memory could hold ends the sum before its elements are read.
+// Encoded length of a table in the compact layout without a root offset. Sums stay far below 2^64, and a vector that is
+// too long by its count alone ends its sum before any element is read.
 template <class R>
 uint64_t nested_size(const R &record) {
   constexpr uint64_t kTooLong = uint64_t{1} << 32;

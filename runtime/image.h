@@ -1,15 +1,12 @@
 // Images: encodings whose every byte is known at compile time except the members' values.
 //
 // Two encodings of a fixed-length type are such constants with holes: the fixed layout, and the compact layout of a
-// record whose scalars are all non-zero. An image is computed once per type, byte by byte, then cut into runs of
-// constant bytes and runs of bytes that come from the record. Writing, recognising and reading an image is then a few
-// copies and compares of constant size.
+// record whose scalars are all non-zero. An image is computed once per type, byte by byte.
 #pragma once
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 
 #include "runtime/slots.h"
 #include "runtime/wire.h"
@@ -22,8 +19,8 @@ template <std::size_t Size>
 struct Image {
   std::array<uint8_t, Size> bytes{};
   std::array<Role, Size> roles{};
-  std::array<uint16_t, Size> source{};  // of a value's bytes: where in the record, counted through each element
-  std::array<uint8_t, Size> width{};    // of a value's bytes: of their element
+  std::array<uint16_t, Size> source{};  // of a value's byte: its place in the record, as if that were in wire order too
+  std::array<uint8_t, Size> width{};    // of a value's byte: bytes of the scalar or element that it belongs to
 
   template <std::unsigned_integral T>
   constexpr void put(std::size_t at, T value) {
@@ -40,26 +37,6 @@ struct Image {
       width[at + i] = static_cast<uint8_t>(element_width);
     }
   }
-};
-
-// Compares byte strings of constant size without a branch until the end.
-class Difference {
- public:
-  template <std::size_t size>
-  void add(const uint8_t *a, const uint8_t *b) {
-    std::size_t at = 0;
-    for (; at + 8 <= size; at += 8) bits_ |= word(a + at, 8) ^ word(b + at, 8);
-    if (at < size) bits_ |= word(a + at, size - at) ^ word(b + at, size - at);
-  }
-  bool none() const { return bits_ == 0; }
-
- private:
-  static uint64_t word(const uint8_t *from, std::size_t size) {
-    uint64_t value = 0;
-    std::memcpy(&value, from, size);
-    return value;
-  }
-  uint64_t bits_ = 0;
 };
 
 template <class R>
@@ -194,99 +171,6 @@ inline constexpr auto kFullImage = [] {
   Image<full_size<R>()> image;
   put_full<R>(image, 0, 0);
   return image;
-}();
-
-// Bytes of one role that stand together; values also stand together in the record.
-struct Run {
-  std::size_t at;
-  std::size_t size;
-  std::size_t source;
-  std::size_t width;  // of the elements
-};
-
-// The constants alone, which are all that is left of an image in the library.
-template <const auto &image>
-inline constexpr auto kConstants = image.bytes;
-
-template <const auto &image, Role role>
-struct Runs {
-  // Elements of different width join only where they need no byte swaps.
-  static constexpr bool starts_at(std::size_t at) {
-    if (image.roles[at] != role) return false;
-    if (at == 0 || image.roles[at - 1] != role) return true;
-    if (role != Role::value) return false;
-    return image.source[at] != image.source[at - 1] + 1 ||
-           (!kHostIsLittleEndian && image.width[at] != image.width[at - 1]);
-  }
-
-  static constexpr std::size_t count = [] {
-    std::size_t runs = 0;
-    for (std::size_t at = 0; at < image.roles.size(); ++at) runs += starts_at(at);
-    return runs;
-  }();
-
-  static constexpr std::array<Run, count> list = [] {
-    std::array<Run, count> runs{};
-    std::size_t found = 0;
-    for (std::size_t at = 0; at < image.roles.size(); ++at) {
-      if (starts_at(at)) runs[found++] = {at, 0, image.source[at], image.width[at]};
-      if (image.roles[at] == role) ++runs[found - 1].size;
-    }
-    return runs;
-  }();
-};
-
-// Calls visit.operator()<run>() for each run of a role.
-template <const auto &image, Role role, class Visit>
-inline void for_each_run(Visit visit) {
-  using List = Runs<image, role>;
-  [&]<std::size_t... I>(std::index_sequence<I...>) { (visit.template operator()<List::list[I]>(), ...); }
-  (std::make_index_sequence<List::count>());
-}
-
-// Copies a run of values from record to image or back.
-template <Run run>
-inline void copy_values(void *to, const void *from) {
-  if constexpr (kHostIsLittleEndian || run.width == 1) {
-    std::memcpy(to, from, run.size);
-  } else if constexpr (run.width == 2) {
-    copy_elements<uint16_t>(to, from, run.size / 2);
-  } else {
-    copy_elements<uint32_t>(to, from, run.size / 4);
-  }
-}
-
-// Writes an image of the record; bytes that the layout leaves unwritten stay as they are.
-template <const auto &image>
-inline void write_image(uint8_t *__restrict out, const void *__restrict record) {
-  const auto *from = static_cast<const uint8_t *>(record);
-  for_each_run<image, Role::constant>(
-      [=]<Run run>() { std::memcpy(out + run.at, kConstants<image>.data() + run.at, run.size); });
-  for_each_run<image, Role::value>([=]<Run run>() { copy_values<run>(out + run.at, from + run.source); });
-}
-
-// Tells whether the bytes at in, as many as the image has, equal it everywhere but in the values.
-template <const auto &image>
-inline bool matches_image(const uint8_t *in) {
-  Difference difference;
-  for_each_run<image, Role::constant>(
-      [&]<Run run>() { difference.add<run.size>(in + run.at, kConstants<image>.data() + run.at); });
-  return difference.none();
-}
-
-// Reads the values of a matching image into the record.
-template <const auto &image>
-inline void read_image(void *__restrict record, const uint8_t *__restrict in) {
-  auto *to = static_cast<uint8_t *>(record);
-  for_each_run<image, Role::value>([=]<Run run>() { copy_values<run>(to + run.source, in + run.at); });
-}
-
-// The last byte that an image's reader looks at, counted from its start.
-template <const auto &image>
-inline constexpr std::size_t kReadSize = [] {
-  std::size_t size = image.roles.size();
-  while (image.roles[size - 1] == Role::unwritten) --size;
-  return size;
 }();
 
 }  // namespace drix

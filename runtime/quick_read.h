@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "runtime/image.h"
+#include "runtime/image_runs.h"
 #include "runtime/message.h"
 #include "runtime/slots.h"
 #include "runtime/wire.h"

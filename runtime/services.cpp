@@ -35,14 +35,14 @@ void *heap_allocate(uint32_t size, uint32_t /*memory_module*/, const char * /*fu
 
 void heap_free(void *block, uint32_t /*memory_module*/, const char * /*function*/) { std::free(block); }
 
-void bind_log(Services &unit) {
+void bind_log_once(Services &unit) {
   const Lock lock(unit.log_mutex);
   if (unit.log_bound.load(std::memory_order_relaxed)) return;
   unit.log_writer = find_in_process<LogWriter>("PXR_OsalLogWrite");
   unit.log_bound.store(true, std::memory_order_release);
 }
 
-void bind_memory(Services &unit) {
+void bind_memory_once(Services &unit) {
   const Lock lock(unit.memory_mutex);
   if (unit.memory_bound.load(std::memory_order_relaxed)) return;
   if (platform_memory_wanted()) {

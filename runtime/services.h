@@ -35,22 +35,23 @@ struct Services {
   std::atomic<bool> memory_bound = false;
   Allocator *allocate = heap_allocate;
   Deallocator *free = heap_free;
-  LogModule log_module = {"QUOPA", "QUOPA_MIRAVEL_SERIAL", 0x6200};
+  const LogModule log_module = {"QUOPA", "QUOPA_MIRAVEL_SERIAL", 0x6200};
   pthread_mutex_t log_mutex = PTHREAD_MUTEX_INITIALIZER;
   LogWriter *log_writer = nullptr;
   std::atomic<bool> log_bound = false;
 };
 
-void bind_log(Services &unit);
-void bind_memory(Services &unit);
+// The slow halves of the next two.
+void bind_log_once(Services &unit);
+void bind_memory_once(Services &unit);
 
 inline void svc_bind_log(Services &unit) {
-  if (!unit.log_bound.load(std::memory_order_acquire)) bind_log(unit);
+  if (!unit.log_bound.load(std::memory_order_acquire)) bind_log_once(unit);
 }
 
 inline void svc_bind_mem(Services &unit) {
   if (!unit.memory_bound.load(std::memory_order_acquire)) [[unlikely]]
-    bind_memory(unit);
+    bind_memory_once(unit);
 }
 
 // Writes one log line, or nothing when the process has no log writer. function is the log name of the failing

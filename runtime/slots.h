@@ -20,7 +20,7 @@ enum class Kind : uint8_t {
   vector   // another record's pointer with f<I>Count
 };
 
-inline constexpr std::size_t kMaxSlots = 48;
+inline constexpr std::size_t kMaxSlots = 48;  // as many as the list of accessors below has
 
 template <std::size_t I>
 struct Member {
@@ -103,10 +103,12 @@ struct Slot {
       return Kind::table;
     } else if constexpr (std::is_pointer_v<Type> && std::is_class_v<Element>) {
       static_assert(Member<I>::template has_count<R>, "a vector needs its count member");
+      static_assert(std::is_same_v<decltype(Member<I>::count(std::declval<R &>())), uint32_t &>);
       return Kind::vector;
     } else if constexpr (std::is_pointer_v<Type>) {
       static_assert(std::is_same_v<Element, uint8_t>, "a pointer is a byte string or a vector of records");
       static_assert(Member<I>::template has_length<R>, "a byte string needs its length member");
+      static_assert(std::is_same_v<decltype(Member<I>::length(std::declval<R &>())), uint32_t &>);
       return Kind::bytes;
     } else if constexpr (std::is_array_v<Type>) {
       static_assert(std::is_same_v<Element, uint8_t> || std::is_same_v<Element, uint32_t>);
@@ -188,17 +190,21 @@ constexpr std::size_t members() {
 
 }  // namespace member_count
 
-// True when every member of R belongs to a slot and the members stand in slot order, so that a misspelt or misplaced
-// member is a compile error and not a lost field.
+// True when every member of R belongs to a slot and the members stand in slot order, lengths and counts before their
+// pointers, so that a misspelt or misplaced member is a compile error and not a lost field.
 template <class R>
 constexpr bool every_member_is_a_slot() {
   std::size_t members = 0;
   std::size_t last_offset = 0;
   bool ordered = true;
+  const auto follows = [&](std::size_t offset) {
+    ordered = ordered && (members == 0 || offset > last_offset);
+    last_offset = offset;
+    ++members;
+  };
   for_each_slot<R>([&](auto slot) {
-    members += slot.kind == Kind::bytes || slot.kind == Kind::vector ? 2 : 1;
-    ordered = ordered && (slot.offset > last_offset || members == 1);
-    last_offset = slot.offset;
+    if (slot.kind == Kind::bytes || slot.kind == Kind::vector) follows(slot.length_offset);
+    follows(slot.offset);
   });
   return ordered && members == member_count::members<R>();
 }

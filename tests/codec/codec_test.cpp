@@ -12,7 +12,7 @@
 #include "korBrokerFib6.h"
 #include "operations.h"
 #include "probe.h"
-#include "runtime/image.h"
+#include "runtime/image_runs.h"
 
 namespace {
 

@@ -21,6 +21,10 @@ struct Swapped {
   uint32_t f1;
   uint32_t f0;
 };
+struct LengthAfterBytes {
+  uint8_t *f0;
+  uint32_t f0Len;
+};
 struct TwoLevels {
   uint32_t f0;
   probe_carrier f1;
@@ -33,10 +37,12 @@ struct OwningElements {
 static_assert(!drix::every_member_is_a_slot<Misspelt>());
 static_assert(!drix::every_member_is_a_slot<MisspeltInPadding>());
 static_assert(!drix::every_member_is_a_slot<Swapped>());
+static_assert(!drix::every_member_is_a_slot<LengthAfterBytes>());
 static_assert(!drix::nests_one_level<TwoLevels>());
 static_assert(!drix::nests_one_level<OwningElements>());
 static_assert(drix::every_member_is_a_slot<probe_every>() && drix::nests_one_level<probe_every>());
 static_assert(!drix::kFixedLength<probe_holder> && drix::kFixedLength<probe_carrier>);
+static_assert(probe_variable_length == 4);
 constexpr uint32_t kRepeatedIds[] = {7, 8, 7};
 static_assert(!drix::ids_are_unique(kRepeatedIds));
 
