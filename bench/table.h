@@ -1,8 +1,9 @@
-// The results as a table that can be read.
+// The results as tables that can be read.
 #pragma once
 
 #include <benchmark/benchmark.h>
 
+#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
@@ -10,7 +11,7 @@
 namespace bench {
 
 // Prints the median of each case, in nanoseconds an item: a line for each row of the cases' names, a column for each
-// column. Rows with the same columns share a table.
+// column; then how the operations of the library compare with what bounds them.
 class Table : public benchmark::BenchmarkReporter {
  public:
   bool ReportContext(const Context &context) override;
@@ -20,8 +21,13 @@ class Table : public benchmark::BenchmarkReporter {
  private:
   struct Row {
     std::string name;
+    int64_t order;
     std::map<std::string, double> nanoseconds;  // by column
   };
+
+  void print_medians() const;
+  void print_ratios() const;
+
   std::vector<Row> rows_;
 };
 

@@ -80,9 +80,7 @@ struct DecoderOf {
   static constexpr Decoder decoder = [] {
     Decoder made = {&kMessage<R>, sizeof(R), kSlots<R>, shapes.data(), inner.data(), nullptr, nullptr};
     if constexpr (kFixedLength<R>) {
-      made.read = [](const uint8_t *buffer, uint32_t length, uint32_t position, void *record) {
-        return read_table(buffer, length, position, static_cast<R *>(record));
-      };
+      made.read = read_table<R>;
     } else {
       made.release = [](void *record) { release_members(*static_cast<R *>(record)); };
     }
@@ -101,7 +99,7 @@ uint32_t unpack(const uint8_t *buffer, uint32_t length, R *record) {
         read_image<kFixedImage<R>>(record, buffer);
         return sizeof(R);
       }
-      if (read_table(buffer, length, root, record)) return sizeof(R);
+      if (read_table<R>(buffer, length, root, record)) return sizeof(R);
     }
   }
   return unpack_root(DecoderOf<R>::decoder, buffer, length, record);

@@ -81,7 +81,8 @@ uint64_t longest_size(const R &record) {
 // Writes a table in the compact layout, vtable first, and returns the end of all that was written; the table itself
 // follows its vtable.
 template <class R>
-[[gnu::noinline]] uint8_t *build_table(uint8_t *vtable, const R &record) {
+[[gnu::noinline]] uint8_t *build_table(uint8_t *vtable, const void *of) {
+  const R &record = *static_cast<const R *>(of);
   if constexpr (kFixedLength<R>) {
     if (every_scalar_is_set(record)) {
       write_image<kFullImage<R>>(vtable, &record);
@@ -144,7 +145,7 @@ template <class R>
   for_each_slot<R>([&]<class S>(S) {
     if constexpr (S::kind == Kind::table) {
       point_at(words[S::index], end + vtable_length(kSlots<typename S::Type>));
-      end = build_table(end, S::value(record));
+      end = build_table<typename S::Type>(end, &S::value(record));
     }
   });
   for_each_slot<R>([&]<class S>(S) {
@@ -155,7 +156,7 @@ template <class R>
       uint8_t *word = words[S::index];
       for (uint32_t i = 0; i < count; ++i, word += kWord) {
         point_at(word, end + vtable_length(kSlots<typename S::Element>));
-        end = build_table(end, elements[i]);
+        end = build_table<typename S::Element>(end, &elements[i]);
       }
     }
   });
@@ -204,9 +205,7 @@ constexpr Encoder make_encoder() {
   encoder.message = &kMessage<R>;
   encoder.record_size = sizeof(R);
   encoder.vtable_length = vtable_length(kSlots<R>);
-  encoder.build_table = [](uint8_t *vtable, const void *record) {
-    return build_table(vtable, *static_cast<const R *>(record));
-  };
+  encoder.build_table = build_table<R>;
   if constexpr (kFixedLength<R>) {
     encoder.fixed_length = fixed_length<R>();
     encoder.longest_compact = kWord + full_size<R>();

@@ -97,7 +97,8 @@ inline constexpr std::size_t kManySlots = 8;
 // embedded tables present. Its scalars are read without a branch: for an absent one, the distance word at the table's
 // start is read instead and masked out.
 template <class R>
-bool read_table(const uint8_t *buffer, uint32_t length, uint32_t position, R *record) {
+bool read_table(const uint8_t *buffer, uint32_t length, uint32_t position, void *to) {
+  R &record = *static_cast<R *>(to);
   constexpr uint32_t kVtableLength = vtable_length(kSlots<R>);
   if (position < kWord + kVtableLength || position > length - kWord) return false;
   const uint8_t *const start = buffer + position;
@@ -107,11 +108,11 @@ bool read_table(const uint8_t *buffer, uint32_t length, uint32_t position, R *re
   if (load<uint32_t>(start) != kVtableLength || load<uint16_t>(vtable) != kVtableLength) return false;
   svc_bind_mem(kMessage<R>.services->decoding);
   if constexpr (LastTable<R>().all_slots >= kManySlots) {
-    if (read_full_table(vtable, room + kVtableLength, *record)) return true;
+    if (read_full_table(vtable, room + kVtableLength, record)) return true;
   }
   if (!slots_in_reach<R>(entries, room)) return false;
   return all_slots<R>([&]<class S>(S) {
-    auto &value = S::value(*record);
+    auto &value = S::value(record);
     const std::size_t at = load<uint16_t>(entries + 2 * S::index);
     if constexpr (S::kind == Kind::scalar) {
       const auto present = load<typename S::Type>(start + at);
@@ -125,7 +126,8 @@ bool read_table(const uint8_t *buffer, uint32_t length, uint32_t position, R *re
       return true;
     } else {
       const uint64_t inner = uint64_t{position} + at + load<uint32_t>(start + at);
-      return at != 0 && inner <= length && read_table(buffer, length, static_cast<uint32_t>(inner), &value);
+      return at != 0 && inner <= length &&
+             read_table<typename S::Type>(buffer, length, static_cast<uint32_t>(inner), &value);
     }
   });
 }
