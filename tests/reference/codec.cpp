@@ -382,8 +382,9 @@ void release(const Type &type, void *record, Trace &trace) {
     if (slot.kind == Kind::kTable) release(*slot.type, inside(record, slot), trace);
     if (slot.kind != Kind::kBytes && slot.kind != Kind::kVector) continue;
     if (get_pointer(record, slot) != nullptr) {
+      const size_t size = get_length(record, slot) * (slot.kind == Kind::kBytes ? 1 : slot.type->record_size);
       std::free(get_pointer(record, slot));
-      trace.frees.push_back({0, type.prefix() + "_free_unpacked"});
+      trace.frees.push_back({static_cast<uint32_t>(size), type.prefix() + "_free_unpacked"});
     }
     set_pointer(record, slot, nullptr);
   }

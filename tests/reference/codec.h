@@ -48,7 +48,7 @@ struct LogCall {
 };
 
 struct MemoryCall {
-  uint32_t size;  // 0 for a free
+  uint32_t size;  // of the block
   std::string function;
   bool operator==(const MemoryCall &) const = default;
 };

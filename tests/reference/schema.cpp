@@ -157,7 +157,7 @@ const Type *lookup(const std::string &package, const std::string &message) {
   return &*found;
 }
 
-// Splits "name[N]*M"; has_brackets tells a vector "name[]" from a plain name.
+// Reads "name", "name[]" or "name[N]".
 Slot parse_slot(const std::string &package, const std::string &text) {
   const size_t bracket = text.find('[');
   const std::string name = text.substr(0, bracket);

@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <mutex>
-#include <set>
 
 namespace {
 
@@ -13,7 +13,7 @@ std::mutex mutex;
 std::vector<fake_platform::LogCall> log_calls;
 std::vector<fake_platform::MemoryCall> allocation_calls;
 std::vector<fake_platform::MemoryCall> free_calls;
-std::set<void *> live;
+std::map<void *, uint32_t> live;  // with their sizes
 std::size_t until_failure = fake_platform::kNever;
 
 [[noreturn]] void broken_contract(const char *what) {
@@ -71,14 +71,16 @@ PLATFORM_SERVICE void *PXR_OsalMemCacheAlloc(uint32_t size, uint32_t memory_modu
   if (until_failure != fake_platform::kNever && until_failure-- == 0) return nullptr;
   void *block = std::malloc(size);
   std::memset(block, 0xA5, size);  // nobody may count on fresh memory being zero
-  live.insert(block);
+  live[block] = size;
   return block;
 }
 
 PLATFORM_SERVICE void PXR_OsalMemFree(void *block, uint32_t memory_module, const char *function) {
   if (memory_module != 12) broken_contract("free");
   const std::lock_guard lock(mutex);
-  if (live.erase(block) != 1) broken_contract("free of a block that is not live");
-  free_calls.push_back({0, function});
+  const auto freed = live.find(block);
+  if (freed == live.end()) broken_contract("free of a block that is not live");
+  free_calls.push_back({freed->second, function});
+  live.erase(freed);
   std::free(block);
 }
