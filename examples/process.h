@@ -27,19 +27,28 @@ inline void check(int32_t status, const std::string &what) {
   if (status != KELVODRIX_OK) throw std::runtime_error(what + ": " + kelvodrix_strerror(status));
 }
 
-// Parses the command line and calls body, which throws when it fails. Returns the process's exit status.
-template <class Body>
-int run_process(CLI::App &app, int argc, char **argv, Body body) {
-  const std::string name = app.get_name();
-  app.failure_message([name](const CLI::App *, const CLI::Error &error) { return name + ": " + error.what() + "\n"; });
-  CLI11_PARSE(app, argc, argv);
+// The main function of a process: fills the options from the command line and runs, which throws when it fails. Returns
+// the process's exit status.
+template <class Options>
+int run_process(const char *name, const char *description, int argc, char **argv, void (*run)(const Options &)) {
   try {
-    body();
+    CLI::App app(description, name);
+    app.option_defaults()->always_capture_default();
+    app.failure_message(
+        [&](const CLI::App *, const CLI::Error &error) { return std::string(name) + ": " + error.what() + "\n"; });
+    Options options;
+    options.add_to(app);
+    try {
+      app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+      return app.exit(error);
+    }
+    run(options);
     if (std::fflush(stdout) != 0 || std::ferror(stdout)) throw std::runtime_error("cannot write to standard output");
     return 0;
   } catch (const std::exception &error) {
     std::fflush(stdout);
-    std::fprintf(stderr, "%s: %s\n", name.c_str(), error.what());
+    std::fprintf(stderr, "%s: %s\n", name, error.what());
     return 1;
   }
 }

@@ -58,7 +58,7 @@ class Receiver {
     const uint64_t refused = bus.messages - bus.delivered + bus.malformed + bus.stale;
 
     std::printf("%" PRIu64 " missing, %" PRIu64 " repeated, %" PRIu64 " differing, %" PRIu64
-                " rejected by the decoder, %" PRIu64 " refused by the bus\n",
+                " logged by the decoder, %" PRIu64 " refused by the bus\n",
                 stream.missing(), stream.repeated(), stream.differing(), services.log_lines, refused);
     if (!stream.ended()) throw std::runtime_error("stopped before the end of the stream");
     if (!stream.clean() || services.log_lines != 0 || refused != 0) {

@@ -79,20 +79,27 @@ class RouteStream {
   double seconds_ = 0;  // from the first message to the end
 };
 
+struct Options {
+  std::string endpoint = routes::kDefaultEndpoint;
+  bool quiet = false;
+
+  void add_to(CLI::App &app) {
+    app.add_option("--endpoint", endpoint, "where to receive");
+    app.add_flag("--quiet", quiet, "print the summary only");
+  }
+};
+
+void run(const Options &options) {
+  check(fib6_sync_recv_init(), "cannot register the decoders");
+  Receiver receiver(options.endpoint);
+  RouteStream stream(receiver, !options.quiet);
+  stream.run();
+  stream.conclude();
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
-  std::string endpoint = routes::kDefaultEndpoint;
-  bool quiet = false;
-  CLI::App app("Receives IPv6 routes over the bus, checks them and prints them.", "route_receiver");
-  app.option_defaults()->always_capture_default();
-  app.add_option("--endpoint", endpoint, "where to receive");
-  app.add_flag("--quiet", quiet, "print the summary only");
-  return run_process(app, argc, argv, [&] {
-    check(fib6_sync_recv_init(), "cannot register the decoders");
-    Receiver receiver(endpoint);
-    RouteStream stream(receiver, !quiet);
-    stream.run();
-    stream.conclude();
-  });
+  return run_process("route_receiver", "Receives IPv6 routes over the bus, checks them and prints them.", argc, argv,
+                     run);
 }

@@ -25,6 +25,13 @@ struct Options {
   std::string file = "/proc/net/ipv6_route";
   uint32_t batch = 256;
   uint32_t repeat = 1;
+
+  void add_to(CLI::App &app) {
+    channel.add_to(app);
+    app.add_option("--file", file, "a file in the format of /proc/net/ipv6_route");
+    app.add_option("--batch", batch, "routes in one send call")->check(CLI::Range(1u, 65536u));
+    app.add_option("--repeat", repeat, "how often to send the whole table")->check(CLI::Range(1u, UINT32_MAX));
+  }
 };
 
 struct Table {
@@ -126,12 +133,5 @@ void run(const Options &options) {
 }  // namespace
 
 int main(int argc, char **argv) {
-  Options options;
-  CLI::App app("Sends the kernel's IPv6 routes over the bus.", "route_sender");
-  app.option_defaults()->always_capture_default();
-  options.channel.add_to(app);
-  app.add_option("--file", options.file, "a file in the format of /proc/net/ipv6_route");
-  app.add_option("--batch", options.batch, "routes in one send call")->check(CLI::Range(1u, 65536u));
-  app.add_option("--repeat", options.repeat, "how often to send the whole table")->check(CLI::Range(1u, UINT32_MAX));
-  return run_process(app, argc, argv, [&] { run(options); });
+  return run_process("route_sender", "Sends the kernel's IPv6 routes over the bus.", argc, argv, run);
 }

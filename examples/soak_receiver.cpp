@@ -112,18 +112,23 @@ class Soak {
   Clock::time_point last_ = Clock::now();  // when the last message was done
 };
 
+struct Options {
+  std::string endpoint = soak::kDefaultEndpoint;
+
+  void add_to(CLI::App &app) { app.add_option("--endpoint", endpoint, "where to receive"); }
+};
+
+void run(const Options &options) {
+  for (const soak::Package &package : soak::packages()) check(package.recv_init(), "cannot register the decoders");
+  Receiver receiver(options.endpoint);
+  Soak soak(receiver);
+  receiver.run();
+  soak.conclude();
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
-  std::string endpoint = soak::kDefaultEndpoint;
-  CLI::App app("Receives random records of every message type over the bus and checks them.", "soak_receiver");
-  app.option_defaults()->always_capture_default();
-  app.add_option("--endpoint", endpoint, "where to receive");
-  return run_process(app, argc, argv, [&] {
-    for (const soak::Package &package : soak::packages()) check(package.recv_init(), "cannot register the decoders");
-    Receiver receiver(endpoint);
-    Soak soak(receiver);
-    receiver.run();
-    soak.conclude();
-  });
+  return run_process("soak_receiver", "Receives random records of every message type over the bus and checks them.",
+                     argc, argv, run);
 }

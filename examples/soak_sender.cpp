@@ -16,6 +16,12 @@ struct Options {
   ChannelOptions channel = {.endpoint = soak::kDefaultEndpoint};
   uint32_t seconds = 10;
   uint32_t seed = std::random_device()();
+
+  void add_to(CLI::App &app) {
+    channel.add_to(app);
+    app.add_option("--seconds", seconds, "how long to send")->check(CLI::Range(1u, 86400u));
+    app.add_option("--seed", seed, "of the random content");
+  }
 };
 
 void send_mark(Channel &channel, const soak::Mark &mark) {
@@ -48,11 +54,5 @@ void run(const Options &options) {
 }  // namespace
 
 int main(int argc, char **argv) {
-  Options options;
-  CLI::App app("Sends random records of every message type over the bus.", "soak_sender");
-  app.option_defaults()->always_capture_default();
-  options.channel.add_to(app);
-  app.add_option("--seconds", options.seconds, "how long to send")->check(CLI::Range(1u, 86400u));
-  app.add_option("--seed", options.seed, "of the random content");
-  return run_process(app, argc, argv, [&] { run(options); });
+  return run_process("soak_sender", "Sends random records of every message type over the bus.", argc, argv, run);
 }

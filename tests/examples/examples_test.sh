@@ -37,7 +37,7 @@ count() { grep -cE -- "$1" "$work/output"; }
 one_error_line() { [ "$(wc -l <"$work/errors")" -eq 1 ] || complain "not one line on standard error: $*"; }
 
 demo=("$project/scripts/demo.sh" --binaries "$binaries")
-clean='^0 missing, 0 repeated, 0 differing, 0 rejected by the decoder, 0 refused by the bus$'
+clean='^0 missing, 0 repeated, 0 differing, 0 logged by the decoder, 0 refused by the bus$'
 row=' (eth|wg|lo)[0-9.]* +[0-9]+ [UGHDAnl!]+$'
 
 # expect_spoiled PROGRAMS OPTION...: the demo fails on each way to spoil a message that standard input names, with the
@@ -81,14 +81,14 @@ case $group in
 
   spoiled) # one message of 12 interfaces, 267 routes and the end
     expect_spoiled route --sample --quiet <<-'CASES'
-	drop 100 1 missing, 0 repeated, 0 differing, 0 rejected
-	drop 5 1 missing, 0 repeated, 0 differing, 0 rejected
-	drop 278 1 missing, 0 repeated, 0 differing, 0 rejected
-	drop 279 0 missing, 0 repeated, 0 differing, 0 rejected
-	repeat 100 0 missing, 1 repeated, 0 differing, 0 rejected
-	swap 100 1 missing, 1 repeated, 0 differing, 0 rejected
-	alter 100 0 missing, 0 repeated, 1 differing, 0 rejected
-	truncate 100 1 missing, 0 repeated, 1 differing, 1 rejected
+	drop 100 1 missing, 0 repeated, 0 differing, 0 logged
+	drop 5 1 missing, 0 repeated, 0 differing, 0 logged
+	drop 278 1 missing, 0 repeated, 0 differing, 0 logged
+	drop 279 0 missing, 0 repeated, 0 differing, 0 logged
+	repeat 100 0 missing, 1 repeated, 0 differing, 0 logged
+	swap 100 1 missing, 1 repeated, 0 differing, 0 logged
+	alter 100 0 missing, 0 repeated, 1 differing, 0 logged
+	truncate 100 1 missing, 0 repeated, 1 differing, 1 logged
 	CASES
     ;;
 
@@ -98,12 +98,12 @@ case $group in
       [ "$(count "$line")" -eq 1 ] || complain "no line $line"
     done
     expect_spoiled soak --soak 1 <<-'CASES'
-	drop 78 1 missing, 0 repeated, 0 differing, 0 rejected
-	repeat 78 0 missing, 1 repeated, 0 differing, 0 rejected
+	drop 78 1 missing, 0 repeated, 0 differing, 0 logged
+	repeat 78 0 missing, 1 repeated, 0 differing, 0 logged
 	repeat 78 fib6Sync.ipv6FwdUpdateMsg is out of turn, round 1 of seed
-	alter 78 0 missing, 0 repeated, 1 differing, 0 rejected
+	alter 78 0 missing, 0 repeated, 1 differing, 0 logged
 	alter 78 fib6Sync.ipv6FwdUpdateMsg differs in f1.f3, round 1 of seed
-	truncate 78 0 missing, 0 repeated, 1 differing, 1 rejected
+	truncate 78 0 missing, 0 repeated, 1 differing, 1 logged
 	CASES
     expect 1 '*' '^soak_sender: --seconds: ' "${demo[@]}" --soak 0
     ;;
