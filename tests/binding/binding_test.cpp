@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "fib6_cfg.h"
+#include "heap_watch.h"
+#include "operations.h"
 #include "platform_module.h"
 #include "runtime/services.h"
 
@@ -94,11 +96,13 @@ void use_services(const Case &c) {
       EXPECT_STREQ(call.function, "who_frees");
     }
   }
+  drix::bind_memory(unit);  // as a thread that lost the race does
   EXPECT_EQ(unit.allocate == drix::heap_allocate, !c.platform_memory);
   EXPECT_EQ(unit.free == drix::heap_free, !c.platform_memory);
   EXPECT_EQ(platform.flag_calls(), platform.symbol("PXR_OsalMemUseFlagGet") == nullptr ? 0u : 1u);
 
   for (uint32_t use = 1; use <= 2; ++use) {
+    drix::bind_log(unit);
     drix::svc_log(unit, drix::LogCode::out_of_memory, 77, "who_logs", "%s %u %d", "text", 5u, -6);
     EXPECT_EQ(unit.log_writer != nullptr, c.logs);
     if (!c.logs) continue;
@@ -140,31 +144,55 @@ TEST(Binding, IsNeverUndoneAndPerUnit) {
   });
 }
 
+constexpr int kThreads = 64;
+
 TEST(Binding, HappensOnceWhenManyThreadsComeFirst) {
-  constexpr int kThreads = 64;
-  constexpr uint32_t kRounds = 20;
-  const Platform platform("platform_full");
-  const uint32_t calls_before = platform.flag_calls();
-  for (uint32_t round = 1; round <= kRounds; ++round) {
-    Services unit;
+  in_own_process([] {
+    constexpr uint32_t kRounds = 20;
+    const Platform platform("platform_full");
+    for (uint32_t round = 1; round <= kRounds; ++round) {
+      Services unit;
+      std::barrier start(kThreads);
+      std::vector<std::pair<drix::Allocator *, drix::LogWriter *>> seen(kThreads);
+      std::vector<std::thread> threads;
+      for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([&, i] {
+          start.arrive_and_wait();
+          drix::svc_bind_mem(unit);
+          drix::svc_bind_log(unit);
+          seen[static_cast<std::size_t>(i)] = {unit.allocate, unit.log_writer};
+        });
+      }
+      for (std::thread &thread : threads) thread.join();
+      for (const auto &pair : seen) {
+        EXPECT_EQ(reinterpret_cast<void *>(pair.first), platform.symbol("PXR_OsalMemCacheAlloc"));
+        EXPECT_EQ(reinterpret_cast<void *>(pair.second), platform.symbol("PXR_OsalLogWrite"));
+      }
+      EXPECT_EQ(platform.flag_calls(), round);
+    }
+  });
+}
+
+TEST(Binding, HappensOnceInEachOfTheSixUnits) {
+  in_own_process([] {
+    const Platform platform("platform_full");
     std::barrier start(kThreads);
-    std::vector<std::pair<drix::Allocator *, drix::LogWriter *>> seen(kThreads);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-      threads.emplace_back([&, i] {
+    const auto come_first = [&] {
+      for (const char *type : {"fib6_cfg_query_comm_param", "korBrokerFib6_pidStateMsg", "fib6Sync_tlv"}) {
+        const Operations library = operations_of(type);
+        uint64_t record[4] = {};
+        uint8_t image[64];
+        uint32_t length = sizeof image;
         start.arrive_and_wait();
-        drix::svc_bind_mem(unit);
-        drix::svc_bind_log(unit);
-        seen[static_cast<std::size_t>(i)] = {unit.allocate, unit.log_writer};
-      });
-    }
+        EXPECT_EQ(library.pack(record, image, &length), 0);
+        library.unpack(image, length, record);
+      }
+    };
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) threads.emplace_back(come_first);
     for (std::thread &thread : threads) thread.join();
-    for (const auto &pair : seen) {
-      EXPECT_EQ(reinterpret_cast<void *>(pair.first), platform.symbol("PXR_OsalMemCacheAlloc"));
-      EXPECT_EQ(reinterpret_cast<void *>(pair.second), platform.symbol("PXR_OsalLogWrite"));
-    }
-    EXPECT_EQ(platform.flag_calls() - calls_before, round);
-  }
+    EXPECT_EQ(platform.flag_calls(), 6u);
+  });
 }
 
 // The library's own units in a process that offers nothing, and offers something only later.
@@ -181,6 +209,20 @@ TEST(Binding, ProcessWithoutPlatformUsesTheHeap) {
     fib6_cfg_query_comm_param_free__unpacked(&record);
     EXPECT_EQ(record.f2, nullptr);
     EXPECT_EQ(platform.last<MemoryRecord>("module_last_memory").block, nullptr);
+
+    uint8_t text[] = {'x'};
+    fib6_cfg_query_fib6_item items[2] = {};
+    const fib6_cfg_query_fib6_rec sent = {{1, 2, 3, sizeof text, text}, 2, items};
+    std::vector<uint8_t> packed(2000);
+    auto length = static_cast<uint32_t>(packed.size());
+    ASSERT_EQ(fib6_cfg_query_fib6_rec__pack(&sent, packed.data(), &length), 0);
+    for (std::size_t failing = 0; failing < 2 && heap_watch::kWorks; ++failing) {
+      fib6_cfg_query_fib6_rec got;
+      heap_watch::start(failing);
+      fib6_cfg_query_fib6_rec__unpack(packed.data(), length, &got);
+      EXPECT_EQ(heap_watch::stop(), (heap_watch::Counts{failing + 1, failing}));
+      EXPECT_TRUE(got.f0.f3 == nullptr && got.f1 == nullptr);
+    }
   });
 }
 
