@@ -96,13 +96,13 @@ void use_services(const Case &c) {
       EXPECT_STREQ(call.function, "who_frees");
     }
   }
-  drix::bind_memory(unit);  // as a thread that lost the race does
+  drix::bind_memory_once(unit);  // as a thread that lost the race does
   EXPECT_EQ(unit.allocate == drix::heap_allocate, !c.platform_memory);
   EXPECT_EQ(unit.free == drix::heap_free, !c.platform_memory);
   EXPECT_EQ(platform.flag_calls(), platform.symbol("PXR_OsalMemUseFlagGet") == nullptr ? 0u : 1u);
 
   for (uint32_t use = 1; use <= 2; ++use) {
-    drix::bind_log(unit);
+    drix::bind_log_once(unit);
     drix::svc_log(unit, drix::LogCode::out_of_memory, 77, "who_logs", "%s %u %d", "text", 5u, -6);
     EXPECT_EQ(unit.log_writer != nullptr, c.logs);
     if (!c.logs) continue;

@@ -8,6 +8,7 @@
 #include "fake_bus.h"
 #include "fake_platform.h"
 #include "fib6Sync.h"
+#include "fib6_cfg.h"
 #include "judge.h"
 #include "korBrokerFib6.h"
 #include "operations.h"
@@ -127,6 +128,34 @@ TEST(Codec, ReadsWholeAndCutImagesOfEveryTypeAsTheReferenceDoes) {
       EXPECT_EQ(judge::last_outcome(), judge::Outcome::complete);
     }
   });
+}
+
+// Memory is asked for up to the last size of 32 bits; beyond it the decoder gives up without a word.
+TEST(Codec, GivesUpAVectorWhoseRecordsNeedMoreThan32Bits) {
+  const Subject subject(reference::find("fib6_cfg", "query_fib6_rec"));
+  constexpr uint32_t kFitting = UINT32_MAX / sizeof(fib6_cfg_query_fib6_item);
+  for (const uint32_t count : {kFitting, kFitting + 1}) {
+    Bytes image = {12, 0, 0, 0, 8, 0, 12, 0, 0, 0, 4, 0, 8, 0, 0, 0, 4, 0, 0, 0};  // up to the vector, which is slot 1
+    image.resize(24 + std::size_t{4} * count);
+    std::memcpy(&image[20], &count, sizeof count);
+    EXPECT_EQ(judge::decode(subject, image.data(), static_cast<uint32_t>(image.size()), 0), "");
+    EXPECT_EQ(fake_platform::allocations().size(), count == kFitting ? 1u : 0u);
+    EXPECT_EQ(fake_platform::logs().size(), count == kFitting ? 1u : 0u);
+  }
+}
+
+// The builder refuses also what no exported operation gives it.
+TEST(Codec, BuilderRefusesBadParameters) {
+  const drix::Encoder &named = probe_named_encoder();
+  const probe_named record = {};
+  uint8_t buffer[24];
+  fake_platform::reset();
+  EXPECT_EQ(drix::build(named, buffer, 3, &record), 0u);
+  EXPECT_EQ(drix::build(named, buffer, 24, nullptr), 0u);
+  const std::vector<reference::LogCall> expected = {
+      {22, "probe_named_pack", "[QUOPA]:Param invalid(nonNull, 3, nonNull)"},
+      {22, "probe_named_pack", "[QUOPA]:Param invalid(nonNull, 24, null)"}};
+  EXPECT_EQ(fake_platform::logs(), expected);
 }
 
 template <class R>

@@ -4,6 +4,8 @@
 
 DRIX_PACKAGE(probe, probe, PROBE_MESSAGES)
 
+const drix::Encoder &probe_named_encoder() { return drix::kEncoder<probe_named>; }
+
 // Mistakes in a structure that the compiler must find.
 namespace {
 

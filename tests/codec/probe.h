@@ -2,6 +2,7 @@
 #ifndef PROBE_H
 #define PROBE_H
 
+#include "runtime/encode.h"
 #include "drix_message.h"
 
 extern "C" {
@@ -73,5 +74,8 @@ typedef struct probe_carrier {
 PROBE_MESSAGES(DRIX_DECLARE_MESSAGE)
 DRIX_DECLARE_PACKAGE(probe)
 }
+
+// What is behind the send operations of named.
+const drix::Encoder &probe_named_encoder();
 
 #endif

@@ -137,7 +137,7 @@ TEST_F(Send, SizesBeyond32BitsAreRefused) {
   probe_item item = {};
   uint8_t byte = 0;
   uint8_t buffer[64];
-  const probe_tree counts[] = {{{}, 0x40000000, &item}, {{}, 0xFFFFFFFF, &item}};
+  const probe_tree counts[] = {{{}, 0x3FFFFFFF, &item}, {{}, 0x40000000, &item}, {{}, 0xFFFFFFFF, &item}};
   const probe_named lengths[] = {{0, 0xFFFFFFFF, &byte}, {1, 0xFFFFFFE4, &byte}};
   for (const probe_tree &tree : counts) {
     uint32_t length = sizeof buffer;
@@ -152,10 +152,29 @@ TEST_F(Send, SizesBeyond32BitsAreRefused) {
     EXPECT_EQ(probe_named__pack(&named, buffer, &length), -1);
     EXPECT_EQ(length, 0xFFFFFFFF);
   }
+  probe_every both = {};  // the sum of two lengths, not one alone, is beyond them
+  both.f5Len = both.f8Len = 0x80000000;
+  both.f5 = both.f8 = &byte;
+  EXPECT_EQ(probe_every__sendsingle(1, &both, 1, 0), -1);
+
+  // A batch asks for memory, which it does not get here, up to the last size of 32 bits and not beyond it.
   const probe_leaf leaf = {};
-  for (const uint32_t count : {0xFFFFFFFFu, 0xFFFFFFFFu / (24 + uint32_t{sizeof(DrixSendDescriptor)}) + 1}) {
-    EXPECT_EQ(probe_leaf__sendbatch(1, &leaf, count, 0), -1);
-    EXPECT_EQ(probe_named__sendbatch(1, lengths, 0xFFFFFFFF, 0), -1);
+  const struct {
+    std::function<int32_t(uint32_t)> send;
+    uint32_t fitting;
+  } batches[] = {
+      {[&](uint32_t count) { return probe_leaf__sendbatch(1, &leaf, count, 0); },
+       uint32_t{UINT32_MAX / (24 + sizeof(DrixSendDescriptor))}},
+      {[&](uint32_t count) { return probe_named__sendbatch(1, lengths, count, 0); },
+       uint32_t{(UINT32_MAX - 0x10000) / sizeof(DrixSendDescriptor)}},
+  };
+  for (const auto &batch : batches) {
+    for (const uint32_t count : {batch.fitting, batch.fitting + 1, UINT32_MAX}) {
+      if (count == batch.fitting && !heap_watch::kWorks) continue;
+      heap_watch::start(/*failing=*/0);
+      EXPECT_EQ(batch.send(count), -1);
+      EXPECT_EQ(heap_watch::stop().allocations, count == batch.fitting ? 1u : 0u);
+    }
   }
   EXPECT_TRUE(bus().calls.empty());
 }
