@@ -331,14 +331,14 @@ TEST(Bus, CountsWhatBecameOfEachMessage) {
   EXPECT_EQ(receiver.numbers, (std::vector<uint32_t>{1, kThrow, 3, 0}));  // the rejected one reads as zero
 }
 
-// A peer that speaks to a receiver in raw bytes.
+// A peer that speaks to a receiver (DEALER) or to a sender (ROUTER) in raw bytes.
 class RawPeer {
  public:
-  explicit RawPeer(const std::string &to) {
+  explicit RawPeer(const std::string &at, int type = ZMQ_DEALER) : socket(zmq_socket(context, type)) {
     const int timeout = kLong, linger = 0;
     zmq_setsockopt(socket, ZMQ_RCVTIMEO, &timeout, sizeof(timeout));
     zmq_setsockopt(socket, ZMQ_LINGER, &linger, sizeof(linger));
-    EXPECT_EQ(zmq_connect(socket, to.c_str()), 0);
+    EXPECT_EQ(type == ZMQ_ROUTER ? zmq_bind(socket, at.c_str()) : zmq_connect(socket, at.c_str()), 0);
   }
   ~RawPeer() {
     zmq_close(socket);
@@ -354,7 +354,7 @@ class RawPeer {
   }
 
   void *context = zmq_ctx_new();
-  void *socket = zmq_socket(context, ZMQ_DEALER);
+  void *socket;
 };
 
 std::string little_endian(uint64_t value, size_t size) {
@@ -429,6 +429,26 @@ TEST(Bus, AcknowledgesRunsAndNeverHandlesTwice) {
   receiver.stop();
   EXPECT_EQ(receiver.counters().stale, 3u);
   EXPECT_EQ(receiver.numbers, (std::vector<uint32_t>{3, 4, 7, 10}));
+}
+
+TEST(Bus, SenderBelievesOnlyGoodAcknowledgements) {
+  RawPeer peer(endpoint("ipc"), ZMQ_ROUTER);
+  Sender sender(endpoint("ipc"));
+  EXPECT_EQ(send(sender.handle, {1, 2}), KELVODRIX_OK);
+  const std::string to = peer.receive(), link = peer.receive().substr(8, 8);
+  const auto answer = [&](std::string bytes, bool own = true) {
+    if (own && bytes.size() >= 16) bytes.replace(8, 8, link);
+    peer.send(to, ZMQ_SNDMORE);
+    peer.send(bytes);
+  };
+  const std::string good = acknowledgement(1, 1, 1);
+  for (size_t size = 0; size < good.size(); ++size) answer(good.substr(0, size));
+  for (const std::string &bad : {acknowledgement(1, 2, 2), data_frame(1, 1), probe(1)}) answer(bad);
+  answer(good, false);
+  answer(std::string(1024, '\xFF'));
+  EXPECT_EQ(sender.flush(200), std::pair(int32_t{KELVODRIX_ERR_PENDING}, uint64_t{2}));
+  answer(good);
+  EXPECT_EQ(sender.flush(), kAllDelivered);
 }
 
 TEST(Bus, RefusesEndpointsThatCannotServe) {
