@@ -83,9 +83,9 @@ class TableDecoding {
       case Kind::table:
         return unpack_inner(*decoder_.inner[slot.elements], at, member);
       case Kind::vector:
-        return unpack_vector(slot, at);
+        break;
     }
-    return false;
+    return unpack_vector(slot, at);
   }
 
   // Follows an offset word to a count, which is read, and the elements behind it; false when the word or the count lies

@@ -47,14 +47,14 @@ template <class R>
 struct DecoderOf {
   static constexpr std::size_t inner_count = [] {
     std::size_t count = 0;
-    for_each_slot<R>([&](auto slot) { count += slot.kind == Kind::table || slot.kind == Kind::vector; });
+    for_each_slot<R>([&](auto slot) constexpr { count += slot.kind == Kind::table || slot.kind == Kind::vector; });
     return count;
   }();
 
   static constexpr std::array<const Decoder *, inner_count> inner = [] {
     std::array<const Decoder *, inner_count> decoders{};
     std::size_t count = 0;
-    for_each_slot<R>([&]<class S>(S) {
+    for_each_slot<R>([&]<class S>(S) constexpr {
       if constexpr (S::kind == Kind::table) decoders[count++] = &DecoderOf<typename S::Type>::decoder;
       if constexpr (S::kind == Kind::vector) decoders[count++] = &DecoderOf<typename S::Element>::decoder;
     });
@@ -64,7 +64,7 @@ struct DecoderOf {
   static constexpr std::array<SlotShape, kSlots<R>> shapes = [] {
     std::array<SlotShape, kSlots<R>> list{};
     uint16_t inner_types = 0;
-    for_each_slot<R>([&]<class S>(S) {
+    for_each_slot<R>([&]<class S>(S) constexpr {
       SlotShape &shape = list[S::index];
       shape.kind = S::kind;
       shape.member = static_cast<uint16_t>(S::offset);

@@ -27,9 +27,13 @@ bool has_offset_word(const R &record) {
 template <class R>
 [[gnu::always_inline]] inline bool every_scalar_is_set(const R &record) {
   return all_slots<R>([&]<class S>(S) {
-    if constexpr (S::kind == Kind::scalar) return S::value(record) != 0;
-    if constexpr (S::kind == Kind::table) return every_scalar_is_set(S::value(record));
-    return true;
+    if constexpr (S::kind == Kind::scalar) {
+      return S::value(record) != 0;
+    } else if constexpr (S::kind == Kind::table) {
+      return every_scalar_is_set(S::value(record));
+    } else {
+      return true;
+    }
   });
 }
 

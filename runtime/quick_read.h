@@ -31,7 +31,7 @@ template <class R>
   constexpr std::size_t N = kSlots<R>;
   constexpr std::array<uint64_t, N> widths = [] {
     std::array<uint64_t, N> list{};
-    for_each_slot<R>([&]<class S>(S) {
+    for_each_slot<R>([&]<class S>(S) constexpr {
       if constexpr (S::kind == Kind::scalar) list[S::index] = sizeof(typename S::Type);
       if constexpr (S::kind != Kind::scalar) list[S::index] = kWord;
     });
@@ -66,7 +66,7 @@ struct LastTable {
   std::size_t vtable = 0;  // from R's vtable, in an image without zeros
 
   constexpr LastTable() {
-    for_each_slot<R>([&]<class S>(S) {
+    for_each_slot<R>([&]<class S>(S) constexpr {
       if constexpr (S::kind == Kind::table) {
         all_slots += LastTable<typename S::Type>().all_slots;
         size = full_table_size<typename S::Type>();

@@ -165,7 +165,7 @@ class Campaign {
       for (uint32_t value = 0; value <= n + 4; ++value) sample_one({at, 2, value});
     }
     for (const uint32_t at : places.words) {
-      for (const uint32_t value : {0x3FFFFFFFu, 0x40000000u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu}) {
+      for (const uint32_t value : {0u, 1u, 0x3FFFFFFFu, 0x40000000u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu}) {
         judge_one({at, 4, value});
       }
       for (uint32_t target = 0; target <= n + 4; ++target) {
