@@ -17,6 +17,7 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "fake_bus.h"
 #include "judge.h"
 
 namespace {
@@ -120,15 +121,20 @@ struct {
   std::size_t failing_allocation;
 } current;
 
+std::string hexadecimal(const Bytes &bytes) {
+  static constexpr char kDigits[] = "0123456789ABCDEF";
+  std::string text;
+  for (const uint8_t byte : bytes) (text += kDigits[byte >> 4]) += kDigits[byte & 15];
+  return text;
+}
+
 void print_current() {
   const auto &[type, image, change, failing] = current;
   std::printf("%s", type->prefix().c_str());
   if (change.width == 0) std::printf(" cut to %u bytes", change.at);
   if (change.width != 0) std::printf(" with value %u in %u bytes at %u", change.value, change.width, change.at);
   if (failing != SIZE_MAX) std::printf(", allocation %zu failing", failing);
-  std::printf(":\n  ");
-  for (const uint8_t byte : *image) std::printf("%02X", byte);
-  std::printf("\n");
+  std::printf(":\n  %s\n", hexadecimal(*image).c_str());
 }
 
 void print_current_and_die(int signal) {
@@ -219,6 +225,28 @@ void write_seeds(const std::string &folder, const Type &type, std::size_t number
   }
 }
 
+// What the library itself makes of random records, packed and sent: the same lines on every processor.
+void write_images(std::ofstream &file, const judge::Subject &subject, std::mt19937 &random) {
+  const Type &type = *subject.type;
+  for (int draw = 0; draw < 8; ++draw) {
+    reference::Arena arena;
+    Bytes record(type.record_size);
+    reference::fill_random(type, record.data(), random, draw % 2 == 0 ? 0.5 : 0.0, arena);
+    Bytes packed(1 << 16);
+    auto length = static_cast<uint32_t>(packed.size());
+    fake_bus::bus() = {};
+    if (subject.library.pack(record.data(), packed.data(), &length) != 0 ||
+        subject.library.sendsingle(1, record.data(), 1, 0) != 0) {
+      throw std::runtime_error("cannot encode " + type.prefix());
+    }
+    packed.resize(length);
+    for (const Bytes &image : {packed, fake_bus::bus().calls.at(0).messages.at(0).bytes}) {
+      file << type.prefix() << ' ' << hexadecimal(image) << '\n';
+    }
+  }
+  if (!file.flush()) throw std::runtime_error("cannot write the images");
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -227,6 +255,7 @@ int main(int argc, char **argv) {
   bool heap = false;
   std::string pattern = "*";
   std::string seeds;
+  std::string images_path;
   CLI::App app("Decodes spoiled images of every message type and judges the library's doings by the reference codec.");
   app.add_option("--sample", sample, "Judge one change in so many, drawn at random; extremes always")
       ->check(CLI::PositiveNumber);
@@ -234,15 +263,21 @@ int main(int argc, char **argv) {
   app.add_option("--seed", seed, "For records and sample");
   app.add_flag("--heap", heap, "Decode from heap blocks, which sanitizers watch, instead of in front of a guard page");
   app.add_option("--seeds", seeds, "Only write the good images into this folder, as seeds for the fuzz targets");
+  app.add_option("--images", images_path, "Only write what the library encodes of random records into this file");
   CLI11_PARSE(app, argc, argv);
 
   for (const int signal : {SIGSEGV, SIGBUS, SIGABRT}) std::signal(signal, print_current_and_die);
   const auto start = std::chrono::steady_clock::now();
   std::mt19937 random(seed);
   Campaign campaign(sample, heap, seed);
+  std::ofstream images_file(images_path);
   std::map<std::string, std::size_t> numbers;  // of the types in their packages
   for (const Type *each : reference::all_types()) {
     const Type &type = *each;
+    if (!images_path.empty()) {
+      write_images(images_file, judge::Subject(type), random);
+      continue;
+    }
     const std::vector<Bytes> images = good_images(type, random);
     if (!seeds.empty()) {
       write_seeds(seeds + "/" + type.package, type, numbers[type.package]++, images);
@@ -252,7 +287,7 @@ int main(int argc, char **argv) {
     const judge::Subject subject(type);
     for (const Bytes &image : images) campaign.spoil(subject, image);
   }
-  if (!seeds.empty()) return 0;
+  if (!seeds.empty() || !images_path.empty()) return 0;
 
   const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
   std::printf("%12llu decodes in %.1f s\n", static_cast<unsigned long long>(campaign.decodes()), elapsed.count());
