@@ -1,8 +1,10 @@
 #!/bin/sh
 # The shared object exports exactly the operations of its message types and packages, depends on libc and the bus only,
 # runs no code when it is loaded and carries its soname.
-# Usage: check_shared_object.sh LIBRARY SONAME HEADER...
+# Usage: [NM=... READELF=...] check_shared_object.sh LIBRARY SONAME HEADER...
 set -eu
+nm=${NM:-nm}
+readelf=${READELF:-readelf}
 library=$1
 soname=$2
 shift 2
@@ -19,16 +21,16 @@ for header in "$@"; do
     done
   sed -n 's/^DRIX_DECLARE_PACKAGE(\([a-zA-Z0-9_]*\)).*/\1_recv_init\n\1_send_init\n\1__send_resource_clean/p' "$header"
 done | LC_ALL=C sort >"$expected"
-nm -D --defined-only "$library" | awk '{ print $3 }' | LC_ALL=C sort >"$actual"
+"$nm" -D --defined-only "$library" | awk '{ print $3 }' | LC_ALL=C sort >"$actual"
 [ -s "$expected" ] || { echo "no names found in the headers"; exit 1; }
 diff -u "$expected" "$actual" || { echo "exports differ from the headers"; exit 1; }
 
 fail=0
-readelf -d "$library" | grep -q "SONAME.*\[$soname\]" || { echo "soname is not $soname"; fail=1; }
-extra=$(readelf -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' |
+"$readelf" -d "$library" | grep -q "SONAME.*\[$soname\]" || { echo "soname is not $soname"; fail=1; }
+extra=$("$readelf" -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' |
   grep -vE '^(libc\.so|libkelvodrix\.so|ld-linux|ld\.so|ld64\.so)' || true)
 [ -z "$extra" ] || { echo "needs more than libc and the bus: $extra"; fail=1; }
-undefined=$(nm -D -u "$library" | awk '{ print $NF }' | grep -E '^_Z|^__cxa_(throw|guard|pure)|personality' || true)
+undefined=$("$nm" -D -u "$library" | awk '{ print $NF }' | grep -E '^_Z|^__cxa_(throw|guard|pure)|personality' || true)
 [ -z "$undefined" ] || { echo "needs a C++ runtime: $undefined"; fail=1; }
 echo "$(wc -l <"$actual") exported functions"
 exit $fail
