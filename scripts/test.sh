@@ -30,5 +30,5 @@ for preset in "${presets[@]}"; do
   run "build/$preset.log" cmake --preset "$preset"
   run "build/$preset.log" cmake --build --preset "$preset"
   run "build/$preset.log" ctest --preset "$preset" -j "$(nproc)" --timeout 300
-  tail -n 5 "build/$preset.log"
+  grep -E '^(.*tests passed|Total Test time)' "build/$preset.log"
 done
