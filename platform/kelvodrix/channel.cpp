@@ -30,7 +30,7 @@ class Channel {
     Endpoint endpoint;
     int32_t status = parse_endpoint(text, endpoint);
     if (status != KELVODRIX_OK) return status;
-    auto link = std::make_unique<Link>(endpoint, options_);
+    auto link = std::make_shared<Link>(endpoint, options_);
     status = link->connect();
     if (status != KELVODRIX_OK) return status;
     std::lock_guard lock(mutex_);
@@ -48,47 +48,55 @@ class Channel {
       if (frame_bytes > limit) return KELVODRIX_ERR_TOO_BIG;
     }
 
-    Deadline deadline = Clock::now() + milliseconds(options_.send_timeout_ms);
-    std::unique_lock lock(mutex_, deadline);
-    if (!lock) return KELVODRIX_ERR_WINDOW;
-    if (closed_) return KELVODRIX_ERR_HANDLE;
-    auto found = std::find_if(destinations_.begin(), destinations_.end(),
-                              [&](const Destination &each) { return each.id == destination; });
-    if (found == destinations_.end()) return KELVODRIX_ERR_DESTINATION;
-    return found->link->send(messages, static_cast<size_t>(frame_bytes), deadline);
+    const Deadline deadline = Clock::now() + milliseconds(options_.send_timeout_ms);
+    std::shared_ptr<Link> link;
+    {
+      std::lock_guard lock(mutex_);
+      if (closed_) return KELVODRIX_ERR_HANDLE;
+      auto found = std::find_if(destinations_.begin(), destinations_.end(),
+                                [&](const Destination &each) { return each.id == destination; });
+      if (found == destinations_.end()) return KELVODRIX_ERR_DESTINATION;
+      link = found->link;
+    }
+    return link->send(messages, static_cast<size_t>(frame_bytes), deadline);
   }
 
   // Does not hold the channel while it waits, so that other threads can send meanwhile.
   int32_t flush(uint32_t timeout_ms, uint64_t *undelivered, bool close) {
-    Deadline deadline = Clock::now() + milliseconds(timeout_ms);
+    const Deadline deadline = Clock::now() + milliseconds(timeout_ms);
     for (;; std::this_thread::sleep_for(kFlushInterval)) {
       std::lock_guard lock(mutex_);
       if (closed_) return KELVODRIX_ERR_HANDLE;
-      bool settled = true;
-      uint64_t messages = 0;
-      for (const Destination &each : destinations_) {
-        each.link->update();
-        settled = settled && each.link->settled();
-        messages += each.link->undelivered_messages();
-      }
-      if (!settled && Clock::now() < deadline) continue;
-      if (undelivered != nullptr) *undelivered = messages;
+      Undelivered messages = sum(&Link::update);
+      if (messages.pending != 0 && Clock::now() < deadline) continue;
       if (close) {
         closed_ = true;
+        messages = sum(&Link::close);  // with what other threads have sent this moment
         destinations_.clear();
       }
-      return !settled ? KELVODRIX_ERR_PENDING : messages != 0 ? KELVODRIX_ERR_LOST : KELVODRIX_OK;
+      if (undelivered != nullptr) *undelivered = messages.pending + messages.lost;
+      return messages.pending != 0 ? KELVODRIX_ERR_PENDING : messages.lost != 0 ? KELVODRIX_ERR_LOST : KELVODRIX_OK;
     }
   }
 
  private:
   struct Destination {
     uint32_t id;
-    std::unique_ptr<Link> link;
+    std::shared_ptr<Link> link;  // shared with the threads that are sending
   };
 
+  Undelivered sum(Undelivered (Link::*of)()) {
+    Undelivered total;
+    for (const Destination &each : destinations_) {
+      const Undelivered messages = (*each.link.*of)();
+      total.pending += messages.pending;
+      total.lost += messages.lost;
+    }
+    return total;
+  }
+
   const kelvodrix_options options_;
-  std::timed_mutex mutex_;  // guards what follows
+  std::mutex mutex_;  // guards what follows; never held while anything waits
   bool closed_ = false;
   std::vector<Destination> destinations_;
 };

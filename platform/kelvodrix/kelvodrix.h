@@ -66,7 +66,8 @@ const char *kelvodrix_strerror(int32_t status);
 /* ---- The functions of drix_bus.h ----
  *
  * DRIX_SendMsg and DRIX_SendToMsg copy the messages into one frame. 0 messages are KELVODRIX_OK and send nothing. When
- * they return anything but KELVODRIX_OK, nothing was or will be sent.
+ * they return anything but KELVODRIX_OK, nothing was or will be sent. A send that waits holds up nothing but the
+ * channel's other sends to the same endpoint.
  *
  * DRIX_RegIDLFuncHook keeps one decoder per message ID and process; a further registration of an ID replaces the former
  * one from the next frame on. It decodes one empty message to learn the record's size. Records are cleared before they
@@ -102,7 +103,7 @@ int32_t kelvodrix_destination(uint32_t handle, const char *endpoint, uint32_t *d
 int32_t kelvodrix_flush(uint32_t handle, uint32_t timeout_ms, uint64_t *undelivered);
 
 /* As kelvodrix_flush, and closes the channel whatever the result. Messages still unacknowledged by then are abandoned;
- * those already on their way may yet arrive. */
+ * those already on their way may yet arrive. A send that is still waiting returns KELVODRIX_ERR_HANDLE. */
 int32_t kelvodrix_close(uint32_t handle, uint32_t timeout_ms, uint64_t *undelivered);
 
 /* ---- Receiving ---- */

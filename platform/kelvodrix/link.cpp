@@ -14,7 +14,8 @@ using namespace std::chrono_literals;
 constexpr Clock::duration kProbeInterval = 50ms;
 constexpr int kProbeAllowance = 1024;
 
-constexpr std::chrono::milliseconds kLongestPoll = 60s;
+// After that, a waiting send looks whether its channel has been closed.
+constexpr std::chrono::milliseconds kLongestPoll = 50ms;
 
 // An acknowledgement is smaller, but ZeroMQ's own handshake counts as well.
 constexpr int64_t kMaxIncomingBytes = 1024;
@@ -50,8 +51,8 @@ bool ready(const Socket &socket, short events, Deadline deadline) {
 Link::Link(const Endpoint &endpoint, const kelvodrix_options &options)
     : endpoint_(endpoint),
       options_(options),
-      socket_(shared_context(), ZMQ_DEALER),
       id_(random_id()),
+      socket_(shared_context(), ZMQ_DEALER),
       next_probe_(Clock::now() + kProbeInterval) {
   configure(socket_, endpoint);
   // Twice the need, because ZeroMQ notices only in steps of half a queue what has left it.
@@ -70,9 +71,47 @@ int32_t Link::connect() {
 }
 
 int32_t Link::send(std::span<const DrixSendDescriptor> messages, size_t frame_bytes, Deadline deadline) {
-  int32_t status = await_room(frame_bytes, deadline);
-  if (status != KELVODRIX_OK) return status;
+  std::unique_lock lock(mutex_);
+  // What keeps the sender before this one waiting keeps this one waiting too.
+  if (!turn_.wait_until(lock, deadline, [&] { return closed_ || waiting_for_ == KELVODRIX_OK; })) return waiting_for_;
+  for (;;) {
+    if (closed_) return KELVODRIX_ERR_HANDLE;
+    take_in();
+    const bool present = connected();
+    if (present && fits(frame_bytes) && send_data(messages, frame_bytes)) return KELVODRIX_OK;
+    const int32_t obstacle = present ? KELVODRIX_ERR_WINDOW : KELVODRIX_ERR_NO_RECEIVER;
+    if (Clock::now() >= deadline) return obstacle;
+    wait(lock, obstacle, deadline);
+  }
+}
 
+Undelivered Link::update() {
+  std::lock_guard lock(mutex_);
+  if (waiting_for_ == KELVODRIX_OK) take_in();  // otherwise the waiting thread does
+  return undelivered_;
+}
+
+Undelivered Link::close() {
+  std::lock_guard lock(mutex_);
+  closed_ = true;
+  turn_.notify_all();
+  return undelivered_;
+}
+
+void Link::wait(std::unique_lock<std::mutex> &lock, int32_t obstacle, Deadline deadline) {
+  waiting_for_ = obstacle;
+  const Deadline next_probe = next_probe_;
+  lock.unlock();
+  if (obstacle == KELVODRIX_ERR_WINDOW)
+    ready(socket_, ZMQ_POLLIN, std::min(deadline, next_probe));
+  else
+    ready(*presence_, ZMQ_POLLOUT, deadline);
+  lock.lock();
+  waiting_for_ = KELVODRIX_OK;
+  turn_.notify_all();
+}
+
+bool Link::send_data(std::span<const DrixSendDescriptor> messages, size_t frame_bytes) {
   Part frame(frame_bytes);
   auto count = static_cast<uint32_t>(messages.size());
   Writer writer(frame.data());
@@ -85,30 +124,14 @@ int32_t Link::send(std::span<const DrixSendDescriptor> messages, size_t frame_by
   }
 
   outstanding_.push_back({count, frame_bytes});
-  while (!transmit(frame)) {
-    if (Clock::now() >= deadline) {
-      outstanding_.pop_back();
-      return KELVODRIX_ERR_WINDOW;
-    }
-    ready(socket_, ZMQ_POLLOUT, deadline);
+  if (!transmit(frame)) {
+    outstanding_.pop_back();
+    return false;
   }
   ++sequence_;
   outstanding_bytes_ += frame_bytes;
-  outstanding_messages_ += count;
-  return KELVODRIX_OK;
-}
-
-int32_t Link::await_room(size_t frame_bytes, Deadline deadline) {
-  for (;;) {
-    update();
-    bool present = connected();
-    if (present && fits(frame_bytes)) return KELVODRIX_OK;
-    if (Clock::now() >= deadline) return present ? KELVODRIX_ERR_WINDOW : KELVODRIX_ERR_NO_RECEIVER;
-    if (present)
-      ready(socket_, ZMQ_POLLIN, std::min(deadline, next_probe_));
-    else
-      ready(*presence_, ZMQ_POLLOUT, deadline);
-  }
+  undelivered_.pending += count;
+  return true;
 }
 
 bool Link::fits(size_t frame_bytes) const {
@@ -117,7 +140,7 @@ bool Link::fits(size_t frame_bytes) const {
 
 bool Link::connected() const { return !presence_ || ready(*presence_, ZMQ_POLLOUT, {}); }
 
-void Link::update() {
+void Link::take_in() {
   Deadline now = Clock::now();
   for (Part part; part.receive(socket_);) {
     Reader reader(part.data(), part.size());
@@ -129,7 +152,7 @@ void Link::update() {
     settle(first, last, header.sequence);
     next_probe_ = now + kProbeInterval;
   }
-  if (settled() || now < next_probe_ || !connected()) return;
+  if (outstanding_.empty() || now < next_probe_ || !connected()) return;
 
   Part probe(kHeaderBytes);
   Writer(probe.data()).put_header(Kind::kProbe, id_, sequence_);
@@ -141,8 +164,8 @@ void Link::settle(uint64_t first, uint64_t last, uint64_t settled) {
   while (!outstanding_.empty()) {
     uint64_t oldest = sequence_ - outstanding_.size() + 1;
     if (oldest > settled) return;
-    if (oldest < first || oldest > last) lost_messages_ += outstanding_.front().messages;
-    outstanding_messages_ -= outstanding_.front().messages;
+    if (oldest < first || oldest > last) undelivered_.lost += outstanding_.front().messages;
+    undelivered_.pending -= outstanding_.front().messages;
     outstanding_bytes_ -= outstanding_.front().bytes;
     outstanding_.pop_front();
   }

@@ -286,6 +286,29 @@ TEST(Bus, AbsentReceiverIsReported) {
   EXPECT_EQ(early.flush(), kAllDelivered);
 }
 
+TEST(Bus, WaitingSendHoldsUpNothingElse) {
+  Receiver full(endpoint("ipc", "a"), false), idle(endpoint("ipc", "b"));
+  Sender sender(endpoint("ipc", "a"), {kLong, 1, 1000});
+  uint32_t destination = 0;
+  ASSERT_EQ(kelvodrix_destination(sender.handle, endpoint("ipc", "b").c_str(), &destination), KELVODRIX_OK);
+  EXPECT_EQ(send(sender.handle, {1}), KELVODRIX_OK);
+  std::atomic<bool> waiting = true;
+  std::thread waiter([&] {
+    EXPECT_EQ(send(sender.handle, {2}), KELVODRIX_ERR_HANDLE);
+    waiting = false;
+  });
+  std::this_thread::sleep_for(milliseconds(50));  // or else there is nothing to hold up
+  EXPECT_EQ(sender.flush(0), std::pair(int32_t{KELVODRIX_ERR_PENDING}, uint64_t{1}));
+  EXPECT_EQ(send(sender.handle, {3}, destination), KELVODRIX_OK);
+  while (sender.flush(1).second == 2 && waiting) {
+  }
+  EXPECT_TRUE(waiting);
+  EXPECT_EQ(kelvodrix_close(sender.handle, 0, nullptr), KELVODRIX_ERR_PENDING);
+  waiter.join();
+  idle.stop();
+  EXPECT_EQ(idle.numbers, range(3, 4));
+}
+
 // Runs body in a child process once the parent says so; the child ends with the body's result.
 class Child {
  public:
