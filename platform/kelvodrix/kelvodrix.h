@@ -70,8 +70,10 @@ const char *kelvodrix_strerror(int32_t status);
  * channel's other sends to the same endpoint.
  *
  * DRIX_RegIDLFuncHook keeps one decoder per message ID and process; a further registration of an ID replaces the former
- * one from the next frame on. It decodes one empty message to learn the record's size. Records are cleared before they
- * are decoded, and released after the subscriber has seen them, whatever it did.
+ * one from the next frame on. It decodes one empty message to learn the record's size. A decoder always gets
+ * KELVODRIX_MAX_RECORD_BYTES to write its record to and must not write past them: KELVODRIX_ERR_RECORD_SIZE comes after
+ * the fact. Records are cleared before they are decoded, and released after the subscriber has seen them, whatever it
+ * did.
  *
  * DRIX_RegIDLResorceCleanFuncHook remembers a hook once, however often it is registered. The hooks are called in the
  * order of their registration each time the process closes its last channel.
