@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Debian packages for the project's scripts. To be sourced.
 
 # require_packages NAME...: installs those of the named packages that are missing, and says so.
@@ -11,15 +12,18 @@ require_packages() {
     return 0
   fi
   echo "packages: installing ${missing[*]}"
-  local as_root=()
+  # Waits for another apt that is at work.
+  local apt=(env DEBIAN_FRONTEND=noninteractive apt-get -qq -o DPkg::Lock::Timeout=300)
   if [ "$(id -u)" -ne 0 ]; then
     command -v sudo >/dev/null || { echo "packages: need root or sudo to install ${missing[*]}" >&2; return 1; }
-    as_root=(sudo)
+    apt=(sudo "${apt[@]}")
   fi
-  "${as_root[@]}" apt-get update -qq || echo "packages: apt-get update failed, going on with the present lists" >&2
-  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" \
-    >/dev/null || { echo "packages: could not install ${missing[*]}" >&2; return 1; }
+  "${apt[@]}" update || echo "packages: apt-get update failed, going on with the present lists" >&2
+  "${apt[@]}" install -y --no-install-recommends "${missing[@]}" >/dev/null ||
+    { echo "packages: could not install ${missing[*]}" >&2; return 1; }
 }
 
+# shellcheck disable=SC2034 # for those who source this
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libzmq3-dev libcli11-dev)
-TEST_PACKAGES=(clang-14 libclang-rt-14-dev g++-12-multilib googletest libgtest-dev binutils dpkg-dev)
+# shellcheck disable=SC2034
+TEST_PACKAGES=(clang-14 clang-format-14 libclang-rt-14-dev g++-12-multilib googletest libgtest-dev binutils dpkg-dev)
