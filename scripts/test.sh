@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds and passes all tests: release with g++ and clang, 32-bit, sanitizers.
+# Installs what is missing, checks the code style, builds and passes all tests: release with g++ and clang, 32-bit,
+# sanitizers.
 # Usage: scripts/test.sh [PRESET...]   (default: all of them)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/lib/packages.sh
+. scripts/lib/format.sh
 . scripts/lib/zmq.sh
 
 # The kernel headers that -m32 does not find by itself.
@@ -13,6 +15,7 @@ presets=("$@")
 [ ${#presets[@]} -gt 0 ] || presets=(clang asan ilp32 ilp32-asan tsan release)
 
 require_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
+check_format || { echo "test.sh: not formatted with clang-format-14" >&2; exit 1; }
 case " ${presets[*]} " in
   *" ilp32"*) build_zmq "$PWD/build/zmq/ilp32" "-DCMAKE_C_FLAGS=$m32" "-DCMAKE_CXX_FLAGS=$m32" ;;
 esac

@@ -1,6 +1,6 @@
 /* The public headers in a C99 process: they compile alone, link, and their operations are callable. */
-#include "fib6_cfg.h"
 #include "fib6Sync.h"
+#include "fib6_cfg.h"
 
 #include <stdio.h>
 
