@@ -2,8 +2,8 @@
 #ifndef PROBE_H
 #define PROBE_H
 
-#include "runtime/encode.h"
 #include "drix_message.h"
+#include "runtime/encode.h"
 
 extern "C" {
 
