@@ -23,8 +23,8 @@ namespace drix {
 inline constexpr uint64_t kLaneOnes = 0x0001'0001'0001'0001;
 inline constexpr uint64_t kLaneTops = 0x8000'8000'8000'8000;
 
-// Whether each of the N slots of R from the first one on has its inline bytes before the buffer's end, so many bytes
-// from the table's start. May answer no where they are more than 32 KiB from the start.
+// Whether all slots of R have their inline bytes before the buffer's end, which is room bytes from the table's start. May
+// also answer no where they are more than 32 KiB from the start.
 template <class R>
 [[gnu::always_inline]] inline bool slots_in_reach(const uint8_t *entries, uint32_t room) {
   constexpr std::size_t kLanes = 4;
@@ -48,7 +48,8 @@ template <class R>
     uint64_t offsets = 0;
     std::memcpy(&offsets, entries + 2 * first, 2 * count);
     offsets = to_wire_order(offsets);
-    // A lane's top bit stays set when its offset is not above the limit, and no lane borrows from the next.
+    // A lane's top bit stays set when its offset is not above the limit. Only a lane whose offset has the top bit can
+    // borrow from the next one, and that lane fails for all.
     in_reach &= (((reach - kWidths) | kLaneTops) - offsets) & ~offsets;
   };
   [&]<std::size_t... I>(std::index_sequence<I...>) { (check.template operator()<kLanes * I, kLanes>(), ...); }
