@@ -23,8 +23,8 @@ namespace drix {
 inline constexpr uint64_t kLaneOnes = 0x0001'0001'0001'0001;
 inline constexpr uint64_t kLaneTops = 0x8000'8000'8000'8000;
 
-// Whether all slots of R have their inline bytes before the buffer's end, which is room bytes from the table's start. May
-// also answer no where they are more than 32 KiB from the start.
+// Whether all slots of R have their inline bytes before the buffer's end, which is room bytes from the table's start.
+// May also answer no where they are more than 32 KiB from the start.
 template <class R>
 [[gnu::always_inline]] inline bool slots_in_reach(const uint8_t *entries, uint32_t room) {
   constexpr std::size_t kLanes = 4;
