@@ -8,8 +8,8 @@ cd "$(dirname "$0")/.."
 
 repetitions=11
 batches=(1 16 256 4096)
-runs=5
-routes=534000 # 2000 times the sample
+runs=3
+routes=2670000 # 10,000 times the sample
 
 require_packages "${BUILD_PACKAGES[@]}" libbenchmark-dev util-linux
 build=build/bench
