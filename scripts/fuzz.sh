@@ -8,8 +8,9 @@ cd "$(dirname "$0")/.."
 . scripts/lib/packages.sh
 
 targets=(decode_fib6_cfg decode_korBrokerFib6 decode_fib6Sync round_trip)
-seconds=$((${1:-60} / ${#targets[@]}))
-[ "$seconds" -gt 0 ] || { echo "fuzz.sh: at least ${#targets[@]} seconds" >&2; exit 2; }
+total=${1:-60}
+[[ $total =~ ^[0-9]+$ ]] && seconds=$((10#$total / ${#targets[@]})) && [ "$seconds" -gt 0 ] ||
+  { echo "fuzz.sh: SECONDS is a number, at least ${#targets[@]}" >&2; exit 2; }
 build=build/fuzz
 
 require_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
