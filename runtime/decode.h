@@ -16,6 +16,13 @@
 
 namespace drix {
 
+// Whether the quick readers are built in, see docs/performance.md.
+#ifdef DRIX_QUICK_READERS
+inline constexpr bool kQuickReaders = DRIX_QUICK_READERS;
+#else
+inline constexpr bool kQuickReaders = true;
+#endif
+
 // What the decoding flow needs to know of a slot.
 struct SlotShape {
   Kind kind;
@@ -33,7 +40,7 @@ struct Decoder {
   const SlotShape *shapes;
   const Decoder *const *inner;  // of embedded records and of vectors' elements
 
-  // The quick reader of a fixed-length type, null for others.
+  // The quick reader of a fixed-length type, null for others and when none is built in.
   bool (*read)(const uint8_t *buffer, uint32_t length, uint32_t position, void *record);
 
   // Of variable-length types, null for others.
@@ -79,9 +86,8 @@ struct DecoderOf {
 
   static constexpr Decoder decoder = [] {
     Decoder made = {&kMessage<R>, sizeof(R), kSlots<R>, shapes.data(), inner.data(), nullptr, nullptr};
-    if constexpr (kFixedLength<R>) {
-      made.read = read_table<R>;
-    } else {
+    if constexpr (kQuickReaders && kFixedLength<R>) made.read = read_table<R>;
+    if constexpr (!kFixedLength<R>) {
       made.release = [](void *record) { release_members(*static_cast<R *>(record)); };
     }
     return made;
@@ -91,7 +97,7 @@ struct DecoderOf {
 // The decoder that a package exports for R, see X__unpack in drix_message.h.
 template <class R>
 uint32_t unpack(const uint8_t *buffer, uint32_t length, R *record) {
-  if constexpr (kFixedLength<R>) {
+  if constexpr (kQuickReaders && kFixedLength<R>) {
     if (buffer != nullptr && record != nullptr && length >= kWord && length <= INT32_MAX) [[likely]] {
       const uint32_t root = load<uint32_t>(buffer);
       if (root == kWord && length >= kReadSize<kFixedImage<R>> && matches_image<kFixedImage<R>>(buffer)) {
