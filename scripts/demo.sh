@@ -69,9 +69,8 @@ if [ -z "$binaries" ]; then
 fi
 
 work=$(mktemp -d)
-children=()
 clean_up() {
-  for child in "${children[@]}"; do kill "$child" 2>/dev/null || true; done
+  jobs -pr | xargs -r kill 2>/dev/null || true
   wait
   rm -rf "$work"
 }
@@ -82,10 +81,8 @@ trap 'exit 143' TERM
 endpoint=ipc://$work/demo.ipc
 "$binaries/${programs}_receiver" --endpoint "$endpoint" "${receiver_options[@]}" &
 receiver=$!
-children+=("$receiver")
 "$binaries/${programs}_sender" --endpoint "$endpoint" "${sender_options[@]}" &
 sender=$!
-children+=("$sender")
 
 wait "$sender" || fail "the sender failed"
 # It succeeds once everything is acknowledged, so the receiver has seen the end of the stream by now.
