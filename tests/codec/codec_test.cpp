@@ -137,7 +137,7 @@ TEST(Codec, GivesUpAVectorWhoseRecordsNeedMoreThan32Bits) {
   for (const uint32_t count : {kFitting, kFitting + 1}) {
     Bytes image = {12, 0, 0, 0, 8, 0, 12, 0, 0, 0, 4, 0, 8, 0, 0, 0, 4, 0, 0, 0};  // up to the vector, which is slot 1
     image.resize(24 + std::size_t{4} * count);
-    std::memcpy(&image[20], &count, sizeof count);
+    for (uint32_t i = 0; i < 4; ++i) image[20 + i] = static_cast<uint8_t>(count >> (8 * i));
     EXPECT_EQ(judge::decode(subject, image.data(), static_cast<uint32_t>(image.size()), 0), "");
     EXPECT_EQ(fake_platform::allocations().size(), count == kFitting ? 1u : 0u);
     EXPECT_EQ(fake_platform::logs().size(), count == kFitting ? 1u : 0u);
