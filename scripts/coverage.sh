@@ -55,6 +55,7 @@ awk -F '\t' '
   function reason_for(file, line) {
     if (source(file, line) ~ /^ *}$/) return reason_for(file, line - 1)
     if (source(file, line) ~ /__builtin_bswap/) return "for big-endian hosts"
+    if (source(file, line) ~ /^ *switch /) return "the enumeration has no other value"
   }
   $1 == "symbol" { has_code[$2] = 1 }
   $1 == "line" && $4 > 0 { ++run_lines[$2]; ++lines[$2] }
@@ -80,7 +81,7 @@ awk -F '\t' '
       split(at[2], place, ":")
       if (taken[key] == 0 && (at[1], place[1]) in compiled && (at[1], place[1]) in unrun) continue
       ++branches[at[1]]
-      if (taken[key] > 0) ++run_branches[at[1]]; else left(at[1] ":" at[2], "never " at[3])
+      if (taken[key] > 0) ++run_branches[at[1]]; else left(at[1] ":" at[2], "never " at[3], reason_for(at[1], place[1]))
     }
     format = "%-42s %11s %9s %13s %13s\n"
     printf format, "", "lines", "branches", "functions", "compile time"

@@ -2,8 +2,6 @@
 // worst input.
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "codec.h"
 #include "fake_bus.h"
 #include "fake_platform.h"
