@@ -52,7 +52,7 @@ class TableDecoding {
   // Decodes the table that was found into a record of zeros, which is released when a slot is bad.
   [[nodiscard]] bool unpack() {
     for (uint32_t i = 0; i < decoder_.slots && vtable_length(i + 1) <= vtable_length_; ++i) {
-      const uint32_t at = load<uint16_t>(entries_ + 2 * i);
+      const uint32_t at = load<uint16_t>(entries_ + std::size_t{2} * i);
       if (at == 0 || unpack_slot(decoder_.shapes[i], at)) continue;
       if (decoder_.release != nullptr) decoder_.release(record_);
       return false;
