@@ -1,6 +1,6 @@
 #include "runtime/encode.h"
 
-#include <cstring>
+#include "runtime/reject.h"
 
 namespace drix {
 namespace {

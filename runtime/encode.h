@@ -5,11 +5,11 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 
 #include "runtime/image.h"
 #include "runtime/image_runs.h"
 #include "runtime/message.h"
-#include "runtime/reject.h"
 #include "runtime/slots.h"
 #include "runtime/wire.h"
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <deque>
+#include <span>
 #include <sstream>
 #include <stdexcept>
 
@@ -254,11 +255,6 @@ std::vector<const Type *> types_of(const std::string &package) {
 const Type &find(const std::string &package, const std::string &message) {
   add_own_rows_once();
   return *lookup(package, message);
-}
-
-void register_types(const std::string &package, std::span<const Row> rows) {
-  add_own_rows_once();
-  add_rows(package, rows);
 }
 
 }  // namespace reference

@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -67,9 +66,6 @@ std::vector<const Type *> types_of(const std::string &package);
 
 // Throws std::invalid_argument for an unknown name.
 const Type &find(const std::string &package, const std::string &message);
-
-// Adds types for find() and types_of().
-void register_types(const std::string &package, std::span<const Row> rows);
 
 }  // namespace reference
 
