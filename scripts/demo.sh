@@ -45,11 +45,11 @@ while [ $# -gt 0 ]; do
   shift
 done
 if [ -n "$soak" ]; then
-  programs=soak records=record
+  programs=soak folder=tools/soak records=record
   receiver_options=()
   sender_options+=(--seconds "$soak")
 else
-  programs=route records=route
+  programs=route folder=examples records=route
   if ! grep -q . "$routes" 2>/dev/null; then
     echo "demo: the kernel has no IPv6 routes; these are the sample's"
     routes=$sample
@@ -65,7 +65,7 @@ if [ -z "$binaries" ]; then
   # In a folder of its own: without the tests, and so without what only they need.
   cmake --preset release -B build/demo -DDRIX_BUILD_TESTS=OFF
   cmake --build build/demo
-  binaries=$project/build/demo/examples
+  binaries=$project/build/demo/$folder
 fi
 
 work=$(mktemp -d)

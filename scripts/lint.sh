@@ -13,6 +13,6 @@ cmake --preset clang >build/lint.log 2>&1 || { cat build/lint.log >&2; exit 1; }
 failed=0
 check_format || failed=1
 # Headers are looked at through the sources that include them.
-find runtime bus packages platform examples -name '*.c' -print0 -o -name '*.cpp' -print0 |
+find runtime bus packages platform examples tools -name '*.c' -print0 -o -name '*.cpp' -print0 |
   xargs -0 -n 1 -P "$(nproc)" clang-tidy-14 -p build/clang --quiet || failed=1
 exit "$failed"
