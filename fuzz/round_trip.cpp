@@ -1,7 +1,4 @@
 // Any record through encoder and decoder in both layouts. The first byte chooses the type, the rest fills the record.
-#include <algorithm>
-#include <cstring>
-
 #include "fake_bus.h"
 #include "target.h"
 
@@ -9,55 +6,31 @@ namespace {
 
 using judge::Subject;
 using reference::Bytes;
-using reference::Kind;
-using reference::Slot;
 using reference::Type;
 
-// Hands out the input's bytes, and zeros when they are used up.
+// Fills records with the input's bytes, and with zeros when they are used up. A byte string or vector may also have a
+// length without a block or a block without a length.
 class Input {
  public:
   Input(const uint8_t *data, std::size_t size) : data_(data), left_(size) {}
 
-  void read(uint8_t *to, std::size_t size) {
-    const std::size_t taken = std::min(size, left_);
-    std::copy(data_, data_ + taken, to);
-    std::fill(to + taken, to + size, uint8_t{0});
-    data_ += taken;
-    left_ -= taken;
+  uint32_t number(uint32_t width) {
+    uint32_t number = 0;
+    for (; width > 0; --width) number = number << 8 | byte();
+    return number;
   }
 
-  uint8_t byte() {
-    uint8_t value;
-    return read(&value, 1), value;
+  records::Extent extent(records::Kind) {
+    const uint8_t shape = byte();
+    return {shape & 7u, (shape & 8) == 0};
   }
 
  private:
+  uint8_t byte() { return left_ == 0 ? uint8_t{0} : (--left_, *data_++); }
+
   const uint8_t *data_;
   std::size_t left_;
 };
-
-// A byte string or vector may also have a length without a pointer or a pointer without a length.
-void fill(const Type &type, uint8_t *record, Input &input, reference::Arena &arena) {
-  for (const Slot &slot : type.slots) {
-    uint8_t *member = record + slot.member;
-    if (slot.kind == Kind::kScalar || slot.kind == Kind::kArray) {
-      input.read(member, std::size_t{slot.width} * std::max(slot.count, 1u));
-    } else if (slot.kind == Kind::kTable) {
-      fill(*slot.type, member, input, arena);
-    } else {
-      const uint8_t shape = input.byte();
-      const uint32_t length = shape & 7;
-      const std::size_t size = slot.kind == Kind::kBytes ? 1 : slot.type->record_size;
-      uint8_t *block = (shape & 8) != 0 ? nullptr : arena.allocate(length * size);
-      for (uint32_t i = 0; block != nullptr && i < length; ++i) {
-        if (slot.kind == Kind::kBytes) block[i] = input.byte();
-        if (slot.kind == Kind::kVector) fill(*slot.type, block + i * size, input, arena);
-      }
-      std::memcpy(record + slot.length_member, &length, sizeof length);
-      std::memcpy(member, &block, sizeof block);
-    }
-  }
-}
 
 // One byte less than is needed is refused; the exact length is a heap block of its own.
 std::string pack(const Subject &subject, const void *record, const Bytes &expected) {
@@ -102,9 +75,9 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
   const Subject &subject = subjects[data[0] % subjects.size()];
   const Type &type = *subject.type;
   Input input(data + 1, size - 1);
-  reference::Arena arena;
+  records::Arena arena;
   Bytes record(type.record_size);
-  fill(type, record.data(), input, arena);
+  records::fill(type, record.data(), input, arena);
 
   const Bytes compact = reference::pack(type, record.data());
   std::vector<bool> written(compact.size(), true);

@@ -13,7 +13,6 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <random>
 #include <stdexcept>
 #include <string_view>
 
@@ -58,16 +57,16 @@ void find_places(const Type &type, const Bytes &image, uint32_t table, Places &p
   for (uint32_t i = 0; i < type.slots.size(); ++i) {
     const Slot &slot = type.slots[i];
     const uint32_t entry = read(image, vtable + 4 + 2 * i, 2);
-    if (entry == 0 || slot.kind == Kind::kScalar) continue;
+    if (entry == 0 || slot.kind == Kind::scalar) continue;
     const uint32_t word = table + entry;
     const uint32_t target = word + read(image, word, 4);
     places.words.push_back(word);
-    if (slot.kind == Kind::kTable) {
+    if (slot.kind == Kind::table) {
       find_places(*slot.type, image, target, places);
       continue;
     }
     places.words.push_back(target);
-    for (uint32_t k = 0; slot.kind == Kind::kVector && k < read(image, target, 4); ++k) {
+    for (uint32_t k = 0; slot.kind == Kind::vector && k < read(image, target, 4); ++k) {
       const uint32_t element = target + 4 + 4 * k;
       places.words.push_back(element);
       find_places(*slot.type, image, element + read(image, element, 4), places);
@@ -77,13 +76,13 @@ void find_places(const Type &type, const Bytes &image, uint32_t table, Places &p
 
 // In the compact layout a record without zeros, the longest of many, and one with every second scalar zero; in the
 // fixed layout one without zeros.
-std::vector<Bytes> good_images(const Type &type, std::mt19937 &random) {
+std::vector<Bytes> good_images(const Type &type, records::Random &random) {
   Bytes longest;
   std::vector<Bytes> images;
   for (int draw = 0; draw < 16; ++draw) {
-    reference::Arena arena;
+    records::Arena arena;
     Bytes record(type.record_size);
-    reference::fill_random(type, record.data(), random, draw == 0 ? 0.5 : 0.0, arena);
+    records::fill_random(type, record.data(), random, {.zeros = draw == 0 ? 50u : 0u}, arena);
     const Bytes image = reference::pack(type, record.data());
     if (image.size() > longest.size()) longest = image;
     if (draw == 0) images.push_back(image);
@@ -158,7 +157,7 @@ class Campaign {
       if (differences_ < kMostDifferences) judge_changed(subject, good, change);
     };
     const auto sample_one = [&](const Change &change) {
-      if (sample_ == 1 || random_() % sample_ == 0) judge_one(change);
+      if (sample_ == 1 || random_.below(sample_) == 0) judge_one(change);
     };
     Places places = {.entries = {}, .words = {0}};
     find_places(*subject.type, good, read(good, 0, 4), places);
@@ -207,7 +206,7 @@ class Campaign {
 
   uint32_t sample_;
   bool heap_;
-  std::mt19937 random_;
+  records::Random random_;
   judge::Guarded memory_{1 << 16};
   uint64_t decodes_ = 0;
   uint64_t endings_[std::size(kEndings)] = {};
@@ -226,12 +225,12 @@ void write_seeds(const std::string &folder, const Type &type, std::size_t number
 }
 
 // What the library itself makes of random records, packed and sent: the same lines on every processor.
-void write_images(std::ofstream &file, const judge::Subject &subject, std::mt19937 &random) {
+void write_images(std::ofstream &file, const judge::Subject &subject, records::Random &random) {
   const Type &type = *subject.type;
   for (int draw = 0; draw < 8; ++draw) {
-    reference::Arena arena;
+    records::Arena arena;
     Bytes record(type.record_size);
-    reference::fill_random(type, record.data(), random, draw % 2 == 0 ? 0.5 : 0.0, arena);
+    records::fill_random(type, record.data(), random, {.zeros = draw % 2 == 0 ? 50u : 0u}, arena);
     Bytes packed(1 << 16);
     auto length = static_cast<uint32_t>(packed.size());
     fake_bus::bus() = {};
@@ -268,7 +267,7 @@ int main(int argc, char **argv) {
 
   for (const int signal : {SIGSEGV, SIGBUS, SIGABRT}) std::signal(signal, print_current_and_die);
   const auto start = std::chrono::steady_clock::now();
-  std::mt19937 random(seed);
+  records::Random random(seed);
   Campaign campaign(sample, heap, seed);
   std::ofstream images_file(images_path);
   std::map<std::string, std::size_t> numbers;  // of the types in their packages

@@ -95,19 +95,19 @@ const Image kImages[] = {
 // parted by commas; what the text leaves out is zero.
 class Filler {
  public:
-  Filler(const char *text, reference::Arena &arena) : text_(text), arena_(arena) {}
+  Filler(const char *text, records::Arena &arena) : text_(text), arena_(arena) {}
 
   void fill(const reference::Type &type, uint8_t *record) {
     for (const reference::Slot &slot : type.slots) {
       if (!(text_ >> std::ws) || text_.peek() == ',' || text_.peek() == ']') return;
-      if (slot.kind == reference::Kind::kTable) {
+      if (slot.kind == reference::Kind::table) {
         fill(*slot.type, record + slot.member);
-      } else if (slot.kind == reference::Kind::kBytes) {
+      } else if (slot.kind == reference::Kind::bytes) {
         std::string content;
         text_ >> content;
         point(slot, record, content.size() - 2, reinterpret_cast<const uint8_t *>(content.data()) + 1,
               content.size() - 2);
-      } else if (slot.kind == reference::Kind::kVector) {
+      } else if (slot.kind == reference::Kind::vector) {
         fill_vector(slot, record);
       } else {
         for (uint32_t i = 0; i < slot.count; ++i) fill_scalar(record + slot.member + i * slot.width, slot.width);
@@ -147,7 +147,7 @@ class Filler {
   }
 
   std::istringstream text_;
-  reference::Arena &arena_;
+  records::Arena &arena_;
 };
 
 struct Expected {
@@ -176,7 +176,7 @@ TEST(Images, AreWrittenAndReadByTheLibraryAndTheReference) {
     SCOPED_TRACE(type.prefix() + " of " + image.values);
     const Operations library = operations_of(type.prefix());
     const Expected expected = parse(image.bytes);
-    reference::Arena arena;
+    records::Arena arena;
     Bytes record(type.record_size);
     Filler(image.values, arena).fill(type, record.data());
 
@@ -199,7 +199,7 @@ TEST(Images, AreWrittenAndReadByTheLibraryAndTheReference) {
     Bytes decoded(type.record_size, 0xEE);
     EXPECT_EQ(library.unpack(expected.bytes.data(), static_cast<uint32_t>(expected.bytes.size()), decoded.data()),
               type.record_size);
-    EXPECT_TRUE(reference::equal(type, record.data(), decoded.data()));
+    EXPECT_TRUE(records::first_difference(type, record.data(), decoded.data()).empty());
     library.free_unpacked(decoded.data());
   }
 }

@@ -20,24 +20,8 @@ uint32_t get(const void *record, size_t place, uint32_t width) {
 }
 
 void set(void *record, size_t place, uint32_t width, uint32_t value) {
-  auto *to = static_cast<uint8_t *>(record) + place;
-  const auto half = static_cast<uint16_t>(value);
-  if (width == 1) *to = static_cast<uint8_t>(value);
-  if (width == 2) std::memcpy(to, &half, 2);
-  if (width == 4) std::memcpy(to, &value, 4);
+  records::store_number(static_cast<uint8_t *>(record) + place, width, value);
 }
-
-uint8_t *get_pointer(const void *record, const Slot &slot) {
-  uint8_t *pointer;
-  std::memcpy(&pointer, static_cast<const uint8_t *>(record) + slot.member, sizeof pointer);
-  return pointer;
-}
-
-void set_pointer(void *record, const Slot &slot, uint8_t *pointer) {
-  std::memcpy(static_cast<uint8_t *>(record) + slot.member, &pointer, sizeof pointer);
-}
-
-uint32_t get_length(const void *record, const Slot &slot) { return get(record, slot.length_member, 4); }
 
 const uint8_t *inside(const void *record, const Slot &slot) {
   return static_cast<const uint8_t *>(record) + slot.member;
@@ -63,13 +47,13 @@ uint32_t vtable_length(const Type &type) { return static_cast<uint32_t>(4 + 2 * 
 
 bool in_compact_layout(const Slot &slot, const void *record) {
   switch (slot.kind) {
-    case Kind::kScalar:
+    case Kind::scalar:
       return get(record, slot.member, slot.width) != 0;
-    case Kind::kArray:
-    case Kind::kTable:
+    case Kind::array:
+    case Kind::table:
       return true;
     default:
-      return get_pointer(record, slot) != nullptr && get_length(record, slot) != 0;
+      return slot.block_in(record) != nullptr && slot.length_in(record) != 0;
   }
 }
 
@@ -88,26 +72,26 @@ uint32_t append_table(const Type &type, const void *record, Bytes &out) {
 
   for (size_t i = 0; i < type.slots.size(); ++i) {
     const Slot &slot = type.slots[i];
-    if (slot.kind != Kind::kScalar || !in_compact_layout(slot, record)) continue;
+    if (slot.kind != Kind::scalar || !in_compact_layout(slot, record)) continue;
     start_field(i);
     put(out, get(record, slot.member, slot.width), slot.width);
   }
   for (size_t i = 0; i < type.slots.size(); ++i) {
-    if (type.slots[i].kind == Kind::kScalar || !in_compact_layout(type.slots[i], record)) continue;
+    if (type.slots[i].kind == Kind::scalar || !in_compact_layout(type.slots[i], record)) continue;
     start_field(i);
     put(out, 0, 4);
   }
   for (size_t i = 0; i < type.slots.size(); ++i) {
     const Slot &slot = type.slots[i];
-    if (slot.kind == Kind::kScalar || slot.kind == Kind::kTable || !in_compact_layout(slot, record)) continue;
+    if (slot.kind == Kind::scalar || slot.kind == Kind::table || !in_compact_layout(slot, record)) continue;
     point(words[i], out.size());
-    const uint32_t count = slot.kind == Kind::kArray ? slot.count : get_length(record, slot);
+    const uint32_t count = slot.kind == Kind::array ? slot.count : slot.length_in(record);
     put(out, count, 4);
     words[i] = out.size();
-    if (slot.kind == Kind::kArray) {
+    if (slot.kind == Kind::array) {
       for (uint32_t k = 0; k < count; ++k) put(out, get(record, slot.member + k * slot.width, slot.width), slot.width);
-    } else if (slot.kind == Kind::kBytes) {
-      out.insert(out.end(), get_pointer(record, slot), get_pointer(record, slot) + count);
+    } else if (slot.kind == Kind::bytes) {
+      out.insert(out.end(), slot.block_in(record), slot.block_in(record) + count);
     } else {
       out.resize(out.size() + 4 * size_t{count});
     }
@@ -116,13 +100,13 @@ uint32_t append_table(const Type &type, const void *record, Bytes &out) {
   put_at(out, vtable + 2, static_cast<uint32_t>(out.size() - table), 2);
   for (size_t i = 0; i < type.slots.size(); ++i) {
     const Slot &slot = type.slots[i];
-    if (slot.kind == Kind::kTable) point(words[i], append_table(*slot.type, inside(record, slot), out));
+    if (slot.kind == Kind::table) point(words[i], append_table(*slot.type, inside(record, slot), out));
   }
   for (size_t i = 0; i < type.slots.size(); ++i) {
     const Slot &slot = type.slots[i];
-    if (slot.kind != Kind::kVector || !in_compact_layout(slot, record)) continue;
-    for (uint32_t k = 0; k < get_length(record, slot); ++k) {
-      point(words[i] + 4 * k, append_table(*slot.type, get_pointer(record, slot) + k * slot.type->record_size, out));
+    if (slot.kind != Kind::vector || !in_compact_layout(slot, record)) continue;
+    for (uint32_t k = 0; k < slot.length_in(record); ++k) {
+      point(words[i] + 4 * k, append_table(*slot.type, slot.block_in(record) + k * slot.type->record_size, out));
     }
   }
   return static_cast<uint32_t>(table);
@@ -144,11 +128,11 @@ void append_fixed(const Type &type, const void *record, Bytes &out, std::vector<
   emit(0, 4);
   for (const Slot &slot : type.slots) {
     offsets.push_back(static_cast<uint32_t>(out.size() - table));
-    if (slot.kind == Kind::kTable) {
+    if (slot.kind == Kind::table) {
       append_fixed(*slot.type, inside(record, slot), out, written);
       continue;
     }
-    if (slot.kind == Kind::kArray) {
+    if (slot.kind == Kind::array) {
       emit(4, 4);
       emit(slot.count, 4);
     }
@@ -228,37 +212,37 @@ class Decoding {
   }
 
   bool decode_slot(const Slot &slot, uint32_t p, const std::string &name, void *record) {
-    if (slot.kind == Kind::kScalar) {
+    if (slot.kind == Kind::scalar) {
       if (!fits(p, slot.width)) return false;
       set(record, slot.member, slot.width, read(buffer_, p, slot.width));
       return true;
     }
     uint64_t target;
     if (!follow(p, target)) return false;
-    if (slot.kind == Kind::kTable) {
+    if (slot.kind == Kind::table) {
       return decode_non_root(*slot.type, inside(record, slot), static_cast<uint32_t>(target));
     }
     if (!fits(target, 4)) return false;
     const auto q = static_cast<uint32_t>(target);
     const uint32_t count = read(buffer_, q, 4);
-    const bool words = slot.kind == Kind::kVector || slot.width == 4;
-    if (slot.kind != Kind::kBytes && words && count >= 0x40000000) return false;
-    if (slot.kind == Kind::kArray) {
+    const bool words = slot.kind == Kind::vector || slot.width == 4;
+    if (slot.kind != Kind::bytes && words && count >= 0x40000000) return false;
+    if (slot.kind == Kind::array) {
       if (count != slot.count || !fits(q + 4, uint64_t{count} * slot.width)) return false;
       for (uint32_t k = 0; k < count; ++k) {
         set(record, slot.member + k * slot.width, slot.width, read(buffer_, q + 4 + k * slot.width, slot.width));
       }
       return true;
     }
-    if (!fits(q + 4, slot.kind == Kind::kBytes ? count : uint64_t{4} * count)) return false;
+    if (!fits(q + 4, slot.kind == Kind::bytes ? count : uint64_t{4} * count)) return false;
     set(record, slot.length_member, 4, count);
     if (count == 0) return true;
-    const uint64_t size = slot.kind == Kind::kBytes ? count : uint64_t{count} * slot.type->record_size;
+    const uint64_t size = slot.kind == Kind::bytes ? count : uint64_t{count} * slot.type->record_size;
     if (size > 0xFFFFFFFF) return false;
     uint8_t *block = allocate(static_cast<uint32_t>(size), name);
     if (block == nullptr) return false;
-    set_pointer(record, slot, block);
-    if (slot.kind == Kind::kBytes) {
+    slot.point(record, block, count);
+    if (slot.kind == Kind::bytes) {
       std::memcpy(block, buffer_ + q + 4, count);
       return true;
     }
@@ -286,65 +270,6 @@ class Decoding {
 };
 
 }  // namespace
-
-uint8_t *Arena::allocate(size_t size) {
-  blocks_.push_back(std::make_unique<uint8_t[]>(size));
-  return blocks_.back().get();
-}
-
-void fill_random(const Type &type, void *record, std::mt19937 &random, double zeros, Arena &arena) {
-  const auto value = [&] { return static_cast<uint32_t>(random() >> (random() % 32)); };
-  // Not a standard distribution: those may draw differently on another processor.
-  const auto zero = [&] { return static_cast<double>(random()) < zeros * 4294967296.0; };
-  for (const Slot &slot : type.slots) {
-    if (slot.kind == Kind::kScalar) {
-      set(record, slot.member, slot.width, zero() ? 0 : value() | 1);
-    } else if (slot.kind == Kind::kArray) {
-      for (uint32_t k = 0; k < slot.count; ++k) set(record, slot.member + k * slot.width, slot.width, value());
-    } else if (slot.kind == Kind::kTable) {
-      fill_random(*slot.type, inside(record, slot), random, zeros, arena);
-    } else {
-      const uint32_t count = zero() ? 0 : static_cast<uint32_t>(random() % 5);
-      const size_t size = slot.kind == Kind::kBytes ? 1 : slot.type->record_size;
-      uint8_t *block = count == 0 ? nullptr : arena.allocate(count * size);
-      for (uint32_t k = 0; k < count; ++k) {
-        if (slot.kind == Kind::kBytes) block[k] = static_cast<uint8_t>(value());
-        if (slot.kind == Kind::kVector) fill_random(*slot.type, block + k * size, random, zeros, arena);
-      }
-      set(record, slot.length_member, 4, count);
-      set_pointer(record, slot, block);
-    }
-  }
-}
-
-void fill_set(const Type &type, void *record) {
-  uint32_t value = 0x81828384;
-  for (const Slot &slot : type.slots) {
-    for (uint32_t k = 0; k < slot.count; ++k) set(record, slot.member + k * slot.width, slot.width, value++ | 1);
-    if (slot.kind == Kind::kTable) fill_set(*slot.type, inside(record, slot));
-  }
-}
-
-bool equal(const Type &type, const void *a, const void *b) {
-  for (const Slot &slot : type.slots) {
-    if (slot.kind == Kind::kTable) {
-      if (!equal(*slot.type, inside(a, slot), inside(b, slot))) return false;
-    } else if (slot.kind == Kind::kScalar || slot.kind == Kind::kArray) {
-      if (std::memcmp(inside(a, slot), inside(b, slot), size_t{slot.width} * slot.count) != 0) return false;
-    } else {
-      const uint8_t *data_a = get_pointer(a, slot);
-      const uint8_t *data_b = get_pointer(b, slot);
-      const uint32_t count = get_length(a, slot);
-      if (count != get_length(b, slot) || (data_a == nullptr) != (data_b == nullptr)) return false;
-      const size_t size = slot.kind == Kind::kBytes ? 1 : slot.type->record_size;
-      for (uint32_t k = 0; data_a != nullptr && k < count; ++k) {
-        if (slot.kind == Kind::kBytes && data_a[k] != data_b[k]) return false;
-        if (slot.kind == Kind::kVector && !equal(*slot.type, data_a + k * size, data_b + k * size)) return false;
-      }
-    }
-  }
-  return true;
-}
 
 Bytes pack(const Type &type, const void *record) {
   Bytes out(4);
@@ -380,14 +305,14 @@ bool decode(const Type &type, const uint8_t *buffer, uint32_t length, void *reco
 
 void release(const Type &type, void *record, Trace &trace) {
   for (const Slot &slot : type.slots) {
-    if (slot.kind == Kind::kTable) release(*slot.type, inside(record, slot), trace);
-    if (slot.kind != Kind::kBytes && slot.kind != Kind::kVector) continue;
-    if (get_pointer(record, slot) != nullptr) {
-      const size_t size = get_length(record, slot) * (slot.kind == Kind::kBytes ? 1 : slot.type->record_size);
-      std::free(get_pointer(record, slot));
+    if (slot.kind == Kind::table) release(*slot.type, inside(record, slot), trace);
+    if (slot.kind != Kind::bytes && slot.kind != Kind::vector) continue;
+    if (slot.block_in(record) != nullptr) {
+      const size_t size = slot.length_in(record) * (slot.kind == Kind::bytes ? 1 : slot.type->record_size);
+      std::free(slot.block_in(record));
       trace.frees.push_back({static_cast<uint32_t>(size), type.prefix() + "_free_unpacked"});
     }
-    set_pointer(record, slot, nullptr);
+    slot.point(record, nullptr, slot.length_in(record));
   }
 }
 

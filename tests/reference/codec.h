@@ -1,11 +1,8 @@
 // A second codec, driven by the typed-in slot lists and as simple as it can be: it judges what the library writes and
 // what it makes of any buffer.
-#ifndef TESTS_REFERENCE_CODEC_H
-#define TESTS_REFERENCE_CODEC_H
+#pragma once
 
 #include <cstdint>
-#include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -14,24 +11,6 @@
 namespace reference {
 
 using Bytes = std::vector<uint8_t>;
-
-// Owns what records point to.
-class Arena {
- public:
-  uint8_t *allocate(size_t size);
-
- private:
-  std::vector<std::unique_ptr<uint8_t[]>> blocks_;
-};
-
-// Fills a record: each scalar is zero with the given probability, byte strings and vectors are short.
-void fill_random(const Type &type, void *record, std::mt19937 &random, double zeros, Arena &arena);
-
-// Sets every scalar and array element to a non-zero value and leaves byte strings and vectors empty.
-void fill_set(const Type &type, void *record);
-
-// Compares what records mean, not their padding; the pointers of empty byte strings and vectors count as they are.
-bool equal(const Type &type, const void *a, const void *b);
 
 // Encodes in the compact layout.
 Bytes pack(const Type &type, const void *record);
@@ -69,5 +48,3 @@ bool decode(const Type &type, const uint8_t *buffer, uint32_t length, void *reco
 void release(const Type &type, void *record, Trace &trace);
 
 }  // namespace reference
-
-#endif

@@ -164,10 +164,10 @@ Slot parse_slot(const std::string &package, const std::string &text) {
   const std::string name = text.substr(0, bracket);
   const std::string inside = bracket == text.npos ? "" : text.substr(bracket + 1, text.find(']') - bracket - 1);
   const uint32_t width = name == "u8" ? 1 : name == "u16" ? 2 : name == "u32" ? 4 : 0;
-  if (name == "bytes") return {.kind = Kind::kBytes};
-  if (width == 0) return {.kind = bracket == text.npos ? Kind::kTable : Kind::kVector, .type = lookup(package, name)};
-  if (bracket == text.npos) return {.kind = Kind::kScalar, .width = width, .count = 1};
-  return {.kind = Kind::kArray, .width = width, .count = static_cast<uint32_t>(std::stoul(inside))};
+  if (name == "bytes") return {.kind = Kind::bytes};
+  if (width == 0) return {.kind = bracket == text.npos ? Kind::table : Kind::vector, .type = lookup(package, name)};
+  if (bracket == text.npos) return {.kind = Kind::scalar, .width = width, .count = 1};
+  return {.kind = Kind::array, .width = width, .count = static_cast<uint32_t>(std::stoul(inside))};
 }
 
 // Appends a member as the compiler would, and returns its place.
@@ -179,9 +179,9 @@ size_t place_member(Type &type, size_t size, size_t alignment) {
 }
 
 void append_slot(Type &type, Slot slot) {
-  if (slot.kind == Kind::kScalar || slot.kind == Kind::kArray) {
+  if (slot.kind == Kind::scalar || slot.kind == Kind::array) {
     slot.member = place_member(type, slot.width * slot.count, slot.width);
-  } else if (slot.kind == Kind::kTable) {
+  } else if (slot.kind == Kind::table) {
     slot.member = place_member(type, slot.type->record_size, slot.type->record_alignment);
   } else {
     slot.length_member = place_member(type, sizeof(uint32_t), alignof(uint32_t));
@@ -223,8 +223,8 @@ void add_own_rows_once() {
 
 bool Type::is_fixed() const {
   return std::all_of(slots.begin(), slots.end(), [](const Slot &slot) {
-    return slot.kind != Kind::kBytes && slot.kind != Kind::kVector &&
-           (slot.kind != Kind::kTable || slot.type->is_fixed());
+    return slot.kind != Kind::bytes && slot.kind != Kind::vector &&
+           (slot.kind != Kind::table || slot.type->is_fixed());
   });
 }
 

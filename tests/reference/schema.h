@@ -1,12 +1,13 @@
 // The message types as a table of text rows, typed in by hand beside the C structures of the public headers, so that a
 // wrong structure and a wrong row cannot agree by accident.
-#ifndef TESTS_REFERENCE_SCHEMA_H
-#define TESTS_REFERENCE_SCHEMA_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "tools/records/records.h"
 
 namespace reference {
 
@@ -31,18 +32,10 @@ struct Row {
   const char *offsets = "";
 };
 
-enum class Kind { kScalar, kArray, kBytes, kTable, kVector };
+using records::Kind;
 
 struct Type;
-
-struct Slot {
-  Kind kind;
-  uint32_t width = 0;          // bytes of a scalar or of an array's element
-  uint32_t count = 0;          // elements of an array
-  const Type *type = nullptr;  // of a table or of a vector's elements
-  size_t length_member = 0;    // place of f<N>Len or f<N>Count in the record
-  size_t member = 0;           // place of f<N> in the record
-};
+using Slot = records::Slot<Type>;
 
 struct Type {
   std::string package;
@@ -68,5 +61,3 @@ std::vector<const Type *> types_of(const std::string &package);
 const Type &find(const std::string &package, const std::string &message);
 
 }  // namespace reference
-
-#endif

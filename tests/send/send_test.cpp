@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <random>
+#include <functional>
 
 #include "codec.h"
 #include "fake_bus.h"
@@ -23,9 +23,9 @@ class Send : public testing::Test {
 // Records of a type side by side, as the send operations take them.
 class Records {
  public:
-  Records(const reference::Type &type, uint32_t count, std::mt19937 &random)
+  Records(const reference::Type &type, uint32_t count, records::Random &random)
       : type_(type), bytes_(count * type.record_size) {
-    for (uint32_t i = 0; i < count; ++i) reference::fill_random(type, at(i), random, 0.4, arena_);
+    for (uint32_t i = 0; i < count; ++i) records::fill_random(type, at(i), random, {.zeros = 40}, arena_);
   }
   uint8_t *at(uint32_t i) { return bytes_.data() + i * type_.record_size; }
   std::vector<uint8_t> encoded(uint32_t i) {
@@ -34,7 +34,7 @@ class Records {
 
  private:
   const reference::Type &type_;
-  reference::Arena arena_;
+  records::Arena arena_;
   std::vector<uint8_t> bytes_;
 };
 
@@ -55,7 +55,7 @@ void expect_sent(const fake_bus::Call &call, const reference::Type &type, Record
 
 TEST_F(Send, EveryTypeGoesOutAsItsImageWithTheRightDescriptor) {
   constexpr uint32_t kHandle = 0xABCD0123;
-  std::mt19937 random(1);
+  records::Random random(1);
   for (const reference::Type *type : every_type()) {
     SCOPED_TRACE(type->prefix());
     const Operations send = operations_of(type->prefix());

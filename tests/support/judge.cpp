@@ -82,12 +82,16 @@ std::string decode(const Subject &subject, const uint8_t *buffer, uint32_t lengt
   if (outcome == Outcome::rejected) {
     if (record != untouched) faults += "\n  the record was touched";
   } else {
-    if (!reference::equal(type, record.data(), expected.data())) faults += "\n  the record differs";
+    const auto compare_records = [&](const char *what) {
+      const std::string difference = records::first_difference(type, record.data(), expected.data());
+      if (!difference.empty()) faults += std::string("\n  ") + what + " differs in " + difference;
+    };
+    compare_records("the record");
     for (int time = 0; time < 2; ++time) {  // the second release finds nothing to free
       subject.library.free_unpacked(record.data());
       reference::release(type, expected.data(), trace);
     }
-    if (!reference::equal(type, record.data(), expected.data())) faults += "\n  the released record differs";
+    compare_records("the released record");
   }
   faults += compare("frees", fake_platform::frees(), trace.frees);
   if (fake_platform::live_blocks() != blocks_before) faults += "\n  blocks leaked";

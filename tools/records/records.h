@@ -1,0 +1,191 @@
+// Records of any type, at run time: filling them and comparing them.
+//
+// Both walk a description of the type. Where that comes from is the caller's choice: shape.h has it from the compiler,
+// the tests have one of their own that was typed in. A description is a class Type with the members slots, a random
+// access range of Slot<Type>, and record_size.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace records {
+
+enum class Kind : uint8_t { scalar, array, bytes, table, vector };
+
+template <class Type>
+struct Slot {
+  Kind kind = Kind::scalar;
+  uint32_t width = 0;             // bytes of a scalar or of an array's element
+  uint32_t count = 0;             // elements of an array; 1 for a scalar
+  const Type *type = nullptr;     // of a table or of a vector's elements
+  std::size_t length_member = 0;  // place of f<N>Len or f<N>Count in the record
+  std::size_t member = 0;         // place of f<N> in the record
+
+  bool is_owner() const { return kind == Kind::bytes || kind == Kind::vector; }
+
+  // Of what an owner points to.
+  std::size_t element_size() const { return kind == Kind::vector ? type->record_size : 1; }
+  uint32_t length_in(const void *record) const { return load<uint32_t>(record, length_member); }
+  uint8_t *block_in(const void *record) const { return load<uint8_t *>(record, member); }
+
+  void point(void *record, uint8_t *block, uint32_t length) const {
+    std::memcpy(static_cast<uint8_t *>(record) + length_member, &length, sizeof length);
+    std::memcpy(static_cast<uint8_t *>(record) + member, &block, sizeof block);
+  }
+
+ private:
+  template <class T>
+  static T load(const void *record, std::size_t place) {
+    T value;
+    std::memcpy(&value, static_cast<const uint8_t *>(record) + place, sizeof value);
+    return value;
+  }
+};
+
+// Writes a number of so many bytes in the host's order.
+inline void store_number(uint8_t *to, uint32_t width, uint32_t number) {
+  const auto byte = static_cast<uint8_t>(number);
+  const auto half = static_cast<uint16_t>(number);
+  if (width == 1) std::memcpy(to, &byte, 1);
+  if (width == 2) std::memcpy(to, &half, 2);
+  if (width == 4) std::memcpy(to, &number, 4);
+}
+
+// Owns what records point to: each block by itself, so that a sanitizer sees its ends.
+class Arena {
+ public:
+  uint8_t *allocate(std::size_t size) {
+    blocks_.push_back(std::make_unique<uint8_t[]>(size));  // of zeros
+    return blocks_.back().get();
+  }
+
+ private:
+  std::vector<std::unique_ptr<uint8_t[]>> blocks_;
+};
+
+// What a byte string or vector is to have; a length may come without a block and a block without a length.
+struct Extent {
+  uint32_t length;
+  bool has_block;
+};
+
+// Fills a record of zeros. The content says what with:
+//   uint32_t number(uint32_t width);  for a scalar, an element of an array or a byte of a byte string
+//   Extent extent(Kind kind);         for a byte string or a vector
+template <class Type, class Content>
+void fill(const Type &type, void *record, Content &content, Arena &arena) {
+  for (const Slot<Type> &slot : type.slots) {
+    uint8_t *const member = static_cast<uint8_t *>(record) + slot.member;
+    if (slot.kind == Kind::table) {
+      fill(*slot.type, member, content, arena);
+    } else if (slot.is_owner()) {
+      const Extent extent = content.extent(slot.kind);
+      const std::size_t size = slot.element_size();
+      uint8_t *const block = extent.has_block ? arena.allocate(extent.length * size) : nullptr;
+      for (uint32_t i = 0; extent.has_block && i < extent.length; ++i) {
+        if (slot.kind == Kind::bytes) store_number(block + i, 1, content.number(1));
+        if (slot.kind == Kind::vector) fill(*slot.type, block + i * size, content, arena);
+      }
+      slot.point(record, block, extent.length);
+    } else {
+      for (uint32_t i = 0; i < slot.count; ++i) {
+        store_number(member + std::size_t{slot.width} * i, slot.width, content.number(slot.width));
+      }
+    }
+  }
+}
+
+// SplitMix64: draws the same on every processor, and costs nothing to set up.
+class Random {
+ public:
+  explicit Random(uint64_t seed) : state_(seed) {}
+
+  uint64_t draw() {
+    state_ += 0x9E3779B97F4A7C15;
+    uint64_t mixed = state_;
+    mixed = (mixed ^ mixed >> 30) * 0xBF58476D1CE4E5B9;
+    mixed = (mixed ^ mixed >> 27) * 0x94D049BB133111EB;
+    return mixed ^ mixed >> 31;
+  }
+
+  uint32_t below(uint32_t limit) { return static_cast<uint32_t>((draw() >> 32) * limit >> 32); }
+
+ private:
+  uint64_t state_;
+};
+
+// How random records are made. Zeros matter: the compact layout leaves zero scalars out.
+struct Mix {
+  uint32_t zeros = 0;  // so many numbers in a hundred are zero
+  uint32_t most_bytes = 4;
+  uint32_t most_elements = 4;
+  bool always_most = false;  // else byte strings and vectors are of any length up to that
+};
+
+// Random content, of which large and small numbers are equally likely.
+class RandomContent {
+ public:
+  RandomContent(Random &random, const Mix &mix) : random_(random), mix_(mix) {}
+
+  uint32_t number(uint32_t width) {
+    if (random_.below(100) < mix_.zeros) return 0;
+    const uint64_t drawn = random_.draw();
+    const uint32_t bits = 8 * width;
+    const auto number = static_cast<uint32_t>(drawn >> (64 - bits)) >> (drawn % bits);
+    return number != 0 ? number : 1;
+  }
+
+  Extent extent(Kind kind) {
+    const uint32_t most = kind == Kind::bytes ? mix_.most_bytes : mix_.most_elements;
+    const uint32_t length = mix_.always_most ? most : random_.below(most + 1);
+    return {length, length != 0};
+  }
+
+ private:
+  Random &random_;
+  Mix mix_;
+};
+
+template <class Type>
+void fill_random(const Type &type, void *record, Random &random, const Mix &mix, Arena &arena) {
+  RandomContent content(random, mix);
+  fill(type, record, content, arena);
+}
+
+// The first member in which two records differ, such as "f1[2].f7", or empty. Pointers count by what they point to and
+// by whether they are null: a record that its decoder gave up has lengths without blocks.
+template <class Type>
+std::string first_difference(const Type &type, const void *a, const void *b) {
+  const auto *const bytes_a = static_cast<const uint8_t *>(a);
+  const auto *const bytes_b = static_cast<const uint8_t *>(b);
+  for (std::size_t i = 0; i < type.slots.size(); ++i) {
+    const Slot<Type> &slot = type.slots[i];
+    const auto name = [i] { return "f" + std::to_string(i); };
+    if (slot.kind == Kind::table) {
+      const std::string within = first_difference(*slot.type, bytes_a + slot.member, bytes_b + slot.member);
+      if (!within.empty()) return name() + "." + within;
+    } else if (slot.is_owner()) {
+      const uint32_t length = slot.length_in(a);
+      const uint8_t *const block_a = slot.block_in(a);
+      const uint8_t *const block_b = slot.block_in(b);
+      if (length != slot.length_in(b)) return name() + (slot.kind == Kind::bytes ? "Len" : "Count");
+      if ((block_a == nullptr) != (block_b == nullptr)) return name();
+      if (block_a == nullptr) continue;
+      if (slot.kind == Kind::bytes && std::memcmp(block_a, block_b, length) != 0) return name();
+      for (uint32_t k = 0; slot.kind == Kind::vector && k < length; ++k) {
+        const std::size_t at = k * slot.element_size();
+        const std::string within = first_difference(*slot.type, block_a + at, block_b + at);
+        if (!within.empty()) return name() + "[" + std::to_string(k) + "]." + within;
+      }
+    } else if (std::memcmp(bytes_a + slot.member, bytes_b + slot.member, std::size_t{slot.width} * slot.count) != 0) {
+      return name();
+    }
+  }
+  return {};
+}
+
+}  // namespace records
