@@ -35,12 +35,12 @@ class TableDecoding {
     }
     start_ = buffer_ + position;
     room_ = length_ - position;
-    const uint32_t vtable = position - load<uint32_t>(start_);
+    const uint32_t vtable = position - load_once<uint32_t>(start_);
     if (vtable < kWord || vtable > last) {
       reject_vtable_offset(services_, function_, vtable, last);
       return false;
     }
-    vtable_length_ = load<uint16_t>(buffer_ + vtable);
+    vtable_length_ = load_once<uint16_t>(buffer_ + vtable);
     if (vtable_length_ > length_ - vtable) {
       reject_vtable_length(services_, function_, vtable_length_, length_ - vtable);
       return false;
@@ -52,7 +52,7 @@ class TableDecoding {
   // Decodes the table that was found into a record of zeros, which is released when a slot is bad.
   [[nodiscard]] bool unpack() {
     for (uint32_t i = 0; i < decoder_.slots && vtable_length(i + 1) <= vtable_length_; ++i) {
-      const uint32_t at = load<uint16_t>(entries_ + std::size_t{2} * i);
+      const uint32_t at = load_once<uint16_t>(entries_ + std::size_t{2} * i);
       if (at == 0 || unpack_slot(decoder_.shapes[i], at)) continue;
       if (decoder_.release != nullptr) decoder_.release(record_);
       return false;
@@ -81,7 +81,7 @@ class TableDecoding {
       case Kind::bytes:
         return unpack_bytes(slot, at);
       case Kind::table:
-        return unpack_inner(*decoder_.inner[slot.elements], at, member);
+        return unpack_inner(*decoder_.inner[slot.inner], at, member);
       case Kind::vector:
         break;
     }
@@ -92,23 +92,21 @@ class TableDecoding {
   // outside the buffer. Buffers are shorter than 2^31 bytes, so that includes every addition that wraps.
   [[nodiscard]] bool follow_to_count(uint32_t word, uint32_t &elements, uint32_t &count) const {
     if (!holds(word, kWord)) return false;
-    const uint32_t distance = load<uint32_t>(start_ + word);
+    const uint32_t distance = load_once<uint32_t>(start_ + word);
     if (distance > room_ - word || !holds(word + distance, kWord)) return false;
-    count = load<uint32_t>(start_ + word + distance);
+    count = load_once<uint32_t>(start_ + word + distance);
     elements = word + distance + kWord;
     return true;
   }
 
-  // Decodes the table behind an offset word into a record of zeros.
+  // Decodes the table behind an offset word into a record of whatever content.
   [[nodiscard]] bool unpack_inner(const Decoder &inner, uint32_t word, uint8_t *record) const {
     if (!holds(word, kWord)) return false;
     const uint32_t from = length_ - room_ + word;
-    const uint32_t position = from + load<uint32_t>(start_ + word);
+    const uint32_t position = from + load_once<uint32_t>(start_ + word);
     if (position < from) return false;
-    if (inner.read != nullptr) {
-      if (inner.read(buffer_, length_, position, record)) return true;
-      std::memset(record, 0, inner.record_size);
-    }
+    if (inner.read != nullptr && inner.read(buffer_, length_, position, record)) return true;
+    std::memset(record, 0, inner.record_size);
     TableDecoding decoding(inner, inner.message->non_root_name(), buffer_, length_, record);
     return decoding.find(position) && decoding.unpack();
   }
@@ -126,7 +124,7 @@ class TableDecoding {
   }
 
   [[nodiscard]] bool unpack_vector(const SlotShape &slot, uint32_t word) {
-    const Decoder &element = *decoder_.inner[slot.elements];
+    const Decoder &element = *decoder_.inner[slot.inner];
     uint32_t element_word;
     uint32_t count;
     if (!follow_to_count(word, element_word, count)) return false;
@@ -137,7 +135,6 @@ class TableDecoding {
     if (size > UINT32_MAX) return false;
     uint8_t *record = allocate(slot, static_cast<uint32_t>(size));
     if (record == nullptr) return false;
-    std::memset(record, 0, static_cast<std::size_t>(size));
     for (uint32_t i = 0; i < count; ++i, element_word += kWord, record += element.record_size) {
       if (!unpack_inner(element, element_word, record)) return false;
     }
@@ -179,7 +176,7 @@ uint32_t unpack_root(const Decoder &decoder, const uint8_t *buffer, uint32_t len
     return decoder.record_size;
   }
   TableDecoding decoding(decoder, decoder.message->unpack_name(), buffer, length, record);
-  if (!decoding.find(load<uint32_t>(buffer))) return decoder.record_size;
+  if (!decoding.find(load_once<uint32_t>(buffer))) return decoder.record_size;
   svc_bind_mem(services);
   std::memset(record, 0, decoder.record_size);
   static_cast<void>(decoding.unpack());  // what became of it shows in the record

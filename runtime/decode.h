@@ -17,11 +17,7 @@
 namespace drix {
 
 // Whether the quick readers are built in, see docs/performance.md.
-#ifdef DRIX_QUICK_READERS
 inline constexpr bool kQuickReaders = DRIX_QUICK_READERS;
-#else
-inline constexpr bool kQuickReaders = true;
-#endif
 
 // What the decoding flow needs to know of a slot.
 struct SlotShape {
@@ -29,7 +25,10 @@ struct SlotShape {
   uint8_t width;           // bytes of a scalar or of an array's element
   uint16_t member;         // where f<I> stands in the record
   uint16_t length_member;  // where f<I>Len or f<I>Count stands
-  uint16_t elements;       // of an array; of a table or vector: which of the decoder's inner types it holds
+  union {
+    uint16_t elements;  // of an array
+    uint16_t inner;     // of a table or vector: which of the decoder's inner types it holds
+  };
 };
 
 // What it needs to know of a type.
@@ -40,7 +39,8 @@ struct Decoder {
   const SlotShape *shapes;
   const Decoder *const *inner;  // of embedded records and of vectors' elements
 
-  // The quick reader of a fixed-length type, null for others and when none is built in.
+  // The quick reader of a fixed-length type, null for others and when none is built in. Sets every byte of a record
+  // that it reads.
   bool (*read)(const uint8_t *buffer, uint32_t length, uint32_t position, void *record);
 
   // Of variable-length types, null for others.
@@ -76,10 +76,12 @@ struct DecoderOf {
       shape.kind = S::kind;
       shape.member = static_cast<uint16_t>(S::offset);
       shape.length_member = static_cast<uint16_t>(S::length_offset);
-      shape.elements = static_cast<uint16_t>(S::elements);
       if constexpr (S::kind == Kind::scalar) shape.width = sizeof(typename S::Type);
-      if constexpr (S::kind == Kind::array) shape.width = sizeof(typename S::Element);
-      if constexpr (S::kind == Kind::table || S::kind == Kind::vector) shape.elements = inner_types++;
+      if constexpr (S::kind == Kind::array) {
+        shape.width = sizeof(typename S::Element);
+        shape.elements = static_cast<uint16_t>(S::elements);
+      }
+      if constexpr (S::kind == Kind::table || S::kind == Kind::vector) shape.inner = inner_types++;
     });
     return list;
   }();
@@ -99,10 +101,11 @@ template <class R>
 uint32_t unpack(const uint8_t *buffer, uint32_t length, R *record) {
   if constexpr (kQuickReaders && kFixedLength<R>) {
     if (buffer != nullptr && record != nullptr && length >= kWord && length <= INT32_MAX) [[likely]] {
-      const uint32_t root = load<uint32_t>(buffer);
+      const uint32_t root = load_once<uint32_t>(buffer);
       if (root == kWord && length >= kReadSize<kFixedImage<R>> && matches_image<kFixedImage<R>>(buffer)) {
         svc_bind_mem(kMessage<R>.services->decoding);
         read_image<kFixedImage<R>>(record, buffer);
+        clear_padding(*record);
         return sizeof(R);
       }
       if (read_table<R>(buffer, length, root, record)) return sizeof(R);

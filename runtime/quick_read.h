@@ -3,7 +3,7 @@
 // They look for what such a table has in common with all of its kind and check that much at once; what differs from
 // table to table is read without a branch. They log nothing and leave everything else to the decoding flow, which has
 // the last word on every buffer: a quick reader takes a table only when no check of the flow would fail, and then gives
-// the same record.
+// the same record, padding included.
 #pragma once
 
 #include <algorithm>
@@ -14,50 +14,90 @@
 #include "runtime/image.h"
 #include "runtime/image_runs.h"
 #include "runtime/message.h"
+#include "runtime/padding.h"
 #include "runtime/slots.h"
 #include "runtime/wire.h"
 
 namespace drix {
 
-// Four vtable entries side by side.
-inline constexpr uint64_t kLaneOnes = 0x0001'0001'0001'0001;
-inline constexpr uint64_t kLaneTops = 0x8000'8000'8000'8000;
-
-// Whether all slots of R have their inline bytes before the buffer's end, which is room bytes from the table's start.
-// May also answer no where they are more than 32 KiB from the start.
+// The slot entries of a table's vtable, four to a word, read once: what is checked here is what is used later, also
+// when another process writes to the buffer meanwhile.
 template <class R>
-[[gnu::always_inline]] inline bool slots_in_reach(const uint8_t *entries, uint32_t room) {
-  constexpr std::size_t kLanes = 4;
-  constexpr std::size_t N = kSlots<R>;
-  constexpr std::array<uint64_t, N> widths = [] {
-    std::array<uint64_t, N> list{};
-    for_each_slot<R>([&]<class S>(S) constexpr {
-      if constexpr (S::kind == Kind::scalar) list[S::index] = sizeof(typename S::Type);
-      if constexpr (S::kind != Kind::scalar) list[S::index] = kWord;
-    });
-    return list;
-  }();
-  const uint64_t reach = kLaneOnes * std::min(room, uint32_t{0x7FFF});
-  uint64_t in_reach = kLaneTops;
-  const auto check = [&]<std::size_t first, std::size_t count>() {
-    constexpr uint64_t kWidths = [=] {
-      uint64_t packed = 0;
-      for (std::size_t i = 0; i < count; ++i) packed |= widths[first + i] << (16 * i);
-      return packed;
-    }();
-    uint64_t offsets = 0;
-    std::memcpy(&offsets, entries + 2 * first, 2 * count);
-    offsets = to_wire_order(offsets);
+class Entries {
+ public:
+  explicit Entries(const uint8_t *from) {
+    for_each_word([&]<std::size_t i>() { words_[i] = load_lanes(from + 2 * first_slot(i)); });
+  }
+
+  template <std::size_t slot>
+  std::size_t offset() const {
+    constexpr std::size_t i = slot / kLanes;
+    return words_[i] >> (16 * (slot - first_slot(i))) & 0xFFFF;
+  }
+
+  // Whether all slots have their inline bytes before the buffer's end, which is room bytes from the table's start. May
+  // also answer no where they are more than 32 KiB from the start.
+  bool in_reach(uint32_t room) const {
+    const uint64_t reach = kOnes * std::min(room, uint32_t{0x7FFF});
+    uint64_t in_reach = kTops;
     // A lane's top bit stays set when its offset is not above the limit. Only a lane whose offset has the top bit can
     // borrow from the next one, and that lane fails for all.
-    in_reach &= (((reach - kWidths) | kLaneTops) - offsets) & ~offsets;
-  };
-  [&]<std::size_t... I>(std::index_sequence<I...>) { (check.template operator()<kLanes * I, kLanes>(), ...); }
-  (std::make_index_sequence<N / kLanes>());
-  if constexpr (N % kLanes != 0 && N > kLanes) check.template operator()<N - kLanes, kLanes>();
-  if constexpr (N < kLanes) check.template operator()<0, N>();
-  return in_reach == kLaneTops;
-}
+    for_each_word([&]<std::size_t i>() {
+      constexpr uint64_t kWidthsHere = kWidths[i];
+      in_reach &= (((reach - kWidthsHere) | kTops) - words_[i]) & ~words_[i];
+    });
+    return in_reach == kTops;
+  }
+
+ private:
+  static constexpr std::size_t kLanes = 4;
+  static constexpr uint64_t kOnes = 0x0001'0001'0001'0001;
+  static constexpr uint64_t kTops = 0x8000'8000'8000'8000;
+  static constexpr std::size_t kWords = (kSlots<R> + kLanes - 1) / kLanes;
+
+  // The last word reaches back rather than past the entries; of fewer slots than lanes, the lanes left over are zero.
+  static constexpr std::size_t first_slot(std::size_t word) {
+    return kSlots<R> < kLanes ? 0 : std::min(word * kLanes, kSlots<R> - kLanes);
+  }
+
+  static constexpr std::array<uint64_t, kWords> kWidths = [] {
+    std::array<uint64_t, kSlots<R>> widths{};
+    for_each_slot<R>([&]<class S>(S) constexpr {
+      if constexpr (S::kind == Kind::scalar) widths[S::index] = sizeof(typename S::Type);
+      if constexpr (S::kind != Kind::scalar) widths[S::index] = kWord;
+    });
+    std::array<uint64_t, kWords> words{};
+    for (std::size_t i = 0; i < kWords; ++i) {
+      for (std::size_t lane = 0; lane < kLanes && first_slot(i) + lane < kSlots<R>; ++lane) {
+        words[i] |= widths[first_slot(i) + lane] << (16 * lane);
+      }
+    }
+    return words;
+  }();
+
+  template <class Visit>
+  [[gnu::always_inline]] static void for_each_word(Visit visit) {
+    [&]<std::size_t... I>(std::index_sequence<I...>) { (visit.template operator()<I>(), ...); }
+    (std::make_index_sequence<kWords>());
+  }
+
+  static uint64_t load_lanes(const uint8_t *from) {
+    constexpr std::size_t kLanesHere = std::min(kSlots<R>, kLanes);
+    if constexpr (kLanesHere == kLanes && sizeof(std::size_t) == sizeof(uint64_t)) {
+      return load_once<uint64_t>(from);
+    } else if constexpr (kLanesHere == kLanes) {
+      return load_once<uint32_t>(from) | uint64_t{load_once<uint32_t>(from + 4)} << 32;
+    } else {
+      uint64_t lanes = 0;
+      for (std::size_t lane = 0; lane < kLanesHere; ++lane) {
+        lanes |= uint64_t{load_once<uint16_t>(from + 2 * lane)} << (16 * lane);
+      }
+      return lanes;
+    }
+  }
+
+  std::array<uint64_t, kWords> words_;
+};
 
 // The table that stands last in the compact layout of R: R's own or an embedded one.
 template <class R>
@@ -85,6 +125,7 @@ template <class R>
   if (room < full_size<R>() || load<uint16_t>(vtable + kLast.vtable + 2) != kLast.size) return false;
   if (!matches_image<kFullImage<R>>(vtable)) return false;
   read_image<kFullImage<R>>(&record, vtable);
+  clear_padding(record);
   return true;
 }
 
@@ -104,29 +145,30 @@ bool read_table(const uint8_t *buffer, uint32_t length, uint32_t position, void 
   if (position < kWord + kVtableLength || position > length - kWord) return false;
   const uint8_t *const start = buffer + position;
   const uint8_t *const vtable = start - kVtableLength;
-  const uint8_t *const entries = vtable + kVtableHeader;
   const uint32_t room = length - position;
   if (load<uint32_t>(start) != kVtableLength || load<uint16_t>(vtable) != kVtableLength) return false;
   svc_bind_mem(kMessage<R>.services->decoding);
   if constexpr (LastTable<R>().all_slots >= kManySlots) {
     if (read_full_table(vtable, room + kVtableLength, record)) return true;
   }
-  if (!slots_in_reach<R>(entries, room)) return false;
+  const Entries<R> entries(vtable + kVtableHeader);
+  if (!entries.in_reach(room)) return false;
+  clear_own_padding(record);
   return all_slots<R>([&]<class S>(S) {
     auto &value = S::value(record);
-    const std::size_t at = load<uint16_t>(entries + 2 * S::index);
+    const std::size_t at = entries.template offset<S::index>();
     if constexpr (S::kind == Kind::scalar) {
       const auto present = load<typename S::Type>(start + at);
       value = at != 0 ? present : typename S::Type{0};
       return true;
     } else if constexpr (S::kind == Kind::array) {
-      const uint64_t elements = uint64_t{at} + load<uint32_t>(start + at) + kWord;
+      const uint64_t elements = uint64_t{at} + load_once<uint32_t>(start + at) + kWord;
       if (at == 0 || elements + sizeof value > room) return false;
       if (load<uint32_t>(start + elements - kWord) != S::elements) return false;
       copy_elements<typename S::Element>(value, start + elements, S::elements);
       return true;
     } else {
-      const uint64_t inner = uint64_t{position} + at + load<uint32_t>(start + at);
+      const uint64_t inner = uint64_t{position} + at + load_once<uint32_t>(start + at);
       return at != 0 && inner <= length &&
              read_table<typename S::Type>(buffer, length, static_cast<uint32_t>(inner), &value);
     }

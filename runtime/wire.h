@@ -26,6 +26,16 @@ T load(const uint8_t *from) {
   return to_wire_order(value);
 }
 
+// Of bytes that decide about an address. They are read from memory once, so that what was checked is what is used, also
+// when another process writes to the buffer meanwhile.
+template <std::unsigned_integral T>
+[[gnu::always_inline]] inline T load_once(const uint8_t *from) {
+  static_assert(sizeof(T) <= sizeof(std::size_t), "a register holds it");
+  T value = load<T>(from);
+  __asm__("" : "+r"(value));  // from here on, the compiler cannot know that memory has it too
+  return value;
+}
+
 template <std::unsigned_integral T>
 void store(uint8_t *to, T value) {
   value = to_wire_order(value);
