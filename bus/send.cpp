@@ -39,7 +39,9 @@ class HeapBlock {
   // Unallocated when the size needs more than 32 bits.
   explicit HeapBlock(uint64_t size)
       : start_(size > UINT32_MAX ? nullptr : static_cast<uint8_t *>(std::malloc(static_cast<std::size_t>(size)))) {}
-  ~HeapBlock() { std::free(start_); }
+  ~HeapBlock() {
+    if (start_ != nullptr) std::free(start_);
+  }
   HeapBlock(const HeapBlock &) = delete;
   HeapBlock &operator=(const HeapBlock &) = delete;
 
@@ -72,6 +74,7 @@ int32_t send_variable_batch(const Encoder &encoder, uint32_t handle, const void 
   DrixSendDescriptor *descriptors = block.descriptors(kBatchArea);
   uint32_t used = 0;
   for (uint32_t i = 0; i < count; ++i) {
+    if (used == kBatchArea) return kFailure;  // before a look at the record, which need not be there
     const void *record = record_at(encoder, records, i);
     const uint32_t size = compact_size(encoder, record);
     if (size == 0 || size > kBatchArea - used) return kFailure;

@@ -7,7 +7,7 @@ namespace {
 
 constexpr int32_t kFailure = -1;
 
-[[gnu::always_inline]] inline uint32_t build_checked(const Encoder &encoder, uint8_t *buffer, const void *record) {
+[[gnu::always_inline]] inline uint32_t build_root(const Encoder &encoder, uint8_t *buffer, const void *record) {
   store(buffer, kWord + encoder.vtable_length);
   return static_cast<uint32_t>(encoder.build_table(buffer + kWord, record) - buffer);
 }
@@ -20,7 +20,7 @@ constexpr int32_t kFailure = -1;
     return 0;
   }
   svc_bind_mem(services);
-  return build_checked(encoder, buffer, record);
+  return build_root(encoder, buffer, record);
 }
 
 // Whether a record fits into so many bytes, whatever its scalars are.
@@ -32,7 +32,7 @@ bool fits_at_its_longest(const Encoder &encoder, const void *record, uint32_t ca
 uint32_t measure(const Encoder &encoder, const void *record) {
   if (encoder.nested_size != nullptr) return compact_size(encoder, record);
   uint8_t scratch[kMaxFixedLength];
-  return build_checked(encoder, scratch, record);
+  return build_root(encoder, scratch, record);
 }
 
 }  // namespace

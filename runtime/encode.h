@@ -37,26 +37,37 @@ template <class R>
   });
 }
 
-// Encoded length of a table in the compact layout without a root offset. Sums stay far below 2^64, and a vector that is
-// too long by its count alone ends its sum before any element is read.
+// Encoded length of a table without a root offset, when it holds nothing that can be left out.
+template <class R>
+constexpr uint64_t least_nested_size() {
+  uint64_t size = vtable_length(kSlots<R>) + kWord;
+  for_each_slot<R>([&]<class S>(S) {
+    if constexpr (S::kind == Kind::array) size += kOffsetAndCount + sizeof(typename S::Type);
+    if constexpr (S::kind == Kind::table) size += kWord + least_nested_size<typename S::Type>();
+  });
+  return size;
+}
+
+// Encoded length of a table in the compact layout without a root offset. Sums stay far below 2^64. A vector whose count
+// alone makes the encoding too long, root offset included, ends the sum before any element is read.
 template <class R>
 uint64_t nested_size(const R &record) {
-  constexpr uint64_t kTooLong = uint64_t{1} << 32;
-  uint64_t size = vtable_length(kSlots<R>) + kWord;
+  constexpr uint64_t kLongest = UINT32_MAX - kWord;
+  uint64_t size = least_nested_size<R>();
   for_each_slot<R>([&]<class S>(S) {
     const auto &value = S::value(record);
     if constexpr (S::kind == Kind::scalar) {
       size += value != 0 ? sizeof value : 0;
-    } else if constexpr (S::kind == Kind::array) {
-      size += kOffsetAndCount + sizeof value;
     } else if constexpr (S::kind == Kind::table) {
-      size += kWord + nested_size(value);
+      size += nested_size(value) - least_nested_size<typename S::Type>();
     } else if constexpr (S::kind == Kind::bytes) {
       if (has_offset_word<S>(record)) size += kOffsetAndCount + uint64_t{S::length(record)};
-    } else if (has_offset_word<S>(record)) {
-      const uint64_t count = S::count(record);
-      size += kOffsetAndCount + kWord * count;
-      for (uint64_t i = 0; i < count && size < kTooLong; ++i) size += nested_size(value[i]);
+    } else if constexpr (S::kind == Kind::vector) {
+      constexpr uint64_t kLeast = least_nested_size<typename S::Element>();
+      if (!has_offset_word<S>(record)) return;
+      const uint32_t count = S::count(record);
+      size += kOffsetAndCount + count * (kWord + kLeast);
+      for (uint32_t i = 0; i < count && size <= kLongest; ++i) size += nested_size(value[i]) - kLeast;
     }
   });
   return size;
@@ -82,6 +93,125 @@ uint64_t longest_size(const R &record) {
   return size;
 }
 
+template <class R>
+uint8_t *build_table(uint8_t *vtable, const void *of);
+
+// Writes a table of the compact layout: its vtable, then its scalars, offset words and contents, then the tables that
+// it holds. What is known only later is written last: the header of the vtable and the table's distance to it.
+template <class R>
+class TableWriter {
+ public:
+  TableWriter(uint8_t *vtable, const R &record)
+      : record_(record), vtable_(vtable), table_(vtable + kVtableLength), end_(table_ + kWord) {}
+
+  // Returns the end of all that was written.
+  [[gnu::always_inline]] uint8_t *write() {
+    write_scalars();
+    reserve_offset_words();
+    write_contents();
+    const auto table_size = static_cast<uint16_t>(end_ - table_);
+    write_embedded_tables();
+    write_elements();
+    store(vtable_, static_cast<uint16_t>(kVtableLength));
+    store(vtable_ + 2, table_size);
+    store(table_, kVtableLength);
+    return end_;
+  }
+
+ private:
+  static constexpr uint32_t kVtableLength = vtable_length(kSlots<R>);
+
+  void set_entry(std::size_t slot, uint32_t offset) {
+    store(vtable_ + kVtableHeader + 2 * slot, static_cast<uint16_t>(offset));
+  }
+
+  static void point_at(uint8_t *word, const uint8_t *target) { store(word, static_cast<uint32_t>(target - word)); }
+
+  // Without a branch: a zero falls on the table's distance word.
+  [[gnu::always_inline]] void write_scalars() {
+    uint32_t inline_size = kWord;
+    for_each_slot<R>([&]<class S>(S) {
+      if constexpr (S::kind == Kind::scalar) {
+        const auto value = S::value(record_);
+        const uint32_t present = value != 0 ? UINT32_MAX : 0;
+        const uint32_t offset = inline_size & present;
+        set_entry(S::index, offset);
+        store(table_ + offset, value);
+        inline_size += sizeof value & present;
+      }
+    });
+    end_ = table_ + inline_size;
+  }
+
+  [[gnu::always_inline]] void reserve_offset_words() {
+    for_each_slot<R>([&]<class S>(S) {
+      if constexpr (S::kind != Kind::scalar) {
+        const bool present = has_offset_word<S>(record_);
+        words_[S::index] = end_;
+        set_entry(S::index, present ? static_cast<uint32_t>(end_ - table_) : 0);
+        end_ += present ? kWord : 0;
+      }
+    });
+  }
+
+  // Of arrays and byte strings; of vectors, count and room for the elements' offset words.
+  [[gnu::always_inline]] void write_contents() {
+    for_each_slot<R>([&]<class S>(S) {
+      const auto &value = S::value(record_);
+      if constexpr (S::kind == Kind::array) {
+        point_at(words_[S::index], end_);
+        store(end_, static_cast<uint32_t>(S::elements));
+        copy_elements<typename S::Element>(end_ + kWord, value, S::elements);
+        end_ += kWord + sizeof value;
+      } else if constexpr (S::kind == Kind::bytes) {
+        if (!has_offset_word<S>(record_)) return;
+        point_at(words_[S::index], end_);
+        store(end_, S::length(record_));
+        std::memcpy(end_ + kWord, value, S::length(record_));
+        end_ += kWord + S::length(record_);
+      } else if constexpr (S::kind == Kind::vector) {
+        if (!has_offset_word<S>(record_)) return;
+        point_at(words_[S::index], end_);
+        store(end_, S::count(record_));
+        element_words_[S::index] = end_ + kWord;
+        end_ += kWord + kWord * static_cast<std::size_t>(S::count(record_));
+      }
+    });
+  }
+
+  // Writes the table of T behind all that stands and has an offset word point at it.
+  template <class T>
+  [[gnu::always_inline]] void append_table(uint8_t *word, const T &record) {
+    point_at(word, end_ + vtable_length(kSlots<T>));
+    end_ = build_table<T>(end_, &record);
+  }
+
+  [[gnu::always_inline]] void write_embedded_tables() {
+    for_each_slot<R>([&]<class S>(S) {
+      if constexpr (S::kind == Kind::table) append_table(words_[S::index], S::value(record_));
+    });
+  }
+
+  [[gnu::always_inline]] void write_elements() {
+    for_each_slot<R>([&]<class S>(S) {
+      if constexpr (S::kind == Kind::vector) {
+        if (!has_offset_word<S>(record_)) return;
+        const uint32_t count = S::count(record_);
+        const auto *elements = S::value(record_);
+        uint8_t *word = element_words_[S::index];
+        for (uint32_t i = 0; i < count; ++i, word += kWord) append_table(word, elements[i]);
+      }
+    });
+  }
+
+  const R &record_;
+  uint8_t *const vtable_;
+  uint8_t *const table_;
+  uint8_t *end_;
+  std::array<uint8_t *, kSlots<R>> words_;          // offset words, of the slots that have one
+  std::array<uint8_t *, kSlots<R>> element_words_;  // of vectors, where their elements' offset words start
+};
+
 // Writes a table in the compact layout, vtable first, and returns the end of all that was written; the table itself
 // follows its vtable.
 template <class R>
@@ -93,82 +223,7 @@ template <class R>
       return vtable + kFullImage<R>.bytes.size();
     }
   }
-  constexpr uint32_t kVtableLength = vtable_length(kSlots<R>);
-  uint8_t *const table = vtable + kVtableLength;
-  const auto set_entry = [=](std::size_t slot, uint32_t offset) {
-    store(vtable + kVtableHeader + 2 * slot, static_cast<uint16_t>(offset));
-  };
-
-  uint32_t inline_size = kWord;
-  for_each_slot<R>([&]<class S>(S) {
-    if constexpr (S::kind == Kind::scalar) {
-      const auto value = S::value(record);
-      const uint32_t present = value != 0 ? UINT32_MAX : 0;
-      const uint32_t offset = inline_size & present;
-      set_entry(S::index, offset);
-      store(table + offset, value);  // a zero falls on the table's distance word, which is written last
-      inline_size += sizeof value & present;
-    }
-  });
-
-  std::array<uint8_t *, kSlots<R>> words;
-  for_each_slot<R>([&]<class S>(S) {
-    if constexpr (S::kind != Kind::scalar) {
-      const bool present = has_offset_word<S>(record);
-      words[S::index] = table + inline_size;
-      set_entry(S::index, present ? inline_size : 0);
-      inline_size += present ? kWord : 0;
-    }
-  });
-
-  uint8_t *end = table + inline_size;
-  const auto point_at = [](uint8_t *word, const uint8_t *target) { store(word, static_cast<uint32_t>(target - word)); };
-  for_each_slot<R>([&]<class S>(S) {
-    const auto &value = S::value(record);
-    if constexpr (S::kind == Kind::array) {
-      point_at(words[S::index], end);
-      store(end, static_cast<uint32_t>(S::elements));
-      copy_elements<typename S::Element>(end + kWord, value, S::elements);
-      end += kWord + sizeof value;
-    } else if constexpr (S::kind == Kind::bytes) {
-      if (!has_offset_word<S>(record)) return;
-      point_at(words[S::index], end);
-      store(end, S::length(record));
-      std::memcpy(end + kWord, value, S::length(record));
-      end += kWord + S::length(record);
-    } else if constexpr (S::kind == Kind::vector) {
-      if (!has_offset_word<S>(record)) return;
-      point_at(words[S::index], end);
-      store(end, S::count(record));
-      words[S::index] = end + kWord;  // from here on, the elements' offset words
-      end += kWord + kWord * static_cast<std::size_t>(S::count(record));
-    }
-  });
-  const auto table_size = static_cast<uint16_t>(end - table);
-
-  for_each_slot<R>([&]<class S>(S) {
-    if constexpr (S::kind == Kind::table) {
-      point_at(words[S::index], end + vtable_length(kSlots<typename S::Type>));
-      end = build_table<typename S::Type>(end, &S::value(record));
-    }
-  });
-  for_each_slot<R>([&]<class S>(S) {
-    if constexpr (S::kind == Kind::vector) {
-      if (!has_offset_word<S>(record)) return;
-      const uint32_t count = S::count(record);
-      const auto *elements = S::value(record);
-      uint8_t *word = words[S::index];
-      for (uint32_t i = 0; i < count; ++i, word += kWord) {
-        point_at(word, end + vtable_length(kSlots<typename S::Element>));
-        end = build_table<typename S::Element>(end, &elements[i]);
-      }
-    }
-  });
-
-  store(vtable, static_cast<uint16_t>(kVtableLength));
-  store(vtable + 2, table_size);
-  store(table, kVtableLength);
-  return end;
+  return TableWriter<R>(vtable, record).write();
 }
 
 // What the shared encoding flow needs to know of a type.
