@@ -32,7 +32,7 @@ int32_t DRIX_SendToMsg(uint32_t handle, DrixSendDescriptor *descriptors, uint32_
 /* Tells the bus how to decode and release messages with this ID. Returns 0 when accepted. */
 int32_t DRIX_RegIDLFuncHook(uint32_t id, DrixDecodeFunc decode, DrixReleaseFunc release);
 
-/* Tells the bus what to call when a sending process goes away. Returns the bus's status. */
+/* Tells the bus what to call to clean up after sending; when it does is the bus's affair. Returns the bus's status. */
 int32_t DRIX_RegIDLResorceCleanFuncHook(DrixResourceCleanFunc clean);
 
 #ifdef __cplusplus
