@@ -6,7 +6,7 @@
 #include "bench/plain.h"
 #include "bench/subject.h"
 #include "bench/timing.h"
-#include "bus/package.h"
+#include "packages/package.h"
 
 // The shared object exports no fixed builder, so it is made here, from the same templates.
 static constinit drix::PackageServices fib6Sync_services;

@@ -27,6 +27,9 @@ struct MessageInfo {
 
 // The constants of message type R; each package's list specialises it.
 template <class R>
-inline constexpr MessageInfo kMessage = {};
+inline constexpr MessageInfo kMessage = [] {
+  static_assert(sizeof(R) == 0, "this record is used as a message type, but its package's list leaves it out");
+  return MessageInfo{};
+}();
 
 }  // namespace drix

@@ -103,19 +103,22 @@ struct Slot {
       return Kind::table;
     } else if constexpr (std::is_pointer_v<Type> && std::is_class_v<Element>) {
       static_assert(Member<I>::template has_count<R>, "a vector needs its count member");
-      static_assert(std::is_same_v<decltype(Member<I>::count(std::declval<R &>())), uint32_t &>);
+      static_assert(std::is_same_v<decltype(Member<I>::count(std::declval<R &>())), uint32_t &>,
+                    "a vector's count is a uint32_t");
       return Kind::vector;
     } else if constexpr (std::is_pointer_v<Type>) {
       static_assert(std::is_same_v<Element, uint8_t>, "a pointer is a byte string or a vector of records");
       static_assert(Member<I>::template has_length<R>, "a byte string needs its length member");
-      static_assert(std::is_same_v<decltype(Member<I>::length(std::declval<R &>())), uint32_t &>);
+      static_assert(std::is_same_v<decltype(Member<I>::length(std::declval<R &>())), uint32_t &>,
+                    "a byte string's length is a uint32_t");
       return Kind::bytes;
     } else if constexpr (std::is_array_v<Type>) {
-      static_assert(std::is_same_v<Element, uint8_t> || std::is_same_v<Element, uint32_t>);
-      static_assert(std::rank_v<Type> == 1);
+      static_assert(std::is_same_v<Element, uint8_t> || std::is_same_v<Element, uint32_t>,
+                    "an array is one of uint8_t or uint32_t, with one dimension");
       return Kind::array;
     } else {
-      static_assert(std::is_same_v<Type, uint8_t> || std::is_same_v<Type, uint16_t> || std::is_same_v<Type, uint32_t>);
+      static_assert(std::is_same_v<Type, uint8_t> || std::is_same_v<Type, uint16_t> || std::is_same_v<Type, uint32_t>,
+                    "a scalar is a uint8_t, uint16_t or uint32_t");
       return Kind::scalar;
     }
   }

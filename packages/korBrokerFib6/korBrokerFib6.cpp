@@ -1,7 +1,8 @@
 #include "korBrokerFib6.h"
 
-#include "bus/package.h"
+#include "packages/package.h"
 
 DRIX_PACKAGE(korBrokerFib6, fib6, KORBROKERFIB6_MESSAGES)
 
-static_assert(korBrokerFib6_variable_length == 10, "whether a record owns memory is part of its contract");
+static_assert(korBrokerFib6_variable_length == 10,
+              "whether a record owns memory is part of its contract: raise the number with a type that does");

@@ -1,6 +1,6 @@
 #include "probe.h"
 
-#include "bus/package.h"
+#include "packages/package.h"
 
 DRIX_PACKAGE(probe, probe, PROBE_MESSAGES)
 
