@@ -55,7 +55,7 @@ class Receiver {
     kelvodrix_get_counters(receiver_.get(), &bus);
     drix_services_counters services;
     drix_services_get_counters(&services);
-    const uint64_t refused = bus.messages - bus.delivered + bus.malformed + bus.stale;
+    const uint64_t refused = bus.messages - bus.delivered + bus.malformed;
 
     std::printf("%" PRIu64 " missing, %" PRIu64 " repeated, %" PRIu64 " differing, %" PRIu64
                 " logged by the decoder, %" PRIu64 " refused by the bus\n",

@@ -1,29 +1,32 @@
-/* libkelvodrix: a stand-in for the platform's message bus, over ZeroMQ.
+/* libkelvodrix: a stand-in for the platform's message bus, over plain stream sockets.
  *
  * It provides the four functions that libdrix_fib6 imports (drix_bus.h) and, declared here, what a process needs beside
  * them: channels to send on and receivers to receive with.
  *
- * Endpoints. "ipc://PATH" between processes of one host, "tcp://HOST:PORT" between hosts, "inproc://NAME" inside a
- * process; text without "://" is taken as the PATH of an ipc endpoint. A receiver binds its endpoint, channels connect
- * to it, in any order. Only inproc channels cannot tell whether a receiver is there: their frames wait for it.
+ * Endpoints. A receiver binds its endpoint, channels connect to it, in any order.
+ *
+ *   ipc://PATH, or PATH with a slash   between a user's processes (and root's) on one host; a socket file with a lock
+ *                                      file beside it, which go with the receiver
+ *   NAME                               the same in a folder of the user's own, /tmp/kelvodrix-UID
+ *   tcp://ADDRESS:PORT                 on one host, to any of its users: ADDRESS is 127.x.x.x or [::1]
+ *   tcp-open://ADDRESS:PORT            between hosts, readable and writable by anybody who can reach the port
+ *   inproc://NAME                      inside a process
  *
  * Delivery. One DRIX_SendMsg or DRIX_SendToMsg call travels as one frame, whole or not at all. Frames to one endpoint
- * are handled in the order in which they were sent, each at most once; nothing is ever sent twice. The receiver
- * acknowledges a frame after it has handled every message in it: a handled message was either given to its subscriber
- * or is counted in one of the receiver's other counters. The channel counts what it sent until it is acknowledged, so
- * nothing is lost silently: what a receiver took to its grave stays counted as undelivered.
+ * are handled in the order in which they were sent, each at most once. The receiver acknowledges a frame after it has
+ * handled every message in it: a handled message was either given to its subscriber or is counted in one of the
+ * receiver's other counters. It acknowledges all that is at hand together, at the latest every 64 frames. The channel
+ * counts what it sent until it is acknowledged, so nothing is lost silently: what a connection leaves unacknowledged
+ * when it ends, because the receiver was destroyed or killed, stays counted as undelivered. The next send connects
+ * again. Nothing is sent twice.
  *
- * Accounting across restarts. The frames to one endpoint are numbered 1, 2, 3, ... An acknowledgement names the latest
- * unbroken run of numbers that this very receiver has handled, and a number up to which nothing can arrive any more: a
- * frame up to there and outside the run is lost for good. A receiver that was restarted at the same endpoint starts a
- * run of its own with the first frame that it sees, so it can never acknowledge for its predecessor. A sender that
- * waits without progress asks the receiver for its run, so that a lost acknowledgement or a restart is noticed also
- * when no more frames are sent. A frame that arrives after it was declared lost is dropped by the receiver.
+ * Bounds. A channel keeps at most its window of unacknowledged frames and bytes per endpoint, a receiver at most one
+ * unfinished frame per connection, and no frame is larger than KELVODRIX_MAX_FRAME_BYTES or holds more than
+ * KELVODRIX_MAX_FRAME_MESSAGES, which also bounds what its decoding may log. A peer that sends anything malformed is
+ * disconnected.
  *
- * Bounds. A channel keeps at most its window of unacknowledged frames and bytes per endpoint, a receiver at most
- * KELVODRIX_RECEIVE_QUEUE unhandled frames per connection, and no frame is larger than KELVODRIX_MAX_FRAME_BYTES.
- *
- * All functions may be called from any thread. Channels and receivers do not survive fork(): a child opens its own.
+ * All functions may be called from any thread; none but kelvodrix_run is a cancellation point. Channels and receivers
+ * do not survive fork(): a child opens its own, and keeps its parent's endpoints taken until it ends or calls exec.
  */
 #ifndef KELVODRIX_H
 #define KELVODRIX_H
@@ -36,8 +39,8 @@
 extern "C" {
 #endif
 
-#define KELVODRIX_MAX_FRAME_BYTES (16u << 20) /* 28 bytes, and 8 bytes plus its length for every message */
-#define KELVODRIX_RECEIVE_QUEUE 64u           /* frames */
+#define KELVODRIX_MAX_FRAME_BYTES (16u << 20) /* 20 bytes, and 8 bytes plus its length for every message */
+#define KELVODRIX_MAX_FRAME_MESSAGES 65536u
 #define KELVODRIX_MAX_RECORD_BYTES (64u << 10)
 
 /* The status of every bus function, the four of drix_bus.h included. -1 is left to the senders of libdrix_fib6. */
@@ -46,18 +49,21 @@ typedef enum kelvodrix_status {
   KELVODRIX_ERR_INVALID = -2,      /* a null or out-of-range argument */
   KELVODRIX_ERR_HANDLE = -3,       /* no such open channel */
   KELVODRIX_ERR_DESTINATION = -4,  /* the channel has no such destination */
-  KELVODRIX_ERR_ENDPOINT = -5,     /* malformed endpoint, or a transport other than inproc, ipc and tcp */
+  KELVODRIX_ERR_ENDPOINT = -5,     /* malformed endpoint, host name, port above 65535, unknown transport */
   KELVODRIX_ERR_BIND = -6,         /* the endpoint cannot be bound: no such directory, not writable, no such address */
   KELVODRIX_ERR_IN_USE = -7,       /* another receiver is bound to the endpoint */
   KELVODRIX_ERR_NO_RECEIVER = -8,  /* nobody was connected within the send timeout; nothing was queued */
-  KELVODRIX_ERR_WINDOW = -9,       /* the window stayed full for the send timeout; nothing was queued */
-  KELVODRIX_ERR_TOO_BIG = -10,     /* the frame is above KELVODRIX_MAX_FRAME_BYTES or above the window's bytes */
+  KELVODRIX_ERR_WINDOW = -9,       /* window or connection stayed full for the send timeout; nothing was queued */
+  KELVODRIX_ERR_TOO_BIG = -10,     /* the frame is above KELVODRIX_MAX_FRAME_* or above the window's bytes */
   KELVODRIX_ERR_PENDING = -11,     /* at the timeout some messages were still unacknowledged */
   KELVODRIX_ERR_LOST = -12,        /* every message is accounted for, but some were lost */
   KELVODRIX_ERR_RECORD_SIZE = -13, /* a decoder reports a record of 0 or more than KELVODRIX_MAX_RECORD_BYTES bytes */
   KELVODRIX_ERR_BUSY = -14,        /* the receiver's loop is running */
   KELVODRIX_ERR_NO_MEMORY = -15,   /* out of memory */
-  KELVODRIX_ERR_SYSTEM = -16       /* the transport or the operating system failed */
+  KELVODRIX_ERR_SYSTEM = -16,      /* the operating system failed, or its file descriptors are used up */
+  KELVODRIX_ERR_OPEN = -17,        /* tcp:// beyond the host; tcp-open:// says that it is meant */
+  KELVODRIX_ERR_PATH = -18,        /* the endpoint's path or name is too long for a socket */
+  KELVODRIX_ERR_FOLDER = -19       /* the folder of named endpoints is another user's or open to others */
 } kelvodrix_status;
 
 /* A status in words: static text, also for numbers that are no status. */
@@ -67,7 +73,8 @@ const char *kelvodrix_strerror(int32_t status);
  *
  * DRIX_SendMsg and DRIX_SendToMsg copy the messages into one frame. 0 messages are KELVODRIX_OK and send nothing. When
  * they return anything but KELVODRIX_OK, nothing was or will be sent. A send that waits holds up nothing but the
- * channel's other sends to the same endpoint.
+ * channel's other sends to the same endpoint. When a receiver takes so little that a frame is half written at the send
+ * timeout, the send succeeds and the rest goes out with the next send, flush or close.
  *
  * DRIX_RegIDLFuncHook keeps one decoder per message ID and process; a further registration of an ID replaces the former
  * one from the next frame on. It decodes one empty message to learn the record's size. A decoder always gets
@@ -119,13 +126,12 @@ typedef void (*kelvodrix_subscriber)(void *context, uint32_t id, const void *rec
 /* What happened to received messages, since the receiver was created and up to the last complete frame. */
 typedef struct kelvodrix_counters {
   uint64_t frames;        /* handled */
-  uint64_t messages;      /* in the handled frames: the sum of the next four */
+  uint64_t messages;      /* the sum of the next four */
   uint64_t delivered;     /* subscriber called, returned */
-  uint64_t failed;        /* subscriber called, left by a C++ exception */
+  uint64_t failed;        /* subscriber called, left by a C++ exception or the end of its thread */
   uint64_t unknown_id;    /* no decoder registered */
   uint64_t no_subscriber; /* decoder registered, nobody subscribed */
-  uint64_t malformed;     /* frames dropped whole and not acknowledged: bad header, truncated, bytes left over, ... */
-  uint64_t stale;         /* frames dropped whole: repeated, or late and already declared lost */
+  uint64_t malformed;     /* frames dropped whole, with their connection: bad header, bytes left over, ... */
 } kelvodrix_counters;
 
 /* Binds a receiver to an endpoint. On KELVODRIX_OK *receiver is the caller's to destroy. Frames are queued from now on,

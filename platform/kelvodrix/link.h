@@ -3,22 +3,24 @@
 #ifndef KELVODRIX_LINK_H
 #define KELVODRIX_LINK_H
 
+#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <memory>
 #include <mutex>
-#include <optional>
 #include <span>
+#include <vector>
 
-#include "kelvodrix.h"
-#include "transport.h"
+#include "endpoint.h"
+#include "frame.h"
 
 namespace kelvodrix {
 
 using Clock = std::chrono::steady_clock;
 using Deadline = Clock::time_point;
 
-// How many messages are not acknowledged: still waiting for it, and lost for good.
+// How many messages are not acknowledged: still waiting for it, and lost with their connection.
 struct Undelivered {
   uint64_t pending = 0;
   uint64_t lost = 0;
@@ -26,53 +28,59 @@ struct Undelivered {
 
 class Link {
  public:
-  // Throws std::bad_alloc or std::system_error.
-  Link(const Endpoint &endpoint, const kelvodrix_options &options);
+  Link(const Endpoint &endpoint, const kelvodrix_options &options) : endpoint_(endpoint), options_(options) {}
 
-  // Before the first send.
-  int32_t connect();
+  int32_t send(std::span<const DrixSendDescriptor> messages);
 
-  // Sends one frame of frame_bytes bytes with the messages; waits for room and for a connection until the deadline.
-  int32_t send(std::span<const DrixSendDescriptor> messages, size_t frame_bytes, Deadline deadline);
-
-  // Takes in the acknowledgements that have arrived, and asks for one when none came for a while. Never waits.
-  Undelivered update();
+  // Writes and reads what there is until everything is acknowledged or lost, or until then.
+  Undelivered settle(Deadline until);
 
   // Sends nothing from now on; a send that is waiting ends with KELVODRIX_ERR_HANDLE.
   Undelivered close();
 
  private:
-  struct Outstanding {
+  struct Sent {
     uint32_t messages;
     size_t bytes;
   };
 
   // All of these are called with the mutex locked.
-  bool fits(size_t frame_bytes) const;
-  bool connected() const;
-  bool send_data(std::span<const DrixSendDescriptor> messages, size_t frame_bytes);
-  bool transmit(Part &frame);
+  int32_t send(std::unique_lock<std::mutex> &lock, std::span<const DrixSendDescriptor> messages, size_t frame_bytes,
+               Deadline deadline);
+  int32_t connect();
+  void disconnect();
+  int32_t begin(std::span<const DrixSendDescriptor> messages, size_t frame_bytes);
+  void withdraw();
+  int32_t write_out();
   void take_in();
-  void settle(uint64_t first, uint64_t last, uint64_t settled);
-  void wait(std::unique_lock<std::mutex> &lock, int32_t obstacle, Deadline deadline);
+  bool acknowledge(uint64_t number);
+  void wait(std::unique_lock<std::mutex> &lock, Deadline deadline);
+  bool fits(size_t frame_bytes) const;
+  bool written_out() const { return written_ == out_.size(); }
 
   const Endpoint endpoint_;
   const kelvodrix_options options_;
-  const uint64_t id_;
 
-  // Guards what follows, and is never held for long: a thread that has to wait for its frame's turn, for room or for a
-  // connection lets it go meanwhile. One thread at a time waits for room or connection; the sockets are its own then.
+  // Guards what follows, and is let go while somebody waits. A send waits to be the only one, because frames must not
+  // mix and have to keep their order.
   std::mutex mutex_;
   std::condition_variable turn_;
-  int32_t waiting_for_ = KELVODRIX_OK;  // what that thread's send fails with at its deadline
+  bool sending_ = false;
+  int32_t obstacle_ = KELVODRIX_OK;  // what that send waits for
+  uint32_t begun_ = 0;               // messages of its frame, once that is in out_
   bool closed_ = false;
-  Socket socket_;
-  std::optional<Socket> presence_;       // a second, silent connection, which shows whether a receiver is there
-  uint64_t sequence_ = 0;                // of the last frame sent
-  std::deque<Outstanding> outstanding_;  // the last frames sent, oldest first
-  size_t outstanding_bytes_ = 0;
+
+  std::shared_ptr<Fd> fd_;  // shared with those who wait; null: not connected
+  bool connecting_ = false;
+  uint64_t sent_ = 0;           // number of the last frame that was begun on this connection
+  std::deque<Sent> in_flight_;  // the frames up to there that are not acknowledged
+  size_t in_flight_bytes_ = 0;
   Undelivered undelivered_;
-  Deadline next_probe_;
+  std::vector<uint8_t> out_;  // the last frame, and how much of it is written
+  size_t written_ = 0;
+  std::array<uint8_t, 64 * kAcknowledgementBytes> in_;
+  size_t in_bytes_ = 0;  // of an acknowledgement that has not arrived whole
+  Deadline last_look_;   // for acknowledgements
 };
 
 }  // namespace kelvodrix

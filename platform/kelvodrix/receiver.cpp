@@ -1,56 +1,31 @@
+#include <poll.h>
 #include <sys/eventfd.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <system_error>
 #include <unordered_map>
+#include <vector>
 
+#include "endpoint.h"
 #include "frame.h"
 #include "registry.h"
 #include "status.h"
-#include "transport.h"
 
 namespace kelvodrix {
 
 namespace {
 
-// How many links' numbers are remembered. The one heard of longest ago is forgotten first; its next frame starts a run.
-constexpr size_t kMaxPeers = 4096;
-
-// How long the last acknowledgements may take to leave a receiver that is being destroyed.
-constexpr int kLingerMs = 250;
-
-// Wakes a poll from any thread or signal handler.
-class WakeUp {
- public:
-  WakeUp() : fd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
-    if (fd_ < 0) throw std::system_error(errno, std::generic_category());
-  }
-  ~WakeUp() { close(fd_); }
-  WakeUp(const WakeUp &) = delete;
-  WakeUp &operator=(const WakeUp &) = delete;
-
-  int fd() const { return fd_; }
-  void set() {
-    const uint64_t one = 1;
-    [[maybe_unused]] ssize_t written = write(fd_, &one, sizeof(one));
-  }
-  void clear() {
-    uint64_t count;
-    [[maybe_unused]] ssize_t got = read(fd_, &count, sizeof(count));
-  }
-
- private:
-  int fd_;
-};
+constexpr size_t kChunkBytes = 64 << 10;
+constexpr uint64_t kMaxUnacknowledged = 64;  // frames
+// How long a receiver without file descriptors to spare leaves new connections to the kernel.
+constexpr int kAcceptAgainMs = 100;
 
 struct Subscription {
   kelvodrix_subscriber subscriber = nullptr;  // null: nobody subscribed
@@ -63,12 +38,13 @@ struct Route {
   Subscription subscription;
 };
 
-// The numbers of one link: the latest unbroken run handled, and how far everything is settled.
-struct Peer {
-  uint64_t first = 1;
-  uint64_t last = 0;
-  uint64_t settled = 0;
-  uint64_t heard = 0;  // when, in frames received
+struct Connection {
+  Fd fd;
+  std::vector<uint8_t> rest;  // what has arrived and is not handled: less than a frame unless the loop was stopped
+  uint64_t handled = 0;       // frames
+  uint64_t acknowledged = 0;
+  std::array<uint8_t, kAcknowledgementBytes> out{};
+  size_t unwritten = 0;  // of these
 };
 
 }  // namespace
@@ -79,46 +55,56 @@ using namespace kelvodrix;
 
 struct kelvodrix_receiver {
  public:
-  explicit kelvodrix_receiver(const Endpoint &endpoint)
-      : endpoint_(endpoint),
-        // A context of its own, because terminating it makes sure that the endpoint is free again.
-        socket_(endpoint.inproc ? shared_context() : make_context(), ZMQ_ROUTER) {
-    socket_.set(ZMQ_RCVHWM, static_cast<int>(KELVODRIX_RECEIVE_QUEUE));
-    socket_.set(ZMQ_MAXMSGSIZE, int64_t{KELVODRIX_MAX_FRAME_BYTES});
-    socket_.set(ZMQ_LINGER, kLingerMs);
+  int32_t open(const Endpoint &endpoint) {
+    wake_up_ = Fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    return wake_up_ ? listener_.open(endpoint) : KELVODRIX_ERR_SYSTEM;
   }
-
-  ~kelvodrix_receiver() { zmq_unbind(socket_.get(), endpoint_.text.c_str()); }
-
-  int32_t bind() { return socket_.bind(endpoint_); }
 
   void subscribe(uint32_t id, Subscription subscription) {
     std::lock_guard lock(mutex_);
     subscriptions_[id] = subscription;
   }
 
-  int32_t run() {
+  // The cancellation state is for when it waits and for subscribers.
+  int32_t run(int cancel_state) {
     if (running_.exchange(true)) return KELVODRIX_ERR_BUSY;
     struct Running {
       std::atomic<bool> &flag;
       ~Running() { flag = false; }
     } running{running_};
+    cancel_state_ = cancel_state;
 
-    zmq_pollitem_t items[] = {{socket_.get(), 0, ZMQ_POLLIN, 0}, {nullptr, wake_up_.fd(), ZMQ_POLLIN, 0}};
-    while (!stopped_) {
-      if (zmq_poll(items, 2, -1) < 0 && errno != EINTR) return KELVODRIX_ERR_SYSTEM;
-      while (!stopped_ && receive()) {
+    for (Connection &each : connections_) handle_rest(each);  // what a stop has left
+    std::vector<pollfd> items;
+    for (bool full = false; !stopped_;) {
+      std::erase_if(connections_, [](const Connection &each) { return !each.fd; });
+      items = {{wake_up_.get(), POLLIN, 0}, {full ? -1 : listener_.fd(), POLLIN, 0}};
+      for (const Connection &each : connections_)
+        items.push_back({each.fd.get(), static_cast<short>(owes(each) ? POLLIN | POLLOUT : POLLIN), 0});
+      {
+        const CancelState waiting(cancel_state_);
+        if (poll(items.data(), items.size(), full ? kAcceptAgainMs : -1) < 0 && errno != EINTR)
+          return KELVODRIX_ERR_SYSTEM;
       }
+      size_t at = 2;
+      for (Connection &each : connections_) {
+        const short events = items[at++].revents;
+        if (events & POLLOUT) acknowledge(each);
+        if (events & ~POLLOUT && !stopped_) receive(each);
+      }
+      full = items[1].revents != 0 && !accept();
     }
-    wake_up_.clear();
+    uint64_t count;
+    [[maybe_unused]] const ssize_t got = read(wake_up_.get(), &count, sizeof(count));
     stopped_ = false;
     return KELVODRIX_OK;
   }
 
   void stop() {
-    int saved = errno;
+    const int saved = errno;
+    const uint64_t one = 1;
     stopped_ = true;
-    wake_up_.set();
+    [[maybe_unused]] const ssize_t written = write(wake_up_.get(), &one, sizeof(one));
     errno = saved;
   }
 
@@ -130,108 +116,133 @@ struct kelvodrix_receiver {
   }
 
  private:
-  // Receives and handles one frame; false when there is none.
-  bool receive() {
-    Part sender, frame;
-    if (!sender.receive(socket_)) return false;
-    bool complete = sender.more() && frame.receive(socket_) && !frame.more();
-    for (Part rest; frame.more() && rest.receive(socket_) && rest.more();) {
-    }
-    if (!complete || !handle(sender, Reader(frame.data(), frame.size()))) {
-      ++tally_.malformed;
-      publish();
-    }
-    return true;
+  // False when the process can take no more.
+  bool accept() {
+    while (Fd fd = listener_.accept()) connections_.emplace_back().fd = std::move(fd);
+    return errno == EAGAIN;
   }
 
-  // False for a malformed frame.
-  bool handle(Part &sender, Reader reader) {
-    Header header;
-    if (!reader.get(header)) return false;
-    if (header.kind == Kind::kProbe && reader.at_end()) {
-      Peer &peer = find_peer(header.link);
-      peer.settled = std::max(peer.settled, header.sequence);
-      acknowledge(sender, header.link, peer);
-      return true;
-    }
-    uint32_t count;
-    if (header.kind != Kind::kData || header.sequence == 0 || !reader.get(count) || !holds_exactly(reader, count))
-      return false;
-
-    Peer &peer = find_peer(header.link);
-    if (header.sequence <= peer.settled) {
-      ++tally_.stale;
-    } else {
-      if (header.sequence - 1 != peer.last) {
-        // The frames between were lost with a connection. Closes the former run before it is forgotten.
-        peer.settled = header.sequence - 1;
-        acknowledge(sender, header.link, peer);
-        peer.first = header.sequence;
+  void receive(Connection &from) {
+    const ssize_t count = recv(from.fd.get(), chunk_.data(), chunk_.size(), MSG_DONTWAIT);
+    if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
+    if (count <= 0) return from.fd.reset();  // an unfinished frame goes with its connection
+    const std::span<const uint8_t> chunk(chunk_.data(), static_cast<size_t>(count));
+    try {
+      if (from.rest.empty()) {
+        const std::span<const uint8_t> rest = handle(from, chunk);
+        from.rest.assign(rest.begin(), rest.end());
+      } else {
+        from.rest.insert(from.rest.end(), chunk.begin(), chunk.end());
+        handle_rest(from);
       }
-      deliver(reader);
-      peer.last = peer.settled = header.sequence;
+    } catch (const std::bad_alloc &) {
+      from.fd.reset();  // what it has not acknowledged stays counted at the sender
     }
-    publish();  // before the sender can learn of it
-    acknowledge(sender, header.link, peer);
-    return true;
   }
 
-  void deliver(Reader messages) {
+  void handle_rest(Connection &from) {
+    const std::span<const uint8_t> rest = handle(from, from.rest);
+    if (rest.empty())
+      from.rest = {};  // may have been large
+    else
+      from.rest.erase(from.rest.begin(), from.rest.end() - static_cast<ptrdiff_t>(rest.size()));
+  }
+
+  // Handles the whole frames that there are, and returns what is left.
+  std::span<const uint8_t> handle(Connection &from, std::span<const uint8_t> bytes) {
+    while (!stopped_ && bytes.size() >= sizeof(uint32_t)) {
+      const auto length = load<uint32_t>(bytes.data());
+      const bool possible = length >= kHeaderBytes && length <= KELVODRIX_MAX_FRAME_BYTES;
+      if (possible && length > bytes.size()) break;
+      if (!possible || !well_formed(bytes.first(length), from.handled + 1)) {
+        ++tally_.malformed;
+        publish();
+        acknowledge(from);
+        from.fd.reset();
+        return {};
+      }
+      deliver(from, bytes.first(length));
+      bytes = bytes.subspan(length);
+      if (++from.handled - from.acknowledged == kMaxUnacknowledged) acknowledge(from);
+    }
+    acknowledge(from);
+    return bytes;
+  }
+
+  static bool well_formed(std::span<const uint8_t> frame, uint64_t number) {
+    return load<uint32_t>(&frame[4]) == kMagic && load<uint64_t>(&frame[8]) == number &&
+           load<uint32_t>(&frame[16]) <= KELVODRIX_MAX_FRAME_MESSAGES &&
+           visit_messages(frame, [](uint32_t, const uint8_t *, uint32_t) {});
+  }
+
+  void deliver(Connection &from, std::span<const uint8_t> frame) {
     std::optional<Route> route;
-    for (Message message; messages.get(message);) {
-      if (!route || route->id != message.id) route = find_route(message.id);
-      ++tally_.messages;
-      ++deliver(*route, message);
+    try {
+      visit_messages(frame, [&](uint32_t id, const uint8_t *bytes, uint32_t length) {
+        if (!route || route->id != id) route = find_route(id);
+        ++tally_.messages;
+        ++deliver(*route, bytes, length);
+      });
+    } catch (const abi::__forced_unwind &) {
+      // The thread ends. The frame is neither handled again nor acknowledged, so its connection has to end as well.
+      ++tally_.failed;
+      publish();
+      acknowledge(from);
+      from.fd.reset();
+      throw;
     }
     ++tally_.frames;
+    publish();  // before the sender can learn of it
   }
 
   // Returns the counter for what became of the message.
-  uint64_t &deliver(const Route &route, const Message &message) {
+  uint64_t &deliver(const Route &route, const uint8_t *bytes, uint32_t length) {
     const auto &[decode, release, record_bytes] = route.registration;
     if (decode == nullptr) return tally_.unknown_id;
     if (route.subscription.subscriber == nullptr) return tally_.no_subscriber;
     // The decoder leaves the record alone when it rejects the message, and it has to be fit for the release function
     // then as well.
     std::memset(record_.data(), 0, record_bytes);
-    decode(message.bytes, message.length, record_.data());
-    uint64_t *outcome = &tally_.delivered;
+    decode(bytes, length, record_.data());
+    struct Release {
+      DrixReleaseFunc release;
+      void *record;
+      ~Release() { release(record); }
+    } const at_end{release, record_.data()};
     try {
-      route.subscription.subscriber(route.subscription.context, message.id, record_.data(), record_bytes);
+      const CancelState subscriber(cancel_state_);
+      route.subscription.subscriber(route.subscription.context, route.id, record_.data(), record_bytes);
+      return tally_.delivered;
+    } catch (const abi::__forced_unwind &) {
+      throw;
     } catch (...) {
-      outcome = &tally_.failed;
+      return tally_.failed;
     }
-    release(record_.data());
-    return *outcome;
   }
 
   Route find_route(uint32_t id) {
     Route route{id, find_registration(id), {}};
     std::lock_guard lock(mutex_);
-    auto found = subscriptions_.find(id);
+    const auto found = subscriptions_.find(id);
     if (found != subscriptions_.end()) route.subscription = found->second;
     return route;
   }
 
-  Peer &find_peer(uint64_t link) {
-    if (peers_.size() == kMaxPeers && !peers_.contains(link))
-      peers_.erase(std::min_element(peers_.begin(), peers_.end(), [](const auto &one, const auto &other) {
-        return one.second.heard < other.second.heard;
-      }));
-    Peer &peer = peers_[link];
-    peer.heard = ++heard_;
-    return peer;
-  }
+  static bool owes(const Connection &to) { return to.unwritten != 0 || to.acknowledged != to.handled; }
 
-  // A sender that cannot take the acknowledgement asks again, or is gone.
-  void acknowledge(Part &sender, uint64_t link, const Peer &peer) {
-    Part to(sender.size()), frame(kAcknowledgementBytes);
-    std::memcpy(to.data(), sender.data(), sender.size());
-    Writer writer(frame.data());
-    writer.put_header(Kind::kAcknowledgement, link, peer.settled);
-    writer.put(peer.first);
-    writer.put(peer.last);
-    if (to.send(socket_, ZMQ_SNDMORE)) static_cast<void>(frame.send(socket_));
+  // What a slow sender leaves no room for is written later; one that is gone shows when it is read from.
+  static void acknowledge(Connection &to) {
+    while (owes(to)) {
+      if (to.unwritten == 0) {
+        store(to.out.data(), to.handled);
+        to.acknowledged = to.handled;
+        to.unwritten = to.out.size();
+      }
+      const ssize_t count = send(to.fd.get(), to.out.end() - to.unwritten, to.unwritten, MSG_DONTWAIT | MSG_NOSIGNAL);
+      if (count < 0 && errno == EAGAIN) return;
+      if (count < 0 && errno != EINTR) to.unwritten = 0;
+      if (count > 0) to.unwritten -= static_cast<size_t>(count);
+    }
   }
 
   void publish() {
@@ -239,8 +250,8 @@ struct kelvodrix_receiver {
     counters_ = tally_;
   }
 
-  const Endpoint endpoint_;
-  WakeUp wake_up_;
+  Fd wake_up_;
+  Listener listener_;
   std::atomic<bool> stopped_ = false;
   std::atomic<bool> running_ = false;
 
@@ -249,11 +260,11 @@ struct kelvodrix_receiver {
   kelvodrix_counters counters_{};
 
   // The loop's own.
-  Socket socket_;
+  int cancel_state_ = PTHREAD_CANCEL_ENABLE;
+  std::list<Connection> connections_;
   kelvodrix_counters tally_{};
-  std::unordered_map<uint64_t, Peer> peers_;
-  uint64_t heard_ = 0;
   alignas(std::max_align_t) std::array<uint8_t, KELVODRIX_MAX_RECORD_BYTES> record_;
+  std::array<uint8_t, kChunkBytes> chunk_;
 };
 
 static_assert(std::atomic<bool>::is_always_lock_free, "kelvodrix_stop must be safe in a signal handler");
@@ -264,8 +275,8 @@ int32_t kelvodrix_receiver_create(const char *endpoint, kelvodrix_receiver **rec
     Endpoint parsed;
     int32_t status = parse_endpoint(endpoint, parsed);
     if (status != KELVODRIX_OK) return status;
-    auto created = std::make_unique<kelvodrix_receiver>(parsed);
-    status = created->bind();
+    auto created = std::make_unique<kelvodrix_receiver>();
+    status = created->open(parsed);
     if (status == KELVODRIX_OK) *receiver = created.release();
     return status;
   });
@@ -280,7 +291,8 @@ int32_t kelvodrix_subscribe(kelvodrix_receiver *receiver, uint32_t id, kelvodrix
 }
 
 int32_t kelvodrix_run(kelvodrix_receiver *receiver) {
-  return guarded([&]() -> int32_t { return receiver != nullptr ? receiver->run() : KELVODRIX_ERR_INVALID; });
+  const CancelState callers(PTHREAD_CANCEL_DISABLE);
+  return guarded([&] { return receiver != nullptr ? receiver->run(callers.former()) : KELVODRIX_ERR_INVALID; });
 }
 
 void kelvodrix_stop(kelvodrix_receiver *receiver) {

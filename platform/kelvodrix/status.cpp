@@ -1,40 +1,29 @@
-#include "status.h"
+#include <iterator>
+
+#include "kelvodrix.h"
 
 const char *kelvodrix_strerror(int32_t status) {
-  switch (status) {
-    case KELVODRIX_OK:
-      return "success";
-    case KELVODRIX_ERR_INVALID:
-      return "invalid argument";
-    case KELVODRIX_ERR_HANDLE:
-      return "no such open channel";
-    case KELVODRIX_ERR_DESTINATION:
-      return "no such destination";
-    case KELVODRIX_ERR_ENDPOINT:
-      return "malformed or unsupported endpoint";
-    case KELVODRIX_ERR_BIND:
-      return "endpoint cannot be bound";
-    case KELVODRIX_ERR_IN_USE:
-      return "endpoint in use";
-    case KELVODRIX_ERR_NO_RECEIVER:
-      return "no receiver connected";
-    case KELVODRIX_ERR_WINDOW:
-      return "window full";
-    case KELVODRIX_ERR_TOO_BIG:
-      return "frame too big";
-    case KELVODRIX_ERR_PENDING:
-      return "messages still unacknowledged";
-    case KELVODRIX_ERR_LOST:
-      return "messages lost";
-    case KELVODRIX_ERR_RECORD_SIZE:
-      return "unusable record size";
-    case KELVODRIX_ERR_BUSY:
-      return "receive loop running";
-    case KELVODRIX_ERR_NO_MEMORY:
-      return "out of memory";
-    case KELVODRIX_ERR_SYSTEM:
-      return "system failure";
-    default:
-      return "unknown status";
-  }
+  static constexpr const char *kTexts[] = {
+      "success",
+      "unknown status",  // -1 is the library's
+      "invalid argument",
+      "no such open channel",
+      "no such destination",
+      "malformed or unsupported endpoint",
+      "endpoint cannot be bound",
+      "endpoint in use",
+      "no receiver connected",
+      "window full",
+      "frame too big",
+      "messages still unacknowledged",
+      "messages lost",
+      "unusable record size",
+      "receive loop running",
+      "out of memory",
+      "system failure",
+      "tcp beyond this host is open to anybody: say tcp-open:// if that is meant",
+      "path of the endpoint too long",
+      "the folder of named endpoints belongs to somebody else or is open to others",
+  };
+  return status <= 0 && status > -static_cast<int32_t>(std::size(kTexts)) ? kTexts[-status] : kTexts[1];
 }

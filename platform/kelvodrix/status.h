@@ -1,6 +1,10 @@
-// Keeps C++ exceptions inside the library: every public function runs its body through guarded().
+// What every public function does around its body: no C++ exception leaves it, and no cancellation interrupts it. The
+// forced unwinding of a thread that a subscriber ends has to pass, though, or else the process is aborted.
 #ifndef KELVODRIX_STATUS_H
 #define KELVODRIX_STATUS_H
+
+#include <cxxabi.h>
+#include <pthread.h>
 
 #include <new>
 
@@ -8,10 +12,26 @@
 
 namespace kelvodrix {
 
+// Sets the thread's cancellation state for as long as it lives.
+class CancelState {
+ public:
+  explicit CancelState(int state) { pthread_setcancelstate(state, &former_); }
+  ~CancelState() { pthread_setcancelstate(former_, nullptr); }
+  CancelState(const CancelState &) = delete;
+  CancelState &operator=(const CancelState &) = delete;
+  int former() const { return former_; }
+
+ private:
+  int former_;
+};
+
 template <typename Body>
-int32_t guarded(Body body) noexcept {
+int32_t guarded(Body body) {
+  CancelState uninterrupted(PTHREAD_CANCEL_DISABLE);
   try {
     return body();
+  } catch (const abi::__forced_unwind &) {
+    throw;
   } catch (const std::bad_alloc &) {
     return KELVODRIX_ERR_NO_MEMORY;
   } catch (...) {

@@ -1,0 +1,76 @@
+// Where receivers are, and the sockets between them and their senders.
+#ifndef KELVODRIX_ENDPOINT_H
+#define KELVODRIX_ENDPOINT_H
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+#include <utility>
+
+#include "kelvodrix.h"
+
+namespace kelvodrix {
+
+class Fd {
+ public:
+  Fd() = default;
+  explicit Fd(int fd) : fd_(fd) {}
+  Fd(Fd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  Fd &operator=(Fd &&other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+  }
+  ~Fd() { reset(); }
+
+  explicit operator bool() const { return fd_ >= 0; }
+  int get() const { return fd_; }
+  void reset() {
+    if (fd_ >= 0) close(std::exchange(fd_, -1));
+  }
+
+ private:
+  int fd_ = -1;
+};
+
+struct Endpoint {
+  sockaddr_storage address{};
+  socklen_t length = 0;
+
+  const sockaddr *get() const { return reinterpret_cast<const sockaddr *>(&address); }
+  std::string path() const;  // empty unless it is an ipc endpoint
+};
+
+int32_t parse_endpoint(const char *text, Endpoint &endpoint);
+
+// Starts a connection; EINPROGRESS when finish_connection has to be asked, else 0 or what went wrong.
+int start_connection(const Endpoint &endpoint, Fd &fd);
+int finish_connection(const Fd &fd);
+
+// Whether to talk to the other end at all.
+bool trusted(const Fd &fd);
+
+class Listener {
+ public:
+  Listener() = default;
+  ~Listener();
+  Listener(const Listener &) = delete;
+  Listener &operator=(const Listener &) = delete;
+
+  // Once. Returns KELVODRIX_OK or what is wrong.
+  int32_t open(const Endpoint &endpoint);
+  int fd() const { return socket_.get(); }
+  // The next trusted connection; none, with errno 0 or what went wrong, when there is no more for now.
+  Fd accept() const;
+
+ private:
+  int32_t take_path(const Endpoint &endpoint);
+
+  std::string path_;  // of the socket file once it is ours
+  Fd lock_;
+  Fd socket_;
+};
+
+}  // namespace kelvodrix
+
+#endif
