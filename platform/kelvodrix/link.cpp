@@ -13,6 +13,12 @@ namespace {
 using namespace std::chrono_literals;
 using std::chrono::milliseconds;
 
+// A frame is written at once unless so many are under way: then it waits for others, up to so many bytes or until the
+// pump comes along.
+constexpr size_t kFramesToGather = 8;
+constexpr size_t kBytesToGather = 16 << 10;
+// Of what is written, more is not kept in front of what is not.
+constexpr size_t kMaxWrittenBytes = 1 << 20;
 constexpr milliseconds kLookInterval = 1ms;
 constexpr milliseconds kRetryInterval = 20ms;
 // After that, a waiting send looks whether its channel has been closed.
@@ -33,33 +39,26 @@ int32_t Link::send(std::span<const DrixSendDescriptor> messages) {
 
   const Deadline deadline = Clock::now() + milliseconds(options_.send_timeout_ms);
   std::unique_lock lock(mutex_);
-  // What keeps the send before this one waiting keeps this one waiting too.
-  if (!turn_.wait_until(lock, deadline, [&] { return closed_ || !sending_; })) return obstacle_;
-  if (closed_) return KELVODRIX_ERR_HANDLE;
-  sending_ = true;
-  const int32_t status = send(lock, messages, frame_bytes, deadline);
-  sending_ = false;
-  begun_ = 0;
-  turn_.notify_one();
-  return status;
+  for (bool again = true;;) {
+    if (closed_) return KELVODRIX_ERR_HANDLE;
+    const bool connected = fd_ != nullptr;
+    int32_t status = append(messages, frame_bytes);
+    if (status == KELVODRIX_OK && (in_flight_.size() <= kFramesToGather || out_.size() - written_ >= kBytesToGather) &&
+        write_out() == KELVODRIX_ERR_NO_RECEIVER) {
+      undelivered_.lost -= messages.size();  // nobody will handle what was not written whole
+      status = KELVODRIX_ERR_NO_RECEIVER;
+    }
+    if (status == KELVODRIX_OK && !written_out() && !std::exchange(pumped_, true)) pump_.add(shared_from_this());
+    if (status != KELVODRIX_ERR_NO_RECEIVER && status != KELVODRIX_ERR_WINDOW) return status;
+    if (connected && !fd_ && std::exchange(again, false)) continue;  // to a receiver that was restarted
+    if (Clock::now() >= deadline) return status;
+    wait(lock, deadline);
+  }
 }
 
-int32_t Link::send(std::unique_lock<std::mutex> &lock, std::span<const DrixSendDescriptor> messages, size_t frame_bytes,
-                   Deadline deadline) {
-  for (bool again = true;;) {
-    const bool connected = fd_ != nullptr;
-    obstacle_ = begun_ != 0 ? KELVODRIX_OK : begin(messages, frame_bytes);
-    if (obstacle_ == KELVODRIX_OK) obstacle_ = write_out();
-    if (obstacle_ != KELVODRIX_ERR_NO_RECEIVER && obstacle_ != KELVODRIX_ERR_WINDOW) return obstacle_;
-    if (connected && !fd_ && std::exchange(again, false)) continue;  // to a receiver that was restarted
-    if (Clock::now() >= deadline) {
-      if (begun_ != 0 && written_ != 0) return KELVODRIX_OK;  // the rest follows
-      if (begun_ != 0) withdraw();
-      return obstacle_;
-    }
-    wait(lock, deadline);
-    if (closed_) return KELVODRIX_ERR_HANDLE;
-  }
+bool Link::pump() {
+  std::lock_guard lock(mutex_);
+  return pumped_ = !closed_ && write_out() == KELVODRIX_ERR_WINDOW;
 }
 
 Undelivered Link::settle(Deadline until) {
@@ -75,7 +74,6 @@ Undelivered Link::settle(Deadline until) {
 Undelivered Link::close() {
   std::lock_guard lock(mutex_);
   closed_ = true;
-  turn_.notify_all();
   return undelivered_;
 }
 
@@ -92,8 +90,7 @@ int32_t Link::connect() {
 
 void Link::disconnect() {
   fd_.reset();
-  // A frame that was not written whole will not be handled, so the send that is writing it may try again.
-  undelivered_.lost += std::exchange(undelivered_.pending, 0) - std::exchange(begun_, 0);
+  undelivered_.lost += std::exchange(undelivered_.pending, 0);
   in_flight_.clear();
   in_flight_bytes_ = 0;
   out_.clear();
@@ -105,25 +102,28 @@ bool Link::fits(size_t frame_bytes) const {
   return in_flight_.size() < options_.window_frames && frame_bytes <= options_.window_bytes - in_flight_bytes_;
 }
 
-// Makes the frame the one to be written when there are a connection and room.
-int32_t Link::begin(std::span<const DrixSendDescriptor> messages, size_t frame_bytes) {
-  int32_t status = connect();
-  if (status == KELVODRIX_OK) status = write_out();  // what the send before has left
+// Makes the frame one to be written when there are a connection and room.
+int32_t Link::append(std::span<const DrixSendDescriptor> messages, size_t frame_bytes) {
+  const int32_t status = connect();
   if (status != KELVODRIX_OK) return status;
+  if (!fits(frame_bytes)) write_out();  // what is not written is not acknowledged either
   if (!fits(frame_bytes) || Clock::now() - last_look_ > kLookInterval) take_in();
   if (!fd_) return KELVODRIX_ERR_NO_RECEIVER;
   if (!fits(frame_bytes)) return KELVODRIX_ERR_WINDOW;
 
+  if (written_out() || written_ > kMaxWrittenBytes) {
+    out_.erase(out_.begin(), out_.begin() + static_cast<ptrdiff_t>(written_));
+    written_ = 0;
+  }
   const auto count = static_cast<uint32_t>(messages.size());
-  out_.resize(frame_bytes);
-  written_ = frame_bytes;  // nothing to write, should the next line throw
+  const size_t at = out_.size();
+  out_.reserve(at + frame_bytes);  // the last that can fail but for the next line
   in_flight_.push_back({count, frame_bytes});
-  written_ = 0;
+  out_.resize(at + frame_bytes);
   in_flight_bytes_ += frame_bytes;
   undelivered_.pending += count;
-  begun_ = count;
 
-  uint8_t *to = store(out_.data(), static_cast<uint32_t>(frame_bytes));
+  uint8_t *to = store(&out_[at], static_cast<uint32_t>(frame_bytes));
   to = store(store(store(to, kMagic), ++sent_), count);
   for (const DrixSendDescriptor &message : messages) {
     to = store(store(to, message.id), message.length);
@@ -131,15 +131,6 @@ int32_t Link::begin(std::span<const DrixSendDescriptor> messages, size_t frame_b
     to += message.length;
   }
   return KELVODRIX_OK;
-}
-
-// Takes back the frame that was begun, of which nothing is written.
-void Link::withdraw() {
-  --sent_;
-  undelivered_.pending -= in_flight_.back().messages;
-  in_flight_bytes_ -= in_flight_.back().bytes;
-  in_flight_.pop_back();
-  out_.clear();
 }
 
 int32_t Link::write_out() {
@@ -179,7 +170,7 @@ void Link::take_in() {
 
 bool Link::acknowledge(uint64_t number) {
   const uint64_t before = sent_ - in_flight_.size();
-  if (number <= before || number > sent_ - (written_out() ? 0 : 1)) return false;
+  if (number <= before || number > sent_) return false;
   for (uint64_t left = number - before; left != 0; --left) {
     undelivered_.pending -= in_flight_.front().messages;
     in_flight_bytes_ -= in_flight_.front().bytes;

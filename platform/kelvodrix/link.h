@@ -5,7 +5,6 @@
 
 #include <array>
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -14,6 +13,7 @@
 
 #include "endpoint.h"
 #include "frame.h"
+#include "pump.h"
 
 namespace kelvodrix {
 
@@ -26,14 +26,18 @@ struct Undelivered {
   uint64_t lost = 0;
 };
 
-class Link {
+class Link : public std::enable_shared_from_this<Link> {
  public:
-  Link(const Endpoint &endpoint, const kelvodrix_options &options) : endpoint_(endpoint), options_(options) {}
+  Link(const Endpoint &endpoint, const kelvodrix_options &options)
+      : endpoint_(endpoint), options_(options), pump_(Pump::get()) {}
 
   int32_t send(std::span<const DrixSendDescriptor> messages);
 
   // Writes and reads what there is until everything is acknowledged or lost, or until then.
   Undelivered settle(Deadline until);
+
+  // For the pump: writes what there is; true while that is not all.
+  bool pump();
 
   // Sends nothing from now on; a send that is waiting ends with KELVODRIX_ERR_HANDLE.
   Undelivered close();
@@ -45,12 +49,9 @@ class Link {
   };
 
   // All of these are called with the mutex locked.
-  int32_t send(std::unique_lock<std::mutex> &lock, std::span<const DrixSendDescriptor> messages, size_t frame_bytes,
-               Deadline deadline);
   int32_t connect();
   void disconnect();
-  int32_t begin(std::span<const DrixSendDescriptor> messages, size_t frame_bytes);
-  void withdraw();
+  int32_t append(std::span<const DrixSendDescriptor> messages, size_t frame_bytes);
   int32_t write_out();
   void take_in();
   bool acknowledge(uint64_t number);
@@ -61,23 +62,19 @@ class Link {
   const Endpoint endpoint_;
   const kelvodrix_options options_;
 
-  // Guards what follows, and is let go while somebody waits. A send waits to be the only one, because frames must not
-  // mix and have to keep their order.
-  std::mutex mutex_;
-  std::condition_variable turn_;
-  bool sending_ = false;
-  int32_t obstacle_ = KELVODRIX_OK;  // what that send waits for
-  uint32_t begun_ = 0;               // messages of its frame, once that is in out_
-  bool closed_ = false;
+  Pump &pump_;
 
+  std::mutex mutex_;  // guards what follows; let go while somebody waits
+  bool closed_ = false;
   std::shared_ptr<Fd> fd_;  // shared with those who wait; null: not connected
   bool connecting_ = false;
-  uint64_t sent_ = 0;           // number of the last frame that was begun on this connection
+  uint64_t sent_ = 0;           // number of the last frame for this connection
   std::deque<Sent> in_flight_;  // the frames up to there that are not acknowledged
   size_t in_flight_bytes_ = 0;
   Undelivered undelivered_;
-  std::vector<uint8_t> out_;  // the last frame, and how much of it is written
+  std::vector<uint8_t> out_;  // the last frames, and how much of them is written
   size_t written_ = 0;
+  bool pumped_ = false;  // the pump knows of it
   std::array<uint8_t, 64 * kAcknowledgementBytes> in_;
   size_t in_bytes_ = 0;  // of an acknowledgement that has not arrived whole
   Deadline last_look_;   // for acknowledgements
