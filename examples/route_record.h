@@ -34,7 +34,7 @@
 
 namespace routes {
 
-inline constexpr char kDefaultEndpoint[] = "ipc:///tmp/fib6_routes.ipc";
+inline constexpr char kDefaultEndpoint[] = "fib6_routes";
 
 inline constexpr uint32_t kRouteMessageId = drix_message_id("fib6Sync.ipv6FwdUpdateMsg");
 inline constexpr uint32_t kContextMessageId = drix_message_id("fib6Sync.svcCtxMsg");

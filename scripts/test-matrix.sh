@@ -5,7 +5,6 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/lib/packages.sh
-. scripts/lib/zmq.sh
 
 declare -A triples=([powerpc]=powerpc-linux-gnu [s390x]=s390x-linux-gnu [armhf]=arm-linux-gnueabihf)
 
@@ -16,7 +15,6 @@ for target in "${targets[@]}"; do
   triple=${triples[$target]:-}
   [ -n "$triple" ] || continue
   require_packages qemu-user "g++-$triple"
-  build_zmq "$PWD/build/zmq/$target" "-DCMAKE_TOOLCHAIN_FILE=$PWD/scripts/lib/cross.cmake" "-DDRIX_TRIPLE=$triple"
 done
 scripts/test.sh "${targets[@]}"
 

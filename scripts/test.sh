@@ -6,19 +6,12 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/lib/packages.sh
 . scripts/lib/format.sh
-. scripts/lib/zmq.sh
-
-# The kernel headers that -m32 does not find by itself.
-m32="-m32 -idirafter /usr/include/x86_64-linux-gnu"
 
 presets=("$@")
 [ ${#presets[@]} -gt 0 ] || presets=(clang asan ilp32 ilp32-asan tsan release)
 
 require_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
 check_format || { echo "test.sh: not formatted with clang-format-14" >&2; exit 1; }
-case " ${presets[*]} " in
-  *" ilp32"*) build_zmq "$PWD/build/zmq/ilp32" "-DCMAKE_C_FLAGS=$m32" "-DCMAKE_CXX_FLAGS=$m32" ;;
-esac
 
 # run LOG COMMAND...: shows the whole log only when the command fails.
 run() {

@@ -95,7 +95,7 @@ typedef struct kelvodrix_options {
 } kelvodrix_options;
 
 #define KELVODRIX_OPTIONS_DEFAULT \
-  { 1000u, 256u, 32u << 20 }
+  { 1000u, 4096u, 32u << 20 }
 
 /* Opens a channel whose default destination is the endpoint. options may be null for the default ones. On KELVODRIX_OK
  * *handle is what the send functions take, never 0; it is the caller's to close. Does not wait for the connection. */

@@ -8,7 +8,7 @@
  *   PXR_OsalMemCacheAlloc  allocates a block
  *   PXR_OsalMemFree        releases it
  *
- * What they did is counted and read through the functions below, all of which may be called from any thread.
+ * What they did is counted. All functions may be called from any thread.
  */
 #ifndef DRIX_SERVICES_H
 #define DRIX_SERVICES_H
@@ -30,7 +30,7 @@ void PXR_OsalLogWrite(const drix_services_log_module *module, uint32_t level, ui
                       uint32_t line, const char *function, const char *format, ...)
     __attribute__((format(printf, 7, 8)));
 
-/* Answers what drix_services_set_memory_flag set, 1 at first. */
+/* Answers 1: it is. */
 uint32_t PXR_OsalMemUseFlagGet(uint32_t module);
 
 /* A block of at least size bytes, aligned for any object, or null. Give it back with PXR_OsalMemFree, never free(). */
@@ -39,21 +39,11 @@ void PXR_OsalMemFree(void *block, uint32_t module, const char *function);
 
 typedef struct drix_services_counters {
   uint64_t blocks_live; /* allocated and not yet released */
-  uint64_t bytes_live;  /* requested for those blocks */
-  uint64_t allocations; /* successful */
-  uint64_t failures;    /* allocations that returned null */
   uint64_t log_lines;
 } drix_services_counters;
 
 /* Copies the counters. They count modulo the machine's word, and are a snapshot only while the services are idle. */
 void drix_services_get_counters(drix_services_counters *counters);
-
-/* Sets what PXR_OsalMemUseFlagGet answers. libdrix_fib6 asks once per package and side, so set it before the first
- * use. */
-void drix_services_set_memory_flag(uint32_t flag);
-
-/* Makes the nth allocation from now fail, once: 1 is the next one, 0 calls it off. */
-void drix_services_fail_allocation(uint32_t nth);
 
 #ifdef __cplusplus
 }

@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <new>
 
 #include "drix_services.h"
 
@@ -18,25 +17,7 @@ namespace {
 using Counter = std::atomic<size_t>;
 
 Counter blocks_live;
-Counter bytes_live;
-Counter allocations;
-Counter failures;
 Counter log_lines;
-
-std::atomic<uint32_t> memory_flag{1};
-std::atomic<uint32_t> fail_countdown{0};
-
-// Stands before every block, so that releasing a block knows its size.
-struct alignas(std::max_align_t) BlockHeader {
-  uint32_t bytes;
-};
-
-bool due_to_fail() {
-  uint32_t left = fail_countdown;
-  while (left != 0 && !fail_countdown.compare_exchange_weak(left, left - 1)) {
-  }
-  return left == 1;
-}
 
 constexpr size_t kLineBytes = 1024;
 
@@ -78,34 +59,17 @@ void PXR_OsalLogWrite(const drix_services_log_module *module, uint32_t level, ui
   errno = saved;
 }
 
-uint32_t PXR_OsalMemUseFlagGet(uint32_t) { return memory_flag; }
+uint32_t PXR_OsalMemUseFlagGet(uint32_t) { return 1; }
 
 void *PXR_OsalMemCacheAlloc(uint32_t size, uint32_t, const char *) {
-  size_t total = sizeof(BlockHeader) + size;
-  bool possible = !due_to_fail() && total >= sizeof(BlockHeader);
-  void *start = possible ? std::malloc(total) : nullptr;
-  if (start == nullptr) {
-    ++failures;
-    return nullptr;
-  }
-  ++allocations;
-  ++blocks_live;
-  bytes_live += size;
-  return new (start) BlockHeader{size} + 1;
+  void *block = std::malloc(size != 0 ? size : 1);
+  if (block != nullptr) ++blocks_live;
+  return block;
 }
 
 void PXR_OsalMemFree(void *block, uint32_t, const char *) {
-  if (block == nullptr) return;
-  BlockHeader *header = static_cast<BlockHeader *>(block) - 1;
-  --blocks_live;
-  bytes_live -= header->bytes;
-  std::free(header);
+  if (block != nullptr) --blocks_live;
+  std::free(block);
 }
 
-void drix_services_get_counters(drix_services_counters *counters) {
-  *counters = {blocks_live, bytes_live, allocations, failures, log_lines};
-}
-
-void drix_services_set_memory_flag(uint32_t flag) { memory_flag = flag; }
-
-void drix_services_fail_allocation(uint32_t nth) { fail_countdown = nth; }
+void drix_services_get_counters(drix_services_counters *counters) { *counters = {blocks_live, log_lines}; }

@@ -24,7 +24,7 @@
 
 namespace soak {
 
-inline constexpr char kDefaultEndpoint[] = "ipc:///tmp/fib6_soak.ipc";
+inline constexpr char kDefaultEndpoint[] = "fib6_soak";
 
 struct Round {
   uint32_t seed;
