@@ -25,8 +25,9 @@
  * KELVODRIX_MAX_FRAME_MESSAGES, which also bounds what its decoding may log. A peer that sends anything malformed is
  * disconnected.
  *
- * All functions may be called from any thread; none but kelvodrix_run is a cancellation point. Channels and receivers
- * do not survive fork(): a child opens its own, and keeps its parent's endpoints taken until it ends or calls exec.
+ * All functions may be called from any thread; none but kelvodrix_run is a cancellation point. A process that opens a
+ * channel gets one thread, which takes no signals. Channels and receivers do not survive fork(): a child opens its own,
+ * and keeps its parent's endpoints taken until it ends or calls exec.
  */
 #ifndef KELVODRIX_H
 #define KELVODRIX_H
@@ -73,8 +74,8 @@ const char *kelvodrix_strerror(int32_t status);
  *
  * DRIX_SendMsg and DRIX_SendToMsg copy the messages into one frame. 0 messages are KELVODRIX_OK and send nothing. When
  * they return anything but KELVODRIX_OK, nothing was or will be sent. A send that waits holds up nothing but the
- * channel's other sends to the same endpoint. When a receiver takes so little that a frame is half written at the send
- * timeout, the send succeeds and the rest goes out with the next send, flush or close.
+ * channel's other sends to the same endpoint. A frame may leave the process up to a millisecond after its send; a flush
+ * and kelvodrix_close send off what there is.
  *
  * DRIX_RegIDLFuncHook keeps one decoder per message ID and process; a further registration of an ID replaces the former
  * one from the next frame on. It decodes one empty message to learn the record's size. A decoder always gets

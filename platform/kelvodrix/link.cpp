@@ -48,7 +48,7 @@ int32_t Link::send(std::span<const DrixSendDescriptor> messages) {
       undelivered_.lost -= messages.size();  // nobody will handle what was not written whole
       status = KELVODRIX_ERR_NO_RECEIVER;
     }
-    if (status == KELVODRIX_OK && !written_out() && !std::exchange(pumped_, true)) pump_.add(shared_from_this());
+    if (status == KELVODRIX_OK && !written_out() && !pumped_) pumped_ = pump_.add(shared_from_this());
     if (status != KELVODRIX_ERR_NO_RECEIVER && status != KELVODRIX_ERR_WINDOW) return status;
     if (connected && !fd_ && std::exchange(again, false)) continue;  // to a receiver that was restarted
     if (Clock::now() >= deadline) return status;
@@ -139,7 +139,7 @@ int32_t Link::write_out() {
         ::send(fd_->get(), out_.data() + written_, out_.size() - written_, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (count >= 0) {
       written_ += static_cast<size_t>(count);
-    } else if (errno == EAGAIN) {
+    } else if (errno == EAGAIN || errno == ENOBUFS || errno == ENOMEM) {
       return KELVODRIX_ERR_WINDOW;
     } else if (errno != EINTR) {
       take_in();  // the last acknowledgements

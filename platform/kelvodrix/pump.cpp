@@ -3,9 +3,7 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
-#include <iterator>
 #include <thread>
 
 #include "link.h"
@@ -44,14 +42,17 @@ Pump::Pump() {
   std::thread([this] { run(); }).detach();
 }
 
-void Pump::add(std::shared_ptr<Link> link) {
+bool Pump::add(std::shared_ptr<Link> link) noexcept try {
   std::lock_guard lock(mutex_);
   links_.push_back(std::move(link));
-  if (links_.size() == 1) added_.notify_one();
+  added_.notify_one();
+  return true;
+} catch (const std::bad_alloc &) {
+  return false;
 }
 
 void Pump::run() {
-  for (std::vector<std::shared_ptr<Link>> links;;) {
+  for (std::list<std::shared_ptr<Link>> links;;) {
     {
       std::unique_lock lock(mutex_);
       if (links.empty()) added_.wait(lock, [&] { return !links_.empty(); });
@@ -59,8 +60,7 @@ void Pump::run() {
     std::this_thread::sleep_for(links.empty() ? kGather : kNoRoom);
     {
       std::lock_guard lock(mutex_);
-      std::move(links_.begin(), links_.end(), std::back_inserter(links));
-      links_.clear();
+      links.splice(links.end(), links_);
     }
     std::erase_if(links, [](const std::shared_ptr<Link> &link) { return !link->pump(); });
   }

@@ -3,9 +3,9 @@
 #define KELVODRIX_PUMP_H
 
 #include <condition_variable>
+#include <list>
 #include <memory>
 #include <mutex>
-#include <vector>
 
 namespace kelvodrix {
 
@@ -16,8 +16,9 @@ class Pump {
   // Of this process; started when it is first asked for. Throws std::system_error. Lives for good.
   static Pump &get();
 
-  // Has Link::pump called soon, and again for as long as it returns true.
-  void add(std::shared_ptr<Link> link);
+  // Has Link::pump called soon, and again for as long as it returns true. False without memory for that: the link's
+  // next send or flush does as well.
+  bool add(std::shared_ptr<Link> link) noexcept;
 
  private:
   Pump();
@@ -25,7 +26,7 @@ class Pump {
 
   std::mutex mutex_;
   std::condition_variable added_;
-  std::vector<std::shared_ptr<Link>> links_;
+  std::list<std::shared_ptr<Link>> links_;
 };
 
 }  // namespace kelvodrix

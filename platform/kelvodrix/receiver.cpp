@@ -74,7 +74,8 @@ struct kelvodrix_receiver {
     } running{running_};
     cancel_state_ = cancel_state;
 
-    for (Connection &each : connections_) handle_rest(each);  // what a stop has left
+    for (Connection &each : connections_)
+      if (each.fd) handle_rest(each);  // what a stop has left
     std::vector<pollfd> items;
     for (bool full = false; !stopped_;) {
       std::erase_if(connections_, [](const Connection &each) { return !each.fd; });
@@ -176,23 +177,27 @@ struct kelvodrix_receiver {
   }
 
   void deliver(Connection &from, std::span<const uint8_t> frame) {
+    // When a subscriber ends the thread, its frame is neither handled again nor acknowledged, so the connection has to
+    // end as well.
+    struct Frame {
+      kelvodrix_receiver &receiver;
+      Connection &from;
+      bool complete = false;
+      ~Frame() {
+        ++(complete ? receiver.tally_.frames : receiver.tally_.failed);
+        receiver.publish();  // before the sender can learn of it
+        if (complete) return;
+        acknowledge(from);
+        from.fd.reset();
+      }
+    } current{*this, from};
     std::optional<Route> route;
-    try {
-      visit_messages(frame, [&](uint32_t id, const uint8_t *bytes, uint32_t length) {
-        if (!route || route->id != id) route = find_route(id);
-        ++tally_.messages;
-        ++deliver(*route, bytes, length);
-      });
-    } catch (const abi::__forced_unwind &) {
-      // The thread ends. The frame is neither handled again nor acknowledged, so its connection has to end as well.
-      ++tally_.failed;
-      publish();
-      acknowledge(from);
-      from.fd.reset();
-      throw;
-    }
-    ++tally_.frames;
-    publish();  // before the sender can learn of it
+    visit_messages(frame, [&](uint32_t id, const uint8_t *bytes, uint32_t length) {
+      if (!route || route->id != id) route = find_route(id);
+      ++tally_.messages;
+      ++deliver(*route, bytes, length);
+    });
+    current.complete = true;
   }
 
   // Returns the counter for what became of the message.
@@ -209,15 +214,11 @@ struct kelvodrix_receiver {
       void *record;
       ~Release() { release(record); }
     } const at_end{release, record_.data()};
-    try {
+    const bool threw = throws([&] {
       const CancelState subscriber(cancel_state_);
       route.subscription.subscriber(route.subscription.context, route.id, record_.data(), record_bytes);
-      return tally_.delivered;
-    } catch (const abi::__forced_unwind &) {
-      throw;
-    } catch (...) {
-      return tally_.failed;
-    }
+    });
+    return threw ? tally_.failed : tally_.delivered;
   }
 
   Route find_route(uint32_t id) {

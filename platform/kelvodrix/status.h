@@ -25,8 +25,11 @@ class CancelState {
   int former_;
 };
 
+// For functions that catch the unwinding of a thread that ends: it comes as a reference to nothing.
+#define KELVODRIX_CATCHES_UNWINDING __attribute__((no_sanitize("null"), noinline))
+
 template <typename Body>
-int32_t guarded(Body body) {
+KELVODRIX_CATCHES_UNWINDING int32_t guarded(Body body) {
   CancelState uninterrupted(PTHREAD_CANCEL_DISABLE);
   try {
     return body();
@@ -36,6 +39,19 @@ int32_t guarded(Body body) {
     return KELVODRIX_ERR_NO_MEMORY;
   } catch (...) {
     return KELVODRIX_ERR_SYSTEM;
+  }
+}
+
+// Whether the body is left by an exception.
+template <typename Body>
+KELVODRIX_CATCHES_UNWINDING bool throws(Body body) {
+  try {
+    body();
+    return false;
+  } catch (const abi::__forced_unwind &) {
+    throw;
+  } catch (...) {
+    return true;
   }
 }
 

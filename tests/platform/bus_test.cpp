@@ -128,18 +128,21 @@ struct Receiver {
     kelvodrix_get_counters(receiver, &now);
     return now;
   }
-  static void note(void *context, uint32_t, const void *of, uint32_t size) {
-    auto *self = static_cast<Receiver *>(context);
-    const uint32_t number = static_cast<const Record *>(of)->number;
-    EXPECT_EQ(size, sizeof(Record));
-    self->numbers.push_back(number);
-    self->on_number(number);
+  // AddressSanitizer does not see a cancelled function's variables go.
+  __attribute__((no_sanitize("address"))) static void note(void *context, uint32_t, const void *of, uint32_t size) {
+    const uint32_t number = static_cast<Receiver *>(context)->take(*static_cast<const Record *>(of), size);
     if (number == kThrow) throw std::runtime_error("subscriber");
     if (number == kExit) pthread_exit(nullptr);
     if (number == kCancel) {
       pthread_cancel(pthread_self());
       pthread_testcancel();
     }
+  }
+  uint32_t take(const Record &record, uint32_t size) {
+    EXPECT_EQ(size, sizeof(Record));
+    numbers.push_back(record.number);
+    on_number(record.number);
+    return record.number;
   }
 
   kelvodrix_receiver *receiver = nullptr;
@@ -328,8 +331,11 @@ TEST(Bus, SubscriberMayEndItsThread) {
     Sender sender(endpoint("ipc"));
     for (const std::vector<uint32_t> &numbers : {range(1, 2), {2, end, 3}, {4}})
       EXPECT_EQ(send(sender.handle, numbers), KELVODRIX_OK);
-    receiver.start();
-    receiver.loop.join();
+    receiver.on_number = [&](uint32_t number) { number == 1 ? kelvodrix_stop(receiver.receiver) : void(); };
+    for (int run = 0; run < 2; ++run) {  // stopped after the first frame, and ended in the second
+      receiver.start();
+      receiver.loop.join();
+    }
     EXPECT_EQ(live_blocks, 0);
     EXPECT_EQ(sender.flush(), Undelivered(KELVODRIX_ERR_LOST, 4));
     EXPECT_EQ(receiver.counters().messages, receiver.counters().delivered + 1);
