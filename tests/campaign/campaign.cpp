@@ -17,20 +17,13 @@
 #include <string_view>
 
 #include "fake_bus.h"
+#include "good_images.h"
 #include "judge.h"
 
 namespace {
 
 using reference::Bytes;
-using reference::Kind;
-using reference::Slot;
 using reference::Type;
-
-uint32_t read(const Bytes &image, uint32_t at, uint32_t width) {
-  uint32_t value = 0;
-  for (uint32_t i = 0; i < width; ++i) value |= uint32_t{image[at + i]} << (8 * i);
-  return value;
-}
 
 // Cuts an image off at a position (width 0) or writes a value there.
 struct Change {
@@ -43,54 +36,6 @@ struct Change {
     for (uint32_t i = 0; i < width; ++i) image[at + i] = static_cast<uint8_t>(value >> (8 * i));
   }
 };
-
-// Where an image says where things are: the vtables' words; offset words, distances to vtables and counts.
-struct Places {
-  std::vector<uint32_t> entries;
-  std::vector<uint32_t> words;
-};
-
-void find_places(const Type &type, const Bytes &image, uint32_t table, Places &places) {
-  const uint32_t vtable = table - read(image, table, 4);
-  places.words.push_back(table);
-  for (uint32_t at = vtable; at < vtable + read(image, vtable, 2); at += 2) places.entries.push_back(at);
-  for (uint32_t i = 0; i < type.slots.size(); ++i) {
-    const Slot &slot = type.slots[i];
-    const uint32_t entry = read(image, vtable + 4 + 2 * i, 2);
-    if (entry == 0 || slot.kind == Kind::scalar) continue;
-    const uint32_t word = table + entry;
-    const uint32_t target = word + read(image, word, 4);
-    places.words.push_back(word);
-    if (slot.kind == Kind::table) {
-      find_places(*slot.type, image, target, places);
-      continue;
-    }
-    places.words.push_back(target);
-    for (uint32_t k = 0; slot.kind == Kind::vector && k < read(image, target, 4); ++k) {
-      const uint32_t element = target + 4 + 4 * k;
-      places.words.push_back(element);
-      find_places(*slot.type, image, element + read(image, element, 4), places);
-    }
-  }
-}
-
-// In the compact layout a record without zeros, the longest of many, and one with every second scalar zero; in the
-// fixed layout one without zeros.
-std::vector<Bytes> good_images(const Type &type, records::Random &random) {
-  Bytes longest;
-  std::vector<Bytes> images;
-  for (int draw = 0; draw < 16; ++draw) {
-    records::Arena arena;
-    Bytes record(type.record_size);
-    records::fill_random(type, record.data(), random, {.zeros = draw == 0 ? 50u : 0u}, arena);
-    const Bytes image = reference::pack(type, record.data());
-    if (image.size() > longest.size()) longest = image;
-    if (draw == 0) images.push_back(image);
-    if (draw == 1 && type.is_fixed()) images.push_back(reference::build_fixed(type, record.data()));
-  }
-  images.push_back(longest);
-  return images;
-}
 
 // What a decoding came to and the start of the log line that tells it; table and vtable below the root included.
 constexpr struct {
@@ -159,14 +104,13 @@ class Campaign {
     const auto sample_one = [&](const Change &change) {
       if (sample_ == 1 || random_.below(sample_) == 0) judge_one(change);
     };
-    Places places = {.entries = {}, .words = {0}};
-    find_places(*subject.type, good, read(good, 0, 4), places);
+    const Places places = find_places(*subject.type, good);
     for (uint32_t length = 0; length <= n; ++length) sample_one({length, 0, 0});
     for (uint32_t at = 0; at < n; ++at) {
       for (uint32_t value = 0; value < 256; ++value) sample_one({at, 1, value});
     }
     for (const uint32_t at : places.entries) {
-      for (const uint32_t value : {0x7FFFu, 0x8000u, 0xFFFFu}) judge_one({at, 2, value});
+      for (const uint32_t value : {0u, 0x7FFFu, 0x8000u, 0xFFFFu}) judge_one({at, 2, value});
       for (uint32_t value = 0; value <= n + 4; ++value) sample_one({at, 2, value});
     }
     for (const uint32_t at : places.words) {

@@ -1,6 +1,5 @@
 /* Package probe: shapes that the library's own message types do not have, defined as a user of the macros would. */
-#ifndef PROBE_H
-#define PROBE_H
+#pragma once
 
 #include "drix_message.h"
 #include "runtime/encode.h"
@@ -77,5 +76,3 @@ DRIX_DECLARE_PACKAGE(probe)
 
 // What is behind the send operations of named.
 const drix::Encoder &probe_named_encoder();
-
-#endif
