@@ -130,6 +130,11 @@ TEST_F(Send, VariableBatchFitsInItsAreaToTheByte) {
     ASSERT_EQ(bus().calls.size(), c.fits ? 1u : 0u);
     for (uint32_t i = 0; c.fits && i < count; ++i) EXPECT_EQ(bus().calls[0].messages[i].bytes.size(), c.encoded[i]);
   }
+  // One record that is sent alone needs no such area.
+  const probe_named longer = {0, 65537 - 24, bytes.data()};
+  bus() = {};
+  EXPECT_EQ(probe_named__sendmsg(1, &longer, 1), 0);
+  EXPECT_EQ(bus().calls.at(0).messages.at(0).bytes.size(), 65537u);
 }
 
 // The claimed sizes do not exist in memory: they must be refused before anything is read.
