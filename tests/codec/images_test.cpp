@@ -46,7 +46,7 @@ void expect_image(const std::string &package, const std::string &message, Layout
   }
   Bytes decoded(type.record_size, 0xEE);
   library.unpack(expected.data(), length, decoded.data());
-  EXPECT_EQ(records::first_difference(type, record, decoded.data()), "");
+  EXPECT_EQ(reference::pack(type, decoded.data()), reference::pack(type, record));
   library.free_unpacked(decoded.data());
 }
 

@@ -4,7 +4,9 @@
 
 DRIX_PACKAGE(probe, probe, PROBE_MESSAGES)
 
-const drix::Encoder &probe_named_encoder() { return drix::kEncoder<probe_named>; }
+uint32_t probe_named_build(uint8_t *buffer, uint32_t capacity, const probe_named *record) {
+  return drix::build(drix::kEncoder<probe_named>, buffer, capacity, record);
+}
 
 // Mistakes in a structure that the compiler must find.
 namespace {

@@ -2,7 +2,6 @@
 #pragma once
 
 #include "drix_message.h"
-#include "runtime/encode.h"
 
 extern "C" {
 
@@ -74,5 +73,5 @@ PROBE_MESSAGES(DRIX_DECLARE_MESSAGE)
 DRIX_DECLARE_PACKAGE(probe)
 }
 
-// What is behind the send operations of named.
-const drix::Encoder &probe_named_encoder();
+// The builder behind the operations of named.
+uint32_t probe_named_build(uint8_t *buffer, uint32_t capacity, const probe_named *record);
