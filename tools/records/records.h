@@ -27,6 +27,11 @@ struct Slot {
 
   bool is_owner() const { return kind == Kind::bytes || kind == Kind::vector; }
 
+  std::size_t member_size() const {
+    if (is_owner()) return sizeof(uint8_t *);
+    return kind == Kind::table ? type->record_size : std::size_t{width} * count;
+  }
+
   // Of what an owner points to.
   std::size_t element_size() const { return kind == Kind::vector ? type->record_size : 1; }
   uint32_t length_in(const void *record) const { return load<uint32_t>(record, length_member); }
@@ -156,23 +161,33 @@ void fill_random(const Type &type, void *record, Random &random, const Mix &mix,
   fill(type, record, content, arena);
 }
 
-// The first member in which two records differ, such as "f1[2].f7", or empty. Pointers count by what they point to and
-// by whether they are null: a record that its decoder gave up has lengths without blocks.
+// The first member in which two records differ, such as "f1[2].f7", or empty. Padding counts, too. Pointers count by
+// what they point to and by whether they are null: a record that its decoder gave up has lengths without blocks.
 template <class Type>
 std::string first_difference(const Type &type, const void *a, const void *b) {
   const auto *const bytes_a = static_cast<const uint8_t *>(a);
   const auto *const bytes_b = static_cast<const uint8_t *>(b);
+  const auto differ = [=](std::size_t from, std::size_t to) {
+    return std::memcmp(bytes_a + from, bytes_b + from, to - from) != 0;
+  };
+  std::size_t end = 0;  // of the member before
   for (std::size_t i = 0; i < type.slots.size(); ++i) {
     const Slot<Type> &slot = type.slots[i];
     const auto name = [i] { return "f" + std::to_string(i); };
+    if (slot.is_owner()) {
+      if (differ(end, slot.length_member)) return "padding before " + name();
+      end = slot.length_member + sizeof(uint32_t);
+      if (differ(slot.length_member, end)) return name() + (slot.kind == Kind::bytes ? "Len" : "Count");
+    }
+    if (differ(end, slot.member)) return "padding before " + name();
+    end = slot.member + slot.member_size();
     if (slot.kind == Kind::table) {
       const std::string within = first_difference(*slot.type, bytes_a + slot.member, bytes_b + slot.member);
       if (!within.empty()) return name() + "." + within;
     } else if (slot.is_owner()) {
-      const uint32_t length = slot.length_in(a);
       const uint8_t *const block_a = slot.block_in(a);
       const uint8_t *const block_b = slot.block_in(b);
-      if (length != slot.length_in(b)) return name() + (slot.kind == Kind::bytes ? "Len" : "Count");
+      const uint32_t length = slot.length_in(a);
       if ((block_a == nullptr) != (block_b == nullptr)) return name();
       if (block_a == nullptr) continue;
       if (slot.kind == Kind::bytes && std::memcmp(block_a, block_b, length) != 0) return name();
@@ -181,11 +196,11 @@ std::string first_difference(const Type &type, const void *a, const void *b) {
         const std::string within = first_difference(*slot.type, block_a + at, block_b + at);
         if (!within.empty()) return name() + "[" + std::to_string(k) + "]." + within;
       }
-    } else if (std::memcmp(bytes_a + slot.member, bytes_b + slot.member, std::size_t{slot.width} * slot.count) != 0) {
+    } else if (differ(slot.member, end)) {
       return name();
     }
   }
-  return {};
+  return differ(end, type.record_size) ? "padding at the end" : "";
 }
 
 }  // namespace records

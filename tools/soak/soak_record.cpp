@@ -15,8 +15,9 @@ records::Random random_of(Round round, uint32_t what) {
   return records::Random(random.draw() + what);
 }
 
-// Fills a record of zeros as it is in the round.
+// Fills a record as it is in the round, its padding with zeros.
 void fill(const records::Shape &shape, void *record, Round round, uint32_t id, records::Arena &arena) {
+  std::memset(record, 0, shape.record_size);
   records::Random random = random_of(round, id);
   const records::Mix mix = {.zeros = 25 * random.below(4), .most_bytes = random.below(8) == 0 ? 1023u : 15u};
   records::fill_random(shape, record, random, mix, arena);
@@ -30,14 +31,14 @@ constexpr Message make_message(const char *name) {
       .send =
           [](Channel &channel, Round round) {
             records::Arena arena;
-            R record{};
+            R record;
             fill(records::kShape<R>, &record, round, kId, arena);
             channel.send(kSendmsg, &record, 1);
           },
       .first_difference =
           [](Round round, const void *received) {
             records::Arena arena;
-            R sent{};
+            R sent;
             fill(records::kShape<R>, &sent, round, kId, arena);
             return records::first_difference(records::kShape<R>, &sent, received);
           },
