@@ -7,6 +7,7 @@
 #include "codec.h"
 #include "fake_bus.h"
 #include "heap_watch.h"
+#include "judge.h"
 #include "operations.h"
 #include "probe.h"
 #include "schema.h"
@@ -71,10 +72,11 @@ TEST_F(Send, EveryTypeGoesOutAsItsImageWithTheRightDescriptor) {
       EXPECT_EQ(send.sendtomsg(kHandle, records.at(0), 1, 9), status);
       EXPECT_EQ(send.sendtomsg(kHandle, records.at(0), 3, 9), status);
       EXPECT_EQ(send.sendtomsg(kHandle, records.at(0), 2, 0), status);
+      EXPECT_EQ(send.sendbatch(kHandle, records.at(0), 0, 0), status);
       const struct {
         uint32_t count;
         std::optional<uint32_t> destination;
-      } expected[] = {{1, {}}, {1, 7}, {3, {}}, {1, 8}, {1, {}}, {2, {}}, {1, 9}, {3, 9}, {2, {}}};
+      } expected[] = {{1, {}}, {1, 7}, {3, {}}, {1, 8}, {1, {}}, {2, {}}, {1, 9}, {3, 9}, {2, {}}, {0, {}}};
       ASSERT_EQ(bus().calls.size(), std::size(expected));
       for (std::size_t i = 0; i < std::size(expected); ++i) {
         expect_sent(bus().calls[i], *type, records, expected[i].count, kHandle, expected[i].destination);
@@ -96,15 +98,6 @@ TEST_F(Send, NothingIsSentWithoutRecords) {
     EXPECT_EQ(send.sendtomsg(1, record.data(), 0, 3), -1);
   }
   EXPECT_TRUE(bus().calls.empty());
-}
-
-TEST_F(Send, EmptyBatchCallsTheBus) {
-  const probe_named named = {};
-  const probe_leaf leaf = {};
-  EXPECT_EQ(probe_named__sendbatch(1, &named, 0, 0), 0);
-  EXPECT_EQ(probe_leaf__sendbatch(1, &leaf, 0, 0), 0);
-  ASSERT_EQ(bus().calls.size(), 2u);
-  for (const fake_bus::Call &call : bus().calls) EXPECT_TRUE(call.messages.empty());
 }
 
 // A probe_named without f0 takes 24 bytes and its byte string.
@@ -130,6 +123,11 @@ TEST_F(Send, VariableBatchFitsInItsAreaToTheByte) {
     ASSERT_EQ(bus().calls.size(), c.fits ? 1u : 0u);
     for (uint32_t i = 0; c.fits && i < count; ++i) EXPECT_EQ(bus().calls[0].messages[i].bytes.size(), c.encoded[i]);
   }
+  // Of two records only the first can be read, and it fills the area.
+  const probe_named full = {0, 65536 - 24, bytes.data()};
+  judge::Guarded memory(sizeof full);
+  const uint8_t *const last = memory.place(reinterpret_cast<const uint8_t *>(&full), sizeof full);
+  EXPECT_EQ(probe_named__sendbatch(1, reinterpret_cast<const probe_named *>(last), 2, 0), -1);
   // One record that is sent alone needs no such area.
   const probe_named longer = {0, 65537 - 24, bytes.data()};
   bus() = {};
