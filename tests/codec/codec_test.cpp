@@ -136,6 +136,23 @@ TEST(Codec, ReadsWholeAndCutImagesOfEveryTypeAsTheReferenceDoes) {
   });
 }
 
+// Two images that come close to what the quick readers look for.
+TEST(Codec, TakesNoTableForWhatItIsNot) {
+  // The root table's vtable would stand before the buffer.
+  judge::Guarded memory(1 << 10);
+  for_every_type([&](const Type &type, const Subject &subject) {
+    Bytes image(600);
+    image[0] = 4;
+    image[4] = static_cast<uint8_t>(4 + 2 * type.slots.size());
+    EXPECT_EQ(judge::decode(subject, memory.place_at_start(image.data(), image.size()), 600), "");
+  });
+  // Slot 0, a table, is absent; what its entry of 0 leads to looks like one.
+  const Bytes image = {12, 0, 0, 0, 8, 0, 12, 0, 0, 0, 8, 0, 8, 0, 0, 0, 4, 0, 4, 0,
+                       8,  0, 0, 0, 4, 0, 8,  0, 8, 0, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0};
+  EXPECT_EQ(judge::decode(Subject(reference::find("fib6Sync", "nhp6GroupDelMsg")), image.data(), 40), "");
+  EXPECT_EQ(judge::last_outcome(), judge::Outcome::complete);
+}
+
 // Memory is asked for up to the last size of 32 bits; beyond it the decoder gives up without a word.
 TEST(Codec, GivesUpAVectorWhoseRecordsNeedMoreThan32Bits) {
   const Subject subject(reference::find("fib6_cfg", "query_fib6_rec"));

@@ -41,22 +41,23 @@ std::string compare(const char *what, const std::vector<Call> &library, const st
 
 }  // namespace
 
-Guarded::Guarded(std::size_t capacity) {
-  const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-  pages_ = (capacity + page - 1) / page * page;
-  mapped_ = pages_ + page;
-  void *memory = mmap(nullptr, mapped_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+Guarded::Guarded(std::size_t capacity)
+    : page_(static_cast<std::size_t>(sysconf(_SC_PAGESIZE))), pages_((capacity + page_ - 1) / page_ * page_) {
+  void *memory = mmap(nullptr, pages_ + 2 * page_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (memory == MAP_FAILED) throw std::runtime_error("mmap failed");
-  start_ = static_cast<uint8_t *>(memory);
-  if (mprotect(start_ + pages_, page, PROT_NONE) != 0) throw std::runtime_error("mprotect failed");
+  start_ = static_cast<uint8_t *>(memory) + page_;
+  if (mprotect(start_, pages_, PROT_READ | PROT_WRITE) != 0) throw std::runtime_error("mprotect failed");
 }
 
-Guarded::~Guarded() { munmap(start_, mapped_); }
+Guarded::~Guarded() { munmap(start_ - page_, pages_ + 2 * page_); }
 
 const uint8_t *Guarded::place(const uint8_t *bytes, std::size_t size) {
-  uint8_t *to = start_ + pages_ - size;
-  std::copy(bytes, bytes + size, to);
-  return to;
+  return std::copy_backward(bytes, bytes + size, start_ + pages_);
+}
+
+const uint8_t *Guarded::place_at_start(const uint8_t *bytes, std::size_t size) {
+  std::copy(bytes, bytes + size, start_);
+  return start_;
 }
 
 Outcome last_outcome() { return outcome; }

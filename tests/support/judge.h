@@ -9,7 +9,7 @@
 
 namespace judge {
 
-// A copy of bytes whose end is the end of accessible memory: reading one byte too far faults.
+// A copy of bytes between inaccessible pages: reading one byte too far faults.
 class Guarded {
  public:
   explicit Guarded(std::size_t capacity);
@@ -17,12 +17,13 @@ class Guarded {
   Guarded(const Guarded &) = delete;
   Guarded &operator=(const Guarded &) = delete;
 
-  const uint8_t *place(const uint8_t *bytes, std::size_t size);
+  const uint8_t *place(const uint8_t *bytes, std::size_t size);           // up to the page behind it
+  const uint8_t *place_at_start(const uint8_t *bytes, std::size_t size);  // from the page before it on
 
  private:
+  std::size_t page_;
+  std::size_t pages_;  // bytes between the two that fault
   uint8_t *start_;
-  std::size_t pages_;  // bytes before the one that faults
-  std::size_t mapped_;
 };
 
 // A message type with its operations.
