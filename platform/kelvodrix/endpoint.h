@@ -14,8 +14,7 @@ namespace kelvodrix {
 
 class Fd {
  public:
-  Fd() = default;
-  explicit Fd(int fd) : fd_(fd) {}
+  explicit Fd(int fd = -1) : fd_(fd) {}
   Fd(Fd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
   Fd &operator=(Fd &&other) noexcept {
     std::swap(fd_, other.fd_);
@@ -30,7 +29,7 @@ class Fd {
   }
 
  private:
-  int fd_ = -1;
+  int fd_;
 };
 
 struct Endpoint {
@@ -43,12 +42,15 @@ struct Endpoint {
 
 int32_t parse_endpoint(const char *text, Endpoint &endpoint);
 
-// Starts a connection; EINPROGRESS when finish_connection has to be asked, else 0 or what went wrong.
-int start_connection(const Endpoint &endpoint, Fd &fd);
-int finish_connection(const Fd &fd);
+// Connects, with a socket of its own making when there is none yet. Returns 0 or what is wrong; EINPROGRESS and
+// EALREADY when it has to be called again to learn.
+int connect(const Endpoint &endpoint, Fd &fd);
 
 // Whether to talk to the other end at all.
 bool trusted(const Fd &fd);
+
+// The status for an error of the operating system while a socket was made ready.
+int32_t status_of(int error, int32_t otherwise);
 
 class Listener {
  public:
@@ -60,15 +62,14 @@ class Listener {
   // Once. Returns KELVODRIX_OK or what is wrong.
   int32_t open(const Endpoint &endpoint);
   int fd() const { return socket_.get(); }
-  // The next trusted connection; none, with errno 0 or what went wrong, when there is no more for now.
+  // The next trusted connection; none, with what went wrong in errno, when there is no more for now.
   Fd accept() const;
 
  private:
   int32_t take_path(const Endpoint &endpoint);
 
   std::string path_;  // of the socket file once it is ours
-  Fd lock_;
-  Fd socket_;
+  Fd lock_, socket_;
 };
 
 }  // namespace kelvodrix

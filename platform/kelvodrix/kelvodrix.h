@@ -47,24 +47,23 @@ extern "C" {
 /* The status of every bus function, the four of drix_bus.h included. -1 is left to the senders of libdrix_fib6. */
 typedef enum kelvodrix_status {
   KELVODRIX_OK = 0,
-  KELVODRIX_ERR_INVALID = -2,      /* a null or out-of-range argument */
-  KELVODRIX_ERR_HANDLE = -3,       /* no such open channel */
-  KELVODRIX_ERR_DESTINATION = -4,  /* the channel has no such destination */
-  KELVODRIX_ERR_ENDPOINT = -5,     /* malformed endpoint, host name, port above 65535, unknown transport */
-  KELVODRIX_ERR_BIND = -6,         /* the endpoint cannot be bound: no such directory, not writable, no such address */
-  KELVODRIX_ERR_IN_USE = -7,       /* another receiver is bound to the endpoint */
-  KELVODRIX_ERR_NO_RECEIVER = -8,  /* nobody was connected within the send timeout; nothing was queued */
-  KELVODRIX_ERR_WINDOW = -9,       /* window or connection stayed full for the send timeout; nothing was queued */
-  KELVODRIX_ERR_TOO_BIG = -10,     /* the frame is above KELVODRIX_MAX_FRAME_* or above the window's bytes */
-  KELVODRIX_ERR_PENDING = -11,     /* at the timeout some messages were still unacknowledged */
-  KELVODRIX_ERR_LOST = -12,        /* every message is accounted for, but some were lost */
-  KELVODRIX_ERR_RECORD_SIZE = -13, /* a decoder reports a record of 0 or more than KELVODRIX_MAX_RECORD_BYTES bytes */
-  KELVODRIX_ERR_BUSY = -14,        /* the receiver's loop is running */
-  KELVODRIX_ERR_NO_MEMORY = -15,   /* out of memory */
-  KELVODRIX_ERR_SYSTEM = -16,      /* the operating system failed, or its file descriptors are used up */
-  KELVODRIX_ERR_OPEN = -17,        /* tcp:// beyond the host; tcp-open:// says that it is meant */
-  KELVODRIX_ERR_PATH = -18,        /* the endpoint's path or name is too long for a socket */
-  KELVODRIX_ERR_FOLDER = -19       /* the folder of named endpoints is another user's or open to others */
+  KELVODRIX_ERR_INVALID = -2,     /* a null or out-of-range argument */
+  KELVODRIX_ERR_HANDLE = -3,      /* no such open channel */
+  KELVODRIX_ERR_DESTINATION = -4, /* the channel has no such destination */
+  KELVODRIX_ERR_ENDPOINT = -5,    /* malformed endpoint, host name, port above 65535, unknown transport */
+  KELVODRIX_ERR_BIND = -6,        /* the endpoint cannot be bound: no such directory, not writable, no such address */
+  KELVODRIX_ERR_IN_USE = -7,      /* another receiver is bound to the endpoint */
+  KELVODRIX_ERR_NO_RECEIVER = -8, /* nobody was connected within the send timeout; nothing was queued */
+  KELVODRIX_ERR_WINDOW = -9,      /* window or connection stayed full for the send timeout; nothing was queued */
+  KELVODRIX_ERR_TOO_BIG = -10,    /* the frame is above KELVODRIX_MAX_FRAME_* or above the window's bytes */
+  KELVODRIX_ERR_PENDING = -11,    /* at the timeout some messages were still unacknowledged */
+  KELVODRIX_ERR_LOST = -12,       /* every message is accounted for, but some were lost */
+  KELVODRIX_ERR_BUSY = -13,       /* the receiver's loop is running */
+  KELVODRIX_ERR_NO_MEMORY = -14,  /* out of memory */
+  KELVODRIX_ERR_SYSTEM = -15,     /* the operating system failed, or its file descriptors are used up */
+  KELVODRIX_ERR_OPEN = -16,       /* tcp:// beyond the host; tcp-open:// says that it is meant */
+  KELVODRIX_ERR_PATH = -17,       /* the endpoint's path or name is too long for a socket */
+  KELVODRIX_ERR_FOLDER = -18      /* the folder of named endpoints is another user's or open to others */
 } kelvodrix_status;
 
 /* A status in words: static text, also for numbers that are no status. */
@@ -78,10 +77,9 @@ const char *kelvodrix_strerror(int32_t status);
  * and kelvodrix_close send off what there is.
  *
  * DRIX_RegIDLFuncHook keeps one decoder per message ID and process; a further registration of an ID replaces the former
- * one from the next frame on. It decodes one empty message to learn the record's size. A decoder always gets
- * KELVODRIX_MAX_RECORD_BYTES to write its record to and must not write past them: KELVODRIX_ERR_RECORD_SIZE comes after
- * the fact. Records are cleared before they are decoded, and released after the subscriber has seen them, whatever it
- * did.
+ * one from the next message on. A decoder always gets KELVODRIX_MAX_RECORD_BYTES to write its record to and must not
+ * write past them. Records are cleared before they are decoded, and released after the subscriber has seen them,
+ * whatever it did.
  *
  * DRIX_RegIDLResorceCleanFuncHook remembers a hook once, however often it is registered. The hooks are called in the
  * order of their registration each time the process closes its last channel.
@@ -140,7 +138,7 @@ typedef struct kelvodrix_counters {
 int32_t kelvodrix_receiver_create(const char *endpoint, kelvodrix_receiver **receiver);
 
 /* Has the messages with this ID given to subscriber(context, ...), on the thread that runs the loop and from the next
- * frame on. One subscriber per ID: a further call replaces it, a null one removes it. A subscriber may call any
+ * message on. One subscriber per ID: a further call replaces it, a null one removes it. A subscriber may call any
  * function but kelvodrix_run and kelvodrix_receiver_destroy on its own receiver. */
 int32_t kelvodrix_subscribe(kelvodrix_receiver *receiver, uint32_t id, kelvodrix_subscriber subscriber, void *context);
 

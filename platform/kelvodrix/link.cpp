@@ -1,10 +1,16 @@
 #include "link.h"
 
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <set>
+#include <system_error>
+#include <thread>
 
 namespace kelvodrix {
 
@@ -17,14 +23,78 @@ using std::chrono::milliseconds;
 // pump comes along.
 constexpr size_t kFramesToGather = 8;
 constexpr size_t kBytesToGather = 16 << 10;
-// Of what is written, more is not kept in front of what is not.
-constexpr size_t kMaxWrittenBytes = 1 << 20;
 constexpr milliseconds kLookInterval = 1ms;
 constexpr milliseconds kRetryInterval = 20ms;
 // After that, a waiting send looks whether its channel has been closed.
 constexpr milliseconds kLongestWait = 50ms;
 
 }  // namespace
+
+// The one thread of a sending process: writes what sends have left unwritten, to gather more or for want of room.
+class Pump {
+ public:
+  // Of this process; lives for good.
+  static Pump &get() {
+    static std::mutex mutex;
+    static Pump *pump;
+    static pid_t owner;
+    std::lock_guard lock(mutex);
+    if (owner != getpid()) {  // also after fork(), which leaves threads behind
+      pump = new Pump;
+      owner = getpid();
+    }
+    return *pump;
+  }
+
+  void add(Link *link) {
+    std::lock_guard lock(mutex_);
+    links_.insert(link);
+  }
+  void remove(Link *link) {
+    std::lock_guard lock(mutex_);
+    links_.erase(link);
+  }
+
+  // Has all links pumped soon, and again while one has more to write.
+  void wake() {
+    if (wanted_.exchange(1) == 0) wanted_.notify_one();
+  }
+
+ private:
+  Pump() {
+    sigset_t every, former;  // signals are for the process's own threads
+    sigfillset(&every);
+    pthread_sigmask(SIG_SETMASK, &every, &former);
+    pthread_t thread;
+    const int error = pthread_create(&thread, nullptr, run, this);
+    pthread_sigmask(SIG_SETMASK, &former, nullptr);
+    if (error != 0) throw std::system_error(error, std::generic_category());
+    pthread_detach(thread);
+  }
+
+  static void *run(void *pump) {
+    auto &[mutex, links, wanted] = *static_cast<Pump *>(pump);
+    for (bool left = false;;) {
+      if (!left) wanted.wait(0);
+      std::this_thread::sleep_for(left ? 1ms : 100us);
+      wanted = 0;
+      left = false;
+      std::lock_guard lock(mutex);
+      for (Link *link : links) left |= link->pump();
+    }
+  }
+
+  std::mutex mutex_;  // held while links are pumped
+  std::set<Link *> links_;
+  std::atomic<int> wanted_ = 0;
+};
+
+Link::Link(const Endpoint &endpoint, const kelvodrix_options &options)
+    : endpoint_(endpoint), options_(options), pump_(Pump::get()) {
+  pump_.add(this);
+}
+
+Link::~Link() { pump_.remove(this); }
 
 int32_t Link::send(std::span<const DrixSendDescriptor> messages) {
   const size_t limit = std::min(KELVODRIX_MAX_FRAME_BYTES, options_.window_bytes);
@@ -45,10 +115,10 @@ int32_t Link::send(std::span<const DrixSendDescriptor> messages) {
     int32_t status = append(messages, frame_bytes);
     if (status == KELVODRIX_OK && (in_flight_.size() <= kFramesToGather || out_.size() - written_ >= kBytesToGather) &&
         write_out() == KELVODRIX_ERR_NO_RECEIVER) {
-      undelivered_.lost -= messages.size();  // nobody will handle what was not written whole
+      undelivered_ -= messages.size();  // nobody will handle what was not written whole
       status = KELVODRIX_ERR_NO_RECEIVER;
     }
-    if (status == KELVODRIX_OK && !written_out() && !pumped_) pumped_ = pump_.add(shared_from_this());
+    if (status == KELVODRIX_OK && !written_out()) pump_.wake();
     if (status != KELVODRIX_ERR_NO_RECEIVER && status != KELVODRIX_ERR_WINDOW) return status;
     if (connected && !fd_ && std::exchange(again, false)) continue;  // to a receiver that was restarted
     if (Clock::now() >= deadline) return status;
@@ -58,44 +128,37 @@ int32_t Link::send(std::span<const DrixSendDescriptor> messages) {
 
 bool Link::pump() {
   std::lock_guard lock(mutex_);
-  return pumped_ = !closed_ && write_out() == KELVODRIX_ERR_WINDOW;
+  return !closed_ && write_out() == KELVODRIX_ERR_WINDOW;
 }
 
-Undelivered Link::settle(Deadline until) {
+void Link::settle(Deadline until, bool close, Undelivered &total) {
   std::unique_lock lock(mutex_);
   while (!closed_ && write_out() != KELVODRIX_ERR_NO_RECEIVER) {
     take_in();
     if (in_flight_.empty() || Clock::now() >= until) break;
     wait(lock, until);
   }
-  return undelivered_;
-}
-
-Undelivered Link::close() {
-  std::lock_guard lock(mutex_);
-  closed_ = true;
-  return undelivered_;
+  closed_ |= close;
+  total.messages += undelivered_;
+  total.pending |= !in_flight_.empty();
 }
 
 int32_t Link::connect() {
   if (fd_ && !connecting_) return KELVODRIX_OK;
-  const bool started = fd_ != nullptr;
-  if (!started) fd_ = std::make_shared<Fd>();
-  const int error = started ? finish_connection(*fd_) : start_connection(endpoint_, *fd_);
-  connecting_ = error == EINPROGRESS;
+  if (!fd_) fd_ = std::make_shared<Fd>();
+  const int error = kelvodrix::connect(endpoint_, *fd_);
+  connecting_ = error == EINPROGRESS || error == EALREADY;
   if (error == 0 && trusted(*fd_)) return KELVODRIX_OK;
   if (!connecting_) fd_.reset();
-  return error == EMFILE || error == ENFILE ? KELVODRIX_ERR_SYSTEM : KELVODRIX_ERR_NO_RECEIVER;
+  return status_of(error, KELVODRIX_ERR_NO_RECEIVER);
 }
 
 void Link::disconnect() {
   fd_.reset();
-  undelivered_.lost += std::exchange(undelivered_.pending, 0);
   in_flight_.clear();
   in_flight_bytes_ = 0;
   out_.clear();
-  written_ = in_bytes_ = 0;
-  sent_ = 0;
+  sent_ = written_ = in_bytes_ = 0;
 }
 
 bool Link::fits(size_t frame_bytes) const {
@@ -111,7 +174,7 @@ int32_t Link::append(std::span<const DrixSendDescriptor> messages, size_t frame_
   if (!fd_) return KELVODRIX_ERR_NO_RECEIVER;
   if (!fits(frame_bytes)) return KELVODRIX_ERR_WINDOW;
 
-  if (written_out() || written_ > kMaxWrittenBytes) {
+  if (written_ >= out_.size() / 2) {
     out_.erase(out_.begin(), out_.begin() + static_cast<ptrdiff_t>(written_));
     written_ = 0;
   }
@@ -121,7 +184,7 @@ int32_t Link::append(std::span<const DrixSendDescriptor> messages, size_t frame_
   in_flight_.push_back({count, frame_bytes});
   out_.resize(at + frame_bytes);
   in_flight_bytes_ += frame_bytes;
-  undelivered_.pending += count;
+  undelivered_ += count;
 
   uint8_t *to = store(&out_[at], static_cast<uint32_t>(frame_bytes));
   to = store(store(store(to, kMagic), ++sent_), count);
@@ -172,7 +235,7 @@ bool Link::acknowledge(uint64_t number) {
   const uint64_t before = sent_ - in_flight_.size();
   if (number <= before || number > sent_) return false;
   for (uint64_t left = number - before; left != 0; --left) {
-    undelivered_.pending -= in_flight_.front().messages;
+    undelivered_ -= in_flight_.front().messages;
     in_flight_bytes_ -= in_flight_.front().bytes;
     in_flight_.pop_front();
   }

@@ -13,34 +13,34 @@
 
 #include "endpoint.h"
 #include "frame.h"
-#include "pump.h"
 
 namespace kelvodrix {
 
 using Clock = std::chrono::steady_clock;
 using Deadline = Clock::time_point;
 
-// How many messages are not acknowledged: still waiting for it, and lost with their connection.
 struct Undelivered {
-  uint64_t pending = 0;
-  uint64_t lost = 0;
+  uint64_t messages = 0;  // not acknowledged
+  bool pending = false;   // some of them may still be
 };
 
-class Link : public std::enable_shared_from_this<Link> {
+class Pump;
+
+class Link {
  public:
-  Link(const Endpoint &endpoint, const kelvodrix_options &options)
-      : endpoint_(endpoint), options_(options), pump_(Pump::get()) {}
+  Link(const Endpoint &endpoint, const kelvodrix_options &options);
+  ~Link();
+  Link(const Link &) = delete;
+  Link &operator=(const Link &) = delete;
 
   int32_t send(std::span<const DrixSendDescriptor> messages);
 
-  // Writes and reads what there is until everything is acknowledged or lost, or until then.
-  Undelivered settle(Deadline until);
+  // Writes and reads what there is until everything is acknowledged or lost, or until then. Adds what is not
+  // acknowledged to the total. To close it means that it sends nothing from now on.
+  void settle(Deadline until, bool close, Undelivered &total);
 
   // For the pump: writes what there is; true while that is not all.
   bool pump();
-
-  // Sends nothing from now on; a send that is waiting ends with KELVODRIX_ERR_HANDLE.
-  Undelivered close();
 
  private:
   struct Sent {
@@ -61,7 +61,6 @@ class Link : public std::enable_shared_from_this<Link> {
 
   const Endpoint endpoint_;
   const kelvodrix_options options_;
-
   Pump &pump_;
 
   std::mutex mutex_;  // guards what follows; let go while somebody waits
@@ -71,10 +70,9 @@ class Link : public std::enable_shared_from_this<Link> {
   uint64_t sent_ = 0;           // number of the last frame for this connection
   std::deque<Sent> in_flight_;  // the frames up to there that are not acknowledged
   size_t in_flight_bytes_ = 0;
-  Undelivered undelivered_;
+  uint64_t undelivered_ = 0;  // messages, those of former connections included
   std::vector<uint8_t> out_;  // the last frames, and how much of them is written
   size_t written_ = 0;
-  bool pumped_ = false;  // the pump knows of it
   std::array<uint8_t, 64 * kAcknowledgementBytes> in_;
   size_t in_bytes_ = 0;  // of an acknowledgement that has not arrived whole
   Deadline last_look_;   // for acknowledgements

@@ -1,6 +1,8 @@
+// Receivers, and the decoders that their process has registered.
 #include <poll.h>
 #include <sys/eventfd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -9,13 +11,11 @@
 #include <list>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <unordered_map>
 #include <vector>
 
 #include "endpoint.h"
 #include "frame.h"
-#include "registry.h"
 #include "status.h"
 
 namespace kelvodrix {
@@ -27,24 +27,47 @@ constexpr uint64_t kMaxUnacknowledged = 64;  // frames
 // How long a receiver without file descriptors to spare leaves new connections to the kernel.
 constexpr int kAcceptAgainMs = 100;
 
+struct Decoder {
+  DrixDecodeFunc decode = nullptr;  // null: nothing registered
+  DrixReleaseFunc release = nullptr;
+};
+
 struct Subscription {
   kelvodrix_subscriber subscriber = nullptr;  // null: nobody subscribed
   void *context = nullptr;
 };
 
-struct Route {
-  uint32_t id;
-  Registration registration;
-  Subscription subscription;
+// By message ID. Thread safe.
+template <typename Value>
+class Table {
+ public:
+  void set(uint32_t id, Value value) {
+    std::lock_guard lock(mutex_);
+    values_[id] = value;
+  }
+  Value get(uint32_t id) const {
+    std::lock_guard lock(mutex_);
+    const auto found = values_.find(id);
+    return found != values_.end() ? found->second : Value{};
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::unordered_map<uint32_t, Value> values_;
 };
+
+// Never destroyed: threads may still be receiving while the process exits.
+Table<Decoder> &decoders() {
+  static auto &instance = *new Table<Decoder>;
+  return instance;
+}
 
 struct Connection {
   Fd fd;
   std::vector<uint8_t> rest;  // what has arrived and is not handled: less than a frame unless the loop was stopped
   uint64_t handled = 0;       // frames
-  uint64_t acknowledged = 0;
-  std::array<uint8_t, kAcknowledgementBytes> out{};
-  size_t unwritten = 0;  // of these
+  uint64_t acknowledged = 0;  // the last number that was given to the connection
+  size_t unwritten = 0;       // bytes of it
 };
 
 }  // namespace
@@ -60,10 +83,7 @@ struct kelvodrix_receiver {
     return wake_up_ ? listener_.open(endpoint) : KELVODRIX_ERR_SYSTEM;
   }
 
-  void subscribe(uint32_t id, Subscription subscription) {
-    std::lock_guard lock(mutex_);
-    subscriptions_[id] = subscription;
-  }
+  void subscribe(uint32_t id, Subscription subscription) { subscriptions_.set(id, subscription); }
 
   // The cancellation state is for when it waits and for subscribers.
   int32_t run(int cancel_state) {
@@ -74,8 +94,7 @@ struct kelvodrix_receiver {
     } running{running_};
     cancel_state_ = cancel_state;
 
-    for (Connection &each : connections_)
-      if (each.fd) handle_rest(each);  // what a stop has left
+    for (Connection &each : connections_) handle(each);  // what a stop has left
     std::vector<pollfd> items;
     for (bool full = false; !stopped_;) {
       std::erase_if(connections_, [](const Connection &each) { return !each.fd; });
@@ -127,47 +146,31 @@ struct kelvodrix_receiver {
     const ssize_t count = recv(from.fd.get(), chunk_.data(), chunk_.size(), MSG_DONTWAIT);
     if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
     if (count <= 0) return from.fd.reset();  // an unfinished frame goes with its connection
-    const std::span<const uint8_t> chunk(chunk_.data(), static_cast<size_t>(count));
-    try {
-      if (from.rest.empty()) {
-        const std::span<const uint8_t> rest = handle(from, chunk);
-        from.rest.assign(rest.begin(), rest.end());
-      } else {
-        from.rest.insert(from.rest.end(), chunk.begin(), chunk.end());
-        handle_rest(from);
-      }
-    } catch (const std::bad_alloc &) {
-      from.fd.reset();  // what it has not acknowledged stays counted at the sender
-    }
+    const int32_t status = guarded([&]() -> int32_t {
+      from.rest.insert(from.rest.end(), chunk_.begin(), chunk_.begin() + count);
+      return KELVODRIX_OK;
+    });
+    if (status != KELVODRIX_OK) return from.fd.reset();  // what it has not acknowledged stays counted at the sender
+    handle(from);
   }
 
-  void handle_rest(Connection &from) {
-    const std::span<const uint8_t> rest = handle(from, from.rest);
-    if (rest.empty())
-      from.rest = {};  // may have been large
-    else
-      from.rest.erase(from.rest.begin(), from.rest.end() - static_cast<ptrdiff_t>(rest.size()));
-  }
-
-  // Handles the whole frames that there are, and returns what is left.
-  std::span<const uint8_t> handle(Connection &from, std::span<const uint8_t> bytes) {
-    while (!stopped_ && bytes.size() >= sizeof(uint32_t)) {
+  // Handles the whole frames that there are.
+  void handle(Connection &from) {
+    std::span<const uint8_t> bytes = from.rest;
+    while (!stopped_ && from.fd && bytes.size() >= sizeof(uint32_t)) {
       const auto length = load<uint32_t>(bytes.data());
       const bool possible = length >= kHeaderBytes && length <= KELVODRIX_MAX_FRAME_BYTES;
       if (possible && length > bytes.size()) break;
-      if (!possible || !well_formed(bytes.first(length), from.handled + 1)) {
-        ++tally_.malformed;
-        publish();
-        acknowledge(from);
-        from.fd.reset();
-        return {};
-      }
+      if (!possible || !well_formed(bytes.first(length), from.handled + 1)) return end(from, tally_.malformed);
       deliver(from, bytes.first(length));
       bytes = bytes.subspan(length);
       if (++from.handled - from.acknowledged == kMaxUnacknowledged) acknowledge(from);
     }
     acknowledge(from);
-    return bytes;
+    if (bytes.empty())
+      from.rest = {};  // may have been large
+    else
+      from.rest.erase(from.rest.begin(), from.rest.end() - static_cast<ptrdiff_t>(bytes.size()));
   }
 
   static bool well_formed(std::span<const uint8_t> frame, uint64_t number) {
@@ -176,57 +179,42 @@ struct kelvodrix_receiver {
            visit_messages(frame, [](uint32_t, const uint8_t *, uint32_t) {});
   }
 
-  void deliver(Connection &from, std::span<const uint8_t> frame) {
-    // When a subscriber ends the thread, its frame is neither handled again nor acknowledged, so the connection has to
-    // end as well.
-    struct Frame {
-      kelvodrix_receiver &receiver;
-      Connection &from;
-      bool complete = false;
-      ~Frame() {
-        ++(complete ? receiver.tally_.frames : receiver.tally_.failed);
-        receiver.publish();  // before the sender can learn of it
-        if (complete) return;
-        acknowledge(from);
-        from.fd.reset();
-      }
-    } current{*this, from};
-    std::optional<Route> route;
+  void deliver(Connection &from, std::span<const uint8_t> frame) try {
     visit_messages(frame, [&](uint32_t id, const uint8_t *bytes, uint32_t length) {
-      if (!route || route->id != id) route = find_route(id);
       ++tally_.messages;
-      ++deliver(*route, bytes, length);
+      ++deliver(id, bytes, length);
     });
-    current.complete = true;
+    ++tally_.frames;
+    publish();  // before the sender can learn of it
+  } catch (...) {
+    end(from, tally_.failed);  // by the end of the thread: the frame is neither handled again nor acknowledged
+    throw;
   }
 
   // Returns the counter for what became of the message.
-  uint64_t &deliver(const Route &route, const uint8_t *bytes, uint32_t length) {
-    const auto &[decode, release, record_bytes] = route.registration;
+  uint64_t &deliver(uint32_t id, const uint8_t *bytes, uint32_t length) {
+    const auto [decode, release] = decoders().get(id);
     if (decode == nullptr) return tally_.unknown_id;
-    if (route.subscription.subscriber == nullptr) return tally_.no_subscriber;
+    const auto [subscriber, context] = subscriptions_.get(id);
+    if (subscriber == nullptr) return tally_.no_subscriber;
     // The decoder leaves the record alone when it rejects the message, and it has to be fit for the release function
     // then as well.
-    std::memset(record_.data(), 0, record_bytes);
-    decode(bytes, length, record_.data());
-    struct Release {
-      DrixReleaseFunc release;
-      void *record;
-      ~Release() { release(record); }
-    } const at_end{release, record_.data()};
-    const bool threw = throws([&] {
-      const CancelState subscriber(cancel_state_);
-      route.subscription.subscriber(route.subscription.context, route.id, record_.data(), record_bytes);
-    });
-    return threw ? tally_.failed : tally_.delivered;
+    std::memset(record_.data(), 0, record_bytes_);
+    record_bytes_ = std::min(decode(bytes, length, record_.data()), KELVODRIX_MAX_RECORD_BYTES);
+    const std::unique_ptr<void, DrixReleaseFunc> record(record_.data(), release);
+    const auto call = [&, subscriber = subscriber, context = context]() -> int32_t {
+      subscriber(context, id, record.get(), record_bytes_);
+      return KELVODRIX_OK;
+    };
+    return guarded(call, cancel_state_) == KELVODRIX_OK ? tally_.delivered : tally_.failed;
   }
 
-  Route find_route(uint32_t id) {
-    Route route{id, find_registration(id), {}};
-    std::lock_guard lock(mutex_);
-    const auto found = subscriptions_.find(id);
-    if (found != subscriptions_.end()) route.subscription = found->second;
-    return route;
+  // Ends the connection for a reason that has a counter.
+  void end(Connection &from, uint64_t &reason) {
+    ++reason;
+    publish();
+    acknowledge(from);
+    from.fd.reset();
   }
 
   static bool owes(const Connection &to) { return to.unwritten != 0 || to.acknowledged != to.handled; }
@@ -235,11 +223,12 @@ struct kelvodrix_receiver {
   static void acknowledge(Connection &to) {
     while (owes(to)) {
       if (to.unwritten == 0) {
-        store(to.out.data(), to.handled);
         to.acknowledged = to.handled;
-        to.unwritten = to.out.size();
+        to.unwritten = kAcknowledgementBytes;
       }
-      const ssize_t count = send(to.fd.get(), to.out.end() - to.unwritten, to.unwritten, MSG_DONTWAIT | MSG_NOSIGNAL);
+      uint8_t bytes[kAcknowledgementBytes];
+      const uint8_t *const end = store(bytes, to.acknowledged);
+      const ssize_t count = send(to.fd.get(), end - to.unwritten, to.unwritten, MSG_DONTWAIT | MSG_NOSIGNAL);
       if (count < 0 && errno == EAGAIN) return;
       if (count < 0 && errno != EINTR) to.unwritten = 0;
       if (count > 0) to.unwritten -= static_cast<size_t>(count);
@@ -253,17 +242,17 @@ struct kelvodrix_receiver {
 
   Fd wake_up_;
   Listener listener_;
-  std::atomic<bool> stopped_ = false;
-  std::atomic<bool> running_ = false;
+  std::atomic<bool> stopped_ = false, running_ = false;
 
-  mutable std::mutex mutex_;  // guards the next two
-  std::unordered_map<uint32_t, Subscription> subscriptions_;
+  Table<Subscription> subscriptions_;
+  mutable std::mutex mutex_;  // guards the next
   kelvodrix_counters counters_{};
 
   // The loop's own.
   int cancel_state_ = PTHREAD_CANCEL_ENABLE;
   std::list<Connection> connections_;
   kelvodrix_counters tally_{};
+  uint32_t record_bytes_ = KELVODRIX_MAX_RECORD_BYTES;  // of the last record
   alignas(std::max_align_t) std::array<uint8_t, KELVODRIX_MAX_RECORD_BYTES> record_;
   std::array<uint8_t, kChunkBytes> chunk_;
 };
@@ -272,12 +261,11 @@ static_assert(std::atomic<bool>::is_always_lock_free, "kelvodrix_stop must be sa
 
 int32_t kelvodrix_receiver_create(const char *endpoint, kelvodrix_receiver **receiver) {
   return guarded([&]() -> int32_t {
-    if (endpoint == nullptr || receiver == nullptr) return KELVODRIX_ERR_INVALID;
+    if (receiver == nullptr) return KELVODRIX_ERR_INVALID;
     Endpoint parsed;
-    int32_t status = parse_endpoint(endpoint, parsed);
-    if (status != KELVODRIX_OK) return status;
+    if (const int32_t status = parse_endpoint(endpoint, parsed); status != KELVODRIX_OK) return status;
     auto created = std::make_unique<kelvodrix_receiver>();
-    status = created->open(parsed);
+    const int32_t status = created->open(parsed);
     if (status == KELVODRIX_OK) *receiver = created.release();
     return status;
   });
@@ -308,6 +296,14 @@ int32_t kelvodrix_receiver_destroy(kelvodrix_receiver *receiver) {
   return guarded([&]() -> int32_t {
     if (receiver != nullptr && receiver->running()) return KELVODRIX_ERR_BUSY;
     delete receiver;
+    return KELVODRIX_OK;
+  });
+}
+
+int32_t DRIX_RegIDLFuncHook(uint32_t id, DrixDecodeFunc decode, DrixReleaseFunc release) {
+  return guarded([&]() -> int32_t {
+    if (decode == nullptr || release == nullptr) return KELVODRIX_ERR_INVALID;
+    decoders().set(id, {decode, release});
     return KELVODRIX_OK;
   });
 }

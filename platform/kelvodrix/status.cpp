@@ -17,7 +17,6 @@ const char *kelvodrix_strerror(int32_t status) {
       "frame too big",
       "messages still unacknowledged",
       "messages lost",
-      "unusable record size",
       "receive loop running",
       "out of memory",
       "system failure",

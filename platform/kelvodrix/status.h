@@ -1,11 +1,10 @@
-// What every public function does around its body: no C++ exception leaves it, and no cancellation interrupts it. The
-// forced unwinding of a thread that a subscriber ends has to pass, though, or else the process is aborted.
+// What every public function does around its body: no C++ exception leaves it, and no cancellation interrupts it.
 #ifndef KELVODRIX_STATUS_H
 #define KELVODRIX_STATUS_H
 
-#include <cxxabi.h>
 #include <pthread.h>
 
+#include <exception>
 #include <new>
 
 #include "kelvodrix.h"
@@ -25,33 +24,18 @@ class CancelState {
   int former_;
 };
 
-// For functions that catch the unwinding of a thread that ends: it comes as a reference to nothing.
-#define KELVODRIX_CATCHES_UNWINDING __attribute__((no_sanitize("null"), noinline))
-
+// Returns what the body does, or the status for the exception that leaves it.
 template <typename Body>
-KELVODRIX_CATCHES_UNWINDING int32_t guarded(Body body) {
-  CancelState uninterrupted(PTHREAD_CANCEL_DISABLE);
+int32_t guarded(Body body, int cancel_state = PTHREAD_CANCEL_DISABLE) {
+  const CancelState state(cancel_state);
   try {
     return body();
-  } catch (const abi::__forced_unwind &) {
-    throw;
   } catch (const std::bad_alloc &) {
     return KELVODRIX_ERR_NO_MEMORY;
   } catch (...) {
+    // The unwinding of a thread that a subscriber ends is no C++ exception, and aborts the process unless it passes.
+    if (!std::current_exception()) throw;
     return KELVODRIX_ERR_SYSTEM;
-  }
-}
-
-// Whether the body is left by an exception.
-template <typename Body>
-KELVODRIX_CATCHES_UNWINDING bool throws(Body body) {
-  try {
-    body();
-    return false;
-  } catch (const abi::__forced_unwind &) {
-    throw;
-  } catch (...) {
-    return true;
   }
 }
 
