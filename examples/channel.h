@@ -11,9 +11,9 @@ struct ChannelOptions {
   std::string endpoint;
   uint32_t timeout_s = 5;
 
-  void add_to(CLI::App &app) {
-    app.add_option("--endpoint", endpoint, "where the receiver is");
-    app.add_option("--timeout", timeout_s, "seconds to wait for the receiver")->check(CLI::Range(0u, 86400u));
+  void add_to(CommandLine &line) {
+    line.option("--endpoint", endpoint, "where the receiver is");
+    line.option("--timeout", timeout_s, "seconds to wait for the receiver", 0, 86400);
   }
 };
 

@@ -2,14 +2,17 @@
 // status.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <chrono>
+#include <cinttypes>
+#include <csignal>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <stdexcept>
 #include <string>
 
+#include "command_line.h"
 #include "kelvodrix.h"
 
 using Clock = std::chrono::steady_clock;
@@ -18,8 +21,15 @@ inline double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-inline double per_second(uint64_t count, double seconds) {
-  return seconds > 0 ? static_cast<double>(count) / seconds : 0;
+// "8 routes in 0.001 s", and how many a second where there are enough of them for a rate to mean anything.
+inline std::string format_rate(uint64_t count, const char *what, double seconds) {
+  char text[128];
+  const int length = std::snprintf(text, sizeof text, "%" PRIu64 " %s in %.3f s", count, what, seconds);
+  if (count >= 10000 && seconds > 0) {
+    std::snprintf(text + length, sizeof text - static_cast<std::size_t>(length), ": %.0f %s/s",
+                  static_cast<double>(count) / seconds, what);
+  }
+  return text;
 }
 
 // Throws unless the bus succeeded.
@@ -31,18 +41,12 @@ inline void check(int32_t status, const std::string &what) {
 // the process's exit status.
 template <class Options>
 int run_process(const char *name, const char *description, int argc, char **argv, void (*run)(const Options &)) {
+  std::signal(SIGPIPE, SIG_DFL);  // a reader who has seen enough ends the process quietly, whoever started it
   try {
-    CLI::App app(description, name);
-    app.option_defaults()->always_capture_default();
-    app.failure_message(
-        [&](const CLI::App *, const CLI::Error &error) { return std::string(name) + ": " + error.what() + "\n"; });
+    CommandLine command_line(name, description);
     Options options;
-    options.add_to(app);
-    try {
-      app.parse(argc, argv);
-    } catch (const CLI::ParseError &error) {
-      return app.exit(error);
-    }
+    options.add_to(command_line);
+    if (const auto status = command_line.parse(argc, argv)) return *status;
     run(options);
     if (std::fflush(stdout) != 0 || std::ferror(stdout)) throw std::runtime_error("cannot write to standard output");
     return 0;

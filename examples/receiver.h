@@ -1,6 +1,7 @@
 // The receiving end of the example processes.
 #pragma once
 
+#include <chrono>
 #include <cinttypes>
 #include <csignal>
 #include <cstdint>
@@ -36,6 +37,25 @@ class StopOnSignal {
   static inline kelvodrix_receiver *receiver_ = nullptr;
 };
 
+// A line on standard error every other second: how much of a long stream has arrived.
+class Progress {
+ public:
+  Progress(const char *name, const char *what) : name_(name), what_(what) {}
+
+  void report(uint64_t received) {
+    if (received % 4096 != 0 || Clock::now() < next_) return;
+    next_ = Clock::now() + kInterval;
+    std::fprintf(stderr, "%s: %" PRIu64 " %s so far\n", name_, received, what_);
+  }
+
+ private:
+  static constexpr std::chrono::seconds kInterval{2};
+
+  const char *name_;
+  const char *what_;
+  Clock::time_point next_ = Clock::now() + kInterval;
+};
+
 // The one receiver of a process.
 class Receiver {
  public:
@@ -58,7 +78,7 @@ class Receiver {
     const uint64_t refused = bus.messages - bus.delivered + bus.malformed;
 
     std::printf("%" PRIu64 " missing, %" PRIu64 " repeated, %" PRIu64 " differing, %" PRIu64
-                " logged by the decoder, %" PRIu64 " refused by the bus\n",
+                " logged by the decoder, %" PRIu64 " refused\n",
                 stream.missing(), stream.repeated(), stream.differing(), services.log_lines, refused);
     if (!stream.ended()) throw std::runtime_error("stopped before the end of the stream");
     if (!stream.clean() || services.log_lines != 0 || refused != 0) {

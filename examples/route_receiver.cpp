@@ -1,6 +1,6 @@
 // Receives a stream of routes, checks it and prints it as a table, see route_record.h. Ends with the stream, or with
 // SIGINT or SIGTERM; succeeds only when the stream arrived whole and unchanged.
-#include <cinttypes>
+#include <cstdint>
 #include <cstdio>
 #include <map>
 #include <optional>
@@ -11,6 +11,7 @@
 #include "process.h"
 #include "receiver.h"
 #include "route_record.h"
+#include "route_statistics.h"
 
 namespace {
 
@@ -26,15 +27,15 @@ class RouteStream {
 
   // Returns at the end of the stream or when the receiver is stopped.
   void run() {
-    if (print_) std::puts(routes::kTableHeading);
+    if (print_) std::puts(routes::table_heading().c_str());
     receiver_.run();
+    if (print_) std::printf("%s\n\n%s\n", routes::table_key().c_str(), statistics_.summary().c_str());
     if (start_) seconds_ = seconds_since(*start_);
   }
 
   // Prints the summary; throws when the stream did not arrive whole and unchanged.
   void conclude() const {
-    std::printf("received %" PRIu64 " routes in %.3f s: %.0f routes/s\n", received_, seconds_,
-                per_second(received_, seconds_));
+    std::printf("received %s\n", format_rate(received_, "routes", seconds_).c_str());
     receiver_.conclude(check_.account());
     if (received_ != announced_) throw std::runtime_error("the sender sent another number of routes than it announced");
   }
@@ -54,9 +55,11 @@ class RouteStream {
 
   void take(const fib6Sync_ipv6FwdUpdateMsg &message) {
     if (message.f0.f0 != routes::kRoute) return;
-    ++received_;
+    progress_.report(++received_);
     const auto &route = message.f1;
-    if (print_ && route.f6 == 0) std::puts(routes::format_route(route, interfaces_[route.f0]).c_str());
+    if (!print_ || route.f6 != 0) return;
+    std::puts(routes::format_route(route, interfaces_[route.f0]).c_str());
+    statistics_.take(route, interfaces_[route.f0]);
   }
 
   void take(const fib6Sync_svcCtxMsg &message) {
@@ -72,8 +75,10 @@ class RouteStream {
   Receiver &receiver_;
   bool print_;
   routes::StreamCheck check_;
+  routes::Statistics statistics_;
   std::map<uint32_t, std::string> interfaces_;  // names by number
   uint64_t received_ = 0;
+  Progress progress_{"route_receiver", "routes"};
   uint64_t announced_ = 0;
   std::optional<Clock::time_point> start_;
   double seconds_ = 0;  // from the first message to the end
@@ -83,9 +88,9 @@ struct Options {
   std::string endpoint = routes::kDefaultEndpoint;
   bool quiet = false;
 
-  void add_to(CLI::App &app) {
-    app.add_option("--endpoint", endpoint, "where to receive");
-    app.add_flag("--quiet", quiet, "print the summary only");
+  void add_to(CommandLine &line) {
+    line.option("--endpoint", endpoint, "where to receive");
+    line.flag("--quiet", quiet, "print the summary only");
   }
 };
 

@@ -5,9 +5,10 @@
 #include <net/route.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <charconv>
-#include <cstdio>
+#include <cstddef>
 #include <span>
 #include <stdexcept>
 
@@ -67,18 +68,34 @@ std::string format_address(std::span<const uint32_t, 4> words) {
 }
 
 // The letters that netstat uses.
+constexpr struct {
+  uint32_t flag;
+  char letter;
+} kLetters[] = {{RTF_UP, 'U'},       {RTF_GATEWAY, 'G'}, {RTF_HOST, 'H'},      {RTF_DYNAMIC, 'D'}, {RTF_MODIFIED, 'M'},
+                {RTF_ADDRCONF, 'A'}, {RTF_CACHE, 'C'},   {RTF_NONEXTHOP, 'n'}, {RTF_LOCAL, 'l'},   {RTF_REJECT, '!'}};
+
 std::string format_flags(uint32_t flags) {
-  static constexpr struct {
-    uint32_t flag;
-    char letter;
-  } kLetters[] = {{RTF_UP, 'U'},       {RTF_GATEWAY, 'G'},  {RTF_HOST, 'H'},  {RTF_DYNAMIC, 'D'},
-                  {RTF_MODIFIED, 'M'}, {RTF_ADDRCONF, 'A'}, {RTF_CACHE, 'C'}, {RTF_NONEXTHOP, 'n'},
-                  {RTF_LOCAL, 'l'},    {RTF_REJECT, '!'}};
   std::string text;
   for (const auto &[flag, letter] : kLetters) {
     if (flags & flag) text += letter;
   }
   return text;
+}
+
+// The cells of a row; one that its column is too narrow for pushes the rest into a further line.
+std::string format_row(const std::array<std::string, 5> &cells) {
+  static constexpr std::array<std::size_t, 5> kColumns = {0, 27, 50, 60, 71};
+  std::string row;
+  std::size_t line = 0;  // where the last line begins
+  for (std::size_t i = 0; i < cells.size(); ++i) {
+    if (i > 0 && row.size() - line >= kColumns[i]) {
+      row += '\n';
+      line = row.size();
+    }
+    row.append(kColumns[i] - (row.size() - line), ' ');
+    row += cells[i];
+  }
+  return row;
 }
 
 uint32_t chain(uint32_t checksum, std::span<const uint32_t> words) {
@@ -90,10 +107,6 @@ uint32_t chain(uint32_t checksum, std::span<const uint32_t> words) {
 }
 
 }  // namespace
-
-const char kTableHeading[] =
-    "Destination                                 Next hop                                 Interface           Metric "
-    "Flags";
 
 fib6Sync_ipv6Fwd parse_route(std::string_view line, std::string_view &interface) {
   Fields fields(line);
@@ -121,13 +134,18 @@ fib6Sync_ipv6Fwd parse_route(std::string_view line, std::string_view &interface)
   return route;
 }
 
+std::string table_heading() { return format_row({"Destination", "Next hop", "Interface", "    Metric", "Flags"}); }
+
+std::string table_key() {
+  return "Flags: U up, G over a gateway, H a host, D and M by redirect, C cached,\n"
+         "       A by advertisement, n no next hop, l this host's own, ! rejected";
+}
+
 std::string format_route(const fib6Sync_ipv6Fwd &route, const std::string &interface) {
-  const std::string destination = format_address(route.f3) + "/" + std::to_string(route.f4);
   const uint32_t next_hop[4] = {route.f7, route.f8, route.f9, route.f10};
-  char row[160];
-  std::snprintf(row, sizeof row, "%-43s %-40s %-15s %10u %s", destination.c_str(), format_address(next_hop).c_str(),
-                interface.c_str(), route.f1, format_flags(route.f2).c_str());
-  return row;
+  const std::string metric = std::to_string(route.f1);
+  return format_row({format_address(route.f3) + "/" + std::to_string(route.f4), format_address(next_hop), interface,
+                     std::string(10 - metric.size(), ' ') + metric, format_flags(route.f2)});
 }
 
 fib6Sync_svcCtxMsg make_interface(uint32_t number, std::string_view name) {

@@ -45,9 +45,10 @@ enum Kind : uint32_t { kRoute = 1, kInterface = 2, kEnd = 3 };
 // interface stays 0. Throws std::invalid_argument when the line has another form or the route cannot be represented.
 fib6Sync_ipv6Fwd parse_route(std::string_view line, std::string_view &interface);
 
-// A row of a table under kTableHeading, without a line end.
+// A table of at most 80 columns: its heading, a row and the key to its flags, each without the last line end.
+std::string table_heading();
 std::string format_route(const fib6Sync_ipv6Fwd &route, const std::string &interface);
-extern const char kTableHeading[];
+std::string table_key();
 
 // Context messages, not yet stamped, and the inverse for names. A name has at most 15 characters.
 fib6Sync_svcCtxMsg make_interface(uint32_t number, std::string_view name);

@@ -2,8 +2,6 @@
 // acknowledged every message.
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <cinttypes>
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
@@ -26,11 +24,11 @@ struct Options {
   uint32_t batch = 256;
   uint32_t repeat = 1;
 
-  void add_to(CLI::App &app) {
-    channel.add_to(app);
-    app.add_option("--file", file, "a file in the format of /proc/net/ipv6_route");
-    app.add_option("--batch", batch, "routes in one send call")->check(CLI::Range(1u, 65536u));
-    app.add_option("--repeat", repeat, "how often to send the whole table")->check(CLI::Range(1u, UINT32_MAX));
+  void add_to(CommandLine &line) {
+    channel.add_to(line);
+    line.option("--file", file, "a file in the format of /proc/net/ipv6_route");
+    line.option("--batch", batch, "routes in one send call", 1, 65536);
+    line.option("--repeat", repeat, "how often to send the whole table", 1);
   }
 };
 
@@ -68,21 +66,6 @@ Table read_table(const std::string &path) {
   return table;
 }
 
-class Progress {
- public:
-  explicit Progress(uint64_t total) : total_(total) {}
-
-  void report(uint64_t sent) {
-    if (Clock::now() < next_) return;
-    next_ += std::chrono::seconds(1);
-    std::fprintf(stderr, "route_sender: %" PRIu64 " of %" PRIu64 " routes\n", sent, total_);
-  }
-
- private:
-  uint64_t total_;
-  Clock::time_point next_ = Clock::now() + std::chrono::seconds(1);
-};
-
 void send_routes(Channel &channel, const Table &table, const Options &options) {
   routes::StreamStamp stamp;
   const auto send_context = [&](fib6Sync_svcCtxMsg message) {
@@ -94,7 +77,6 @@ void send_routes(Channel &channel, const Table &table, const Options &options) {
   for (const std::string &name : table.interfaces) send_context(routes::make_interface(++number, name));
 
   const uint64_t total = uint64_t{options.repeat} * table.routes.size();
-  Progress progress(total);
   std::vector<fib6Sync_ipv6FwdUpdateMsg> batch;
   uint64_t sent = 0;
   for (uint32_t pass = 0; pass < options.repeat; ++pass) {
@@ -108,7 +90,6 @@ void send_routes(Channel &channel, const Table &table, const Options &options) {
         channel.send(fib6Sync_ipv6FwdUpdateMsg__sendmsg, batch.data(), static_cast<uint32_t>(batch.size()));
         sent += batch.size();
         batch.clear();
-        progress.report(sent);
       }
     }
   }
@@ -126,8 +107,7 @@ void run(const Options &options) {
   const Clock::time_point start = Clock::now();
   send_routes(channel, table, options);
   const double seconds = seconds_since(start);
-  std::printf("sent %" PRIu64 " routes in %.3f s: %.0f routes/s, all acknowledged\n", total, seconds,
-              per_second(total, seconds));
+  std::printf("sent %s, all acknowledged\n", format_rate(total, "routes", seconds).c_str());
 }
 
 }  // namespace

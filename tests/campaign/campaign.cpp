@@ -6,7 +6,6 @@
 #include <fnmatch.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -16,6 +15,7 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "command_line.h"
 #include "fake_bus.h"
 #include "good_images.h"
 #include "judge.h"
@@ -199,15 +199,14 @@ int main(int argc, char **argv) {
   std::string pattern = "*";
   std::string seeds;
   std::string images_path;
-  CLI::App app("Decodes spoiled images of every message type and judges the library's doings by the reference codec.");
-  app.add_option("--sample", sample, "Judge one change in so many, drawn at random; extremes always")
-      ->check(CLI::PositiveNumber);
-  app.add_option("--types", pattern, "Only types whose prefix matches this shell pattern, like fib6_cfg_query*");
-  app.add_option("--seed", seed, "For records and sample");
-  app.add_flag("--heap", heap, "Decode from heap blocks, which sanitizers watch, instead of in front of a guard page");
-  app.add_option("--seeds", seeds, "Only write the good images into this folder, as seeds for the fuzz targets");
-  app.add_option("--images", images_path, "Only write what the library encodes of random records into this file");
-  CLI11_PARSE(app, argc, argv);
+  CommandLine line("campaign", "Decodes spoiled images of every message type and judges what the library does.");
+  line.option("--sample", sample, "Judge one change in so many, drawn at random; extremes always", 1);
+  line.option("--types", pattern, "Only types whose prefix matches this shell pattern, like fib6_cfg_query*");
+  line.option("--seed", seed, "For records and sample");
+  line.flag("--heap", heap, "Decode from heap blocks, which sanitizers watch, instead of in front of a guard page");
+  line.option("--seeds", seeds, "Only write the good images into this folder, as seeds for the fuzz targets");
+  line.option("--images", images_path, "Only write what the library encodes of random records into this file");
+  if (const auto status = line.parse(argc, argv)) return *status;
 
   for (const int signal : {SIGSEGV, SIGBUS, SIGABRT}) std::signal(signal, print_current_and_die);
   const auto start = std::chrono::steady_clock::now();

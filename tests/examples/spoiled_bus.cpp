@@ -1,22 +1,38 @@
-// Stands between a sender and the bus and spoils the message with the index SPOIL_AT in the way that SPOIL names.
+// Stands between a sender and the bus and spoils one message in the way that SPOIL names: the one with the index
+// SPOIL_AT, or the first of that name.
 #include <dlfcn.h>
 
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "drix_bus.h"
+#include "drix_message.h"
 
 int32_t DRIX_SendMsg(uint32_t handle, DrixSendDescriptor *descriptors, uint32_t count) {
   static const auto bus = reinterpret_cast<decltype(&DRIX_SendMsg)>(dlsym(RTLD_NEXT, "DRIX_SendMsg"));
   static const std::string spoil = std::getenv("SPOIL");
-  static const unsigned long spoil_at = std::strtoul(std::getenv("SPOIL_AT"), nullptr, 10);
-  static unsigned long sent = 0;
+  static const std::string spoil_at = std::getenv("SPOIL_AT");
+  static const bool by_index = spoil_at.find_first_not_of("0123456789") == std::string::npos;
+  const uint32_t id = drix_message_id(spoil_at.c_str());
+  static unsigned long index = by_index ? std::stoul(spoil_at) : 0;  // from the first of these messages on
+  static bool done = false;
 
   std::vector<DrixSendDescriptor> messages(descriptors, descriptors + count);
-  if (spoil_at >= sent && spoil_at - sent < count) {
-    const auto spoiled = messages.begin() + static_cast<std::ptrdiff_t>(spoil_at - sent);
+  auto spoiled = messages.end();
+  if (!by_index) {
+    spoiled = std::find_if(messages.begin(), messages.end(), [id](const auto &message) { return message.id == id; });
+  } else if (index < count) {
+    spoiled = messages.begin() + static_cast<std::ptrdiff_t>(index);
+  } else {
+    index -= count;
+  }
+  if (spoiled != messages.end() && !done) {
+    done = true;
     if (spoil == "drop") {
       messages.erase(spoiled);
     } else if (spoil == "repeat") {
@@ -29,6 +45,5 @@ int32_t DRIX_SendMsg(uint32_t handle, DrixSendDescriptor *descriptors, uint32_t 
       spoiled->length = 16;
     }
   }
-  sent += count;
   return bus(handle, messages.data(), static_cast<uint32_t>(messages.size()));
 }

@@ -1,7 +1,6 @@
 // Receives the soak's records and compares every member with what was sent, see soak_record.h. Ends with the stream, or
 // with SIGINT or SIGTERM; succeeds only when the stream arrived whole and unchanged.
 #include <chrono>
-#include <cinttypes>
 #include <cstdint>
 #include <cstdio>
 #include <deque>
@@ -38,9 +37,9 @@ class Soak {
     for (const Tally &tally : tallies_) {
       total.records += tally.records;
       total.time += tally.time;
-      print(tally, std::string(" of ") + tally.package);
+      print(tally, std::string(" of ") + tally.package + ":");
     }
-    print(total, "");
+    print(total, ":");
     receiver_.conclude(account_);
   }
 
@@ -66,8 +65,7 @@ class Soak {
 
   static void print(const Tally &tally, const std::string &what) {
     const double seconds = std::chrono::duration<double>(tally.time).count();
-    std::printf("received %" PRIu64 " records%s in %.3f s: %.0f records/s\n", tally.records, what.c_str(), seconds,
-                per_second(tally.records, seconds));
+    std::printf("received%s %s\n", what.c_str(), format_rate(tally.records, "records", seconds).c_str());
   }
 
   void take(const Place &place, const void *record) {
@@ -80,6 +78,7 @@ class Soak {
     if (number != account_.last() + 1) report(place, "is out of turn");
     account_.take(number, !member.empty());
     ++place.tally.records;
+    progress_.report(number);
     const Clock::time_point now = Clock::now();
     place.tally.time += now - last_;
     last_ = now;
@@ -108,6 +107,7 @@ class Soak {
   std::deque<Place> places_;
   StreamAccount account_;
   uint32_t reports_ = 0;
+  Progress progress_{"soak_receiver", "messages"};
   soak::Round round_ = {.seed = 0, .number = 1};
   Clock::time_point last_ = Clock::now();  // when the last message was done
 };
@@ -115,7 +115,7 @@ class Soak {
 struct Options {
   std::string endpoint = soak::kDefaultEndpoint;
 
-  void add_to(CLI::App &app) { app.add_option("--endpoint", endpoint, "where to receive"); }
+  void add_to(CommandLine &line) { line.option("--endpoint", endpoint, "where to receive"); }
 };
 
 void run(const Options &options) {

@@ -1,7 +1,5 @@
 // Sends one record of every message type with random content, again and again, see soak_record.h. Succeeds only when
 // the receiver has acknowledged every message.
-#include <chrono>
-#include <cinttypes>
 #include <cstdint>
 #include <cstdio>
 #include <random>
@@ -17,10 +15,10 @@ struct Options {
   uint32_t seconds = 10;
   uint32_t seed = std::random_device()();
 
-  void add_to(CLI::App &app) {
-    channel.add_to(app);
-    app.add_option("--seconds", seconds, "how long to send")->check(CLI::Range(1u, 86400u));
-    app.add_option("--seed", seed, "of the random content");
+  void add_to(CommandLine &line) {
+    channel.add_to(line);
+    line.option("--seconds", seconds, "how long to send", 1, 86400);
+    line.option("--seed", seed, "of the random content");
   }
 };
 
@@ -47,8 +45,7 @@ void run(const Options &options) {
   send_mark(channel, {.round = round, .end = true});
   channel.flush();
   const double seconds = seconds_since(start);
-  std::printf("sent %" PRIu64 " records in %.3f s: %.0f records/s, all acknowledged\n", sent, seconds,
-              per_second(sent, seconds));
+  std::printf("sent %s, all acknowledged\n", format_rate(sent, "records", seconds).c_str());
 }
 
 }  // namespace
