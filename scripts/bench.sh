@@ -1,10 +1,19 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds and measures: the library's operations on one core, and the exchange of records
 # between two processes. Prints tables of medians and writes them to build/bench/*.json. Wants a quiet machine.
-# Usage: scripts/bench.sh [OPTION OF GOOGLE BENCHMARK]...   (for example --benchmark_filter=fib6Sync)
+#
+# Usage: scripts/bench.sh [--benchmark_OPTION]...   (Google Benchmark's, for example --benchmark_filter=fib6Sync)
 set -euo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+. scripts/lib/script.sh
 . scripts/lib/packages.sh
+
+for argument in "$@"; do
+  case $argument in
+    --benchmark_?*) ;;
+    *) no_arguments "$argument" ;;
+  esac
+done
 
 repetitions=11
 batches=(1 16 256 4096)
@@ -14,8 +23,10 @@ routes=2670000 # 10,000 times the sample
 require_packages "${BUILD_PACKAGES[@]}" libbenchmark-dev util-linux
 build=build/bench
 mkdir -p "$build"
-{ cmake --preset release -B "$build" -DDRIX_BUILD_BENCH=ON -DDRIX_BUILD_TESTS=OFF && cmake --build "$build"; } \
-  >"$build.log" 2>&1 || { cat "$build.log" >&2; exit 1; }
+: >"$build.log"
+echo "building in $build"
+logged "$build.log" cmake --preset release -B "$build" -DDRIX_BUILD_BENCH=ON -DDRIX_BUILD_TESTS=OFF
+logged "$build.log" cmake --build "$build"
 
 core=$(($(nproc) - 1))
 grep -m 1 'model name' /proc/cpuinfo || true

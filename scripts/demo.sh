@@ -2,76 +2,97 @@
 # Sends routes from one process to another over the bus and prints what arrived: the kernel's IPv6 routes, or those of
 # a sample when the kernel has none. Fails when a route is missing or differs. With --soak it sends one record of every
 # message type with random content instead, again and again, and fails when any member of any record differs.
+# Installs what is missing and builds in build/demo.
 #
-# Usage: scripts/demo.sh [--sample] [--quiet] [--binaries DIR] [OPTION OF route_sender]...
+# Usage: scripts/demo.sh [--sample | --file FILE] [--quiet] [--binaries DIR] [OPTION OF route_sender]...
 #        scripts/demo.sh --soak SECONDS [--binaries DIR] [OPTION OF soak_sender]...
 #   --sample        send the sample's routes anyway
+#   --file FILE     send the routes of a file in the format of /proc/net/ipv6_route
 #   --quiet         print the summary only, as --soak always does
 #   --soak SECONDS  send random records of all message types for so long
 #   --binaries DIR  use the programs in DIR instead of installing packages and building
+# Options of both senders: --batch N (routes only), --repeat N (routes only), --seed N (soak only), --timeout SECONDS
 # For example: scripts/demo.sh --repeat 100000
 set -euo pipefail
+start=$PWD
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+. scripts/lib/script.sh
 
-fail() {
-  echo "demo: $*" >&2
-  exit 1
-}
-
-project=$(realpath "$(dirname "${BASH_SOURCE[0]}")/..")
-sample=$project/examples/data/ipv6_route.sample
 routes=/proc/net/ipv6_route
+chosen=
 binaries=
 soak=
 receiver_options=()
 sender_options=()
+needs_soak=
+needs_routes=
+
+# in_start PATH: the path as meant in the folder where the script was started.
+in_start() { case $1 in /*) echo "$1" ;; *) echo "$start/$1" ;; esac; }
+
 while [ $# -gt 0 ]; do
   case $1 in
+    --file | --soak | --binaries | --batch | --repeat | --seed | --timeout)
+      [ $# -gt 1 ] || wrong_usage "$1 needs a value"
+      ;;&
+    --soak | --batch | --repeat | --seed | --timeout)
+      [[ $2 =~ ^[0-9]+$ ]] || wrong_usage "$1 needs a number, not $2"
+      ;;&
+    --sample | --file | --quiet | --batch | --repeat) needs_routes=$1 ;;&
+    --seed) needs_soak=$1 ;;&
     -h | --help)
-      sed -n '2,/^set/s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"
+      show_help
       exit
       ;;
-    --sample) routes=$sample ;;
+    --sample) chosen=examples/data/ipv6_route.sample ;;
+    --file) chosen=$(in_start "$2") && shift ;;
     --quiet) receiver_options+=(--quiet) ;;
-    --soak)
-      soak=${2:?--soak needs a number of seconds}
-      shift
-      ;;
-    --binaries)
-      binaries=$(realpath -e "${2:?--binaries needs a folder}")
-      shift
-      ;;
-    *) sender_options+=("$1") ;;
+    --soak) soak=$2 && shift ;;
+    --binaries) binaries=$(in_start "$2") && shift ;;
+    --batch | --repeat | --seed | --timeout) sender_options+=("$1" "$2") && shift ;;
+    *) wrong_usage "unknown option $1" ;;
   esac
   shift
 done
 if [ -n "$soak" ]; then
+  [ -z "$needs_routes" ] || wrong_usage "$needs_routes is for routes, --soak sends random records"
   programs=soak folder=tools/soak records=record
-  receiver_options=()
   sender_options+=(--seconds "$soak")
 else
+  [ -z "$needs_soak" ] || wrong_usage "$needs_soak is for --soak"
   programs=route folder=examples records=route
-  if ! grep -q . "$routes" 2>/dev/null; then
+  if [ -n "$chosen" ]; then
+    routes=$chosen
+  elif ! grep -q . "$routes" 2>/dev/null; then
     echo "demo: the kernel has no IPv6 routes; these are the sample's"
-    routes=$sample
+    routes=examples/data/ipv6_route.sample
   fi
   sender_options+=(--file "$routes")
 fi
 
-cd "$project"
 if [ -z "$binaries" ]; then
   # shellcheck source=scripts/lib/packages.sh
   . scripts/lib/packages.sh
   require_packages "${BUILD_PACKAGES[@]}"
-  # In a folder of its own: without the tests, and so without what only they need.
-  cmake --preset release -B build/demo -DDRIX_BUILD_TESTS=OFF
-  cmake --build build/demo
-  binaries=$project/build/demo/$folder
+  log=build/demo.log
+  mkdir -p build
+  : >"$log"
+  [ -e build/demo/build.ninja ] || echo "building in build/demo, a minute or two the first time"
+  # Without the tests, and so without what only they need.
+  logged "$log" cmake --preset release -B build/demo -DDRIX_BUILD_TESTS=OFF
+  logged "$log" cmake --build build/demo --target "${programs}_sender" "${programs}_receiver"
+  binaries=build/demo/$folder
 fi
+for program in "${programs}_receiver" "${programs}_sender"; do
+  [ -x "$binaries/$program" ] || fail "$binaries has no $program"
+done
 
 work=$(mktemp -d)
 clean_up() {
-  jobs -pr | xargs -r kill 2>/dev/null || true
-  wait
+  # At once and without a word: what is to be said about a failure has been said.
+  exec 2>/dev/null
+  jobs -pr | xargs -r kill -KILL || true
+  wait || true
   rm -rf "$work"
 }
 trap clean_up EXIT
@@ -81,11 +102,43 @@ trap 'exit 143' TERM
 endpoint=ipc://$work/demo.ipc
 "$binaries/${programs}_receiver" --endpoint "$endpoint" "${receiver_options[@]}" &
 receiver=$!
-"$binaries/${programs}_sender" --endpoint "$endpoint" "${sender_options[@]}" &
+# What it sums up comes after the table; the soak's first line has to be there even if a record brings the sender down.
+if [ -n "$soak" ]; then exec 3>&1; else exec 3>"$work/sent"; fi
+"$binaries/${programs}_sender" --endpoint "$endpoint" "${sender_options[@]}" >&3 2>"$work/errors" &
 sender=$!
 
-wait "$sender" || fail "the sender failed"
-# It succeeds once everything is acknowledged, so the receiver has seen the end of the stream by now.
-timeout 5 tail --pid="$receiver" -f /dev/null || fail "the receiver did not see the end of the stream"
-wait "$receiver" || fail "the receiver failed"
+# ended PROCESS STATUS: goes on when the process did what it should.
+ended() {
+  [ "$2" -ne 0 ] || return 0
+  [ "$2" -ne 141 ] || exit 141 # nobody reads the output any more
+  if [ "$1" = sender ]; then
+    sleep 0.2 # a receiver that is about to end is why the sender failed
+    if ! kill -0 "$receiver" 2>/dev/null; then
+      local status=0
+      wait "$receiver" || status=$?
+      ended receiver $status
+    fi
+    cat "$work/errors" >&2
+  fi
+  [ "$2" -lt 128 ] || fail "the $1 was ended by signal $(($2 - 128))"
+  exit 1 # it has said why
+}
+status=0
+wait -n -p first "$receiver" "$sender" || status=$?
+if [ "$first" = "$receiver" ]; then
+  ended receiver $status
+  other=sender
+else
+  ended sender $status
+  # It succeeds once everything is acknowledged, so the receiver has seen the end of the stream by now.
+  timeout 5 tail --pid="$receiver" -f /dev/null >/dev/null || {
+    kill "$receiver" 2>/dev/null && wait "$receiver" || true # it sums up what it saw
+    fail "the receiver did not see the end of the stream"
+  }
+  other=receiver
+fi
+status=0
+wait "${!other}" || status=$?
+ended $other $status
+[ -n "$soak" ] || cat "$work/sent"
 echo "demo: every $records arrived unchanged"
