@@ -223,8 +223,7 @@ void add_own_rows_once() {
 
 bool Type::is_fixed() const {
   return std::all_of(slots.begin(), slots.end(), [](const Slot &slot) {
-    return slot.kind != Kind::bytes && slot.kind != Kind::vector &&
-           (slot.kind != Kind::table || slot.type->is_fixed());
+    return slot.kind != Kind::bytes && slot.kind != Kind::vector && (slot.kind != Kind::table || slot.type->is_fixed());
   });
 }
 
