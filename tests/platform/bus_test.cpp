@@ -416,7 +416,8 @@ TEST(Bus, DisconnectsWhoeverSendsAnythingMalformed) {
   uint64_t handled = 0;
   for (const std::string &bytes : bad) {
     RawPeer peer(endpoint("ipc")), cut_short(endpoint("ipc"));
-    cut_short.send(good.substr(0, handled++ % good.size()));  // ends without having said anything
+    cut_short.send(
+        good.substr(0, static_cast<std::size_t>(handled++) % good.size()));  // ends without having said anything
     peer.send(frame(1, message(0)) + frame(2, message(0)));
     EXPECT_EQ(peer.receive(8), little_endian(2, 8));
     std::string third = bytes;
