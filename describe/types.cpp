@@ -1,0 +1,144 @@
+#include <algorithm>
+#include <array>
+#include <charconv>
+
+#include "describe/type.h"
+#include "fib6Sync.h"
+#include "fib6_cfg.h"
+#include "korBrokerFib6.h"
+#include "runtime/image.h"
+
+// Calls M(package, message) for every message type.
+#define EVERY_MESSAGE(M)    \
+  FIB6_CFG_MESSAGES(M)      \
+  KORBROKERFIB6_MESSAGES(M) \
+  FIB6SYNC_MESSAGES(M)
+
+namespace drix::describe {
+namespace {
+
+// Names and exported operations of the record type R.
+template <class R>
+struct Message;
+
+#define MESSAGE_OF(p, m)                                            \
+  template <>                                                       \
+  struct Message<p##_##m> {                                         \
+    static constexpr std::string_view package = #p;                 \
+    static constexpr std::string_view message = #m;                 \
+    static constexpr uint32_t id = drix_message_id(#p "." #m);      \
+    static constexpr auto pack = p##_##m##__pack;                   \
+    static constexpr auto unpack = p##_##m##__unpack;               \
+    static constexpr auto free_unpacked = p##_##m##_free__unpacked; \
+    static constexpr auto sendsingle = p##_##m##__sendsingle;       \
+  };
+EVERY_MESSAGE(MESSAGE_OF)
+#undef MESSAGE_OF
+
+template <class R>
+constexpr Operations kOperations = {
+    .pack = [](const void *record, uint8_t *buffer,
+               uint32_t *length) { return Message<R>::pack(static_cast<const R *>(record), buffer, length); },
+    .unpack = [](const uint8_t *buffer, uint32_t length,
+                 void *record) { return Message<R>::unpack(buffer, length, static_cast<R *>(record)); },
+    .free_unpacked = [](void *record) { Message<R>::free_unpacked(static_cast<R *>(record)); },
+    .sendsingle =
+        [](uint32_t handle, const void *record, uint32_t count, uint32_t destination) {
+          return Message<R>::sendsingle(handle, static_cast<const R *>(record), count, destination);
+        },
+};
+
+// A table of the compact layout with its vtable, for a record of zeros.
+template <class R>
+constexpr std::size_t least_size() {
+  std::size_t size = vtable_length(kSlots<R>) + kWord;
+  for_each_slot<R>([&]<class S>(S) {
+    if constexpr (S::kind == Kind::array) size += kOffsetAndCount + sizeof(typename S::Type);
+    if constexpr (S::kind == Kind::table) size += kWord + least_size<typename S::Type>();
+  });
+  return size;
+}
+
+template <class R>
+struct Description {
+  static_assert(sizeof(R) <= UINT16_MAX, "members' places are kept in 16 bits");
+
+  static constexpr std::array<Slot, kSlots<R>> slots = [] {
+    std::array<Slot, kSlots<R>> list{};
+    for_each_slot<R>([&]<class S>(S) constexpr {
+      Slot &slot = list[S::index];
+      slot.kind = S::kind;
+      slot.elements = static_cast<uint16_t>(S::elements);
+      slot.member = static_cast<uint16_t>(S::offset);
+      slot.length_member = static_cast<uint16_t>(S::length_offset);
+      if constexpr (S::kind == Kind::scalar) slot.width = sizeof(typename S::Type);
+      if constexpr (S::kind == Kind::array) slot.width = sizeof(typename S::Element);
+      if constexpr (S::kind == Kind::table) slot.inner = &Description<typename S::Type>::type;
+      if constexpr (S::kind == Kind::vector) slot.inner = &Description<typename S::Element>::type;
+    });
+    return list;
+  }();
+
+  static constexpr Type type = [] {
+    Type made = {.package = Message<R>::package,
+                 .message = Message<R>::message,
+                 .id = Message<R>::id,
+                 .record_size = sizeof(R),
+                 .fixed_length = 0,
+                 .fixed_table_size = 0,
+                 .compact_least = kWord + least_size<R>(),
+                 .compact_most = 0,
+                 .slots = slots,
+                 .library = kOperations<R>};
+    if constexpr (kFixedLength<R>) {
+      made.fixed_length = fixed_length<R>();
+      made.fixed_table_size = fixed_table_size<R>();
+      made.compact_most = kWord + full_size<R>();
+    }
+    return made;
+  }();
+};
+
+#define ADDRESS_OF(p, m) &Description<p##_##m>::type,
+constexpr const Type *kTypes[] = {EVERY_MESSAGE(ADDRESS_OF)};
+#undef ADDRESS_OF
+
+}  // namespace
+
+std::span<const Type *const> types() { return kTypes; }
+
+const Type *find(std::string_view name) {
+  uint32_t id = 0;
+  bool by_id = name.starts_with("0x") || name.starts_with("0X");
+  if (by_id) {
+    const auto [end, error] = std::from_chars(name.data() + 2, name.data() + name.size(), id, 16);
+    if (error != std::errc() || end != name.data() + name.size()) return nullptr;
+  }
+  const auto found = std::find_if(std::begin(kTypes), std::end(kTypes), [&](const Type *type) {
+    return by_id ? type->id == id : type->name() == name || type->prefix() == name;
+  });
+  return found == std::end(kTypes) ? nullptr : *found;
+}
+
+std::string kind_text(Kind kind, uint32_t width, uint32_t elements, std::string_view inner) {
+  const std::string scalar = "u" + std::to_string(8 * width);
+  switch (kind) {
+    case Kind::scalar:
+      return scalar;
+    case Kind::array:
+      return scalar + '[' + std::to_string(elements) + ']';
+    case Kind::bytes:
+      return "bytes";
+    case Kind::table:
+      return "table(" + std::string(inner) + ')';
+    case Kind::vector:
+      break;
+  }
+  return "vector(" + std::string(inner) + ')';
+}
+
+std::string kind_text(const Slot &slot) {
+  return kind_text(slot.kind, slot.width, slot.elements, slot.inner == nullptr ? "" : slot.inner->message);
+}
+
+}  // namespace drix::describe

@@ -1,0 +1,201 @@
+#include <arpa/inet.h>
+
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "inspect/hex.h"
+#include "inspect/json.h"
+
+namespace drix::inspect {
+namespace {
+
+using describe::Slot;
+using describe::Type;
+using nlohmann::json;
+
+[[noreturn]] void fail(const std::string &path, const std::string &what) {
+  throw JsonError((path.empty() ? "the record" : path) + ": " + what);
+}
+
+std::string short_text(const json &value) {
+  const std::string text = value.dump(-1, ' ', true, json::error_handler_t::replace);
+  return text.size() <= 40 ? text : text.substr(0, 37) + "...";
+}
+
+// Refuses what no record has: values nested deeper than an element's array, and members given twice.
+class ParseGuard {
+ public:
+  bool operator()(int depth, json::parse_event_t event, const json &parsed) {
+    constexpr int kDeepest = 4;
+    if (event == json::parse_event_t::object_start || event == json::parse_event_t::array_start) {
+      if (depth >= kDeepest) fail("", "nested too deep");
+      keys_.emplace_back();
+    } else if (event == json::parse_event_t::object_end || event == json::parse_event_t::array_end) {
+      keys_.pop_back();
+    } else if (event == json::parse_event_t::key && !keys_.back().insert(parsed.get<std::string>()).second) {
+      fail(short_text(parsed), "given twice");
+    }
+    return true;
+  }
+
+ private:
+  std::vector<std::set<std::string>> keys_;  // of the objects that are open
+};
+
+json parse(std::string_view text) {
+  ParseGuard guard;
+  try {
+    return json::parse(text, std::ref(guard));
+  } catch (const json::parse_error &error) {
+    const std::string what = error.what();
+    throw JsonError(what.substr(what.find("] ") + 2));  // without the number that the library gives it
+  }
+}
+
+class Reader {
+ public:
+  Reader(Record &record, const Labels &labels) : record_(record), labels_(labels) {}
+
+  void read_table(const json &object, const Type &type, uint8_t *record, const std::string &path) {
+    if (!object.is_object()) fail(path, "an object is wanted, not " + short_text(object));
+    std::set<std::size_t> given;
+    for (const auto &[name, value] : object.items()) {
+      const std::string member_path = path.empty() ? name : path + '.' + name;
+      const std::optional<std::size_t> slot = labels_.slot(type, name);
+      if (!slot) fail(member_path, type.name() + " has no such member");
+      if (!given.insert(*slot).second) fail(member_path, "given twice, as f" + std::to_string(*slot) + " and by label");
+      read_member(value, type, *slot, record, member_path);
+    }
+  }
+
+ private:
+  void read_member(const json &value, const Type &type, std::size_t index, uint8_t *record, const std::string &path) {
+    const Slot &slot = type.slots[index];
+    uint8_t *const to = record + slot.member;
+    switch (slot.kind) {
+      case Kind::scalar:
+        return set_number(to, slot.width, read_scalar(value, slot.width, labels_.find(type, index), path));
+      case Kind::array:
+        return read_array(value, slot, to, path);
+      case Kind::bytes:
+        return read_bytes(value, slot, record, path);
+      case Kind::table:
+        return read_table(value, *slot.inner, to, path);
+      case Kind::vector:
+        return read_vector(value, slot, record, path);
+    }
+  }
+
+  static uint32_t read_number(const json &value, uint32_t width, const std::string &path) {
+    const uint32_t most = UINT32_MAX >> (32 - 8 * width);
+    if (!value.is_number_unsigned() || value.get<uint64_t>() > most) {
+      fail(path, "a whole number from 0 to " + std::to_string(most) + " is wanted, not " + short_text(value));
+    }
+    return value.get<uint32_t>();
+  }
+
+  static uint32_t read_scalar(const json &value, uint32_t width, const Label *label, const std::string &path) {
+    if (!value.is_string() || label == nullptr || label->meaning.empty()) return read_number(value, width, path);
+    const std::optional<uint32_t> number = label->value_of(value.get<std::string>());
+    if (!number)
+      fail(path, short_text(value) + (label->is_flags ? " has a letter" : " is a word") + " without a label");
+    return *number;
+  }
+
+  void read_array(const json &value, const Slot &slot, uint8_t *to, const std::string &path) {
+    if (slot.width == 1 && value.is_string()) {
+      const std::vector<uint8_t> bytes = read_hex(value, path);
+      if (bytes.size() != slot.elements) fail_count(bytes.size(), slot.elements, "bytes", path);
+      std::memcpy(to, bytes.data(), bytes.size());
+    } else if (slot.width == 4 && slot.elements == 4 && value.is_string()) {
+      read_address(value, to, path);
+    } else {
+      if (!value.is_array()) fail(path, wanted(slot) + " is wanted, not " + short_text(value));
+      if (value.size() != slot.elements) fail_count(value.size(), slot.elements, "elements", path);
+      read_numbers(value, slot.width, to, path);
+    }
+  }
+
+  static std::string wanted(const Slot &slot) {
+    const std::string numbers = "an array of " + std::to_string(slot.elements) + " numbers";
+    if (slot.width == 1) return "hexadecimal text or " + numbers;
+    return slot.elements == 4 ? "an IPv6 address or " + numbers : numbers;
+  }
+
+  [[noreturn]] static void fail_count(std::size_t count, std::size_t right, const char *of, const std::string &path) {
+    fail(path, std::to_string(right) + ' ' + of + " are wanted, not " + std::to_string(count));
+  }
+
+  static void read_numbers(const json &array, uint32_t width, uint8_t *to, const std::string &path) {
+    for (std::size_t i = 0; i < array.size(); ++i) {
+      set_number(to + i * width, width, read_number(array[i], width, path + '[' + std::to_string(i) + ']'));
+    }
+  }
+
+  static std::vector<uint8_t> read_hex(const json &value, const std::string &path) {
+    const auto &text = value.get_ref<const std::string &>();
+    std::vector<uint8_t> bytes;
+    for (std::size_t i = 0; i < text.size(); i += 2) {
+      const int high = hex_digit(text[i]);
+      const int low = i + 1 < text.size() ? hex_digit(text[i + 1]) : -1;
+      if (high < 0 || low < 0) fail(path, short_text(value) + " is not pairs of hexadecimal digits");
+      bytes.push_back(static_cast<uint8_t>(high << 4 | low));
+    }
+    return bytes;
+  }
+
+  static void read_address(const json &value, uint8_t *to, const std::string &path) {
+    uint32_t words[4];
+    const auto &text = value.get_ref<const std::string &>();
+    if (text.find('\0') != std::string::npos || inet_pton(AF_INET6, text.c_str(), words) != 1) {
+      fail(path, short_text(value) + " is no IPv6 address");
+    }
+    for (std::size_t i = 0; i < 4; ++i) set_number(to + 4 * i, 4, ntohl(words[i]));
+  }
+
+  void read_bytes(const json &value, const Slot &slot, uint8_t *record, const std::string &path) {
+    if (!value.is_string() && !value.is_array()) {
+      fail(path, "hexadecimal text or an array of numbers is wanted, not " + short_text(value));
+    }
+    std::vector<uint8_t> bytes;
+    if (value.is_string()) {
+      bytes = read_hex(value, path);
+    } else {
+      bytes.resize(value.size());
+      read_numbers(value, 1, bytes.data(), path);
+    }
+    if (bytes.empty()) return;
+    uint8_t *const block = attach(slot, record, bytes.size(), 1);
+    std::memcpy(block, bytes.data(), bytes.size());
+  }
+
+  void read_vector(const json &value, const Slot &slot, uint8_t *record, const std::string &path) {
+    if (!value.is_array()) fail(path, "an array of objects is wanted, not " + short_text(value));
+    if (value.empty()) return;
+    uint8_t *element = attach(slot, record, value.size(), slot.inner->record_size);
+    for (std::size_t i = 0; i < value.size(); ++i, element += slot.inner->record_size) {
+      read_table(value[i], *slot.inner, element, path + '[' + std::to_string(i) + ']');
+    }
+  }
+
+  // Makes a member point to a block for count elements.
+  uint8_t *attach(const Slot &slot, uint8_t *record, std::size_t count, std::size_t size) {
+    uint8_t *const block = record_.allocate(count * size);
+    set_member(record, slot.length_member, static_cast<uint32_t>(count));
+    set_member(record, slot.member, block);
+    return block;
+  }
+
+  Record &record_;
+  const Labels &labels_;
+};
+
+}  // namespace
+
+Record read_json(std::string_view text, const Type &type, const Labels &labels) {
+  Record record(type);
+  Reader(record, labels).read_table(parse(text), type, record.data(), "");
+  return record;
+}
+
+}  // namespace drix::inspect

@@ -1,0 +1,197 @@
+#include "inspect/labels.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+
+namespace drix::inspect {
+namespace {
+
+using describe::Slot;
+using describe::Type;
+
+constexpr std::string_view kBlanks = " \t\r";
+
+std::string_view trim(std::string_view text) {
+  const std::size_t first = std::min(text.find_first_not_of(kBlanks), text.size());
+  text.remove_prefix(first);
+  return text.substr(0, text.find_last_not_of(kBlanks) + 1);
+}
+
+// Takes a word off the front.
+std::string_view take_word(std::string_view &text) {
+  text = trim(text);
+  const std::string_view word = text.substr(0, text.find_first_of(kBlanks));
+  text.remove_prefix(word.size());
+  return word;
+}
+
+[[noreturn]] void fail(const std::string &what) { throw std::invalid_argument(what); }
+
+std::string quoted(std::string_view text) { return '"' + std::string(text) + '"'; }
+
+bool is_word(std::string_view text) {
+  return !text.empty() && std::all_of(text.begin(), text.end(), [](unsigned char c) {
+    return c < 128 && (std::isalnum(c) != 0 || c == '_' || c == '-');
+  });
+}
+
+bool is_letter(std::string_view text) {
+  return text.size() == 1 && text[0] > ' ' && text[0] <= '~' && text[0] != '"' && text[0] != '\\';
+}
+
+// The slot that f<I> names.
+std::optional<std::size_t> positional(const Type &type, std::string_view name) {
+  std::size_t slot = 0;
+  if (name.size() < 2 || name[0] != 'f' || (name[1] == '0' && name.size() > 2)) return std::nullopt;
+  const auto [end, error] = std::from_chars(name.data() + 1, name.data() + name.size(), slot);
+  if (error != std::errc() || end != name.data() + name.size() || slot >= type.slots.size()) return std::nullopt;
+  return slot;
+}
+
+bool looks_positional(std::string_view name) {
+  return name.size() > 1 && name[0] == 'f' && name.find_first_not_of("0123456789", 1) == std::string_view::npos;
+}
+
+uint32_t parse_number(std::string_view text, uint32_t width) {
+  const bool hexadecimal = text.starts_with("0x");
+  const std::string_view digits = hexadecimal ? text.substr(2) : text;
+  uint32_t value = 0;
+  const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value, hexadecimal ? 16 : 10);
+  const uint32_t most = UINT32_MAX >> (32 - 8 * width);
+  if (error != std::errc() || end != digits.data() + digits.size() || value > most) {
+    fail(quoted(text) + " is not a number from 0 to " + std::to_string(most));
+  }
+  return value;
+}
+
+// WORD=NUMBER or LETTER=NUMBER, until the line's end.
+void parse_meaning(std::string_view text, const Slot &slot, Label &label) {
+  while (!trim(text).empty()) {
+    const std::string_view item = take_word(text);
+    const std::size_t equals = item.rfind('=');
+    const std::string_view word = item.substr(0, equals);
+    if (equals == std::string_view::npos || !(label.is_flags ? is_letter(word) : is_word(word))) {
+      fail(quoted(item) + (label.is_flags ? " is not LETTER=NUMBER" : " is not WORD=NUMBER"));
+    }
+    const uint32_t value = parse_number(item.substr(equals + 1), slot.width);
+    if (label.is_flags && value == 0) fail(quoted(item) + " has no bit");
+    for (const auto &[other, other_value] : label.meaning) {
+      if (other == word || other_value == value) fail(quoted(item) + " is there already");
+    }
+    label.meaning.emplace_back(word, value);
+  }
+  if (label.meaning.empty()) fail("no values");
+}
+
+}  // namespace
+
+std::optional<std::string> Label::text_of(uint32_t value) const {
+  std::string letters;
+  uint32_t shown = 0;
+  for (const auto &[word, number] : meaning) {
+    if (!is_flags && number == value) return word;
+    if (!is_flags || (value & number) != number) continue;
+    letters += word;
+    shown |= number;
+  }
+  if (!is_flags || shown != value) return std::nullopt;
+  return letters;
+}
+
+std::optional<uint32_t> Label::value_of(std::string_view text) const {
+  if (is_flags) {
+    uint32_t value = 0;
+    for (const char letter : text) {
+      const auto found =
+          std::find_if(meaning.begin(), meaning.end(), [=](const auto &m) { return m.first[0] == letter; });
+      if (found == meaning.end()) return std::nullopt;
+      value |= found->second;
+    }
+    return value;
+  }
+  const auto found = std::find_if(meaning.begin(), meaning.end(), [=](const auto &m) { return m.first == text; });
+  if (found == meaning.end()) return std::nullopt;
+  return found->second;
+}
+
+Labels::Labels(std::string_view file) {
+  const Type *type = nullptr;
+  for (std::size_t number = 1; !file.empty(); ++number) {
+    const std::string_view whole = file.substr(0, file.find('\n'));
+    file.remove_prefix(std::min(whole.size() + 1, file.size()));
+    const std::string_view line = trim(whole);
+    try {
+      if (line.empty() || line[0] == '#' || line[0] == ';') continue;
+      if (line[0] == '[') {
+        const std::string_view name = line.ends_with(']') ? line.substr(1, line.size() - 2) : line;
+        type = describe::find(name);
+        if (type == nullptr) fail("no type " + quoted(name));
+        types_[type].resize(type->slots.size());
+      } else if (type == nullptr) {
+        fail("a section [PACKAGE.MESSAGE] is wanted first");
+      } else {
+        parse_member(*type, line);
+      }
+    } catch (const std::invalid_argument &error) {
+      throw LabelError(number, error.what());
+    }
+  }
+}
+
+void Labels::parse_member(const Type &type, std::string_view line) {
+  const std::size_t equals = line.find('=');
+  if (equals == std::string_view::npos) fail("MEMBER = NAME is wanted");
+  const std::string_view member = trim(line.substr(0, equals));
+  const std::optional<std::size_t> index = positional(type, member);
+  if (!index) fail(type.name() + " has no member " + quoted(member));
+  std::string_view rest = line.substr(equals + 1);
+  const std::string_view name = take_word(rest);
+  if (!is_word(name)) fail(quoted(name) + " is no name");
+  if (looks_positional(name) && name != member) fail(quoted(name) + " would be taken for another member");
+  const std::optional<std::size_t> other = slot(type, name);
+  if (other && *other != *index) fail(quoted(name) + " is a member already");
+
+  const Slot &slot = type.slots[*index];
+  Label label = {.name = std::string(name), .meaning = {}};
+  const std::string_view what = take_word(rest);
+  if (what == "ipv6") {
+    if (slot.kind != Kind::array || slot.width != 4 || slot.elements != 4) {
+      fail("ipv6 is for u32[4], and " + std::string(member) + " is " + describe::kind_text(slot));
+    }
+    label.ipv6 = true;
+    if (!trim(rest).empty()) fail(quoted(trim(rest)) + " behind ipv6");
+  } else if (what == "enum" || what == "flags") {
+    if (slot.kind != Kind::scalar) {
+      fail(std::string(what) + " is for scalars, and " + std::string(member) + " is " + describe::kind_text(slot));
+    }
+    label.is_flags = what == "flags";
+    parse_meaning(rest, slot, label);
+  } else if (!what.empty()) {
+    fail(quoted(what) + " is neither ipv6 nor enum nor flags");
+  }
+  if (!types_[&type][*index].name.empty()) fail(std::string(member) + " has a label already");
+  types_[&type][*index] = std::move(label);
+}
+
+const Label *Labels::find(const Type &type, std::size_t slot) const {
+  const auto found = types_.find(&type);
+  if (found == types_.end() || found->second[slot].name.empty()) return nullptr;
+  return &found->second[slot];
+}
+
+std::string Labels::name(const Type &type, std::size_t slot) const {
+  const Label *label = find(type, slot);
+  return label == nullptr ? 'f' + std::to_string(slot) : label->name;
+}
+
+std::optional<std::size_t> Labels::slot(const Type &type, std::string_view name) const {
+  if (looks_positional(name)) return positional(type, name);
+  for (std::size_t i = 0; i < type.slots.size(); ++i) {
+    const Label *label = find(type, i);
+    if (label != nullptr && label->name == name) return i;
+  }
+  return std::nullopt;
+}
+
+}  // namespace drix::inspect

@@ -1,0 +1,160 @@
+// quopa annotate: a buffer byte by byte.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+
+#include "tools/quopa/byte_map.h"
+#include "tools/quopa/command.h"
+#include "tools/quopa/input.h"
+#include "tools/quopa/meaning.h"
+#include "tools/quopa/verdict.h"
+
+namespace quopa {
+namespace {
+
+using drix::inspect::Event;
+using drix::inspect::Thing;
+using drix::inspect::Verdict;
+
+struct Options {
+  std::string type;
+  std::string file = "-";
+  std::string labels;
+  std::string color = "auto";
+  bool hex = false;
+  bool ipv6 = false;
+  bool full = false;
+};
+
+constexpr uint32_t kRowBytes = 8;
+constexpr uint32_t kFoldedRows = 4;  // longer things are folded
+constexpr std::size_t kColumns = 80;
+
+bool wants_color(const std::string &color) {
+  if (color != "auto") return color == "always";
+  const char *no_color = std::getenv("NO_COLOR");
+  return isatty(STDOUT_FILENO) == 1 && (no_color == nullptr || *no_color == '\0');
+}
+
+const char *color_of(Thing thing) {
+  switch (thing) {
+    case Thing::scalar:
+    case Thing::elements:
+      return "\033[32m";
+    case Thing::unwritten:
+    case Thing::unreferenced:
+    case Thing::unreached:
+      return "\033[2m";
+    default:
+      return "\033[36m";
+  }
+}
+
+class Page {
+ public:
+  Page(const std::vector<uint8_t> &buffer, const Meaning &meaning, const Options &options)
+      : buffer_(buffer),
+        meaning_(meaning),
+        full_(options.full),
+        color_(wants_color(options.color)),
+        position_width_(std::max<std::size_t>(4, std::to_string(buffer.size()).size())) {}
+
+  void print(const Event &event, bool is_culprit) const {
+    const bool folded = !full_ && event.size > kFoldedRows * kRowBytes;
+    const uint32_t shown = folded ? (kFoldedRows - 1) * kRowBytes : event.size;
+    const char *color = is_culprit ? "\033[1;31m" : color_of(event.thing);
+    for (uint32_t done = 0; done < shown; done += kRowBytes) {
+      const uint32_t from = event.at + done;
+      const uint32_t size = std::min(kRowBytes, shown - done);
+      const std::string text = meaning_.text(event, from, size);
+      print_row(std::to_string(from), bytes_text(from, size), is_culprit ? text + "  <-- rejected" : text, color);
+    }
+    if (folded) {
+      print_row("...", std::to_string(event.size - shown) + " bytes more", "--full shows them", color);
+    }
+  }
+
+ private:
+  std::string bytes_text(uint32_t from, uint32_t size) const {
+    std::string text;
+    for (uint32_t i = 0; i < size; ++i) {
+      char byte[4];
+      std::snprintf(byte, sizeof byte, i == 0 ? "%02x" : " %02x", buffer_[from + i]);
+      text += byte;
+    }
+    return text;
+  }
+
+  // The meaning is wrapped at blanks, so that no line is wider than a terminal unless a word is.
+  void print_row(const std::string &position, const std::string &bytes, std::string meaning, const char *color) const {
+    constexpr std::size_t kBytesWidth = 3 * kRowBytes;
+    const std::size_t room = kColumns - position_width_ - 2 - kBytesWidth - 1;
+    std::string line(position_width_ - std::min(position.size(), position_width_), ' ');
+    line += position + "  " + bytes;
+    while (!meaning.empty()) {
+      const std::size_t end =
+          meaning.size() <= room ? meaning.size() : std::min(meaning.rfind(' ', room), meaning.size());
+      line.resize(std::max(line.size(), position_width_ + 2 + kBytesWidth), ' ');
+      line += ' ' + meaning.substr(0, end);
+      meaning.erase(0, meaning.find_first_not_of(' ', end));
+      if (!meaning.empty()) print_line(line, color), line.clear();
+    }
+    print_line(line, color);
+  }
+
+  void print_line(const std::string &line, const char *color) const {
+    if (color_) std::cout << color << line << "\033[0m\n";
+    if (!color_) std::cout << line << '\n';
+  }
+
+  const std::vector<uint8_t> &buffer_;
+  const Meaning &meaning_;
+  bool full_;
+  bool color_;
+  std::size_t position_width_;
+};
+
+int annotate(const Options &options) {
+  const drix::describe::Type &type = find_type(options.type);
+  const drix::inspect::JsonStyle style = {read_labels(options.labels), options.ipv6};
+  const std::vector<uint8_t> buffer = read_buffer(options.file, options.hex);
+  ByteMap map(static_cast<uint32_t>(buffer.size()));
+  const Verdict verdict = drix::inspect::walk(type, buffer.data(), static_cast<uint32_t>(buffer.size()), &map);
+  if (!verdict.accepted()) map.add_culprit(verdict);
+  const Meaning meaning(type, buffer.data(), style);
+  const Page page(buffer, meaning, options);
+  for (const Event &event : map.in_order()) {
+    page.print(event, !verdict.accepted() && event.at == verdict.culprit.at && event.thing == verdict.culprit.thing);
+  }
+  return report(verdict, type, buffer, options.file);
+}
+
+}  // namespace
+
+void add_annotate(CLI::App &app, Run &run) {
+  const auto options = std::make_shared<Options>();
+  CLI::App *command = app.add_subcommand("annotate", "Show a buffer byte by byte with the meaning of each");
+  command->add_option("TYPE", options->type, "The message type, like fib6Sync.ipv6Fwd, or its ID, like 0x1234ABCD")
+      ->required();
+  command->add_option("FILE", options->file, "The buffer; - or nothing: standard input");
+  command->add_flag("--hex", options->hex, "The buffer is hexadecimal text, with blanks between pairs of digits");
+  command->add_flag("--ipv6", options->ipv6, "Show every u32[4] as an IPv6 address");
+  command->add_flag("--full", options->full, "Show long arrays whole");
+  command->add_option("--labels", options->labels, "A file that names members and their values")->type_name("FILE");
+  command->add_option("--color", options->color, "auto: on a terminal, unless NO_COLOR is set")
+      ->type_name("auto|always|never")
+      ->check(CLI::IsMember({"auto", "always", "never"}).description(""));
+  command->footer(
+      "Positions are decimal, bytes hexadecimal. In a buffer that the decoder would reject, the word that it\n"
+      "does not take is marked; standard error has position and reason, and the status is 1.\n\n"
+      "Examples:\n"
+      "  quopa annotate fib6Sync.ipv6FwdUpdateMsg message.bin\n"
+      "  echo '{\"f0\":1}' | quopa encode fib6Sync.tlv | quopa annotate fib6Sync.tlv");
+  command->callback([=, &run] { run = [=] { return annotate(*options); }; });
+}
+
+}  // namespace quopa

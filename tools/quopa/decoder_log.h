@@ -1,0 +1,15 @@
+// What the library's own decoder logs about a buffer.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "describe/type.h"
+
+namespace quopa {
+
+// Empty when it accepts the buffer or gives it up silently.
+std::string decoder_log(const drix::describe::Type &type, const std::vector<uint8_t> &buffer);
+
+}  // namespace quopa
