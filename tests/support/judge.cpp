@@ -17,6 +17,7 @@ constexpr uint8_t kPoison = 0xEE;
 
 Outcome outcome;
 reference::Trace trace;
+Observer other_reader = nullptr;
 
 std::string describe(const reference::LogCall &call) {
   return std::to_string(call.code) + " " + call.function + ": " + call.text;
@@ -61,6 +62,7 @@ const uint8_t *Guarded::place_at_start(const uint8_t *bytes, std::size_t size) {
 }
 
 Outcome last_outcome() { return outcome; }
+void also_judge(Observer observer) { other_reader = observer; }
 const reference::Trace &last_trace() { return trace; }
 
 std::string decode(const Subject &subject, const uint8_t *buffer, uint32_t length, std::size_t failing_allocation) {
@@ -80,6 +82,9 @@ std::string decode(const Subject &subject, const uint8_t *buffer, uint32_t lengt
   if (result != type.record_size) faults += "\n  result " + std::to_string(result);
   faults += compare("log calls", fake_platform::logs(), trace.logs);
   faults += compare("allocations", fake_platform::allocations(), trace.allocations);
+  if (other_reader != nullptr && failing_allocation == SIZE_MAX) {
+    faults += other_reader(subject, buffer, length, record.data());
+  }
   if (outcome == Outcome::rejected) {
     if (record != untouched) faults += "\n  the record was touched";
   } else {

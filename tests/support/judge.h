@@ -38,6 +38,11 @@ struct Subject {
 std::string decode(const Subject &subject, const uint8_t *buffer, uint32_t length,
                    std::size_t failing_allocation = SIZE_MAX);
 
+// Another reader of buffers that a program has judged with every decoding in which no allocation fails: it sees the
+// library's record before that is released and returns faults as decode does.
+using Observer = std::string (*)(const Subject &subject, const uint8_t *buffer, uint32_t length, const void *record);
+void also_judge(Observer observer);
+
 // What the last decode was, by the reference: rejected before the record was touched, given up, or complete.
 enum class Outcome { rejected, given_up, complete };
 Outcome last_outcome();
