@@ -5,29 +5,15 @@
 
 namespace drix::inspect {
 
-Coverage::Coverage(uint32_t length) : length_(length) {
+Coverage::Coverage(uint32_t length) : length_(length), words_(few_.data()) {
   const std::size_t words = length / kBits + 1;
-  if (words > few_.size()) {
-    many_.resize(words);
-    words_ = many_.data();
-  } else {
-    std::fill_n(few_.begin(), words, 0);
-    words_ = few_.data();
-  }
+  if (words <= few_.size()) return;
+  many_.resize(words);
+  words_ = many_.data();
 }
 
-void Coverage::mark(uint32_t start, uint32_t end) {
-  if (start == end) return;
-  const uint32_t first = start / kBits;
-  const uint32_t last = (end - 1) / kBits;
-  const uint64_t from_start = ~uint64_t{0} << start % kBits;
-  const uint64_t to_end = ~uint64_t{0} >> (kBits - 1 - (end - 1) % kBits);
-  if (first == last) {
-    words_[first] |= from_start & to_end;
-    return;
-  }
-  words_[first] |= from_start;
-  std::fill(words_ + first + 1, words_ + last, ~uint64_t{0});
+void Coverage::mark_rest(uint32_t first, uint32_t last, uint64_t to_end) {
+  for (; first < last; ++first) words_[first] = ~uint64_t{0};
   words_[last] |= to_end;
 }
 

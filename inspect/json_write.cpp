@@ -28,13 +28,15 @@ bool in_slots(const Event &culprit) {
          culprit.thing == Thing::element_word;
 }
 
-Extent extent_of(const Event &culprit) {
+Extent extent_of(const Verdict &rejection) {
+  const Place &place = rejection.place;
+  const Event &culprit = rejection.culprit;
   const std::size_t slot = in_slots(culprit) ? culprit.slot : 0;
-  if (culprit.place.outer == Place::kNone) {
+  if (place.outer == Place::kNone) {
     return {.root_slots = slot, .elements = culprit.thing == Thing::element_word ? culprit.element : 0};
   }
-  return {.root_slots = culprit.place.outer,
-          .elements = culprit.place.element == Place::kNone ? 0 : culprit.place.element,
+  return {.root_slots = place.outer,
+          .elements = place.element == Place::kNone ? 0 : place.element,
           .inner_slots = slot,
           .has_inner = true};
 }
@@ -160,7 +162,7 @@ std::string address_text(const uint8_t *words) {
 
 void write_json(std::ostream &out, const Type &type, const uint8_t *record, const JsonStyle &style,
                 const Verdict *rejection) {
-  Writer(out, style).write_root(type, record, rejection == nullptr ? Extent() : extent_of(rejection->culprit));
+  Writer(out, style).write_root(type, record, rejection == nullptr ? Extent() : extent_of(*rejection));
 }
 
 }  // namespace drix::inspect

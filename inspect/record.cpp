@@ -31,8 +31,9 @@ void set_number(uint8_t *address, uint32_t width, uint32_t value) {
   if (width == 4) set_member(address, 0, value);
 }
 
-void RecordBuilder::take(std::span<const Event> events) {
-  for (const Event &event : events) take(event);
+void RecordBuilder::take(const Place &place, std::span<const Event> events) {
+  uint8_t *const record = table_record(place);
+  for (const Event &event : events) set(event, *place.type, record);
 }
 
 uint8_t *RecordBuilder::table_record(const Place &place) {
@@ -42,12 +43,11 @@ uint8_t *RecordBuilder::table_record(const Place &place) {
   return member<uint8_t *>(record_.data(), outer.member) + std::size_t{place.element} * place.type->record_size;
 }
 
-void RecordBuilder::take(const Event &event) {
+void RecordBuilder::set(const Event &event, const describe::Type &type, uint8_t *record) {
   const bool wanted = event.thing == Thing::scalar || event.thing == Thing::count || event.thing == Thing::elements ||
                       event.thing == Thing::element_word;
   if (!wanted) return;
-  const Slot &slot = event.place.type->slots[event.slot];
-  uint8_t *const record = table_record(event.place);
+  const Slot &slot = type.slots[event.slot];
   uint8_t *const to = record + slot.member;
   if (event.thing == Thing::scalar) {
     set_number(to, slot.width, event.value);

@@ -57,12 +57,12 @@ class RecordBuilder : public Sink {
  public:
   RecordBuilder(const describe::Type &type, const uint8_t *buffer) : record_(type), buffer_(buffer) {}
 
-  void take(std::span<const Event> events) override;
+  void take(const Place &place, std::span<const Event> events) override;
   Record &record() { return record_; }
 
  private:
-  void take(const Event &event);
   uint8_t *table_record(const Place &place);
+  void set(const Event &event, const describe::Type &type, uint8_t *record);
 
   Record record_;
   const uint8_t *buffer_;

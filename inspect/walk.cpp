@@ -12,40 +12,73 @@ namespace {
 using describe::Slot;
 using describe::Type;
 
-constexpr uint8_t kNoSlot = 0;
+constexpr uint16_t kNoSlot = 0;
 
+// Events are written where the sink will find them: a word is drafted there, and kept once its value is taken.
 class Walk {
  public:
-  Walk(const uint8_t *buffer, uint32_t length, Sink *sink)
-      : buffer_(buffer), length_(length), sink_(sink), coverage_(length) {
-    verdict_.length = length;
-  }
+  Walk(const Type &type, const uint8_t *buffer, uint32_t length, Sink *sink)
+      : buffer_(buffer),
+        length_(length),
+        sink_(sink),
+        coverage_(length),
+        place_{&type, Place::kNone, Place::kNone},
+        verdict_{.reason = Reason::accepted, .place = place_, .culprit = {}, .target = 0, .length = length} {}
 
-  Verdict run(const Type &type) {
-    const Place root = {&type, Place::kNone, Place::kNone};
+  Verdict run() {
     const uint32_t position = load<uint32_t>(buffer_);
-    const Event offset = {root, Thing::root_offset, kNoSlot, 0, kWord, position, 0};
-    if (reach_table(position, offset)) walk_table(root, position);
+    reserve(1);
+    if (reach_table(position, draft(Thing::root_offset, kNoSlot, 0, kWord, position))) walk_table(position);
     const Thing rest = verdict_.accepted() ? Thing::unreferenced : Thing::unreached;
-    coverage_.for_each_gap([&](uint32_t at, uint32_t size) { tell({root, rest, kNoSlot, at, size, 0, 0}); });
+    coverage_.for_each_gap([&](uint32_t at, uint32_t size) {
+      reserve(1);
+      draft(rest, kNoSlot, at, size);
+      ++next_;
+    });
     flush();
     return verdict_;
   }
 
  private:
-  void tell(const Event &event) {
-    coverage_.add(event.at, event.size);
-    if (count_ == pending_.size()) flush();
-    pending_[count_++] = event;
+  static constexpr std::size_t kPending = 256;
+  // Distance, vtable with its entries, unwritten gaps; for each slot an offset word, a count and elements.
+  static constexpr std::size_t kMostOfTable = 6 + 4 * kMaxSlots;
+  static_assert(kMostOfTable <= kPending);
+
+  // Makes room for so many events.
+  void reserve(std::size_t events) {
+    if (pending_.data() + kPending - next_ < static_cast<std::ptrdiff_t>(events)) flush();
   }
 
-  void flush() {
-    if (sink_ != nullptr && count_ > 0) sink_->take({pending_.data(), count_});
-    count_ = 0;
+  Event &draft(Thing thing, std::size_t slot, uint32_t at, uint32_t size, uint32_t value = 0, uint32_t element = 0) {
+    return write(next_, thing, slot, at, size, value, element);
+  }
+
+  static Event &write(Event *to, Thing thing, std::size_t slot, uint32_t at, uint32_t size, uint32_t value = 0,
+                      uint32_t element = 0) {
+    to->thing = thing;
+    to->slot = static_cast<uint16_t>(slot);
+    to->at = at;
+    to->size = size;
+    to->value = value;
+    to->element = element;
+    return *to;
+  }
+
+  // Of the event that was drafted last.
+  void keep(const Event &event) {
+    coverage_.add(event.at, event.size);
+    ++next_;
+  }
+
+  [[gnu::noinline]] void flush() {
+    if (sink_ != nullptr && next_ != pending_.data()) sink_->take(place_, {pending_.data(), next_});
+    next_ = pending_.data();
   }
 
   [[gnu::cold]] bool reject(Reason reason, const Event &culprit, uint64_t target) {
-    verdict_ = {reason, culprit, target, length_};
+    verdict_ = {reason, place_, culprit, target, length_};
+    coverage_.add(culprit.at, culprit.size);
     return false;
   }
 
@@ -55,77 +88,81 @@ class Walk {
   bool reach_table(uint64_t position, const Event &word) {
     if (position > UINT32_MAX) return reject(Reason::offset_wraps, word, position);
     if (position < kWord || position > length_ - kWord) return reject(Reason::table_position, word, position);
-    tell(word);
+    keep(word);
     return true;
   }
 
-  bool walk_table(const Place &place, uint32_t table) {
+  bool walk_table(uint32_t table) {
+    reserve(kMostOfTable);
     const uint32_t distance = load<uint32_t>(buffer_ + table);
     const uint32_t vtable = table - distance;
-    const Event word = {place, Thing::distance, kNoSlot, table, kWord, distance, 0};
+    const Event &word = draft(Thing::distance, kNoSlot, table, kWord, distance);
     if (vtable < kWord || vtable > length_ - kWord) return reject(Reason::vtable_position, word, vtable);
-    tell(word);
+    keep(word);
     const uint32_t size = load<uint16_t>(buffer_ + vtable);
-    const Event vtable_size = {place, Thing::vtable_length, kNoSlot, vtable, 2, size, 0};
+    const Event &vtable_size = draft(Thing::vtable_length, kNoSlot, vtable, 2, size);
     if (!holds(vtable, size)) return reject(Reason::vtable_length, vtable_size, uint64_t{vtable} + size);
-    tell(vtable_size);
-    const uint32_t slots = walk_entries(place, vtable, size);
-    tell_unwritten(place, table, vtable, size);
-    for (uint32_t i = 0; i < slots; ++i) {
-      const uint32_t at = vtable + vtable_length(i);
-      const uint32_t entry = load<uint16_t>(buffer_ + at);
-      if (entry != 0 && !walk_slot({place, Thing::slot_entry, static_cast<uint8_t>(i), at, 2, entry, 0}, table)) {
-        return false;
-      }
+    ++next_;
+    coverage_.add_apart(vtable, std::max(size, uint32_t{2}));
+    const std::size_t slots = tell_entries(vtable, size);
+    tell_unwritten(table, vtable, size);
+    for (std::size_t i = 0; i < slots; ++i) {
+      const uint32_t entry = vtable + vtable_length(i);
+      const uint32_t offset = load<uint16_t>(buffer_ + entry);
+      if (offset != 0 && !walk_slot(i, table, entry, offset)) return false;
     }
     return true;
   }
 
   // Returns how many of the type's slots the vtable reaches.
-  uint32_t walk_entries(const Place &place, uint32_t vtable, uint32_t size) {
-    uint32_t at = 2;
-    uint32_t slots = 0;
+  std::size_t tell_entries(uint32_t vtable, uint32_t size) {
+    Event *to = next_;
+    uint32_t at = vtable + 2;
+    std::size_t slots = 0;
     if (size >= kVtableHeader) {
-      tell({place, Thing::table_size, kNoSlot, vtable + at, 2, load<uint16_t>(buffer_ + vtable + at), 0});
+      slots = std::min<std::size_t>((size - kVtableHeader) / 2, place_.type->slots.size());
+      write(to++, Thing::table_size, kNoSlot, at, 2, load<uint16_t>(buffer_ + at));
       at += 2;
-      slots = std::min((size - at) / 2, static_cast<uint32_t>(place.type->slots.size()));
     }
-    for (uint32_t i = 0; i < slots; ++i, at += 2) {
-      tell({place, Thing::slot_entry, static_cast<uint8_t>(i), vtable + at, 2, load<uint16_t>(buffer_ + vtable + at),
-            0});
+    for (std::size_t i = 0; i < slots; ++i, at += 2) {
+      write(to++, Thing::slot_entry, i, at, 2, load<uint16_t>(buffer_ + at));
     }
-    if (size > at) tell({place, Thing::more_entries, kNoSlot, vtable + at, size - at, 0, 0});
+    if (at < vtable + size) write(to++, Thing::more_entries, kNoSlot, at, vtable + size - at);
+    next_ = to;
     return slots;
   }
 
   // A table that stands before its vtable as the fixed layout puts it has a gap between and one behind.
-  void tell_unwritten(const Place &place, uint32_t table, uint32_t vtable, uint32_t vtable_size) {
-    const Type &type = *place.type;
-    const uint64_t table_end = uint64_t{table} + type.fixed_table_size;
-    if (!type.is_fixed() || vtable != round_up(type.fixed_table_size, 4) + table) return;
+  void tell_unwritten(uint32_t table, uint32_t vtable, uint32_t vtable_size) {
+    const Type &type = *place_.type;
+    if (!type.is_fixed() || vtable != table + round_up(type.fixed_table_size, 4)) return;
     if (vtable_size != vtable_length(type.slots.size())) return;
-    const uint32_t end = std::min(table - kWord + type.fixed_length, length_);
-    tell_gap(place, static_cast<uint32_t>(table_end), vtable);
-    tell_gap(place, vtable + vtable_size, end);
+    tell_gap(table + type.fixed_table_size, vtable);
+    tell_gap(vtable + vtable_size, std::min(table - kWord + type.fixed_length, length_));
   }
 
-  void tell_gap(const Place &place, uint32_t from, uint32_t to) {
-    if (from < to) tell({place, Thing::unwritten, kNoSlot, from, to - from, 0, 0});
+  void tell_gap(uint32_t from, uint32_t to) {
+    if (from >= to) return;
+    draft(Thing::unwritten, kNoSlot, from, to - from);
+    ++next_;
+    coverage_.add_apart(from, to - from);
   }
 
-  bool walk_slot(const Event &entry, uint32_t table) {
-    const Slot &slot = entry.place.type->slots[entry.slot];
-    const uint64_t at = uint64_t{table} + entry.value;
+  // entry is where the slot's vtable entry stands, offset what it says.
+  bool walk_slot(std::size_t index, uint32_t table, uint32_t entry, uint32_t offset) {
+    const Slot &slot = place_.type->slots[index];
+    const uint64_t target = uint64_t{table} + offset;
     const uint32_t size = slot.kind == Kind::scalar ? slot.width : kWord;
-    if (!holds(at, size)) return reject(Reason::slot_past_end, entry, at);
-    const auto position = static_cast<uint32_t>(at);
+    if (!holds(target, size)) {
+      return reject(Reason::slot_past_end, draft(Thing::slot_entry, index, entry, 2, offset), target);
+    }
+    const auto at = static_cast<uint32_t>(target);
     if (slot.kind == Kind::scalar) {
-      tell({entry.place, Thing::scalar, entry.slot, position, size, load_scalar(position, size), 0});
+      keep(draft(Thing::scalar, index, at, size, load_scalar(at, size)));
       return true;
     }
-    const Event word = {
-        entry.place, Thing::offset_word, entry.slot, position, size, load<uint32_t>(buffer_ + position), 0};
-    if (slot.kind == Kind::table) return walk_inner(word, {slot.inner, entry.slot, Place::kNone});
+    const Event &word = draft(Thing::offset_word, index, at, size, load<uint32_t>(buffer_ + at));
+    if (slot.kind == Kind::table) return walk_inner(word, {slot.inner, static_cast<uint32_t>(index), Place::kNone});
     return walk_counted(slot, word);
   }
 
@@ -137,7 +174,14 @@ class Walk {
 
   bool walk_inner(const Event &word, const Place &inner) {
     const uint64_t position = uint64_t{word.at} + word.value;
-    return reach_table(position, word) && walk_table(inner, static_cast<uint32_t>(position));
+    if (!reach_table(position, word)) return false;
+    flush();
+    const Place outer = place_;
+    place_ = inner;
+    const bool good = walk_table(static_cast<uint32_t>(position));
+    flush();
+    place_ = outer;
+    return good;
   }
 
   // An array, byte string or vector.
@@ -145,28 +189,30 @@ class Walk {
     const uint64_t target = uint64_t{word.at} + word.value;
     if (target > UINT32_MAX) return reject(Reason::offset_wraps, word, target);
     if (!holds(target, kWord)) return reject(Reason::count_past_end, word, target);
-    tell(word);
+    keep(word);
     const auto at = static_cast<uint32_t>(target);
-    const Event count = {word.place, Thing::count, word.slot, at, kWord, load<uint32_t>(buffer_ + at), 0};
-    if (slot.kind == Kind::array && count.value != slot.elements) return reject(Reason::wrong_count, count, 0);
+    const uint32_t elements = load<uint32_t>(buffer_ + at);
+    const Event &count = draft(Thing::count, word.slot, at, kWord, elements);
+    if (slot.kind == Kind::array && elements != slot.elements) return reject(Reason::wrong_count, count, 0);
     const uint32_t width = slot.kind == Kind::array ? slot.width : slot.kind == Kind::bytes ? 1 : kWord;
-    const uint64_t size = uint64_t{count.value} * width;
-    if (!holds(target + kWord, size)) return reject(Reason::elements_past_end, count, target + kWord + size);
-    tell(count);
+    const uint64_t end = target + kWord + uint64_t{elements} * width;
+    if (end > length_) return reject(Reason::elements_past_end, count, end);
+    keep(count);
     if (slot.kind == Kind::vector) return walk_elements(*slot.inner, count);
-    if (size > 0) {
-      tell({word.place, Thing::elements, word.slot, at + kWord, static_cast<uint32_t>(size), 0, 0});
-    }
+    if (elements > 0) keep(draft(Thing::elements, word.slot, at + kWord, elements * width));
     return true;
   }
 
   bool walk_elements(const Type &inner, const Event &count) {
-    const uint64_t memory = uint64_t{count.value} * inner.record_size;
+    const uint32_t elements = count.value;
+    const uint32_t slot = count.slot;
+    const uint64_t memory = uint64_t{elements} * inner.record_size;
     if (memory > UINT32_MAX) return reject(Reason::too_many_elements, count, memory);
-    for (uint32_t i = 0; i < count.value; ++i) {
-      const uint32_t at = count.at + kWord + kWord * i;
-      const Event word = {count.place, Thing::element_word, count.slot, at, kWord, load<uint32_t>(buffer_ + at), i};
-      if (!walk_inner(word, {&inner, count.slot, i})) return false;
+    uint32_t at = count.at + kWord;
+    for (uint32_t i = 0; i < elements; ++i, at += kWord) {
+      reserve(1);
+      const Event &word = draft(Thing::element_word, slot, at, kWord, load<uint32_t>(buffer_ + at), i);
+      if (!walk_inner(word, {&inner, slot, i})) return false;
     }
     return true;
   }
@@ -175,24 +221,25 @@ class Walk {
   uint32_t length_;
   Sink *sink_;
   Coverage coverage_;
-  Verdict verdict_ = {};
-  std::size_t count_ = 0;
-  std::array<Event, 128> pending_;
+  Place place_;
+  Verdict verdict_;
+  std::array<Event, kPending> pending_;
+  Event *next_ = pending_.data();
 };
 
-std::string whose(const Event &culprit) {
-  const std::string path = path_of(culprit.place);
+std::string whose(const Place &place) {
+  const std::string path = path_of(place);
   return path.empty() ? "the root table" : path;
 }
 
 }  // namespace
 
 Verdict walk(const Type &type, const uint8_t *buffer, uint32_t length, Sink *sink) {
-  if (length >= kWord && length <= INT32_MAX) return Walk(buffer, length, sink).run(type);
+  if (length >= kWord && length <= INT32_MAX) return Walk(type, buffer, length, sink).run();
   const Place root = {&type, Place::kNone, Place::kNone};
-  const Event whole = {root, Thing::unreached, kNoSlot, 0, length, 0, 0};
-  if (sink != nullptr && length > 0) sink->take({&whole, 1});
-  return {Reason::length, whole, length, length};
+  const Event whole = {Thing::unreached, kNoSlot, 0, length, 0, 0};
+  if (sink != nullptr && length > 0) sink->take(root, {&whole, 1});
+  return {Reason::length, root, whole, length, length};
 }
 
 std::string path_of(const Place &place) {
@@ -211,7 +258,7 @@ std::string explain(const Verdict &verdict) {
   const Event &culprit = verdict.culprit;
   const std::string target = std::to_string(verdict.target);
   const std::string value = std::to_string(culprit.value);
-  const std::string field = path_of(culprit.place, culprit.slot);
+  const std::string field = path_of(verdict.place, culprit.slot);
   const std::string length = std::to_string(verdict.length);
   const std::string past_end = ", which reaches past the end at " + length;
   switch (verdict.reason) {
@@ -224,9 +271,9 @@ std::string explain(const Verdict &verdict) {
       if (culprit.thing == Thing::offset_word) return field + " leads to a table at " + target + past_end;
       return field + '[' + std::to_string(culprit.element) + "] leads to a table at " + target + past_end;
     case Reason::vtable_position:
-      return "the distance of " + whose(culprit) + " puts its vtable at " + target + ", where none fits";
+      return "the distance of " + whose(verdict.place) + " puts its vtable at " + target + ", where none fits";
     case Reason::vtable_length:
-      return "the vtable of " + whose(culprit) + " has " + value + " bytes and would end at " + target +
+      return "the vtable of " + whose(verdict.place) + " has " + value + " bytes and would end at " + target +
              ", past the end at " + length;
     case Reason::slot_past_end:
       return field + " would be at " + target + past_end;
@@ -236,7 +283,7 @@ std::string explain(const Verdict &verdict) {
       return field + " leads to a count at " + target + past_end;
     case Reason::wrong_count:
       return field + " has " + value + " elements and is to have " +
-             std::to_string(culprit.place.type->slots[culprit.slot].elements);
+             std::to_string(verdict.place.type->slots[culprit.slot].elements);
     case Reason::elements_past_end:
       return field + " has a count of " + value + " and would end at " + target + ", past the end at " + length;
     case Reason::too_many_elements:

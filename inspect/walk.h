@@ -40,9 +40,8 @@ enum class Thing : uint8_t {
 };
 
 struct Event {
-  Place place;
   Thing thing;
-  uint8_t slot;      // of the place's type, where the thing belongs to one
+  uint16_t slot;     // of the table's type, where the thing belongs to one
   uint32_t at;       // position in the buffer
   uint32_t size;     // bytes
   uint32_t value;    // of a thing that is one number
@@ -68,7 +67,8 @@ enum class Reason : uint8_t {
 
 struct Verdict {
   Reason reason;
-  Event culprit;    // the word whose value the decoder did not take, and where it belongs
+  Place place;      // the table to which the culprit belongs
+  Event culprit;    // the word whose value the decoder did not take
   uint64_t target;  // what that word leads to
   uint32_t length;  // of the buffer
 
@@ -76,12 +76,12 @@ struct Verdict {
   bool logged() const { return !accepted() && reason <= Reason::vtable_length; }
 };
 
-// Takes events, several at a time. They come in the order of the decoder's reading: a table's distance and vtable, then
-// its slots. Words that were not taken make no event, they are the verdict's culprit. The bytes that no event accounts
-// for come last.
+// Takes events of one table, several at a time. They come in the order of the decoder's reading: a table's distance and
+// vtable, then its slots. The word that is not taken makes no event, unless the decoder reads it twice; it is the
+// verdict's culprit. The bytes that are neither told then nor the culprit's come last, as the root's.
 class Sink {
  public:
-  virtual void take(std::span<const Event> events) = 0;
+  virtual void take(const Place &place, std::span<const Event> events) = 0;
 
  protected:
   ~Sink() = default;

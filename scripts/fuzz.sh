@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Fuzzes decoders and encoders of all packages with libFuzzer under AddressSanitizer and UndefinedBehaviorSanitizer,
-# starting from good images and the regressions. Corpora are kept and findings put under build/fuzz/. Prints executions,
+# Fuzzes decoders and encoders of all packages and what quopa reads with libFuzzer under AddressSanitizer and
+# UndefinedBehaviorSanitizer, starting from good images and the regressions. Corpora are kept and findings put under build/fuzz/. Prints executions,
 # coverage (edges of library and reference together) and findings of each target; fails if there are findings.
 #
 # Usage: scripts/fuzz.sh [SECONDS]   (default 60, shared evenly by the targets)
@@ -9,7 +9,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 . scripts/lib/script.sh
 . scripts/lib/packages.sh
 
-targets=(decode_fib6_cfg decode_korBrokerFib6 decode_fib6Sync round_trip)
+targets=(decode_fib6_cfg decode_korBrokerFib6 decode_fib6Sync round_trip quopa_text)
 total=60
 if [[ ${1:-} =~ ^[0-9]+$ ]]; then
   total=$1

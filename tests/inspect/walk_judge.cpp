@@ -17,15 +17,17 @@ class Told : public drix::inspect::Sink {
   Told(const drix::describe::Type &type, const uint8_t *buffer, uint32_t length)
       : builder(type, buffer), bytes_(length) {}
 
-  void take(std::span<const Event> events) override {
-    for (const Event &event : events) {
-      if (event.size == 0 || uint64_t{event.at} + event.size > bytes_.size()) outside_ = true;
-      if (!outside_) std::fill_n(bytes_.begin() + event.at, event.size, true);
-    }
-    if (!outside_) builder.take(events);
+  void take(const drix::inspect::Place &place, std::span<const Event> events) override {
+    for (const Event &event : events) add(event);
+    if (!outside_) builder.take(place, events);
   }
 
-  bool all_once() const { return !outside_ && std::find(bytes_.begin(), bytes_.end(), false) == bytes_.end(); }
+  void add(const Event &event) {
+    outside_ = outside_ || event.size == 0 || uint64_t{event.at} + event.size > bytes_.size();
+    if (!outside_) std::fill_n(bytes_.begin() + event.at, event.size, true);
+  }
+
+  bool all() const { return !outside_ && std::find(bytes_.begin(), bytes_.end(), false) == bytes_.end(); }
 
   drix::inspect::RecordBuilder builder;
 
@@ -77,8 +79,8 @@ std::string judge_walk(const judge::Subject &subject, const uint8_t *buffer, uin
   if (verdict.logged() == log.empty() || expected_log(verdict) != log) {
     faults += "\n  the walk has no reason for the log: " + explain(verdict);
   }
-  if (uint64_t{verdict.culprit.at} + verdict.culprit.size > length) faults += "\n  the walk blames what is not there";
-  if (!told.all_once()) faults += "\n  the walk tells of bytes that are not there, or not of all";
+  if (!verdict.accepted() && length > 0) told.add(verdict.culprit);
+  if (!told.all()) faults += "\n  the walk tells of bytes that are not there, or not of all";
   if (outcome == judge::Outcome::rejected) return faults;
   uint8_t *const built = told.builder.record().data();
   if (outcome == judge::Outcome::given_up) forget_blocks(*subject.type, built);

@@ -63,14 +63,15 @@ class Page {
         color_(wants_color(options.color)),
         position_width_(std::max<std::size_t>(4, std::to_string(buffer.size()).size())) {}
 
-  void print(const Event &event, bool is_culprit) const {
+  void print(const Entry &entry, bool is_culprit) const {
+    const Event &event = entry.event;
     const bool folded = !full_ && event.size > kFoldedRows * kRowBytes;
     const uint32_t shown = folded ? (kFoldedRows - 1) * kRowBytes : event.size;
     const char *color = is_culprit ? "\033[1;31m" : color_of(event.thing);
     for (uint32_t done = 0; done < shown; done += kRowBytes) {
       const uint32_t from = event.at + done;
       const uint32_t size = std::min(kRowBytes, shown - done);
-      const std::string text = meaning_.text(event, from, size);
+      const std::string text = meaning_.text(entry, from, size);
       print_row(std::to_string(from), bytes_text(from, size), is_culprit ? text + "  <-- rejected" : text, color);
     }
     if (folded) {
@@ -127,8 +128,9 @@ int annotate(const Options &options) {
   if (!verdict.accepted()) map.add_culprit(verdict);
   const Meaning meaning(type, buffer.data(), style);
   const Page page(buffer, meaning, options);
-  for (const Event &event : map.in_order()) {
-    page.print(event, !verdict.accepted() && event.at == verdict.culprit.at && event.thing == verdict.culprit.thing);
+  for (const Entry &entry : map.in_order()) {
+    const Event &event = entry.event;
+    page.print(entry, !verdict.accepted() && event.at == verdict.culprit.at && event.thing == verdict.culprit.thing);
   }
   return report(verdict, type, buffer, options.file);
 }

@@ -6,28 +6,29 @@ namespace quopa {
 
 using drix::inspect::Event;
 
-void ByteMap::take(std::span<const Event> events) {
+void ByteMap::take(const drix::inspect::Place &place, std::span<const Event> events) {
   for (const Event &event : events) {
     const auto first = taken_.begin() + event.at;
     const auto last = first + event.size;
     if (std::find(first, last, false) == last) continue;
     std::fill(first, last, true);
-    kept_.push_back(event);
+    kept_.push_back({place, event});
   }
 }
 
 void ByteMap::add_culprit(const drix::inspect::Verdict &verdict) {
   const Event &culprit = verdict.culprit;
-  const bool is_there = std::any_of(kept_.begin(), kept_.end(), [&](const Event &event) {
-    return event.at == culprit.at && event.thing == culprit.thing;
+  const bool is_there = std::any_of(kept_.begin(), kept_.end(), [&](const Entry &entry) {
+    return entry.event.at == culprit.at && entry.event.thing == culprit.thing;
   });
-  if (!is_there && culprit.thing != drix::inspect::Thing::unreached) kept_.push_back(culprit);
+  if (!is_there && culprit.thing != drix::inspect::Thing::unreached) kept_.push_back({verdict.place, culprit});
 }
 
-std::vector<Event> ByteMap::in_order() const {
-  std::vector<Event> events = kept_;
-  std::stable_sort(events.begin(), events.end(), [](const Event &a, const Event &b) { return a.at < b.at; });
-  return events;
+std::vector<Entry> ByteMap::in_order() const {
+  std::vector<Entry> entries = kept_;
+  std::stable_sort(entries.begin(), entries.end(),
+                   [](const Entry &a, const Entry &b) { return a.event.at < b.event.at; });
+  return entries;
 }
 
 }  // namespace quopa

@@ -1,4 +1,4 @@
-// The events of a walk in the order of their bytes, each byte told once.
+// The things of a buffer in the order of their bytes, each byte told once.
 #pragma once
 
 #include <cstdint>
@@ -8,21 +8,26 @@
 
 namespace quopa {
 
+struct Entry {
+  drix::inspect::Place place;
+  drix::inspect::Event event;
+};
+
 // Keeps the first event for a byte: what elements share is told once, so the map is bounded by the buffer.
 class ByteMap : public drix::inspect::Sink {
  public:
   explicit ByteMap(uint32_t length) : taken_(length) {}
 
-  void take(std::span<const drix::inspect::Event> events) override;
+  void take(const drix::inspect::Place &place, std::span<const drix::inspect::Event> events) override;
 
   // Adds the word that was not taken, unless it is there.
   void add_culprit(const drix::inspect::Verdict &verdict);
 
-  std::vector<drix::inspect::Event> in_order() const;
+  std::vector<Entry> in_order() const;
 
  private:
   std::vector<bool> taken_;
-  std::vector<drix::inspect::Event> kept_;
+  std::vector<Entry> kept_;
 };
 
 }  // namespace quopa

@@ -58,9 +58,10 @@ std::string Meaning::slot_name(const Place &place, uint32_t slot) const {
   return (table.empty() ? table : table + '.') + style_.labels.name(*place.type, slot);
 }
 
-std::string Meaning::text(const Event &event, uint32_t from, uint32_t size) const {
+std::string Meaning::text(const Entry &entry, uint32_t from, uint32_t size) const {
+  const auto &[place, event] = entry;
   if (from > event.at && event.thing != Thing::elements) return {};
-  const std::string table = table_name(event.place);
+  const std::string table = table_name(place);
   const std::string of_table = table.empty() ? "" : " of " + table;
   switch (event.thing) {
     case Thing::root_offset:
@@ -72,23 +73,23 @@ std::string Meaning::text(const Event &event, uint32_t from, uint32_t size) cons
     case Thing::table_size:
       return "table" + of_table + ": " + std::to_string(event.value) + " bytes";
     case Thing::slot_entry:
-      return slot_name(event.place, event.slot) +
+      return slot_name(place, event.slot) +
              (event.value == 0 ? " is absent" : " is at table + " + std::to_string(event.value));
     case Thing::more_entries:
       return "vtable" + of_table + ": entries of slots unknown here";
     case Thing::scalar:
-      return slot_name(event.place, event.slot) + " = " +
-             number_text(event.value, style_.labels.find(*event.place.type, event.slot));
+      return slot_name(place, event.slot) + " = " +
+             number_text(event.value, style_.labels.find(*place.type, event.slot));
     case Thing::offset_word:
-      return slot_name(event.place, event.slot) + ": " + offset_text(event);
+      return slot_name(place, event.slot) + ": " + offset_text(event);
     case Thing::count:
-      return slot_name(event.place, event.slot) +
-             (event.place.type->slots[event.slot].kind == Kind::bytes ? ": length " : ": count ") +
+      return slot_name(place, event.slot) +
+             (place.type->slots[event.slot].kind == Kind::bytes ? ": length " : ": count ") +
              std::to_string(event.value);
     case Thing::elements:
-      return elements_text(event, from, size);
+      return elements_text(entry, from, size);
     case Thing::element_word:
-      return slot_name(event.place, event.slot) + '[' + std::to_string(event.element) + "]: " + offset_text(event);
+      return slot_name(place, event.slot) + '[' + std::to_string(event.element) + "]: " + offset_text(event);
     case Thing::unwritten:
       return "left unwritten by the fixed layout";
     case Thing::unreferenced:
@@ -99,14 +100,15 @@ std::string Meaning::text(const Event &event, uint32_t from, uint32_t size) cons
   return "not read";
 }
 
-std::string Meaning::elements_text(const Event &event, uint32_t from, uint32_t size) const {
-  const Slot &slot = event.place.type->slots[event.slot];
-  const std::string name = slot_name(event.place, event.slot);
+std::string Meaning::elements_text(const Entry &entry, uint32_t from, uint32_t size) const {
+  const auto &[place, event] = entry;
+  const Slot &slot = place.type->slots[event.slot];
+  const std::string name = slot_name(place, event.slot);
   if (slot.kind == Kind::bytes || slot.width == 1) {
     const std::string text = characters(buffer_ + from, size);
-    return from > event.at ? text : name + (text.empty() ? "" : " = " + text);
+    return from > event.at ? text : name + (text.empty() ? ": bytes" : " = " + text);
   }
-  const Label *label = style_.labels.find(*event.place.type, event.slot);
+  const Label *label = style_.labels.find(*place.type, event.slot);
   if (slot.elements == 4 && (style_.ipv6 || (label != nullptr && label->ipv6))) {
     if (from > event.at) return {};
     uint8_t words[16];

@@ -6,6 +6,7 @@
 
 #include "inspect/json.h"
 #include "inspect/walk.h"
+#include "tools/quopa/byte_map.h"
 
 namespace quopa {
 
@@ -14,13 +15,13 @@ class Meaning {
   Meaning(const drix::describe::Type &root, const uint8_t *buffer, const drix::inspect::JsonStyle &style)
       : root_(root), buffer_(buffer), style_(style) {}
 
-  // Of the event's bytes from the given one on, for a row of the map.
-  std::string text(const drix::inspect::Event &event, uint32_t from, uint32_t size) const;
+  // Of the entry's bytes from the given one on, for a row of the map.
+  std::string text(const Entry &entry, uint32_t from, uint32_t size) const;
 
  private:
   std::string table_name(const drix::inspect::Place &place) const;
   std::string slot_name(const drix::inspect::Place &place, uint32_t slot) const;
-  std::string elements_text(const drix::inspect::Event &event, uint32_t from, uint32_t size) const;
+  std::string elements_text(const Entry &entry, uint32_t from, uint32_t size) const;
 
   const drix::describe::Type &root_;
   const uint8_t *buffer_;

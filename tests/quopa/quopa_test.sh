@@ -1,0 +1,127 @@
+#!/usr/bin/env bash
+# Runs quopa as a user does, a line a case: quopa_test.sh QUOPA [ARGUMENT OF AN EMULATOR]...
+set -uo pipefail
+quopa=("$@")
+project=$(realpath "$(dirname "$0")/../..")
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work" || exit 1
+failures=0
+
+complain() {
+  echo "FAILED: $*"
+  failures=$((failures + 1))
+}
+
+# expect STATUS OUTPUT ERRORS INPUT ARGUMENT...: a line that matches in standard output and the only line of standard
+# error; an empty pattern stands for no output at all, * for any. INPUT may have escapes as for printf.
+expect() {
+  local status=$1 output=$2 errors=$3 input=$4 got=0
+  shift 4
+  printf '%b' "$input" | timeout 60 "${quopa[@]}" "$@" >output 2>errors || got=$?
+  if [ $got -ne "$status" ] || ! matches "$output" output || ! matches "$errors" errors; then
+    complain "quopa $* (status $got)"
+    tail -n 5 output errors
+  fi
+}
+matches() {
+  case $1 in
+    '') [ ! -s "$2" ] ;;
+    '*') true ;;
+    *) grep -qE -- "$1" "$2" && { [ "$2" = output ] || grep -qvE '^quopa: ' "$2" || [ "$(wc -l <"$2")" -eq 1 ]; } ;;
+  esac
+}
+
+param=fib6_cfg.query_comm_param key=fib6Sync.ipv6FwdKey msg=fib6Sync.ipv6FwdUpdateMsg query=fib6_cfg.query_fib6_rec
+good='0e000000 0a00 1300 0400 0000 0800\n0a000000 01000000 04000000 03000000 616263\n'
+routes=$project/examples/routes.labels
+
+# Good input.
+expect 0 '^\{"f0":1,"f1":0,"f2":"616263"\}$' '' "$good" decode $param --hex
+expect 0 '^\{"f0":1,' '' "$good" decode 0xCC4E6BC6 - --hex
+expect 0 '^\{"f0":1,' '' "$good" decode fib6_cfg_query_comm_param --hex
+expect 0 '^ +30  61 62 63                 f2 = "abc"$' '' "$good" annotate $param --hex
+expect 0 "^$(printf '%b' "$good" | tr -d ' \n')\$" '' '{"f0":1,"f2":[97,98,99]}' encode $param --hex
+expect 0 '^04000000f4ffffff0700000000000000080' '' '{"f0":7}' encode fib6Sync.tlv --hex
+expect 0 '^0c000000080008000400000008000000070' '' '{"f0":7}' encode fib6Sync.tlv --hex --layout compact
+expect 0 '"f2":"2001:db8::1","f3":64,"f4":"0a0b0c"' '' \
+  "$(printf '%s' '{"f2":"2001:db8::1","f3":64,"f4":"0A0B0c"}' | "${quopa[@]}" encode $key --hex)" decode $key --hex --ipv6
+"${quopa[@]}" encode $msg -o route --labels "$routes" \
+  <<<'{"header":{"kind":"route"},"route":{"flags":"UG","destination":"::1","f4":128}}'
+expect 0 '"kind":"route".*"flags":"UG","destination":"::1","prefix_length":128' '' '' decode $msg route --labels "$routes"
+expect 0 '^ +48 .* route.flags = UG \(0x3\)$' '' '' annotate $msg route --labels "$routes" --color never
+expect 0 $'\033\\[32m +48 ' '' '' annotate $msg route --color always
+expect 0 '^ +\.\.\.  232 bytes more +--full shows them$' '' "$(printf '{"f2":"%0512d"}' 0 |
+  "${quopa[@]}" encode $param --hex)" annotate $param --hex
+expect 0 '^fib6Sync.tlv, message ID 0x' '' '' types fib6Sync.tlv
+expect 0 '^\{"type":"fib6_cfg.query_comm_param".*"record_size":\[16,24\]' '' '' types fib6_cfg --json
+expect 0 '^100 types, no difference$' '' '' types --check "$project/describe/baseline.schema"
+"${quopa[@]}" types --schema | cmp - "$project/describe/baseline.schema" || complain 'describe/baseline.schema is not what the types are'
+expect 0 '^quopa [0-9.]+$' '' '' --version
+for command in types decode encode annotate; do expect 0 '^Examples:$' '' '' $command --help; done
+
+# What the shells ask.
+expect 0 '^fib6Sync.ipv6FwdDelMsg$' '' '' __complete decode fib6Sync.ipv6
+expect 0 '^annotate$' '' '' __complete ''
+expect 0 '^fixed$' '' '' __complete encode $param --layout ''
+expect 0 '^--labels$' '' '' __complete encode $param --la
+expect 0 '' '' '' __complete decode $param ''
+
+# Rejected buffers: what was decoded before, the decoder's line if it has one, position and reason.
+reject() { expect 1 "$1" "$2" "${good/$3/$4}" "${@:5}" $param --hex; }
+reject '^\{\}$' '^\[QUOPA\]:Table offset\(2\) is out of range\(4 - 33\) \(fib6_cfg_query_comm_param_unpack' 0e0 020 decode
+reject '^\{\}$' 'input: rejected at 0: the root offset leads to 2, where no table fits$' 0e0 020 decode
+reject '^\{\}$' 'rejected at 14: the distance of the root table puts its vtable at 4294967055, ' 0a000000 ff000000 decode
+reject '^\{"f0":1,"f1":0\}$' 'at 26: f2 has a count of 4 and would end at 34, past the end at 33 \(not logged\)$' 03000000 04000000 decode
+reject '^ +26  04 00 00 00 +f2: length 4  <-- rejected$' '^quopa: standard input: rejected at 26' 03000000 04000000 annotate
+expect 1 '^\{\}$' 'a buffer has 4 to 2147483647 bytes, not 0' '' decode $param
+expect 1 ',"f43":\[0,0,0,0\]\}\]\}$' 'rejected at 920: f1\[1\].f44 has a count of 4 and .*\(not logged\)$' \
+  "$(printf '{"f1":[{},{"f45":1}]}' | "${quopa[@]}" encode $query --hex | sed 's/..$//')" decode $query --hex
+
+# Bad input: one line, with the place.
+for case in '{"f9":1}|f9: fib6Sync.ipv6FwdKey has no such member' \
+  '{"f3":256}|f3: a whole number from 0 to 255 is wanted, not 256' '{"f3":-1}|f3: a whole' '{"f3":1.5}|f3: a whole' \
+  '{"f0":"x"}|f0: a whole' '{"f2":[1,2]}|f2: 4 elements are wanted, not 2' '{"f2":[1,2,3,-4]}|f2\[3\]: a whole' \
+  '{"f2":"fe80::%1"}|f2: "fe80::%1" is no IPv6 address' '{"f4":"0a0b"}|f4: 3 bytes are wanted, not 2' \
+  '{"f4":"0a0b0"}|f4: "0a0b0" is not pairs' '{"f2":1}|f2: an IPv6 address or an array' '[]|the record: an object is' \
+  '{"f0":1,"f0":2}|"f0": given twice' '{"f0":1,\n"f1" 2}|parse error at line 2, column ' '[[[[[|the record: nested too deep' \
+  '{"f0":1}}|parse error at line 1, column 9' '\0377|parse error'; do
+  expect 1 '' "^quopa: standard input: ${case#*|}" "${case%%|*}" encode $key --hex
+done
+expect 1 '' 'input: f1\[1\].f45: a whole number' '{"f1":[{},{"f45":true}]}' encode $query --hex
+expect 1 '' 'input: route.flags: "UX" has a letter without a label$' '{"route":{"flags":"UX"}}' encode $msg --hex --labels "$routes"
+expect 1 '' 'input: f1.flags: given twice, as f2 and by label$' '{"f1":{"flags":"U","f2":1}}' encode $msg --hex --labels "$routes"
+expect 1 '' '^quopa: standard input:2:3: pairs of hexadecimal digits are wanted$' '00\n00x' decode $param --hex
+expect 1 '' 'the last pair of hexadecimal digits is cut off$' '000' decode $param --hex
+expect 1 '' '^quopa: missing: No such file or directory$' '' decode $param missing
+expect 1 '' '^quopa: /dev/zero: longer than 16 MiB$' '' annotate $param /dev/zero
+for case in 'f0 = a|1: a section' '[no.such]|1: no type "no.such"' "[$key]\nf5 = a|2: fib6Sync.ipv6FwdKey has no member \"f5\"" \
+  "[$key]\n# c\nf0 = a ipv6|3: ipv6 is for u32\[4\], and f0 is u32" "[$key]\nf2 = a enum x=1|2: enum is for scalars" \
+  "[$key]\nf3 = a enum x=256|2: \"256\" is not a number from 0 to 255" "[$key]\nf0 = f1|2: \"f1\" would be taken" \
+  "[$key]\nf0 = a\nf1 = a|3: \"a\" is a member already" "[$key]\nf0 = a flags UG=1|2: \"UG=1\" is not LETTER=NUMBER" \
+  "[$key]\nf0 = a enum x=1 y=1|2: \"y=1\" is there already" "[$key]\nf0 = a\nf0 = b|3: f0 has a label already"; do
+  printf '%b' "${case%%|*}" >bad.labels
+  expect 1 '' "^quopa: bad.labels:${case#*|}" '' decode $key --labels bad.labels
+done
+sed 's/ u8@24 / u16@24 /' "$project/describe/baseline.schema" >old.schema
+expect 1 '^fib6Sync.ipv6FwdKey slot 3: u16 became u8: wire incompatible: peers read a wrong value$' '' '' types --check old.schema
+expect 1 '' '^quopa: standard input:1: "# quopa schema 1" is wanted$' 'x' types --check -
+expect 1 '' '^quopa: output/none: ' '{}' encode $param -o output/none
+
+# Wrong usage.
+expect 2 '' '^quopa: A subcommand is required$' ''
+expect 2 '' '^quopa: no type "tlv"; "quopa types" lists them$' '' decode tlv
+expect 2 '' '^quopa: fib6_cfg.query_comm_param has variable length, so there is no fixed layout' '{}' encode $param --hex --layout fixed
+expect 2 '' '^quopa: .*--layout' '' encode $param --layout other
+expect 2 '' '^quopa: no package or type "nothing"' '' types nothing
+expect 2 '' '^quopa: .*excludes' '' types --json --schema
+
+# A closed pipe ends it quietly, a full disk does not; nothing is wider than a terminal; no type is left out.
+"${quopa[@]}" types --schema 2>errors | head -n 1 >output
+[ ! -s errors ] || complain 'a closed pipe is not quiet'
+"${quopa[@]}" types >/dev/full 2>errors && complain 'a full disk is not noticed'
+for type in $("${quopa[@]}" types | tail -n +2 | cut -d' ' -f1); do
+  "${quopa[@]}" encode "$type" <<<'{}' | "${quopa[@]}" annotate "$type" | grep -E '.{81}' && complain "$type: wide lines"
+done
+
+exit $((failures > 0))
