@@ -106,12 +106,7 @@ class Walk {
     coverage_.add_apart(vtable, std::max(size, uint32_t{2}));
     const std::size_t slots = tell_entries(vtable, size);
     tell_unwritten(table, vtable, size);
-    for (std::size_t i = 0; i < slots; ++i) {
-      const uint32_t entry = vtable + vtable_length(i);
-      const uint32_t offset = load<uint16_t>(buffer_ + entry);
-      if (offset != 0 && !walk_slot(i, table, entry, offset)) return false;
-    }
-    return true;
+    return walk_slots(table, vtable, slots);
   }
 
   // Returns how many of the type's slots the vtable reaches.
@@ -148,21 +143,34 @@ class Walk {
     coverage_.add_apart(from, to - from);
   }
 
-  // entry is where the slot's vtable entry stands, offset what it says.
-  bool walk_slot(std::size_t index, uint32_t table, uint32_t entry, uint32_t offset) {
-    const Slot &slot = place_.type->slots[index];
-    const uint64_t target = uint64_t{table} + offset;
-    const uint32_t size = slot.kind == Kind::scalar ? slot.width : kWord;
-    if (!holds(target, size)) {
-      return reject(Reason::slot_past_end, draft(Thing::slot_entry, index, entry, 2, offset), target);
+  bool walk_slots(uint32_t table, uint32_t vtable, std::size_t slots) {
+    Event *to = next_;  // scalars are most of what there is, and wait for no member of the walk
+    for (std::size_t i = 0; i < slots; ++i) {
+      const uint32_t entry = vtable + vtable_length(i);
+      const uint32_t offset = load<uint16_t>(buffer_ + entry);
+      if (offset == 0) continue;
+      const Slot &slot = place_.type->slots[i];
+      const uint64_t target = uint64_t{table} + offset;
+      const uint32_t size = slot.kind == Kind::scalar ? slot.width : kWord;
+      if (!holds(target, size)) {
+        return reject(Reason::slot_past_end, write(next_ = to, Thing::slot_entry, i, entry, 2, offset), target);
+      }
+      const auto at = static_cast<uint32_t>(target);
+      if (slot.kind == Kind::scalar) {
+        write(to++, Thing::scalar, i, at, size, load_scalar(at, size));
+        coverage_.add(at, size);
+        continue;
+      }
+      next_ = to;
+      if (!follow_word(slot, draft(Thing::offset_word, i, at, size, load<uint32_t>(buffer_ + at)))) return false;
+      to = next_;
     }
-    const auto at = static_cast<uint32_t>(target);
-    if (slot.kind == Kind::scalar) {
-      keep(draft(Thing::scalar, index, at, size, load_scalar(at, size)));
-      return true;
-    }
-    const Event &word = draft(Thing::offset_word, index, at, size, load<uint32_t>(buffer_ + at));
-    if (slot.kind == Kind::table) return walk_inner(word, {slot.inner, static_cast<uint32_t>(index), Place::kNone});
+    next_ = to;
+    return true;
+  }
+
+  bool follow_word(const Slot &slot, const Event &word) {
+    if (slot.kind == Kind::table) return walk_inner(word, {slot.inner, word.slot, Place::kNone});
     return walk_counted(slot, word);
   }
 
