@@ -1,7 +1,7 @@
 // The types as text, one line a type in the order of their names, to be kept and compared:
 //
-//   fib6Sync.ipv6FwdKey 0x3C7F2A10 fixed=72 compact=50..70 record=32 u32@0 u32@4 u32[4]@8 u8@24 u8[3]@25
-//   fib6_cfg.query_comm_param 0x5A6E1F2B variable compact=18.. record=16/24 u32@0 u32@4 bytes@12/16
+//   fib6Sync.ipv6FwdKey 0x8814A6B6 fixed=72 compact=57..66 record=28 u32@0 u32@4 u32[4]@8 u8@24 u8[3]@25
+//   fib6_cfg.query_comm_param 0xCC4E6BC6 variable compact=18.. record=16/24 u32@0 u32@4 bytes@12/16
 //
 // After the name stand message ID, encoded lengths, the record's size, and each slot's kind with its member's place.
 // Sizes and places are given for processors with pointers of 4 bytes and, behind a stroke where they differ, of 8
