@@ -4,7 +4,7 @@
 //   fib6_cfg.query_comm_param 0xCC4E6BC6 variable compact=18.. record=16/24 u32@0 u32@4 bytes@12/16
 //
 // After the name stand message ID, encoded lengths, the record's size, and each slot's kind with its member's place.
-// Sizes and places are given for processors with pointers of 4 bytes and, behind a stroke where they differ, of 8
+// Sizes and places are given for processors with pointers of 4 bytes and, behind a slash where they differ, of 8
 // bytes, so that the text is the same on every processor and either binary interface is checked on both. The length or
 // count before a pointer has no place of its own: it is the word before, at the next multiple of 4.
 #pragma once

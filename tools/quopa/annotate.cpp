@@ -102,7 +102,9 @@ class Page {
       line.resize(std::max(line.size(), position_width_ + 2 + kBytesWidth), ' ');
       line += ' ' + meaning.substr(0, end);
       meaning.erase(0, meaning.find_first_not_of(' ', end));
-      if (!meaning.empty()) print_line(line, color), line.clear();
+      if (meaning.empty()) break;
+      print_line(line, color);
+      line.clear();
     }
     print_line(line, color);
   }

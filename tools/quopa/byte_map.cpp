@@ -24,11 +24,9 @@ void ByteMap::add_culprit(const drix::inspect::Verdict &verdict) {
   if (!is_there && culprit.thing != drix::inspect::Thing::unreached) kept_.push_back({verdict.place, culprit});
 }
 
-std::vector<Entry> ByteMap::in_order() const {
-  std::vector<Entry> entries = kept_;
-  std::stable_sort(entries.begin(), entries.end(),
-                   [](const Entry &a, const Entry &b) { return a.event.at < b.event.at; });
-  return entries;
+const std::vector<Entry> &ByteMap::in_order() {
+  std::stable_sort(kept_.begin(), kept_.end(), [](const Entry &a, const Entry &b) { return a.event.at < b.event.at; });
+  return kept_;
 }
 
 }  // namespace quopa

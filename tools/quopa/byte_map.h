@@ -23,7 +23,7 @@ class ByteMap : public drix::inspect::Sink {
   // Adds the word that was not taken, unless it is there.
   void add_culprit(const drix::inspect::Verdict &verdict);
 
-  std::vector<Entry> in_order() const;
+  const std::vector<Entry> &in_order();
 
  private:
   std::vector<bool> taken_;
