@@ -25,7 +25,7 @@ build=build/bench
 mkdir -p "$build"
 : >"$build.log"
 echo "building in $build"
-logged "$build.log" cmake --preset release -B "$build" -DDRIX_BUILD_BENCH=ON -DDRIX_BUILD_TESTS=OFF
+logged "$build.log" cmake --preset release -B "$build" -DDRIX_BUILD_BENCH=ON -DDRIX_BUILD_TESTS=OFF -DDRIX_BUILD_TOOLS=OFF
 logged "$build.log" cmake --build "$build"
 
 core=$(($(nproc) - 1))

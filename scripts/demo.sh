@@ -79,7 +79,7 @@ if [ -z "$binaries" ]; then
   : >"$log"
   [ -e build/demo/build.ninja ] || echo "building in build/demo, a minute or two the first time"
   # Without the tests, and so without what only they need.
-  logged "$log" cmake --preset release -B build/demo -DDRIX_BUILD_TESTS=OFF
+  logged "$log" cmake --preset release -B build/demo -DDRIX_BUILD_TESTS=OFF -DDRIX_BUILD_TOOLS=OFF
   logged "$log" cmake --build build/demo --target "${programs}_sender" "${programs}_receiver"
   binaries=build/demo/$folder
 fi
