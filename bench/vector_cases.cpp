@@ -1,34 +1,124 @@
-// Vectors of different length: the cost of an element must not depend on how many there are.
-#include <malloc.h>
-
+// Vectors of routes, with one shape (the same members zero in all elements) and with a random shape for each element.
+// Decoding includes giving the elements back, for the library as for its peers.
 #include <memory>
+#include <vector>
 
 #include "bench/cases.h"
-#include "bench/subject.h"
+#include "bench/peers/peers.h"
+#include "bench/plain.h"
+#include "bench/records.h"
 #include "bench/timing.h"
 
 namespace bench {
+namespace {
+
+constexpr uint32_t kMostElements = 1'000'000;
+
+enum class Shape { one, random };
+
+// Encoding space of one batch; longer vectors are sent one by one.
+constexpr uint32_t kBatch = 8;
+constexpr uint32_t kLongestInBatch = 64;
+
+struct Set {
+  Set(uint32_t messages, uint32_t elements, double zeros, Shape shape) : routes(std::size_t{messages} * elements) {
+    Generator generator(0, zeros);
+    for (uint32_t i = 0; i < messages; ++i) {
+      Route *const first = &routes[std::size_t{i} * elements];
+      if (shape == Shape::one) {
+        generator.fill_alike(first, elements);
+      } else {
+        for (uint32_t k = 0; k < elements; ++k) generator.fill(first[k]);
+      }
+      records.push_back({i, elements, first});
+      compact.add([&] { return pack(records[i]); });
+      plain.add([&] { return plain::write(output(), &records[i]); });
+    }
+    for (uint32_t i = 0; i < messages; ++i) {
+      require_decodes(compact[i], records[i]);
+      require(plain::read(plain[i].start, plain[i].size, &decoded) && equal(records[i], decoded), "plain: differs");
+      plain::release(&decoded);
+    }
+  }
+
+  std::vector<Route> routes;
+  std::vector<Routes> records;
+  Images compact;
+  Images plain;
+  Routes decoded;
+};
+
+template <class Codec>
+void register_peer(const std::string &row, const char *name, const std::shared_ptr<Set> &set) {
+  const auto turns = static_cast<uint32_t>(set->records.size());
+  const uint32_t elements = set->records[0].f1Count;
+  static const auto codec = std::make_shared<Codec>(kMostElements);
+  const auto images = std::make_shared<Images>();
+  for (const Routes &record : set->records) {
+    images->add([&] { return codec->write(record, output(), kRoom); });
+  }
+  for (uint32_t i = 0; i < turns; ++i) {
+    const Images::Image image = (*images)[i];
+    require(codec->read(image.start, image.size, set->decoded) && equal(set->records[i], set->decoded),
+            std::string(name) + ": differs");
+    plain::release(&set->decoded);
+  }
+  time_in_turn(row + name + " write", turns, elements,
+               [=](uint32_t i) { codec->write(set->records[i], output(), kRoom); });
+  time_in_turn(row + name + " read", turns, elements, [=](uint32_t i) {
+    const Images::Image image = (*images)[i];
+    codec->read(image.start, image.size, set->decoded);
+    plain::release(&set->decoded);
+  });
+}
+
+void register_row(uint32_t turns, uint32_t elements, double zeros, Shape shape) {
+  using Operations = Subject<Routes>;
+  const std::string row = "vectors/" + std::to_string(elements) + " elements, " +
+                          std::to_string(static_cast<int>(zeros * 100)) + " % zero, " +
+                          (shape == Shape::one ? "one shape, " : "random shapes, ") + std::to_string(turns) +
+                          (turns == 1 ? " vector/" : " vectors in turn/");
+  if (!is_wanted(row)) return;
+  const auto set = std::make_shared<Set>(turns, elements, zeros, shape);
+  time_in_turn(row + "copy records", turns, elements,
+               [=](uint32_t i) { copy(output(), set->records[i].f1, elements * sizeof(Route)); });
+  time_in_turn(row + "copy compact", turns, elements,
+               [=](uint32_t i) { copy(output(), set->compact[i].start, set->compact[i].size); });
+  time_in_turn(row + "plain write", turns, elements, [=](uint32_t i) { plain::write(output(), &set->records[i]); });
+  time_in_turn(row + "pack", turns, elements, [=](uint32_t i) { pack(set->records[i]); });
+  require(Operations::send_single(1, &set->records[0], 1, 0) == 0, "a vector is not sent");
+  time_in_turn(row + "sendsingle", turns, elements,
+               [=](uint32_t i) { Operations::send_single(1, &set->records[i], 1, 0); });
+  if (elements <= kLongestInBatch) {
+    require(Operations::send_batch(1, &set->records[0], kBatch, 0) == 0, "a batch is not sent");
+    time_in_turn(row + "sendbatch", turns / kBatch, kBatch * elements,
+                 [=](uint32_t i) { Operations::send_batch(1, &set->records[i * kBatch], kBatch, 0); });
+  }
+  time_in_turn(row + "plain read", turns, elements, [=](uint32_t i) {
+    plain::read(set->plain[i].start, set->plain[i].size, &set->decoded);
+    plain::release(&set->decoded);
+  });
+  time_in_turn(row + "decode", turns, elements, [=](uint32_t i) {
+    Operations::unpack(set->compact[i].start, set->compact[i].size, &set->decoded);
+    Operations::release(&set->decoded);
+  });
+  register_peer<protobuf::Codec>(row, "Protocol Buffers", set);
+  register_peer<capnproto::Codec>(row, "Cap'n Proto", set);
+}
+
+}  // namespace
 
 void register_vector_cases() {
-  using R = korBrokerFib6_ipv6FwdUpdateMsg;
-  // Large blocks stay with the process, as they do in the platform's allocator: the decoder is measured here, not how
-  // the kernel hands out pages.
-  mallopt(M_MMAP_THRESHOLD, 1 << 30);
-  mallopt(M_TRIM_THRESHOLD, 1 << 30);
-  for (uint32_t count = 1000; count <= 1'000'000; count *= 10) {
-    R record;
-    Generator generator(count, 0);
-    generator.fill(record);
-    const auto image = std::make_shared<Image>(packed(record));
-    require_decodes(*image, record);
-    const auto decoded = std::make_shared<R>();
-    const auto decode = [=](uint32_t) {
-      Subject<R>::unpack(image->data(), static_cast<uint32_t>(image->size()), decoded.get());
-    };
-    const auto release = [=](uint32_t) { Subject<R>::release(decoded.get()); };
-    time_step(std::string(Subject<R>::name) + ", an element/decode of " + std::to_string(count), Step::first, 1, count,
-              decode, release);
+  register_row(kLearned, 64, 0.5, Shape::random);
+  for (const uint32_t elements : {64u, 1000u}) {
+    register_row(kUnseen / elements, elements, 0, Shape::one);
+    for (const double zeros : {0.5, 0.8}) {
+      for (const Shape shape : {Shape::one, Shape::random}) register_row(kUnseen / elements, elements, zeros, shape);
+    }
   }
+  register_row(1, kMostElements, 0, Shape::one);
+  register_row(1, kMostElements, 0.5, Shape::one);
+  register_row(1, kMostElements, 0.5, Shape::random);
 }
 
 }  // namespace bench

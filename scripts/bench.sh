@@ -1,55 +1,100 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds and measures: the library's operations on one core, and the exchange of records
-# between two processes. Prints tables of medians and writes them to build/bench/*.json. Wants a quiet machine.
+# Installs what is missing, builds with g++ at -O2 and -O3 and with clang at -O2, and measures in CPU time: the library's
+# operations beside a plain serializer, Protocol Buffers, Cap'n Proto and memcpy, on one core, then the exchange of
+# records between two processes. Prints Markdown tables, each ratio beside its aim, and leaves the results of every
+# repetition in build/bench/*.json. Wants a quiet machine with two cores, for about ten minutes.
 #
-# Usage: scripts/bench.sh [--benchmark_OPTION]...   (Google Benchmark's, for example --benchmark_filter=fib6Sync)
+# Usage: scripts/bench.sh [--quick] [--rows REGEX]
+#   --quick         g++ at -O2 only, few repetitions, no second process: a minute once built
+#   --rows REGEX    only the rows whose names (table/row/) match
+# For example: scripts/bench.sh --quick --rows '^vectors/64 '
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 . scripts/lib/script.sh
 . scripts/lib/packages.sh
 
-for argument in "$@"; do
-  case $argument in
-    --benchmark_?*) ;;
-    *) no_arguments "$argument" ;;
+builds=(g++-O2 g++-O3 clang-O2)
+rounds=2 # of all builds in turn, so that a spell of noise does not fall on one of them alone
+repetitions=5
+seconds=0.01 # of CPU time, a repetition
+rows=
+batches=(1 16 256 4096)
+while [ $# -gt 0 ]; do
+  case $1 in
+    -h | --help)
+      show_help
+      exit
+      ;;
+    --quick) builds=(g++-O2) rounds=1 repetitions=3 seconds=0.005 batches=() ;;
+    --rows)
+      [ $# -gt 1 ] || wrong_usage "--rows needs a regular expression"
+      rows=$2 batches=()
+      shift
+      ;;
+    *) wrong_usage "unknown argument $1" ;;
   esac
+  shift
 done
 
-repetitions=11
-batches=(1 16 256 4096)
-runs=3
-routes=2670000 # 10,000 times the sample
+require_packages "${BUILD_PACKAGES[@]}" clang-14 libbenchmark-dev protobuf-compiler libprotobuf-dev capnproto \
+  libcapnp-dev python3 util-linux
 
-require_packages "${BUILD_PACKAGES[@]}" libbenchmark-dev util-linux
-build=build/bench
-mkdir -p "$build"
-: >"$build.log"
-echo "building in $build"
-logged "$build.log" cmake --preset release -B "$build" -DDRIX_BUILD_BENCH=ON -DDRIX_BUILD_TESTS=OFF -DDRIX_BUILD_TOOLS=OFF
-logged "$build.log" cmake --build "$build"
+# build NAME: of the form COMPILER-OPTIMISATION.
+build() {
+  local folder=build/bench/$1 flags="-${1##*-} -DNDEBUG" preset=release targets=(drix_bench drix_bench_startup)
+  if [[ $1 = clang-* ]]; then preset=clang; fi
+  if [ "$1" = "${builds[0]}" ] && [ ${#batches[@]} -gt 0 ]; then targets+=(all); fi
+  echo "building in $folder"
+  : >"$folder.log"
+  logged "$folder.log" cmake --preset "$preset" -B "$folder" -DDRIX_BUILD_BENCH=ON -DDRIX_BUILD_TESTS=OFF \
+    "-DCMAKE_C_FLAGS_RELEASE=$flags" "-DCMAKE_CXX_FLAGS_RELEASE=$flags"
+  logged "$folder.log" cmake --build "$folder" --target "${targets[@]}"
+}
+mkdir -p build/bench
+for name in "${builds[@]}"; do build "$name"; done
 
 core=$(($(nproc) - 1))
-grep -m 1 'model name' /proc/cpuinfo || true
-size "$build/libdrix_fib6.so"
-taskset -c "$core" "$build/bench/drix_bench" --benchmark_repetitions="$repetitions" \
-  --benchmark_enable_random_interleaving=true --benchmark_min_time=0.05 --benchmark_out="$build/codec.json" "$@"
-
-# exchange BATCH: routes per second from one process to the other, acknowledged.
-exchange() {
-  scripts/demo.sh --binaries "$build/examples" --sample --quiet --repeat $((routes / 267)) --batch "$1" 2>/dev/null |
-    sed -n 's|^sent .* s: \([0-9]*\) routes/s, all acknowledged$|\1|p'
+# measure NAME PROGRAM ROUND OPTION...: appends the file of results to results[NAME].
+declare -A results
+measure() {
+  local out=build/bench/$1-$2-$3.json
+  logged build/bench/run.log taskset -c "$core" "build/bench/$1/bench/$2" "${@:4}" \
+    --benchmark_repetitions="$repetitions" --benchmark_enable_random_interleaving=true --benchmark_out="$out"
+  results[$1]+=${results[$1]:+,}$out
 }
-
-printf '\n| records/s |'
-printf ' batch of %s |' "${batches[@]}"
-printf '\n|---|'
-printf -- '--:|%.0s' "${batches[@]}"
-printf '\n| fib6Sync.ipv6FwdUpdateMsg, between processes |'
-json=
-for batch in "${batches[@]}"; do
-  median=$(for ((run = 0; run < runs; run++)); do exchange "$batch"; done | sort -n | sed -n "$(((runs + 1) / 2))p")
-  printf ' %d |' "$median"
-  json+="${json:+, }\"$batch\": $median"
+rm -f build/bench/*.json
+for ((round = 1; round <= rounds; round++)); do
+  echo "measuring, round $round of $rounds"
+  for name in "${builds[@]}"; do measure "$name" drix_bench "$round" "$seconds" "$rows"; done
 done
-printf '\n'
-echo "{\"records_per_second_by_batch\": {$json}}" >"$build/exchange.json"
+if [ -z "$rows" ]; then measure "${builds[0]}" drix_bench_startup 1; fi
+
+printf '\n%s, %s\n\n' "$(date -I)" "$(lscpu | sed -n 's/^Model name: *//p')"
+for name in "${builds[@]}"; do
+  printf '%s: %s bytes of text\n' "$name" "$(size "build/bench/$name/libdrix_fib6.so" | awk 'NR == 2 { print $1 }')"
+done
+arguments=()
+for name in "${builds[@]}"; do
+  arguments+=("$name=${results[$name]}")
+done
+python3 bench/tables.py "${arguments[@]}" | tee build/bench/tables.md
+[ ${#batches[@]} -gt 0 ] || exit 0
+
+# exchange BATCH: routes per second from one process to the other, acknowledged. The two wait for each other, so this is
+# elapsed time.
+routes=2670000 # 10,000 times the sample
+exchange() {
+  scripts/demo.sh --binaries "build/bench/${builds[0]}/examples" --sample --quiet --repeat $((routes / 267)) \
+    --batch "$1" 2>/dev/null | sed -n 's|^sent .* s: \([0-9]*\) routes/s, all acknowledged$|\1|p'
+}
+{
+  printf '\n| records/s |'
+  printf ' batch of %s |' "${batches[@]}"
+  printf '\n|---|'
+  printf -- '--:|%.0s' "${batches[@]}"
+  printf '\n| fib6Sync.ipv6FwdUpdateMsg, between processes |'
+  for batch in "${batches[@]}"; do
+    printf ' %d |' "$(for _ in 1 2 3; do exchange "$batch"; done | sort -n | sed -n 2p)"
+  done
+  printf '\n'
+} | tee -a build/bench/tables.md
