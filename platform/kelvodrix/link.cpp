@@ -23,10 +23,8 @@ using std::chrono::milliseconds;
 // pump comes along.
 constexpr size_t kFramesToGather = 8;
 constexpr size_t kBytesToGather = 16 << 10;
-constexpr milliseconds kLookInterval = 1ms;
-constexpr milliseconds kRetryInterval = 20ms;
-// After that, a waiting send looks whether its channel has been closed.
-constexpr milliseconds kLongestWait = 50ms;
+constexpr milliseconds kLookInterval(1), kRetryInterval(20);
+constexpr milliseconds kLongestWait(50);  // then a send looks whether its channel has been closed
 
 }  // namespace
 
@@ -46,19 +44,13 @@ class Pump {
     return *pump;
   }
 
-  void add(Link *link) {
-    std::lock_guard lock(mutex_);
-    links_.insert(link);
-  }
-  void remove(Link *link) {
-    std::lock_guard lock(mutex_);
-    links_.erase(link);
-  }
-
   // Has all links pumped soon, and again while one has more to write.
   void wake() {
     if (wanted_.exchange(1) == 0) wanted_.notify_one();
   }
+
+  std::mutex mutex;  // guards the next; held while links are pumped
+  std::set<Link *> links;
 
  private:
   Pump() {
@@ -72,29 +64,31 @@ class Pump {
     pthread_detach(thread);
   }
 
-  static void *run(void *pump) {
-    auto &[mutex, links, wanted] = *static_cast<Pump *>(pump);
+  static void *run(void *self) {
+    auto &pump = *static_cast<Pump *>(self);
     for (bool left = false;;) {
-      if (!left) wanted.wait(0);
+      if (!left) pump.wanted_.wait(0);
       std::this_thread::sleep_for(left ? 1ms : 100us);
-      wanted = 0;
+      pump.wanted_ = 0;
       left = false;
-      std::lock_guard lock(mutex);
-      for (Link *link : links) left |= link->pump();
+      std::lock_guard lock(pump.mutex);
+      for (Link *link : pump.links) left |= link->pump();
     }
   }
 
-  std::mutex mutex_;  // held while links are pumped
-  std::set<Link *> links_;
   std::atomic<int> wanted_ = 0;
 };
 
 Link::Link(const Endpoint &endpoint, const kelvodrix_options &options)
     : endpoint_(endpoint), options_(options), pump_(Pump::get()) {
-  pump_.add(this);
+  std::lock_guard lock(pump_.mutex);
+  pump_.links.insert(this);
 }
 
-Link::~Link() { pump_.remove(this); }
+Link::~Link() {
+  std::lock_guard lock(pump_.mutex);
+  pump_.links.erase(this);
+}
 
 int32_t Link::send(std::span<const DrixSendDescriptor> messages) {
   const size_t limit = std::min(KELVODRIX_MAX_FRAME_BYTES, options_.window_bytes);

@@ -83,8 +83,6 @@ struct kelvodrix_receiver {
     return wake_up_ ? listener_.open(endpoint) : KELVODRIX_ERR_SYSTEM;
   }
 
-  void subscribe(uint32_t id, Subscription subscription) { subscriptions_.set(id, subscription); }
-
   // The cancellation state is for when it waits and for subscribers.
   int32_t run(int cancel_state) {
     if (running_.exchange(true)) return KELVODRIX_ERR_BUSY;
@@ -129,6 +127,8 @@ struct kelvodrix_receiver {
   }
 
   bool running() const { return running_; }
+
+  Table<Subscription> subscriptions;
 
   kelvodrix_counters counters() const {
     std::lock_guard lock(mutex_);
@@ -195,7 +195,7 @@ struct kelvodrix_receiver {
   uint64_t &deliver(uint32_t id, const uint8_t *bytes, uint32_t length) {
     const auto [decode, release] = decoders().get(id);
     if (decode == nullptr) return tally_.unknown_id;
-    const auto [subscriber, context] = subscriptions_.get(id);
+    const auto [subscriber, context] = subscriptions.get(id);
     if (subscriber == nullptr) return tally_.no_subscriber;
     // The decoder leaves the record alone when it rejects the message, and it has to be fit for the release function
     // then as well.
@@ -244,7 +244,6 @@ struct kelvodrix_receiver {
   Listener listener_;
   std::atomic<bool> stopped_ = false, running_ = false;
 
-  Table<Subscription> subscriptions_;
   mutable std::mutex mutex_;  // guards the next
   kelvodrix_counters counters_{};
 
@@ -274,7 +273,7 @@ int32_t kelvodrix_receiver_create(const char *endpoint, kelvodrix_receiver **rec
 int32_t kelvodrix_subscribe(kelvodrix_receiver *receiver, uint32_t id, kelvodrix_subscriber subscriber, void *context) {
   return guarded([&]() -> int32_t {
     if (receiver == nullptr) return KELVODRIX_ERR_INVALID;
-    receiver->subscribe(id, {subscriber, context});
+    receiver->subscriptions.set(id, {subscriber, context});
     return KELVODRIX_OK;
   });
 }

@@ -189,7 +189,7 @@ TEST_P(Transport, SlowReceiverFillsTheWindowAndARestartedOneAnswersForItself) {
   auto first = std::make_unique<Receiver>(at, false);
   std::vector<uint8_t> large(12 << 20);
   DrixSendDescriptor message = {reinterpret_cast<uintptr_t>(large.data()), kId, 12u << 20};
-  Sender sender(at, {200, 4, 13u << 20}), small(at, {0, 1, 100});
+  Sender sender(at, {1000, 4, 13u << 20}), small(at, {0, 1, 100});
   for (uint32_t i = 0; i < 3; ++i) EXPECT_EQ(sender.send({i}), KELVODRIX_OK);
   EXPECT_EQ(DRIX_SendMsg(sender.handle, &message, 1), KELVODRIX_OK);  // far more than a socket takes
   EXPECT_EQ(sender.send({99}), KELVODRIX_ERR_WINDOW);
@@ -378,7 +378,7 @@ TEST(Bus, HandlesWhatIsGoodAndDisconnectsWhoeverSendsAnythingMalformed) {
   receiver.on_number = [](uint32_t) { std::this_thread::sleep_for(std::chrono::microseconds(100)); };
   RawPeer().send(many);  // and hangs up
   EXPECT_TRUE(eventually([&] { return receiver.counters().delivered == 400; }));
-  uint64_t handled = 0;
+  size_t handled = 0;
   for (const std::string &third : bad) {
     RawPeer peer, cut_short;
     cut_short.send(good.substr(0, handled++ % good.size()));  // ends without having said anything
