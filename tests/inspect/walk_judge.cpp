@@ -43,7 +43,7 @@ std::string expected_log(const Verdict &verdict) {
   const std::string target = std::to_string(verdict.target);
   switch (verdict.reason) {
     case Reason::length:
-      return "[QUOPA]:Param invalid(nonNull, " + length + ", nonNull)";
+      return "[QUOPA]:Param invalid(nonNull, " + std::to_string(static_cast<int32_t>(verdict.length)) + ", nonNull)";
     case Reason::table_position:
       return "[QUOPA]:Table offset(" + target + ") is out of range(4 - " + length + ')';
     case Reason::vtable_position:
@@ -67,7 +67,7 @@ void forget_blocks(const reference::Type &type, uint8_t *record) {
 std::string judge_walk(const judge::Subject &subject, const uint8_t *buffer, uint32_t length, const void *record) {
   const drix::describe::Type *type = drix::describe::find(subject.type->prefix());
   if (type == nullptr || buffer == nullptr) return {};
-  Told told(*type, buffer, length);
+  Told told(*type, buffer, length <= INT32_MAX ? length : 0);  // of a longer one, nothing is there to be told
   const Verdict verdict = walk(*type, buffer, length, &told);
 
   std::string faults;
@@ -80,7 +80,7 @@ std::string judge_walk(const judge::Subject &subject, const uint8_t *buffer, uin
     faults += "\n  the walk has no reason for the log: " + explain(verdict);
   }
   if (!verdict.accepted() && length > 0) told.add(verdict.culprit);
-  if (!told.all()) faults += "\n  the walk tells of bytes that are not there, or not of all";
+  if (length <= INT32_MAX && !told.all()) faults += "\n  the walk tells of bytes that are not there, or not of all";
   if (outcome == judge::Outcome::rejected) return faults;
   uint8_t *const built = told.builder.record().data();
   if (outcome == judge::Outcome::given_up) forget_blocks(*subject.type, built);
