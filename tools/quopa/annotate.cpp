@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
-#include <memory>
 
 #include "tools/quopa/byte_map.h"
 #include "tools/quopa/command.h"
@@ -19,16 +18,6 @@ namespace {
 using drix::inspect::Event;
 using drix::inspect::Thing;
 using drix::inspect::Verdict;
-
-struct Options {
-  std::string type;
-  std::string file = "-";
-  std::string labels;
-  std::string color = "auto";
-  bool hex = false;
-  bool ipv6 = false;
-  bool full = false;
-};
 
 constexpr uint32_t kRowBytes = 8;
 constexpr uint32_t kFoldedRows = 4;  // longer things are folded
@@ -56,7 +45,7 @@ const char *color_of(Thing thing) {
 
 class Page {
  public:
-  Page(const std::vector<uint8_t> &buffer, const Meaning &meaning, const Options &options)
+  Page(const std::vector<uint8_t> &buffer, const Meaning &meaning, const AnnotateOptions &options)
       : buffer_(buffer),
         meaning_(meaning),
         full_(options.full),
@@ -121,7 +110,9 @@ class Page {
   std::size_t position_width_;
 };
 
-int annotate(const Options &options) {
+}  // namespace
+
+int annotate(const AnnotateOptions &options) {
   const drix::describe::Type &type = find_type(options.type);
   const drix::inspect::JsonStyle style = {read_labels(options.labels), options.ipv6};
   const std::vector<uint8_t> buffer = read_buffer(options.file, options.hex);
@@ -135,30 +126,6 @@ int annotate(const Options &options) {
     page.print(entry, !verdict.accepted() && event.at == verdict.culprit.at && event.thing == verdict.culprit.thing);
   }
   return report(verdict, type, buffer, options.file);
-}
-
-}  // namespace
-
-void add_annotate(CLI::App &app, Run &run) {
-  const auto options = std::make_shared<Options>();
-  CLI::App *command = app.add_subcommand("annotate", "Show a buffer byte by byte with the meaning of each");
-  command->add_option("TYPE", options->type, "The message type, like fib6Sync.ipv6Fwd, or its ID, like 0x1234ABCD")
-      ->required();
-  command->add_option("FILE", options->file, "The buffer; - or nothing: standard input");
-  command->add_flag("--hex", options->hex, "The buffer is hexadecimal text, with blanks between pairs of digits");
-  command->add_flag("--ipv6", options->ipv6, "Show every u32[4] as an IPv6 address");
-  command->add_flag("--full", options->full, "Show long arrays whole");
-  command->add_option("--labels", options->labels, "A file that names members and their values")->type_name("FILE");
-  command->add_option("--color", options->color, "auto: on a terminal, unless NO_COLOR is set")
-      ->type_name("auto|always|never")
-      ->check(CLI::IsMember({"auto", "always", "never"}).description(""));
-  command->footer(
-      "Positions are decimal, bytes hexadecimal. In a buffer that the decoder would reject, the word that it\n"
-      "does not take is marked; standard error has position and reason, and the status is 1.\n\n"
-      "Examples:\n"
-      "  quopa annotate fib6Sync.ipv6FwdUpdateMsg message.bin\n"
-      "  echo '{\"f0\":1}' | quopa encode fib6Sync.tlv | quopa annotate fib6Sync.tlv");
-  command->callback([=, &run] { run = [=] { return annotate(*options); }; });
 }
 
 }  // namespace quopa

@@ -1,11 +1,12 @@
 // quopa __complete WORD...: what the last word may become, one a line; for the files of completions/. Nothing stands
 // for a file, which the shell completes itself.
+#include <CLI/CLI.hpp>
 #include <iostream>
-#include <memory>
 #include <sstream>
 
 #include "describe/type.h"
 #include "tools/quopa/command.h"
+#include "tools/quopa/command_line.h"
 
 namespace quopa {
 namespace {
@@ -58,6 +59,8 @@ void complete_argument(const CLI::App &command, const Words &words) {
   if (positionals == 0) offer_types(start, command.get_name() == "types");
 }
 
+}  // namespace
+
 int complete(const CLI::App &app, Words words) {
   if (words.empty()) words.emplace_back();
   const auto is_public = [](const CLI::App *command) { return !command->get_group().empty(); };
@@ -67,14 +70,6 @@ int complete(const CLI::App &app, Words words) {
   }
   if (words.size() == 1 && words[0].starts_with('-')) offer_options(app, words[0]);
   return kGood;
-}
-
-}  // namespace
-
-void add_complete(CLI::App &app, Run &run) {
-  CLI::App *command = app.add_subcommand("__complete")->group("")->prefix_command();
-  command->set_help_flag();
-  command->callback([=, &app, &run] { run = [=, &app] { return complete(app, command->remaining()); }; });
 }
 
 }  // namespace quopa

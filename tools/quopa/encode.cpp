@@ -5,7 +5,6 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
-#include <memory>
 
 #include "inspect/hex.h"
 #include "inspect/json.h"
@@ -19,15 +18,6 @@ namespace {
 using drix::describe::Type;
 using drix::inspect::Event;
 using drix::inspect::Record;
-
-struct Options {
-  std::string type;
-  std::string file = "-";
-  std::string labels;
-  std::string layout;
-  std::string output;
-  bool hex = false;
-};
 
 std::vector<uint8_t> build_compact(const Type &type, const Record &record) {
   std::vector<uint8_t> buffer(std::size_t{1} << 12);
@@ -78,14 +68,16 @@ void write_to(std::ostream &out, const std::vector<uint8_t> &buffer, bool hexade
   }
 }
 
-void write_output(const Options &options, const std::vector<uint8_t> &buffer) {
+void write_output(const EncodeOptions &options, const std::vector<uint8_t> &buffer) {
   if (options.output.empty() || options.output == "-") return write_to(std::cout, buffer, options.hex);
   std::ofstream file(options.output, std::ios::binary);
   if (file) write_to(file, buffer, options.hex);
   if (!file.flush()) throw BadInput(options.output + ": " + std::strerror(errno));
 }
 
-int encode(const Options &options) {
+}  // namespace
+
+int encode(const EncodeOptions &options) {
   const Type &type = find_type(options.type);
   const bool to_stdout = options.output.empty() || options.output == "-";
   if (to_stdout && !options.hex && isatty(STDOUT_FILENO) == 1) {
@@ -101,29 +93,6 @@ int encode(const Options &options) {
     throw BadInput(name_of(options.file) + ": " + error.what());
   }
   return kGood;
-}
-
-}  // namespace
-
-void add_encode(CLI::App &app, Run &run) {
-  const auto options = std::make_shared<Options>();
-  CLI::App *command = app.add_subcommand("encode", "Make a buffer of a JSON object");
-  command->add_option("TYPE", options->type, "The message type, like fib6Sync.ipv6Fwd, or its ID, like 0x1234ABCD")
-      ->required();
-  command->add_option("FILE", options->file, "The JSON object; - or nothing: standard input");
-  command->add_option("--layout", options->layout, "Nothing: the one in which the library sends the type")
-      ->type_name("compact|fixed")
-      ->check(CLI::IsMember({"compact", "fixed"}).description(""));
-  command->add_option("-o,--output", options->output, "Where to write; - or nothing: standard output")
-      ->type_name("FILE");
-  command->add_flag("--hex", options->hex, "Write hexadecimal text");
-  command->add_option("--labels", options->labels, "A file that names members and their values")->type_name("FILE");
-  command->footer(
-      "Takes what \"quopa decode\" prints, with whatever options. Members that are not given are zero or empty.\n\n"
-      "Examples:\n"
-      "  echo '{\"f0\":1,\"f1\":2}' | quopa encode fib6Sync.tlv --hex\n"
-      "  quopa decode fib6Sync.tlv a.bin | jq -c '.f0 = 7' | quopa encode fib6Sync.tlv -o b.bin");
-  command->callback([=, &run] { run = [=] { return encode(*options); }; });
 }
 
 }  // namespace quopa

@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <iomanip>
 #include <iostream>
-#include <memory>
 
 #include "describe/compatibility.h"
 #include "describe/schema.h"
@@ -15,13 +14,6 @@ namespace {
 using drix::describe::Schema;
 using drix::describe::SchemaSlot;
 using drix::describe::SchemaType;
-
-struct Options {
-  std::string which;
-  std::string old_schema;
-  bool json = false;
-  bool schema = false;
-};
 
 // All types, those of a package, or one.
 Schema choose(const std::string &which) {
@@ -111,7 +103,9 @@ int check(const std::string &path) {
   return compatible ? kGood : kBad;
 }
 
-int types(const Options &options) {
+}  // namespace
+
+int types(const TypesOptions &options) {
   if (!options.old_schema.empty()) return check(options.old_schema);
   const Schema chosen = choose(options.which);
   if (options.schema) {
@@ -124,30 +118,6 @@ int types(const Options &options) {
     print_list(chosen);
   }
   return kGood;
-}
-
-}  // namespace
-
-void add_types(CLI::App &app, Run &run) {
-  const auto options = std::make_shared<Options>();
-  CLI::App *command = app.add_subcommand("types", "List message types, or compare them with those of another version");
-  CLI::Option *which = command->add_option("TYPE", options->which, "Only this package or this type");
-  CLI::Option *json = command->add_flag("--json", options->json, "One JSON object a line");
-  CLI::Option *schema = command->add_flag("--schema", options->schema, "The text to keep for a later --check");
-  json->excludes(schema);
-  command->add_option("--check", options->old_schema, "Tell what changed since this schema was written")
-      ->type_name("OLD.schema")
-      ->excludes(which, json, schema);
-  command->footer(
-      "Sizes and places that depend on the width of pointers are given for 32 and 64 bits.\n"
-      "--check ends with status 1 when processes of both versions misunderstand each other, or when programs\n"
-      "that were built with the old headers must not use the new library.\n\n"
-      "Examples:\n"
-      "  quopa types fib6_cfg\n"
-      "  quopa types fib6Sync.ipv6Fwd\n"
-      "  quopa types --schema > today.schema\n"
-      "  quopa types --check yesterday.schema");
-  command->callback([=, &run] { run = [=] { return types(*options); }; });
 }
 
 }  // namespace quopa
