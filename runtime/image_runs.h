@@ -5,6 +5,7 @@
 #pragma once
 
 #include <array>
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -17,19 +18,28 @@ namespace drix {
 // Compares byte strings of constant size without a branch until the end.
 class Difference {
  public:
-  template <std::size_t size>
-  void add(const uint8_t *a, const uint8_t *b) {
-    std::size_t at = 0;
-    for (; at + 8 <= size; at += 8) bits_ |= word(a + at, 8) ^ word(b + at, 8);
-    if (at < size) bits_ |= word(a + at, size - at) ^ word(b + at, size - at);
+  // By the widest words that the strings hold. What is left over is compared with the last whole word, which overlaps
+  // the one before: putting a word together from smaller pieces takes several times as long.
+  template <std::size_t size, std::unsigned_integral Word = uint64_t>
+  [[gnu::always_inline]] void add(const uint8_t *a, const uint8_t *b) {
+    if constexpr (size >= sizeof(Word)) {
+      for (std::size_t at = 0; at + sizeof(Word) <= size; at += sizeof(Word)) add_word<Word>(a + at, b + at);
+      constexpr std::size_t kLast = size - sizeof(Word);
+      if constexpr (size % sizeof(Word) != 0) add_word<Word>(a + kLast, b + kLast);
+    } else if constexpr (size >= sizeof(uint32_t)) {
+      add<size, uint32_t>(a, b);
+    } else if constexpr (size >= sizeof(uint16_t)) {
+      add<size, uint16_t>(a, b);
+    } else {
+      add<size, uint8_t>(a, b);
+    }
   }
   bool none() const { return bits_ == 0; }
 
  private:
-  static uint64_t word(const uint8_t *from, std::size_t size) {
-    uint64_t value = 0;
-    std::memcpy(&value, from, size);
-    return value;
+  template <std::unsigned_integral Word>
+  [[gnu::always_inline]] void add_word(const uint8_t *a, const uint8_t *b) {
+    bits_ |= static_cast<Word>(load<Word>(a) ^ load<Word>(b));
   }
   uint64_t bits_ = 0;
 };
