@@ -158,8 +158,7 @@ bool read_table(const uint8_t *buffer, uint32_t length, uint32_t position, void 
     auto &value = S::value(record);
     const std::size_t at = entries.template offset<S::index>();
     if constexpr (S::kind == Kind::scalar) {
-      const auto present = load<typename S::Type>(start + at);
-      value = at != 0 ? present : typename S::Type{0};
+      value = load_if<typename S::Type>(at != 0, start + at);
       return true;
     } else if constexpr (S::kind == Kind::array) {
       const uint64_t elements = uint64_t{at} + load_once<uint32_t>(start + at) + kWord;

@@ -26,14 +26,27 @@ T load(const uint8_t *from) {
   return to_wire_order(value);
 }
 
+// The same value, of which the compiler no longer knows where it comes from.
+template <std::unsigned_integral T>
+[[gnu::always_inline]] inline T in_register(T value) {
+  static_assert(sizeof(T) <= sizeof(std::size_t), "a register holds it");
+  __asm__("" : "+r"(value));
+  return value;
+}
+
 // Of bytes that decide about an address. They are read from memory once, so that what was checked is what is used, also
 // when another process writes to the buffer meanwhile.
 template <std::unsigned_integral T>
 [[gnu::always_inline]] inline T load_once(const uint8_t *from) {
-  static_assert(sizeof(T) <= sizeof(std::size_t), "a register holds it");
-  T value = load<T>(from);
-  __asm__("" : "+r"(value));  // from here on, the compiler cannot know that memory has it too
-  return value;
+  return in_register(load<T>(from));
+}
+
+// The value there, or zero when it is not wanted; it is read in any case. Left to themselves, compilers put the read
+// behind a branch, which is mispredicted whenever data is new.
+template <std::unsigned_integral T>
+[[gnu::always_inline]] inline T load_if(bool wanted, const uint8_t *from) {
+  const uint32_t value = in_register(uint32_t{load<T>(from)});
+  return static_cast<T>(wanted ? value : 0);
 }
 
 template <std::unsigned_integral T>
