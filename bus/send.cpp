@@ -1,7 +1,6 @@
 #include "bus/send.h"
 
 #include <cstdlib>
-#include <cstring>
 
 #include "drix_bus.h"
 
@@ -26,12 +25,6 @@ DrixSendDescriptor describe(const Encoder &encoder, const uint8_t *image, uint32
 
 const void *record_at(const Encoder &encoder, const void *records, uint32_t i) {
   return static_cast<const uint8_t *>(records) + std::size_t{i} * encoder.record_size;
-}
-
-// The bytes that the fixed layout leaves unwritten go to another process: zeros, not what this memory held before.
-void encode_fixed(const Encoder &encoder, uint8_t *image, const void *record) {
-  std::memset(image, 0, encoder.fixed_length);
-  build_fixed(encoder, image, record);
 }
 
 class HeapBlock {
@@ -61,10 +54,20 @@ int32_t send_fixed_batch(const Encoder &encoder, uint32_t handle, const void *re
   DrixSendDescriptor *descriptors = block.descriptors(std::size_t{count} * encoder.fixed_length);
   uint8_t *image = block.start();
   for (uint32_t i = 0; i < count; ++i, image += encoder.fixed_length) {
-    encode_fixed(encoder, image, record_at(encoder, records, i));
+    build_fixed(encoder, image, record_at(encoder, records, i));
     descriptors[i] = describe(encoder, image, encoder.fixed_length);
   }
   return call_bus(handle, descriptors, count, destination);
+}
+
+// Writes a record in the compact layout and returns its length; 0 when there is too little room. A record that fits at
+// its longest need not be measured.
+uint32_t build_compact(const Encoder &encoder, uint8_t *image, uint32_t room, const void *record) {
+  if (encoder.longest_size(record) > room) {
+    const uint32_t size = compact_size(encoder, record);
+    if (size == 0 || size > room) return 0;
+  }
+  return build(encoder, image, room, record);
 }
 
 int32_t send_variable_batch(const Encoder &encoder, uint32_t handle, const void *records, uint32_t count,
@@ -75,12 +78,11 @@ int32_t send_variable_batch(const Encoder &encoder, uint32_t handle, const void 
   uint32_t used = 0;
   for (uint32_t i = 0; i < count; ++i) {
     if (used == kBatchArea) return kFailure;  // before a look at the record, which need not be there
-    const void *record = record_at(encoder, records, i);
-    const uint32_t size = compact_size(encoder, record);
-    if (size == 0 || size > kBatchArea - used) return kFailure;
-    build(encoder, block.start() + used, kBatchArea - used, record);
-    descriptors[i] = describe(encoder, block.start() + used, size);
-    used += size;
+    uint8_t *const image = block.start() + used;
+    const uint32_t length = build_compact(encoder, image, kBatchArea - used, record_at(encoder, records, i));
+    if (length == 0) return kFailure;
+    descriptors[i] = describe(encoder, image, length);
+    used += length;
   }
   return call_bus(handle, descriptors, count, destination);
 }
@@ -91,7 +93,7 @@ int32_t send_single(const Encoder &encoder, uint32_t handle, const void *record,
   if (record == nullptr) return kFailure;
   if (encoder.fixed_length != 0) {
     uint8_t image[kMaxFixedLength];
-    encode_fixed(encoder, image, record);
+    build_fixed(encoder, image, record);
     DrixSendDescriptor descriptor = describe(encoder, image, encoder.fixed_length);
     return call_bus(handle, &descriptor, 1, destination);
   }

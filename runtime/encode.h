@@ -250,7 +250,7 @@ uint32_t compact_size(const Encoder &encoder, const void *record);
 // bad parameters.
 uint32_t build(const Encoder &encoder, uint8_t *buffer, uint32_t capacity, const void *record);
 
-// Writes exactly the fixed layout of a record; bytes that the layout leaves unwritten stay as they are.
+// Writes the fixed layout of a record, zeros where the layout leaves bytes unwritten.
 void build_fixed(const Encoder &encoder, uint8_t *buffer, const void *record);
 
 // The encoder that a package exports, see X__pack in drix_message.h.
@@ -270,7 +270,7 @@ constexpr Encoder make_encoder() {
     encoder.longest_compact = kWord + full_size<R>();
     static_assert(fixed_length<R>() <= kMaxFixedLength && kWord + full_size<R>() <= kMaxFixedLength,
                   "single records are encoded on the stack");
-    encoder.build_fixed = [](uint8_t *buffer, const void *record) { write_image<kFixedImage<R>>(buffer, record); };
+    encoder.build_fixed = [](uint8_t *buffer, const void *record) { write_image<kSentImage<R>>(buffer, record); };
   } else {
     encoder.nested_size = [](const void *record) { return nested_size(*static_cast<const R *>(record)); };
     encoder.longest_size = [](const void *record) { return longest_size(*static_cast<const R *>(record)); };

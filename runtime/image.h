@@ -165,6 +165,15 @@ inline constexpr auto kFixedImage = [] {
   return image;
 }();
 
+// For writing: zeros where the layout leaves bytes unwritten, which readers do not look at. They go to another process,
+// so they must not be what the memory held before.
+template <class R>
+inline constexpr auto kSentImage = [] {
+  auto image = kFixedImage<R>;
+  for (Role &role : image.roles) role = role == Role::unwritten ? Role::constant : role;
+  return image;
+}();
+
 // Starts at the vtable, so that it serves root, embedded and element tables alike.
 template <class R>
 inline constexpr auto kFullImage = [] {

@@ -104,7 +104,7 @@ inline void copy_values(void *to, const void *from) {
   }
 }
 
-// Writes an image of the record; bytes that the layout leaves unwritten stay as they are.
+// Writes an image of the record.
 template <const auto &image>
 inline void write_image(uint8_t *__restrict out, const void *__restrict record) {
   const auto *from = static_cast<const uint8_t *>(record);
