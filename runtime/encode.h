@@ -12,6 +12,7 @@
 #include "runtime/message.h"
 #include "runtime/slots.h"
 #include "runtime/wire.h"
+#include "runtime/zeros.h"
 
 namespace drix {
 
@@ -22,19 +23,6 @@ bool has_offset_word(const R &record) {
   if constexpr (S::kind == Kind::bytes) return S::value(record) != nullptr && S::length(record) != 0;
   if constexpr (S::kind == Kind::vector) return S::value(record) != nullptr && S::count(record) != 0;
   return S::kind == Kind::array || S::kind == Kind::table;
-}
-
-template <class R>
-[[gnu::always_inline]] inline bool every_scalar_is_set(const R &record) {
-  return all_slots<R>([&]<class S>(S) {
-    if constexpr (S::kind == Kind::scalar) {
-      return S::value(record) != 0;
-    } else if constexpr (S::kind == Kind::table) {
-      return every_scalar_is_set(S::value(record));
-    } else {
-      return true;
-    }
-  });
 }
 
 // Encoded length of a table without a root offset, when it holds nothing that can be left out.
@@ -63,11 +51,12 @@ uint64_t nested_size(const R &record) {
     } else if constexpr (S::kind == Kind::bytes) {
       if (has_offset_word<S>(record)) size += kOffsetAndCount + uint64_t{S::length(record)};
     } else if constexpr (S::kind == Kind::vector) {
-      constexpr uint64_t kLeast = least_nested_size<typename S::Element>();
+      using Element = typename S::Element;
+      constexpr uint64_t kLeast = least_nested_size<Element>();
       if (!has_offset_word<S>(record)) return;
       const uint32_t count = S::count(record);
       size += kOffsetAndCount + count * (kWord + kLeast);
-      for (uint32_t i = 0; i < count && size <= kLongest; ++i) size += nested_size(value[i]) - kLeast;
+      if (size <= kLongest) size += count * (full_size<Element>() - kLeast) - Zeros<Element>::bytes(value, count);
     }
   });
   return size;
@@ -218,7 +207,7 @@ template <class R>
 [[gnu::noinline]] uint8_t *build_table(uint8_t *vtable, const void *of) {
   const R &record = *static_cast<const R *>(of);
   if constexpr (kFixedLength<R>) {
-    if (every_scalar_is_set(record)) {
+    if (!Zeros<R>::any(record)) [[likely]] {
       write_image<kFullImage<R>>(vtable, &record);
       return vtable + kFullImage<R>.bytes.size();
     }
