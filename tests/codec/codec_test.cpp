@@ -168,6 +168,25 @@ TEST(Codec, GivesUpAVectorWhoseRecordsNeedMoreThan32Bits) {
 }
 
 // The builder refuses also what no exported operation gives it.
+TEST(Codec, MeasuresLongVectorsToTheByte) {
+  for_every_type([](const Type &type, const Subject &subject) {
+    if (type.is_fixed()) return;
+    records::Random random(1);
+    records::Arena arena;
+    Bytes record(type.record_size);
+    // Some members are zero in more elements than a byte counts.
+    const records::Mix mix = {.zeros = 60, .most_elements = 600, .always_most = true};
+    records::fill_random(type, record.data(), random, mix, arena);
+    const Bytes expected = reference::pack(type, record.data());
+    Bytes packed(expected.size());
+    auto length = static_cast<uint32_t>(packed.size() - 1);
+    EXPECT_EQ(subject.library.pack(record.data(), packed.data(), &length), -1);
+    ++length;
+    EXPECT_EQ(subject.library.pack(record.data(), packed.data(), &length), 0);
+    EXPECT_EQ(packed, expected);
+  });
+}
+
 TEST(Codec, BuilderRefusesBadParameters) {
   const probe_named record = {};
   uint8_t buffer[24];
