@@ -72,7 +72,7 @@ std::string decode(const Subject &subject, const uint8_t *buffer, uint32_t lengt
   reference::Bytes record = untouched;
   trace = {};
   const bool complete = reference::decode(type, buffer, length, expected.data(), trace, failing_allocation);
-  outcome = expected == untouched ? Outcome::rejected : complete ? Outcome::complete : Outcome::given_up;
+  outcome = complete ? Outcome::complete : expected == untouched ? Outcome::rejected : Outcome::given_up;
 
   fake_platform::reset(failing_allocation);
   const std::size_t blocks_before = fake_platform::live_blocks();
