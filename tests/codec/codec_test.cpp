@@ -65,6 +65,8 @@ TEST(Codec, KeepsToTheListedConstants) {
     expect_listed(type.message_id(), listed.id, "message ID");
     expect_listed(packed_by_library(subject, zero.data()).size(), listed.compact_zero, "compact length of zeros");
     expect_listed(packed_by_library(subject, set.data()).size(), listed.compact_set, "full compact length");
+    // A record without zeros is written by a way of its own.
+    EXPECT_EQ(packed_by_library(subject, set.data()), reference::pack(type, set.data()));
     EXPECT_EQ(subject.library.unpack(nullptr, 0, nullptr), type.record_size);
 
     const Bytes image = sent_by_library(subject, set.data());
