@@ -170,46 +170,41 @@ inline constexpr bool kFlat = all_slots<R>([](auto slot) {
   return slot.kind != Kind::table && slot.kind != Kind::vector;
 });
 
-namespace member_count {
-
-struct Anything {
+struct AnyMember {
   template <class T>
   operator T() const;
 };
 
+// Whether R has so many members, or more.
 template <class R, std::size_t... I>
-constexpr bool accepts(std::index_sequence<I...>) {
-  return requires { R{{(static_cast<void>(I), Anything())}...}; };
+constexpr bool takes_members(std::index_sequence<I...>) {
+  return requires { R{{(static_cast<void>(I), AnyMember())}...}; };
 }
-
-template <class R, std::size_t N = 2 * kMaxSlots + 1>
-constexpr std::size_t members() {
-  if constexpr (accepts<R>(std::make_index_sequence<N>())) {
-    return N;
-  } else {
-    return members<R, N - 1>();
-  }
-}
-
-}  // namespace member_count
 
 // True when every member of R belongs to a slot and the members stand in slot order, lengths and counts before their
 // pointers, so that a misspelt or misplaced member is a compile error and not a lost field.
 template <class R>
 constexpr bool every_member_is_a_slot() {
-  std::size_t members = 0;
-  std::size_t last_offset = 0;
-  bool ordered = true;
-  const auto follows = [&](std::size_t offset) {
-    ordered = ordered && (members == 0 || offset > last_offset);
-    last_offset = offset;
-    ++members;
+  struct Found {
+    std::size_t members = 0;
+    bool ordered = true;
   };
-  for_each_slot<R>([&](auto slot) {
-    if (slot.kind == Kind::bytes || slot.kind == Kind::vector) follows(slot.length_offset);
-    follows(slot.offset);
-  });
-  return ordered && members == member_count::members<R>();
+  constexpr Found found = [] {
+    Found in_order;
+    std::size_t last_offset = 0;
+    const auto follows = [&](std::size_t offset) {
+      in_order.ordered = in_order.ordered && (in_order.members == 0 || offset > last_offset);
+      last_offset = offset;
+      ++in_order.members;
+    };
+    for_each_slot<R>([&](auto slot) {
+      if (slot.kind == Kind::bytes || slot.kind == Kind::vector) follows(slot.length_offset);
+      follows(slot.offset);
+    });
+    return in_order;
+  }();
+  return found.ordered && takes_members<R>(std::make_index_sequence<found.members>()) &&
+         !takes_members<R>(std::make_index_sequence<found.members + 1>());
 }
 
 // Element types own nothing and hold no further tables, embedded types hold no further tables.
