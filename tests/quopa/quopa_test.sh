@@ -116,11 +116,12 @@ expect 2 '' '^quopa: .*--layout' '' encode $param --layout other
 expect 2 '' '^quopa: no package or type "nothing"' '' types nothing
 expect 2 '' '^quopa: .*excludes' '' types --json --schema
 
-# A closed pipe ends it quietly, a full disk does not; nothing is wider than a terminal; no type is left out.
+# A closed pipe ends it quietly, a full disk does not; nothing is wider than a terminal, shown of one type in twelve,
+# for a start takes its time under sanitizers and in emulators.
 "${quopa[@]}" types --schema 2>errors | head -n 1 >output
 [ ! -s errors ] || complain 'a closed pipe is not quiet'
 "${quopa[@]}" types >/dev/full 2>errors && complain 'a full disk is not noticed'
-for type in $("${quopa[@]}" types | tail -n +2 | cut -d' ' -f1); do
+for type in $("${quopa[@]}" types | awk 'NR % 12 == 6 { print $1 }'); do
   "${quopa[@]}" encode "$type" <<<'{}' | "${quopa[@]}" annotate "$type" | grep -E '.{81}' && complain "$type: wide lines"
 done
 
