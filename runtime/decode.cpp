@@ -81,7 +81,7 @@ class TableDecoding {
       case Kind::bytes:
         return unpack_bytes(slot, at);
       case Kind::table:
-        return unpack_inner(*decoder_.inner[slot.inner], at, member);
+        return unpack_inner(*decoder_.inner[slot.inner].decoder, at, member);
       case Kind::vector:
         break;
     }
@@ -124,7 +124,8 @@ class TableDecoding {
   }
 
   [[nodiscard]] bool unpack_vector(const SlotShape &slot, uint32_t word) {
-    const Decoder &element = *decoder_.inner[slot.inner];
+    const InnerType &inner = decoder_.inner[slot.inner];
+    const Decoder &element = *inner.decoder;
     uint32_t element_word;
     uint32_t count;
     if (!follow_to_count(word, element_word, count)) return false;
@@ -135,8 +136,13 @@ class TableDecoding {
     if (size > UINT32_MAX) return false;
     uint8_t *record = allocate(slot, static_cast<uint32_t>(size));
     if (record == nullptr) return false;
-    for (uint32_t i = 0; i < count; ++i, element_word += kWord, record += element.record_size) {
-      if (!unpack_inner(element, element_word, record)) return false;
+    for (uint32_t i = 0; i < count; ++i) {
+      if (inner.read_elements != nullptr) {
+        const uint32_t words = length_ - room_ + element_word + kWord * i;
+        i += inner.read_elements(buffer_, length_, words, count - i, record + std::size_t{i} * element.record_size);
+        if (i == count) break;
+      }
+      if (!unpack_inner(element, element_word + kWord * i, record + std::size_t{i} * element.record_size)) return false;
     }
     return true;
   }

@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdint>
 
+#include "runtime/element_read.h"
 #include "runtime/image_runs.h"
 #include "runtime/message.h"
 #include "runtime/quick_read.h"
@@ -31,13 +32,24 @@ struct SlotShape {
   };
 };
 
+struct Decoder;
+
+// A type inside another one.
+struct InnerType {
+  const Decoder *decoder;
+
+  // The quick reader of a vector's elements, null for embedded records and when none is built in: reads up to count
+  // elements, whose offset words stand at a place in the buffer, and returns how many of them were plain.
+  uint32_t (*read_elements)(const uint8_t *buffer, uint32_t length, uint32_t words, uint32_t count, void *records);
+};
+
 // What it needs to know of a type.
 struct Decoder {
   const MessageInfo *message;
   uint32_t record_size;
   uint32_t slots;
   const SlotShape *shapes;
-  const Decoder *const *inner;  // of embedded records and of vectors' elements
+  const InnerType *inner;  // of embedded records and of vectors' elements
 
   // The quick reader of a fixed-length type, null for others and when none is built in. Sets every byte of a record
   // that it reads.
@@ -58,14 +70,17 @@ struct DecoderOf {
     return count;
   }();
 
-  static constexpr std::array<const Decoder *, inner_count> inner = [] {
-    std::array<const Decoder *, inner_count> decoders{};
+  static constexpr std::array<InnerType, inner_count> inner = [] {
+    std::array<InnerType, inner_count> types{};
     std::size_t count = 0;
     for_each_slot<R>([&]<class S>(S) constexpr {
-      if constexpr (S::kind == Kind::table) decoders[count++] = &DecoderOf<typename S::Type>::decoder;
-      if constexpr (S::kind == Kind::vector) decoders[count++] = &DecoderOf<typename S::Element>::decoder;
+      if constexpr (S::kind == Kind::table) types[count++].decoder = &DecoderOf<typename S::Type>::decoder;
+      if constexpr (S::kind == Kind::vector) {
+        if constexpr (kQuickReaders) types[count].read_elements = read_elements<typename S::Element>;
+        types[count++].decoder = &DecoderOf<typename S::Element>::decoder;
+      }
     });
-    return decoders;
+    return types;
   }();
 
   static constexpr std::array<SlotShape, kSlots<R>> shapes = [] {

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include "runtime/image.h"
 #include "runtime/wire.h"
@@ -23,7 +24,10 @@ class Difference {
   template <std::size_t size, std::unsigned_integral Word = uint64_t>
   [[gnu::always_inline]] void add(const uint8_t *a, const uint8_t *b) {
     if constexpr (size >= sizeof(Word)) {
-      for (std::size_t at = 0; at + sizeof(Word) <= size; at += sizeof(Word)) add_word<Word>(a + at, b + at);
+      [&]<std::size_t... I>(std::index_sequence<I...>) {
+        (add_word<Word>(a + I * sizeof(Word), b + I * sizeof(Word)), ...);
+      }
+      (std::make_index_sequence<size / sizeof(Word)>());
       constexpr std::size_t kLast = size - sizeof(Word);
       if constexpr (size % sizeof(Word) != 0) add_word<Word>(a + kLast, b + kLast);
     } else if constexpr (size >= sizeof(uint32_t)) {

@@ -25,8 +25,13 @@ namespace drix {
 template <class R>
 class Entries {
  public:
+  Entries() = default;
   explicit Entries(const uint8_t *from) {
     for_each_word([&]<std::size_t i>() { words_[i] = load_lanes(from + 2 * first_slot(i)); });
+  }
+
+  void store_to(uint8_t *to) const {
+    for_each_word([&]<std::size_t i>() { store(to + 2 * first_slot(i), words_[i]); });
   }
 
   template <std::size_t slot>
@@ -96,7 +101,7 @@ class Entries {
     }
   }
 
-  std::array<uint64_t, kWords> words_;
+  std::array<uint64_t, kWords> words_{};
 };
 
 // The table that stands last in the compact layout of R: R's own or an embedded one.

@@ -34,6 +34,13 @@ template <std::unsigned_integral T>
   return value;
 }
 
+// Has the compiler take bytes from memory, piece by piece, where it would keep all in registers and shift the pieces
+// out; and it cannot fetch them again from where they were copied.
+template <class T>
+[[gnu::always_inline]] inline void settle_in_memory(T &bytes) {
+  __asm__("" : "+m"(bytes));
+}
+
 // Of bytes that decide about an address. They are read from memory once, so that what was checked is what is used, also
 // when another process writes to the buffer meanwhile.
 template <std::unsigned_integral T>
