@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "runtime/element_write.h"
 #include "runtime/image.h"
 #include "runtime/image_runs.h"
 #include "runtime/message.h"
@@ -81,9 +82,6 @@ uint64_t longest_size(const R &record) {
   });
   return size;
 }
-
-template <class R>
-uint8_t *build_table(uint8_t *vtable, const void *of);
 
 // Writes a table of the compact layout: its vtable, then its scalars, offset words and contents, then the tables that
 // it holds. What is known only later is written last: the header of the vtable and the table's distance to it.
@@ -188,7 +186,7 @@ class TableWriter {
         const uint32_t count = S::count(record_);
         const auto *elements = S::value(record_);
         uint8_t *word = element_words_[S::index];
-        for (uint32_t i = 0; i < count; ++i, word += kWord) append_table(word, elements[i]);
+        end_ = build_elements(word, count, elements, end_);
       }
     });
   }

@@ -37,6 +37,30 @@ class Zeros {
   using Lanes = typename BlockLanes::Type;
 
  public:
+  // Which scalars of a record are zero, of the record itself and of those embedded in it.
+  class Shape {
+   public:
+    Shape() = default;
+    [[gnu::always_inline]] explicit Shape(const R &record) {
+      for_each_block([&]<std::size_t block>() { find<block>(record, zeros_[block]); });
+    }
+
+    [[gnu::always_inline]] bool any() const {
+      Lanes found{};
+      for_each_block([&]<std::size_t block>() { found |= zeros_[block]; });
+      return BlockLanes::together(found) != 0;
+    }
+
+    [[gnu::always_inline]] bool equals(const Shape &other) const {
+      Lanes difference{};
+      for_each_block([&]<std::size_t block>() { difference |= zeros_[block] ^ other.zeros_[block]; });
+      return BlockLanes::together(difference) == 0;
+    }
+
+   private:
+    Lanes zeros_[(sizeof(R) + sizeof(Lanes) - 1) / sizeof(Lanes)] = {};
+  };
+
   // Whether a scalar is zero, of the record itself or of those embedded in it.
   [[gnu::always_inline]] static bool any(const R &record) {
     Lanes found{};

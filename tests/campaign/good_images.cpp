@@ -45,7 +45,7 @@ std::vector<Bytes> good_images(const Type &type, records::Random &random) {
   for (int draw = 0; draw < 16; ++draw) {
     records::Arena arena;
     Bytes record(type.record_size);
-    records::fill_random(type, record.data(), random, {.zeros = draw == 0 ? 50u : 0u}, arena);
+    records::fill_random(type, record.data(), random, {.zeros = draw == 0 ? 50u : 0u, .alike = 50}, arena);
     const Bytes image = reference::pack(type, record.data());
     if (image.size() > longest.size()) longest = image;
     if (draw == 0) images.push_back(image);

@@ -81,6 +81,8 @@ struct Extent {
 // Fills a record of zeros. The content says what with:
 //   uint32_t number(uint32_t width);  for a scalar, an element of an array or a byte of a byte string
 //   Extent extent(Kind kind);         for a byte string or a vector
+// It may also want to know where elements of a vector start:
+//   void start_element(uint32_t i);
 template <class Type, class Content>
 void fill(const Type &type, void *record, Content &content, Arena &arena) {
   for (const Slot<Type> &slot : type.slots) {
@@ -93,7 +95,9 @@ void fill(const Type &type, void *record, Content &content, Arena &arena) {
       uint8_t *const block = extent.has_block ? arena.allocate(extent.length * size) : nullptr;
       for (uint32_t i = 0; extent.has_block && i < extent.length; ++i) {
         if (slot.kind == Kind::bytes) store_number(block + i, 1, content.number(1));
-        if (slot.kind == Kind::vector) fill(*slot.type, block + i * size, content, arena);
+        if (slot.kind != Kind::vector) continue;
+        if constexpr (requires { content.start_element(i); }) content.start_element(i);
+        fill(*slot.type, block + i * size, content, arena);
       }
       slot.point(record, block, extent.length);
     } else {
@@ -129,6 +133,7 @@ struct Mix {
   uint32_t most_bytes = 4;
   uint32_t most_elements = 4;
   bool always_most = false;  // else byte strings and vectors are of any length up to that
+  uint32_t alike = 0;        // so many elements in a hundred have their zeros where the one before has
 };
 
 // Random content, of which large and small numbers are equally likely.
@@ -136,8 +141,15 @@ class RandomContent {
  public:
   RandomContent(Random &random, const Mix &mix) : random_(random), mix_(mix) {}
 
+  void start_element(uint32_t i) {
+    alike_ = i != 0 && mix_.alike != 0 && random_.below(100) < mix_.alike;
+    if (!alike_) zeros_.clear();
+    next_ = 0;
+  }
+
   uint32_t number(uint32_t width) {
-    if (random_.below(100) < mix_.zeros) return 0;
+    if (!alike_) zeros_.push_back(random_.below(100) < mix_.zeros);
+    if (zeros_[alike_ ? next_++ : zeros_.size() - 1]) return 0;
     const uint64_t drawn = random_.draw();
     const uint32_t bits = 8 * width;
     const auto number = static_cast<uint32_t>(drawn >> (64 - bits)) >> (drawn % bits);
@@ -153,6 +165,9 @@ class RandomContent {
  private:
   Random &random_;
   Mix mix_;
+  std::vector<bool> zeros_;  // which numbers of the last element that is not alike are zero
+  bool alike_ = false;
+  std::size_t next_ = 0;
 };
 
 template <class Type>
