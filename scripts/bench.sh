@@ -37,7 +37,7 @@ while [ $# -gt 0 ]; do
 done
 
 require_packages "${BUILD_PACKAGES[@]}" clang-14 libbenchmark-dev protobuf-compiler libprotobuf-dev capnproto \
-  libcapnp-dev python3 util-linux
+  libcapnp-dev libzmq3-dev python3 util-linux
 
 # build NAME: of the form COMPILER-OPTIMISATION.
 build() {
@@ -80,21 +80,26 @@ done
 python3 bench/tables.py "${arguments[@]}" | tee build/bench/tables.md
 [ ${#batches[@]} -gt 0 ] || exit 0
 
-# exchange BATCH: routes per second from one process to the other, acknowledged. The two wait for each other, so this is
-# elapsed time.
+# Routes per second from one process to the other, acknowledged, and what ZeroMQ does with as many bytes, in turn. The two
+# processes wait for each other, so this is elapsed time.
 routes=2670000 # 10,000 times the sample
-exchange() {
+exchange() { # BATCH
   scripts/demo.sh --binaries "build/bench/${builds[0]}/examples" --sample --quiet --repeat $((routes / 267)) \
     --batch "$1" 2>/dev/null | sed -n 's|^sent .* s: \([0-9]*\) routes/s, all acknowledged$|\1|p'
 }
-{
-  printf '\n| records/s |'
-  printf ' batch of %s |' "${batches[@]}"
-  printf '\n|---|'
-  printf -- '--:|%.0s' "${batches[@]}"
-  printf '\n| fib6Sync.ipv6FwdUpdateMsg, between processes |'
-  for batch in "${batches[@]}"; do
-    printf ' %d |' "$(for _ in 1 2 3; do exchange "$batch"; done | sort -n | sed -n 2p)"
+declare -A library zeromq
+for batch in "${batches[@]}"; do
+  for _ in 1 2 3; do
+    library[$batch]+=$(exchange "$batch")$'\n'
+    zeromq[$batch]+=$("build/bench/${builds[0]}/bench/drix_bench_exchange" "$batch" $routes)$'\n'
   done
-  printf '\n'
+done
+middle() { sort -n <<<"${1%$'\n'}" | sed -n 2p; }
+{
+  printf '\n| fib6Sync.ipv6FwdUpdateMsg between processes, records/s | the library over the stand-in bus | ZeroMQ | ratio |\n'
+  printf '|---|--:|--:|--:|\n'
+  for batch in "${batches[@]}"; do
+    ours=$(middle "${library[$batch]}") theirs=$(middle "${zeromq[$batch]}")
+    printf '| batch of %d | %d | %d | %.2f |\n' "$batch" "$ours" "$theirs" "$(awk "BEGIN { print $ours / $theirs }")"
+  done
 } | tee -a build/bench/tables.md
