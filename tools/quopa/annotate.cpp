@@ -81,7 +81,7 @@ class Page {
 
   // The meaning is wrapped at blanks, so that no line is wider than a terminal unless a word is.
   void print_row(const std::string &position, const std::string &bytes, std::string meaning, const char *color) const {
-    constexpr std::size_t kBytesWidth = 3 * kRowBytes;
+    constexpr std::size_t kBytesWidth = std::size_t{3} * kRowBytes;
     const std::size_t room = kColumns - position_width_ - 2 - kBytesWidth - 1;
     std::string line(position_width_ - std::min(position.size(), position_width_), ' ');
     line += position + "  " + bytes;

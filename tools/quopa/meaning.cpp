@@ -20,7 +20,7 @@ std::string offset_text(const Event &word) {
 }
 
 std::string number_text(uint32_t value, const Label *label) {
-  const std::string text = drix::inspect::scalar_text(value, label);
+  std::string text = drix::inspect::scalar_text(value, label);
   if (value < 10 && text == std::to_string(value)) return text;
   char hexadecimal[16];
   std::snprintf(hexadecimal, sizeof hexadecimal, " (0x%x)", value);
