@@ -24,7 +24,7 @@ class Difference {
   template <std::size_t size, std::unsigned_integral Word = uint64_t>
   [[gnu::always_inline]] void add(const uint8_t *a, const uint8_t *b) {
     if constexpr (size >= sizeof(Word)) {
-      [&]<std::size_t... I>(std::index_sequence<I...>) {
+      [&]<std::size_t... I>(std::index_sequence<I...>) __attribute__((always_inline)) {
         (add_word<Word>(a + I * sizeof(Word), b + I * sizeof(Word)), ...);
       }
       (std::make_index_sequence<size / sizeof(Word)>());
@@ -90,9 +90,11 @@ struct Runs {
 
 // Calls visit.operator()<run>() for each run of a role.
 template <const auto &image, Role role, class Visit>
-inline void for_each_run(Visit visit) {
+[[gnu::always_inline]] inline void for_each_run(Visit visit) {
   using List = Runs<image, role>;
-  [&]<std::size_t... I>(std::index_sequence<I...>) { (visit.template operator()<List::list[I]>(), ...); }
+  [&]<std::size_t... I>(std::index_sequence<I...>) __attribute__((always_inline)) {
+    (visit.template operator()<List::list[I]>(), ...);
+  }
   (std::make_index_sequence<List::count>());
 }
 

@@ -82,7 +82,9 @@ class Entries {
 
   template <class Visit>
   [[gnu::always_inline]] static void for_each_word(Visit visit) {
-    [&]<std::size_t... I>(std::index_sequence<I...>) { (visit.template operator()<I>(), ...); }
+    [&]<std::size_t... I>(std::index_sequence<I...>) __attribute__((always_inline)) {
+      (visit.template operator()<I>(), ...);
+    }
     (std::make_index_sequence<kWords>());
   }
 
