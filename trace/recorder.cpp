@@ -1,0 +1,201 @@
+#include "trace/recorder.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "trace/settings.h"
+#include "trace/thread.h"
+
+namespace trace {
+
+__thread Thread this_thread;
+
+namespace {
+
+std::atomic<uint32_t> lost{0};
+uint32_t longest_payload = 0;
+
+// While it lives, the thread's recording calls are lost: those of a signal handler, which must not wait for what it has
+// interrupted.
+class Busy {
+ public:
+  Busy() { this_thread.busy = true; }
+  ~Busy() { this_thread.busy = false; }
+  Busy(const Busy &) = delete;
+  Busy &operator=(const Busy &) = delete;
+};
+
+uint32_t thread_id() {
+  if (this_thread.id == 0) this_thread.id = static_cast<uint32_t>(syscall(SYS_gettid));
+  return this_thread.id;
+}
+
+// What is read of a message. Its length is read once, for another thread may be changing it.
+struct Payload {
+  const void *bytes;
+  uint32_t captured;
+  uint32_t original;
+};
+
+inline Payload look_at(const DrixSendDescriptor &message) {
+  const auto *const bytes = reinterpret_cast<const void *>(__atomic_load_n(&message.address, __ATOMIC_RELAXED));
+  const uint32_t length = __atomic_load_n(&message.length, __ATOMIC_RELAXED);
+  if (bytes == nullptr || length > INT32_MAX) return {nullptr, 0, length};
+  return {bytes, length < longest_payload ? length : longest_payload, length};
+}
+
+inline uint32_t cells_of(const DrixSendDescriptor &message) { return cells_for(look_at(message).captured); }
+
+inline bool is_wanted(TraceKind kind, const DrixSendDescriptor &message) {
+  return kind == TRACE_NOTE || is_selected(message.id);
+}
+
+// Writes one message into the cells at a place, at most so many; returns how many it took.
+uint32_t write_message(uint8_t *at, uint32_t cells, uint64_t time, const Header &header, Payload payload) {
+  const uint32_t needed = cells_for(payload.captured);
+  if (needed > cells) {
+    payload.captured = payload_of(cells);
+  } else {
+    cells = needed;
+  }
+  const uint32_t bytes = cells * kCellBytes;
+  if (cells > 1) join_cells(at, bytes);
+  fill_packet(at, bytes, time, header, payload.bytes, payload.captured, payload.original);
+  publish(at);
+  return cells;
+}
+
+void write_messages(Header header, const DrixSendDescriptor *messages, uint32_t count, uint64_t time,
+                    Written *written) {
+  const TraceKind kind = header.kind;
+  header.count = count;
+  for (uint32_t i = 0; i < count;) {
+    if (!is_wanted(kind, messages[i])) {
+      ++i;
+      continue;
+    }
+    const uint32_t first = cells_of(messages[i]);
+    uint32_t end = i;
+    const auto as_many_as_fit = [&](uint32_t room) {
+      uint32_t cells = first;
+      for (end = i + 1; end < count; ++end) {
+        const uint32_t more = is_wanted(kind, messages[end]) ? cells_of(messages[end]) : 0;
+        if (more > room - cells) break;
+        cells += more;
+      }
+      return cells;
+    };
+    Place place;
+    if (!reserve(first, time, as_many_as_fit, place)) {
+      for (; i < count; ++i) {
+        if (is_wanted(kind, messages[i])) lost.fetch_add(1, std::memory_order_relaxed);
+      }
+      return;
+    }
+    uint8_t *at = place.at;
+    uint32_t left = place.cells;
+    uint32_t done = 0;
+    for (; i < end && left != 0; ++i) {
+      if (!is_wanted(kind, messages[i])) continue;
+      header.id = messages[i].id;
+      header.index = i;
+      const uint32_t taken = write_message(at, left, time, header, look_at(messages[i]));
+      at += std::size_t{taken} * kCellBytes;
+      left -= taken;
+      ++done;
+    }
+    release(place);
+    if (written != nullptr) written->add(place, done);
+  }
+}
+
+void write_note(const char *text, int length, uint64_t time) {
+  const DrixSendDescriptor note = {reinterpret_cast<uintptr_t>(text), 0, static_cast<uint32_t>(length)};
+  write_messages({TRACE_NOTE, 0, 0, 0, 0, 0, 1, thread_id()}, &note, 1, time, nullptr);
+}
+
+[[gnu::cold]] [[gnu::noinline]] void note_lost(uint64_t time) {
+  const uint32_t count = lost.exchange(0, std::memory_order_relaxed);
+  if (count == 0) return;
+  char text[32];
+  if (!advance(cells_for(sizeof text), time)) {
+    lost.fetch_add(count, std::memory_order_relaxed);
+    return;
+  }
+  write_note(text, std::snprintf(text, sizeof text, TRACE_NOTE_LOST "%u", count), time);
+}
+
+void record(const Header &header, const DrixSendDescriptor *messages, uint32_t count, Written &written) {
+  if (this_thread.busy) {
+    lost.fetch_add(count, std::memory_order_relaxed);
+    return;
+  }
+  const Busy busy;
+  const uint64_t time = clock_now();
+  if (lost.load(std::memory_order_relaxed) != 0) note_lost(time);
+  write_messages(header, messages, count, time, &written);
+}
+
+}  // namespace
+
+bool start_recorder() {
+  read_settings();
+  if (settings().folder[0] == '\0') return false;
+  prepare_ring();
+  const uint32_t longest = payload_of(cells_in_file);
+  longest_payload = longest < kLongestPayload ? longest : kLongestPayload;
+  return true;
+}
+
+void restart_recorder() {
+  this_thread.id = 0;
+  lost.store(0, std::memory_order_relaxed);
+  restart_ring(this_thread.busy);
+}
+
+void open_trace() {
+  if (this_thread.busy) return;
+  const Busy busy;
+  open_ring();
+}
+
+void stop_recorder() {
+  if (this_thread.busy) return;
+  const Busy busy;
+  close_ring();
+}
+
+void Written::conclude(int32_t status) const {
+  for (uint32_t i = count_ > kMostFiles ? count_ - kMostFiles : 0; i < count_; ++i) {
+    const Part &part = parts_[i % kMostFiles];
+    if (!hold(part.place)) continue;
+    uint8_t *at = part.place.at;
+    for (uint32_t message = 0; message < part.messages; ++message) {
+      put_status(at, status);
+      at += block_bytes(at);
+    }
+    release(part.place);
+  }
+}
+
+void record_sent(uint32_t handle, uint32_t destination, const DrixSendDescriptor *messages, uint32_t count,
+                 Written &written) {
+  record({TRACE_SENT, 0, handle, destination, TRACE_NO_ANSWER, 0, 0, thread_id()}, messages, count, written);
+}
+
+void record_received(uint32_t id, const uint8_t *buffer, uint32_t length, Written &written) {
+  const DrixSendDescriptor message = {reinterpret_cast<uintptr_t>(buffer), id, length};
+  record({TRACE_RECEIVED, 0, 0, 0, TRACE_NO_ANSWER, 0, 0, thread_id()}, &message, 1, written);
+}
+
+void record_unwrapped(uint32_t count) {
+  set_unwrapped(count);
+  if (this_thread.busy) return;
+  const Busy busy;
+  char text[32];
+  write_note(text, std::snprintf(text, sizeof text, TRACE_NOTE_UNWRAPPED "%u", count), clock_now());
+}
+
+}  // namespace trace

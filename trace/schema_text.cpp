@@ -1,0 +1,12 @@
+#include "trace/schema_text.h"
+
+#include "trace/record.h"
+
+namespace trace {
+
+const char kSchemaNote[] = TRACE_NOTE_SCHEMA
+#include "schema_lines.h"  // made by trace_schema
+    ;
+const uint32_t kSchemaNoteLength = sizeof kSchemaNote - 1;
+
+}  // namespace trace
