@@ -26,10 +26,10 @@ uint32_t unwrapped = 0;
 
 uint32_t decode_recorded(const Wrapped &entry, const uint8_t *buffer, uint32_t length, void *record) {
   if (this_thread.registering) return entry.decode(buffer, length, record);
-  Written written;
-  record_received(entry.id, buffer, length, written);
+  ReceivedMessage message;
+  message.record(entry.id, buffer, length);
   const uint32_t size = entry.decode(buffer, length, record);
-  written.conclude(size != 0 ? 0 : TRACE_GIVEN_UP);
+  message.conclude(size != 0 ? 0 : TRACE_GIVEN_UP);
   return size;
 }
 

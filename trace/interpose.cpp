@@ -66,12 +66,12 @@ int32_t send_recorded(uint32_t handle, uint32_t destination, DrixSendDescriptor 
                       Send send) {
   const DrixSendDescriptor *const outer = this_thread.descriptors;
   if (!recording || descriptors == nullptr || count == 0 || outer == descriptors) return send();
-  trace::Written written;
-  trace::record_sent(handle, destination, descriptors, count, written);
+  trace::SentMessages messages;
+  messages.record(handle, destination, descriptors, count);
   this_thread.descriptors = descriptors;
   const int32_t status = send();
   this_thread.descriptors = outer;
-  written.conclude(status);
+  messages.conclude(status);
   return status;
 }
 

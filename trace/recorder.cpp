@@ -67,8 +67,9 @@ uint32_t write_message(uint8_t *at, uint32_t cells, uint64_t time, const Header 
   return cells;
 }
 
-void write_messages(Header header, const DrixSendDescriptor *messages, uint32_t count, uint64_t time,
-                    Written *written) {
+// after(place, messages) is called for what was written into each file, which the thread still holds.
+template <class After>
+void write_messages(Header header, const DrixSendDescriptor *messages, uint32_t count, uint64_t time, After after) {
   const TraceKind kind = header.kind;
   header.count = count;
   for (uint32_t i = 0; i < count;) {
@@ -106,14 +107,14 @@ void write_messages(Header header, const DrixSendDescriptor *messages, uint32_t 
       left -= taken;
       ++done;
     }
-    release(place);
-    if (written != nullptr) written->add(place, done);
+    after(place, done);
   }
 }
 
 void write_note(const char *text, int length, uint64_t time) {
   const DrixSendDescriptor note = {reinterpret_cast<uintptr_t>(text), 0, static_cast<uint32_t>(length)};
-  write_messages({TRACE_NOTE, 0, 0, 0, 0, 0, 1, thread_id()}, &note, 1, time, nullptr);
+  write_messages({TRACE_NOTE, 0, 0, 0, 0, 0, 1, thread_id()}, &note, 1, time,
+                 [](const Place &place, uint32_t) { release(place); });
 }
 
 [[gnu::cold]] [[gnu::noinline]] void note_lost(uint64_t time) {
@@ -127,7 +128,8 @@ void write_note(const char *text, int length, uint64_t time) {
   write_note(text, std::snprintf(text, sizeof text, TRACE_NOTE_LOST "%u", count), time);
 }
 
-void record(const Header &header, const DrixSendDescriptor *messages, uint32_t count, Written &written) {
+template <class After>
+void record(const Header &header, const DrixSendDescriptor *messages, uint32_t count, After after) {
   if (this_thread.busy) {
     lost.fetch_add(count, std::memory_order_relaxed);
     return;
@@ -135,7 +137,7 @@ void record(const Header &header, const DrixSendDescriptor *messages, uint32_t c
   const Busy busy;
   const uint64_t time = clock_now();
   if (lost.load(std::memory_order_relaxed) != 0) note_lost(time);
-  write_messages(header, messages, count, time, &written);
+  write_messages(header, messages, count, time, after);
 }
 
 }  // namespace
@@ -167,7 +169,15 @@ void stop_recorder() {
   close_ring();
 }
 
-void Written::conclude(int32_t status) const {
+void SentMessages::record(uint32_t handle, uint32_t destination, const DrixSendDescriptor *messages, uint32_t count) {
+  trace::record({TRACE_SENT, 0, handle, destination, TRACE_NO_ANSWER, 0, 0, thread_id()}, messages, count,
+                [this](const Place &place, uint32_t written) {
+                  parts_[count_++ % kMostFiles] = {place, written};
+                  release(place);
+                });
+}
+
+void SentMessages::conclude(int32_t status) const {
   for (uint32_t i = count_ > kMostFiles ? count_ - kMostFiles : 0; i < count_; ++i) {
     const Part &part = parts_[i % kMostFiles];
     if (!hold(part.place)) continue;
@@ -180,14 +190,16 @@ void Written::conclude(int32_t status) const {
   }
 }
 
-void record_sent(uint32_t handle, uint32_t destination, const DrixSendDescriptor *messages, uint32_t count,
-                 Written &written) {
-  record({TRACE_SENT, 0, handle, destination, TRACE_NO_ANSWER, 0, 0, thread_id()}, messages, count, written);
+void ReceivedMessage::record(uint32_t id, const uint8_t *buffer, uint32_t length) {
+  const DrixSendDescriptor message = {reinterpret_cast<uintptr_t>(buffer), id, length};
+  trace::record({TRACE_RECEIVED, 0, 0, 0, TRACE_NO_ANSWER, 0, 0, thread_id()}, &message, 1,
+                [this](const Place &place, uint32_t) { place_ = place; });
 }
 
-void record_received(uint32_t id, const uint8_t *buffer, uint32_t length, Written &written) {
-  const DrixSendDescriptor message = {reinterpret_cast<uintptr_t>(buffer), id, length};
-  record({TRACE_RECEIVED, 0, 0, 0, TRACE_NO_ANSWER, 0, 0, thread_id()}, &message, 1, written);
+void ReceivedMessage::conclude(int32_t status) const {
+  if (place_.file == nullptr) return;
+  put_status(place_.at, status);
+  release(place_);
 }
 
 void record_unwrapped(uint32_t count) {

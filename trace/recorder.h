@@ -18,16 +18,17 @@ void restart_recorder();
 // Makes the first file, at the first call of the bus, where it holds up nothing.
 void open_trace();
 
-// Where the messages of a call were written, file by file. What is older than the ring has been overwritten by then.
-class Written {
+// The messages of a send call, recorded before the bus gets them and again with the bus's answer. What is older than
+// the ring has been overwritten by then. Nothing is held meanwhile, as the thread may stay in the bus for ever.
+//
+// Their buffers are read; a null one, and one that is longer than any decoder takes, is not.
+class SentMessages {
  public:
-  void add(const Place &place, uint32_t messages) { parts_[count_++ % kMostFiles] = {place, messages}; }
-
-  // Stores what became of the call with those of its messages that are still there.
+  void record(uint32_t handle, uint32_t destination, const DrixSendDescriptor *messages, uint32_t count);
   void conclude(int32_t status) const;
 
  private:
-  struct Part {
+  struct Part {  // what was written into one file
     Place place;
     uint32_t messages;
   };
@@ -35,11 +36,15 @@ class Written {
   uint32_t count_ = 0;
 };
 
-// Records messages before the bus, or the decoder, gets them. Their buffers are read; a null one and one that is longer
-// than any decoder takes is not.
-void record_sent(uint32_t handle, uint32_t destination, const DrixSendDescriptor *messages, uint32_t count,
-                 Written &written);
-void record_received(uint32_t id, const uint8_t *buffer, uint32_t length, Written &written);
+// A message on its way to its decoder, which soon returns: its file is held until then.
+class ReceivedMessage {
+ public:
+  void record(uint32_t id, const uint8_t *buffer, uint32_t length);
+  void conclude(int32_t status) const;
+
+ private:
+  Place place_ = {};
+};
 
 // Records that so many decoders are beyond what can be seen.
 void record_unwrapped(uint32_t count);
