@@ -2,14 +2,14 @@
  *
  * A packet is a message that crossed the bus, or a note of the recorder: TRACE_HEADER_BYTES of header, little-endian,
  * then the payload as it lay in memory. What time it is comes from the clock at the begin of the call. A packet
- * captured shorter than its original length is a message that was cut, because it is longer than a file of the trace
- * has room for, or could not be read.
+ * captured shorter than its original length is a message that was cut, because it is longer than 256 KiB, which readers
+ * refuse, or than a file of the trace has room for, or that has no bytes to be read. Packets stand in the order in
+ * which their places were taken, which among threads need not quite be that of their times.
  *
  * Recorder and readers agree on this file; it needs nothing but C. */
 #ifndef TRACE_RECORD_H
 #define TRACE_RECORD_H
 
-#include <limits.h>
 #include <stdint.h>
 
 /* pcapng as the recorder writes it; its byte order is the writer's, so that readers take either. */

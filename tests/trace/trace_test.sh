@@ -142,6 +142,11 @@ case $group in
     contiguous ring 1 '' 20190
     expect "cut in a small ring" '' odd
     has "cut in a small ring" 1 'captured=1[0-9]{5}/300000'
+    expect held '' held 8
+    has held 7 '^received .* status=0 .* stream=2 ' # the oldest file has begun anew
+    lost=$(sed -n 's/^note .* lost //p' packets)
+    [ "$lost" -gt 0 ] && contiguous held 1 '' $((8 * 470 - 1 - lost))
+    has held 1 ' stream=3 '
     expect deleted '' deleted
     has deleted 8 '^file '
     contiguous deleted 1 '' 20190

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -122,6 +123,31 @@ void deleted(uint32_t) {
   many(20000);
 }
 
+// Decoders that stay where they are hold the files that their messages are in. With all files held nothing can be
+// written; what is lost is told when they are free.
+std::mutex stay;
+uint32_t decode_slowly(const uint8_t *, uint32_t, void *) {
+  const std::lock_guard<std::mutex> until_unlocked(stay);
+  return kDecoded;
+}
+
+void held(uint32_t files) {
+  register_decoder(kId);
+  DRIX_RegIDLFuncHook(kOtherId, decode_slowly, release);
+  stay.lock();
+  std::vector<std::thread> threads;
+  uint32_t number = 0;
+  for (uint32_t file = 0; file < files; ++file) {
+    threads.emplace_back([=] { receive(kOtherId, 2, file, 20); });
+    usleep(20000);
+    // A little more than a file of the smallest ring holds.
+    for (uint32_t i = 0; i < 470; ++i) send(kId, 0, 1, number++, 1, 20);
+  }
+  stay.unlock();
+  for (std::thread &thread : threads) thread.join();
+  send(kId, 0, 3, 0, 1, 20);
+}
+
 // Sends and receives in several threads for ever, and counts in a file what is done.
 void load(uint32_t longest) {
   constexpr uint32_t kThreads = 3;
@@ -147,7 +173,7 @@ void load(uint32_t longest) {
 
 const std::map<std::string, void (*)(uint32_t)> kScenarios = {
     {"calls", calls},       {"odd", odd},         {"many", many}, {"decoders", decoders},
-    {"children", children}, {"deleted", deleted}, {"load", load}};
+    {"children", children}, {"deleted", deleted}, {"held", held}, {"load", load}};
 
 }  // namespace
 
