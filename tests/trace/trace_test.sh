@@ -15,13 +15,12 @@ complain() {
   failures=$((failures + 1))
 }
 
-# run SCENARIO [NUMBER] in the place of this shell, with the variables in the array settings.
+# run SCENARIO [NUMBER] in the place of this shell, with the variables in the array settings. The first one is what is
+# loaded, by the process itself and not by an emulator.
 settings=()
 run() {
   if [ ${#emulator[@]} -gt 0 ]; then
-    local variables=()
-    for variable in "${settings[@]}"; do variables+=(-E "$variable"); done
-    exec "${emulator[0]}" "${variables[@]}" "${emulator[@]:1}" "$traced" "$@"
+    exec env "${settings[@]:1}" "${emulator[0]}" -E "${settings[0]}" "${emulator[@]:1}" "$traced" "$@"
   else
     exec env "${settings[@]}" "$traced" "$@"
   fi
