@@ -7,8 +7,8 @@
 #include "trace/complaint.h"
 
 // Marks a copy of the recorder for other copies.
-extern "C" __attribute__((visibility("default"))) const int quopa_trace_is_here;
-const int quopa_trace_is_here = 1;
+extern "C" __attribute__((visibility("default"))) void quopa_trace_is_here();
+void quopa_trace_is_here() {}
 
 namespace trace {
 namespace {
@@ -25,7 +25,8 @@ void *find_from(const char *name, const void *caller) {
   void *const library = dlopen(info.dli_fname, RTLD_LAZY | RTLD_NOLOAD);
   if (library == nullptr) return nullptr;
   void *const found = dlsym(library, name);
-  if (found != nullptr && object_of(found) != object_of(&quopa_trace_is_here)) return found;  // and stays loaded
+  if (found != nullptr && object_of(found) != object_of(reinterpret_cast<const void *>(&quopa_trace_is_here)))
+    return found;  // and stays loaded
   dlclose(library);
   return nullptr;
 }
