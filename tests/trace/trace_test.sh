@@ -63,7 +63,8 @@ contiguous() {
     END { exit bad || first + seen - 1 != last }' packets || complain "$1: stream $2 is not whole"
 }
 
-settings=("LD_PRELOAD=$library" "QUOPA_TRACE_DIR=$work/trace")
+# Files are small, as it takes long to make large ones.
+settings=("LD_PRELOAD=$library" "QUOPA_TRACE_DIR=$work/trace" QUOPA_TRACE_SIZE=8M)
 plain=("${settings[@]}")
 case $group in
   calls)
