@@ -24,7 +24,7 @@ struct JsonStyle {
   bool ipv6 = false;  // show every u32[4] as an address
 };
 
-// Writes one line. Of a record that was built from a rejected buffer, only what was decoded before.
+// Writes one line, without its end. Of a record that was built from a rejected buffer, only what was decoded before.
 void write_json(std::ostream &out, const describe::Type &type, const uint8_t *record, const JsonStyle &style,
                 const Verdict *rejection = nullptr);
 

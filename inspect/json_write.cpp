@@ -1,8 +1,8 @@
 #include <arpa/inet.h>
 
 #include <array>
-#include <limits>
 
+#include "inspect/extent.h"
 #include "inspect/hex.h"
 #include "inspect/json.h"
 
@@ -12,35 +12,6 @@ namespace {
 using describe::Slot;
 using describe::Type;
 
-// How far a rejected buffer was decoded: so many slots of the root, and of the next one so many elements and then so
-// many slots of a table.
-struct Extent {
-  static constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
-
-  std::size_t root_slots = kAll;
-  std::size_t elements = 0;
-  std::size_t inner_slots = 0;
-  bool has_inner = false;
-};
-
-bool in_slots(const Event &culprit) {
-  return culprit.thing == Thing::slot_entry || culprit.thing == Thing::offset_word || culprit.thing == Thing::count ||
-         culprit.thing == Thing::element_word;
-}
-
-Extent extent_of(const Verdict &rejection) {
-  const Place &place = rejection.place;
-  const Event &culprit = rejection.culprit;
-  const std::size_t slot = in_slots(culprit) ? culprit.slot : 0;
-  if (place.outer == Place::kNone) {
-    return {.root_slots = slot, .elements = culprit.thing == Thing::element_word ? culprit.element : 0};
-  }
-  return {.root_slots = place.outer,
-          .elements = place.element == Place::kNone ? 0 : place.element,
-          .inner_slots = slot,
-          .has_inner = true};
-}
-
 class Writer {
  public:
   Writer(std::ostream &out, const JsonStyle &style) : out_(out), style_(style) {}
@@ -49,7 +20,7 @@ class Writer {
     out_ << '{';
     for (std::size_t i = 0; i < type.slots.size() && i < extent.root_slots; ++i) write_member(type, i, record);
     if (extent.root_slots < type.slots.size()) write_partial(type, extent, record);
-    out_ << "}\n";
+    out_ << '}';
   }
 
  private:

@@ -139,6 +139,21 @@ Labels::Labels(std::string_view file) {
   }
 }
 
+Labels Labels::carried_over(std::span<const Type *const> types) const {
+  Labels carried;
+  for (const Type *type : types) {
+    const Type *const own = describe::find(type->name());
+    const auto found = own == nullptr ? types_.end() : types_.find(own);
+    if (found == types_.end()) continue;
+    std::vector<Label> &labels = carried.types_[type];
+    labels.resize(type->slots.size());
+    for (std::size_t i = 0; i < std::min(type->slots.size(), own->slots.size()); ++i) {
+      if (describe::kind_text(type->slots[i]) == describe::kind_text(own->slots[i])) labels[i] = found->second[i];
+    }
+  }
+  return carried;
+}
+
 void Labels::parse_member(const Type &type, std::string_view line) {
   const std::size_t equals = line.find('=');
   if (equals == std::string_view::npos) fail("MEMBER = NAME is wanted");

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -46,6 +47,9 @@ class Labels {
  public:
   Labels() = default;
   explicit Labels(std::string_view file);  // throws LabelError
+
+  // For types of another version: of members that are there in both, and of the same kind.
+  Labels carried_over(std::span<const describe::Type *const> types) const;
 
   // Null when the member has none.
   const Label *find(const describe::Type &type, std::size_t slot) const;

@@ -7,8 +7,6 @@
 #include "tools/quopa/verdict.h"
 
 namespace quopa {
-namespace {}  // namespace
-
 int decode(const DecodeOptions &options) {
   const drix::describe::Type &type = find_type(options.type);
   const drix::inspect::JsonStyle style = {read_labels(options.labels), options.ipv6};
@@ -17,6 +15,7 @@ int decode(const DecodeOptions &options) {
   const drix::inspect::Verdict verdict =
       drix::inspect::walk(type, buffer.data(), static_cast<uint32_t>(buffer.size()), &builder);
   write_json(std::cout, type, builder.record().data(), style, verdict.accepted() ? nullptr : &verdict);
+  std::cout << '\n';
   return report(verdict, type, buffer, options.file);
 }
 

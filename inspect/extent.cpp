@@ -1,0 +1,27 @@
+#include "inspect/extent.h"
+
+namespace drix::inspect {
+namespace {
+
+bool in_slots(const Event &culprit) {
+  return culprit.thing == Thing::slot_entry || culprit.thing == Thing::offset_word || culprit.thing == Thing::count ||
+         culprit.thing == Thing::element_word;
+}
+
+}  // namespace
+
+Extent extent_of(const Verdict &verdict) {
+  if (verdict.accepted()) return {};
+  const Place &place = verdict.place;
+  const Event &culprit = verdict.culprit;
+  const std::size_t slot = in_slots(culprit) ? culprit.slot : 0;
+  if (place.outer == Place::kNone) {
+    return {.root_slots = slot, .elements = culprit.thing == Thing::element_word ? culprit.element : 0};
+  }
+  return {.root_slots = place.outer,
+          .elements = place.element == Place::kNone ? 0 : place.element,
+          .inner_slots = slot,
+          .has_inner = true};
+}
+
+}  // namespace drix::inspect
