@@ -3,6 +3,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace quopa {
 
@@ -56,5 +57,57 @@ struct AnnotateOptions {
   bool full = false;
 };
 int annotate(const AnnotateOptions &options);
+
+// Which messages of which captures; what is not asked for does not matter.
+struct SelectionOptions {
+  std::vector<std::string> paths;  // files and folders
+  std::vector<std::string> types;  // patterns as for file names; any of them
+  std::vector<std::string> where;  // all of them
+  std::string labels;
+  bool sent = false;
+  bool received = false;
+  bool rejected = false;
+  bool failed = false;
+};
+
+struct TraceOptions {
+  SelectionOptions selection;
+  std::string output;
+  bool follow = false;
+  bool json = false;
+  bool bare = false;
+  bool ipv6 = false;
+};
+int trace(const TraceOptions &options);
+
+struct StatsOptions {
+  SelectionOptions selection;
+  bool json = false;
+};
+int stats(const StatsOptions &options);
+
+struct CompareOptions {
+  std::string sender;
+  std::string receiver;
+  std::string labels;
+  bool json = false;
+  bool ipv6 = false;
+};
+int compare(const CompareOptions &options);
+
+struct ReplayOptions {
+  std::vector<std::string> paths;
+  std::string endpoint;
+  std::string speed = "1";
+  std::string bus = "libkelvodrix.so";
+  bool received = false;
+};
+int replay(const ReplayOptions &options);
+
+struct DissectorOptions {
+  std::string labels;
+  std::string output;
+};
+int dissector(const DissectorOptions &options);
 
 }  // namespace quopa

@@ -93,6 +93,127 @@ void add_annotate(CLI::App &app, Run &run) {
   command->callback([=, &run] { run = [=] { return annotate(*options); }; });
 }
 
+void add_dissector(CLI::App &app, Run &run) {
+  const auto options = std::make_shared<DissectorOptions>();
+  CLI::App *command = app.add_subcommand("dissector", "Print what Wireshark and tshark need to show traces");
+  command->add_option("--labels", options->labels, "A file that names members and their values")->type_name("FILE");
+  command->add_option("-o,--output", options->output, "Where to write; - or nothing: standard output")
+      ->type_name("FILE");
+  command->footer(
+      "Members are called quopa.PACKAGE.MESSAGE.f<I> in display filters, whatever their labels.\n\n"
+      "Examples:\n"
+      "  quopa dissector -o ~/.local/lib/wireshark/plugins/quopa.lua\n"
+      "  tshark -X lua_script:quopa.lua -r trace.pcapng -Y 'quopa.fib6Sync.ipv6Fwd.f3 == 2001:db8::/32'\n"
+      "  tshark -X lua_script:quopa.lua -r trace.pcapng -Y quopa.rejected");
+  command->callback([=, &run] { run = [=] { return dissector(*options); }; });
+}
+
+#if QUOPA_READS_CAPTURES
+
+void add_labels(CLI::App &command, std::string &labels) {
+  command.add_option("--labels", labels, "A file that names members and their values")->type_name("FILE");
+}
+
+void add_selection(CLI::App &command, SelectionOptions &options) {
+  command.add_option("FILE", options.paths, "Captures, and folders of captures; - is standard input")->required();
+  command.add_option("--type", options.types, "Only types that match, like 'fib6Sync.ipv6Fwd*'; repeated: any of them")
+      ->type_name("GLOB")
+      ->expected(1);
+  CLI::Option *sent = command.add_flag("--sent", options.sent, "Only what was sent");
+  CLI::Option *received = command.add_flag("--received", options.received, "Only what was received");
+  CLI::Option *rejected =
+      command.add_flag("--rejected", options.rejected, "Only what a decoder rejects, silently or not");
+  CLI::Option *failed =
+      command.add_flag("--failed", options.failed, "Only what the bus did not take, or gave no answer to");
+  sent->excludes(received);
+  rejected->excludes(failed);
+  command.add_option("--where", options.where, "Only records with this member; repeated: all of them. See below")
+      ->type_name("TERM")
+      ->expected(1);
+  add_labels(command, options.labels);
+}
+
+constexpr char kTerms[] =
+    "A TERM is MEMBER=VALUE, or != < <= > >=. The member is a path like f1.f3, or labels; in arrays and vectors\n"
+    "any element may fulfil it. The value is a number or a label's word; of an u32[4] also an IPv6 address or\n"
+    "a prefix, which stands for all addresses in it; of byte strings hexadecimal digits.\n\n";
+
+void add_trace(CLI::App &app, Run &run) {
+  const auto options = std::make_shared<TraceOptions>();
+  CLI::App *command = app.add_subcommand("trace", "Show the messages of captures in the order of time");
+  add_selection(*command, options->selection);
+  command->add_flag("-f,--follow", options->follow, "Go on with what is recorded meanwhile");
+  CLI::Option *json = command->add_flag("--json", options->json, "One JSON object a line");
+  CLI::Option *bare = command->add_flag("--bare", options->bare, "Only the records, as \"quopa decode\" shows them");
+  command->add_flag("--ipv6", options->ipv6, "Show every u32[4] as an IPv6 address");
+  CLI::Option *output =
+      command->add_option("-w,--write", options->output, "Write them to a capture instead; - is standard output")
+          ->type_name("OUT.pcapng");
+  json->excludes(bare, output);
+  bare->excludes(output);
+  command->footer(
+      std::string(kTerms) +
+      "-f takes the folders in which processes are recorded, or files in them, and ends when it is interrupted.\n\n"
+      "Examples:\n"
+      "  quopa trace /dev/shm/trace --where f1.f3=2001:db8::/32 --ipv6\n"
+      "  quopa trace /dev/shm/trace -f --rejected\n"
+      "  quopa trace old.pcapng --type 'fib6Sync.*' --json | jq .record.f1.f4");
+  command->callback([=, &run] { run = [=] { return trace(*options); }; });
+}
+
+void add_stats(CLI::App &app, Run &run) {
+  const auto options = std::make_shared<StatsOptions>();
+  CLI::App *command = app.add_subcommand("stats", "Count the messages of captures");
+  add_selection(*command, options->selection);
+  command->add_flag("--json", options->json, "One JSON object a line");
+  command->footer(std::string(kTerms) +
+                  "Examples:\n"
+                  "  quopa stats /dev/shm/trace\n"
+                  "  quopa stats /dev/shm/trace --where f1.f3=2001:db8::/32");
+  command->callback([=, &run] { run = [=] { return stats(*options); }; });
+}
+
+void add_compare(CLI::App &app, Run &run) {
+  const auto options = std::make_shared<CompareOptions>();
+  CLI::App *command = app.add_subcommand("compare", "Tell what a receiver did not get of what was sent");
+  command->add_option("SENDER", options->sender, "A capture, or a folder of captures, of which what was sent counts")
+      ->required();
+  command->add_option("RECEIVER", options->receiver, "The same, of which what was received counts")->required();
+  command->add_flag("--json", options->json, "One JSON object a line, at the end the sums");
+  command->add_flag("--ipv6", options->ipv6, "Show every u32[4] as an IPv6 address");
+  add_labels(*command, options->labels);
+  command->footer(
+      "Messages are the same when ID and bytes are; of several the first that was sent is the first that came.\n"
+      "Tells what was not received, received again, and received but not sent, and how long the others took.\n"
+      "The status is 1 when there is a difference.\n\n"
+      "Examples:\n"
+      "  quopa compare sender/ receiver/\n"
+      "  quopa compare /dev/shm/trace /dev/shm/trace");
+  command->callback([=, &run] { run = [=] { return compare(*options); }; });
+}
+
+void add_replay(CLI::App &app, Run &run) {
+  const auto options = std::make_shared<ReplayOptions>();
+  CLI::App *command = app.add_subcommand("replay", "Send what captures hold over the stand-in bus");
+  command->add_option("FILE", options->paths, "Captures, and folders of captures")->required();
+  command->add_option("--to", options->endpoint, "Where the receiver is, like ipc:///run/routes")
+      ->type_name("ENDPOINT")
+      ->required();
+  command->add_option("--speed", options->speed, "2 is twice as fast as it was recorded; max does not wait")
+      ->type_name("FACTOR|max");
+  command->add_flag("--received", options->received, "Send what was received, instead of what was sent");
+  command->add_option("--bus", options->bus, "The stand-in bus's library; nothing: libkelvodrix.so")
+      ->type_name("LIBRARY");
+  command->footer(
+      "What was sent in one call is sent in one call. What is not acknowledged is told, and the status is then 1.\n\n"
+      "Examples:\n"
+      "  quopa trace /dev/shm/trace --type 'fib6Sync.*' -w some.pcapng\n"
+      "  quopa replay some.pcapng --to ipc:///tmp/routes --speed max");
+  command->callback([=, &run] { run = [=] { return replay(*options); }; });
+}
+
+#endif
+
 void add_complete(CLI::App &app, Run &run) {
   CLI::App *command = app.add_subcommand("__complete")->group("")->prefix_command();
   command->set_help_flag();
@@ -113,6 +234,13 @@ Run parse_command_line(int argc, char **argv) {
   add_decode(*app, run);
   add_encode(*app, run);
   add_annotate(*app, run);
+#if QUOPA_READS_CAPTURES
+  add_trace(*app, run);
+  add_stats(*app, run);
+  add_compare(*app, run);
+  add_replay(*app, run);
+#endif
+  add_dissector(*app, run);
   add_complete(*app, run);
   try {
     app->parse(argc, argv);

@@ -32,8 +32,9 @@ void offer_options(const CLI::App &command, const std::string &start) {
   }
 }
 
-// The values of an option whose help names them all, like compact|fixed.
+// The values of an option whose help names them all, like compact|fixed, or which are types.
 void offer_values(const CLI::Option &option, const std::string &start) {
+  if (option.get_type_name() == "GLOB") return offer_types(start, false);
   std::istringstream values(option.get_type_name());
   if (option.get_type_name().find('|') == std::string::npos) return;
   for (std::string value; std::getline(values, value, '|');) offer(value, start);
@@ -56,7 +57,8 @@ void complete_argument(const CLI::App &command, const Words &words) {
   const std::string &start = words.back();
   if (open != nullptr) return offer_values(*open, start);
   if (start.starts_with('-')) return offer_options(command, start);
-  if (positionals == 0) offer_types(start, command.get_name() == "types");
+  if (positionals == 0 && command.get_option_no_throw("TYPE") != nullptr)
+    offer_types(start, command.get_name() == "types");
 }
 
 }  // namespace

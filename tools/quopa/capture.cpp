@@ -1,0 +1,59 @@
+#include "tools/quopa/capture.h"
+
+#include <pcap/pcap.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "tools/quopa/command.h"
+#include "tools/quopa/input.h"
+
+namespace quopa {
+namespace {
+
+constexpr int kUserLinkTypes = 16;
+
+}  // namespace
+
+Capture::Capture(const std::string &path) : path_(path) {
+  std::FILE *const file = path == "-" ? stdin : std::fopen(path.c_str(), "rbe");
+  if (file == nullptr) fail(std::strerror(errno));
+  char error[PCAP_ERRBUF_SIZE] = "";
+  capture_.reset(pcap_fopen_offline_with_tstamp_precision(file, PCAP_TSTAMP_PRECISION_NANO, error));
+  if (capture_ == nullptr) {
+    if (file != stdin) std::fclose(file);
+    fail(std::string("no capture file: ") + error);
+  }
+  const int link_type = pcap_datalink(capture_.get()) - DLT_USER0;
+  if (link_type < 0 || link_type >= kUserLinkTypes) {
+    const char *const name = pcap_datalink_val_to_name(pcap_datalink(capture_.get()));
+    fail(std::string("a capture of link type ") + (name == nullptr ? "unknown here" : name) + ", no trace of the bus");
+  }
+}
+
+void Capture::Close::operator()(pcap *capture) const { pcap_close(capture); }
+
+void Capture::fail(const std::string &what) const { throw BadInput(name_of(path_) + ": " + what); }
+
+const Message *Capture::next() {
+  pcap_pkthdr *header = nullptr;
+  const u_char *data = nullptr;
+  const int status = pcap_next_ex(capture_.get(), &header, &data);
+  if (status == PCAP_ERROR_BREAK) return nullptr;
+  if (status != 1)
+    fail(std::string("damaged behind packet ") + std::to_string(packets_) + ": " + pcap_geterr(capture_.get()));
+  ++packets_;
+  try {
+    // The library's microseconds are nanoseconds here, as was asked for.
+    const uint64_t time =
+        static_cast<uint64_t>(header->ts.tv_sec) * 1000000000u + static_cast<uint64_t>(header->ts.tv_usec);
+    message_ = parse_packet({data, header->caplen}, header->len, time);
+    message_.origin = &origin_;
+    if (message_.kind == TRACE_NOTE) take_note(message_, origin_);
+  } catch (const BadInput &error) {
+    fail("packet " + std::to_string(packets_) + ": " + error.what());
+  }
+  return &message_;
+}
+
+}  // namespace quopa

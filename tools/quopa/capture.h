@@ -1,0 +1,36 @@
+// A capture file, read from its begin to its end.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "tools/quopa/message.h"
+
+struct pcap;
+
+namespace quopa {
+
+// pcap or pcapng of either byte order, of a link type that is left to users, whoever wrote it.
+class Capture {
+ public:
+  explicit Capture(const std::string &path);  // "-" is standard input; throws BadInput
+
+  // The next message, notes too; null at the end. Throws BadInput where the file is damaged.
+  const Message *next();
+
+ private:
+  struct Close {
+    void operator()(pcap *capture) const;
+  };
+
+  [[noreturn]] void fail(const std::string &what) const;
+
+  std::string path_;
+  std::unique_ptr<pcap, Close> capture_;
+  uint64_t packets_ = 0;
+  Origin origin_;
+  Message message_ = {};
+};
+
+}  // namespace quopa

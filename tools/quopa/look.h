@@ -1,0 +1,54 @@
+// A message looked into, as far as is asked for.
+#pragma once
+
+#include <optional>
+
+#include "inspect/extent.h"
+#include "inspect/record.h"
+#include "inspect/walk.h"
+#include "tools/quopa/message.h"
+
+namespace quopa {
+
+// Valid as long as the message. All but type() is for messages of a known type.
+class Look {
+ public:
+  explicit Look(const Message &message) : message_(message), type_(message.type()) {}
+  Look(const Look &) = delete;
+  Look &operator=(const Look &) = delete;
+
+  const Message &message() const { return message_; }
+  const drix::describe::Type *type() const { return type_; }  // null when the trace does not know it
+
+  const drix::inspect::Verdict &verdict() {
+    if (!verdict_) walk(nullptr);
+    return *verdict_;
+  }
+
+  // Whether a decoder rejects it; of what was cut nobody can tell.
+  bool is_rejected() { return type_ != nullptr && !message_.is_cut() && !verdict().accepted(); }
+
+  // As far as it is decoded, see extent().
+  const uint8_t *record() {
+    if (!builder_) {
+      builder_.emplace(*type_, message_.payload.data());
+      walk(&*builder_);
+    }
+    return builder_->record().data();
+  }
+
+  drix::inspect::Extent extent() { return extent_of(verdict()); }
+
+ private:
+  void walk(drix::inspect::Sink *sink) {
+    verdict_ =
+        drix::inspect::walk(*type_, message_.payload.data(), static_cast<uint32_t>(message_.payload.size()), sink);
+  }
+
+  const Message &message_;
+  const drix::describe::Type *type_;
+  std::optional<drix::inspect::Verdict> verdict_;
+  std::optional<drix::inspect::RecordBuilder> builder_;
+};
+
+}  // namespace quopa

@@ -1,0 +1,88 @@
+#include "tools/quopa/message.h"
+
+#include <list>
+
+#include "runtime/wire.h"
+#include "tools/quopa/command.h"
+
+namespace quopa {
+namespace {
+
+using drix::load;
+using drix::describe::Catalog;
+
+// A trace has the schemas of the programs that were traced: a few.
+constexpr std::size_t kMostSchemas = 64;
+
+struct Known {
+  explicit Known(std::string_view schema) : text(schema), catalog(drix::describe::parse_schema(schema)) {}
+
+  std::string text;
+  Catalog catalog;
+};
+
+bool is_own(std::string_view schema) {
+  static const std::string own = to_text(drix::describe::current_schema());
+  return schema == own;
+}
+
+}  // namespace
+
+Message parse_packet(std::span<const uint8_t> packet, uint32_t length, uint64_t time) {
+  const uint8_t *const bytes = packet.data();
+  if (packet.size() < TRACE_HEADER_BYTES || length < packet.size() || bytes[TRACE_MAGIC_AT] != 'Q' ||
+      bytes[TRACE_MAGIC_AT + 1] != 'T') {
+    throw BadInput("no message of the bus, so this is no trace of it");
+  }
+  if (bytes[TRACE_VERSION_AT] != TRACE_VERSION || bytes[TRACE_KIND_AT] > TRACE_NOTE) {
+    throw BadInput("recorded in version " + std::to_string(bytes[TRACE_VERSION_AT]) + '.' +
+                   std::to_string(bytes[TRACE_KIND_AT]) + " of the format, which is unknown here");
+  }
+  return {.time = time,
+          .kind = static_cast<TraceKind>(bytes[TRACE_KIND_AT]),
+          .id = load<uint32_t>(bytes + TRACE_ID_AT),
+          .handle = load<uint32_t>(bytes + TRACE_HANDLE_AT),
+          .destination = load<uint32_t>(bytes + TRACE_DESTINATION_AT),
+          .status = static_cast<int32_t>(load<uint32_t>(bytes + TRACE_STATUS_AT)),
+          .index = load<uint32_t>(bytes + TRACE_INDEX_AT),
+          .count = load<uint32_t>(bytes + TRACE_COUNT_AT),
+          .thread = load<uint32_t>(bytes + TRACE_THREAD_AT),
+          .length = length - TRACE_HEADER_BYTES,
+          .payload = packet.subspan(TRACE_HEADER_BYTES),
+          .origin = nullptr};
+}
+
+void take_note(const Message &note, Origin &origin) {
+  std::string_view text = note.text();
+  if (text.starts_with(TRACE_NOTE_PROGRAM)) {
+    text.remove_prefix(sizeof TRACE_NOTE_PROGRAM - 1);
+    origin.program = text;
+    for (char &c : origin.program) {
+      if (c < ' ' || c > '~') c = '?';  // nothing for a terminal
+    }
+    origin.process = note.thread;
+    origin.pointer_bits = note.handle;
+  } else if (text.starts_with(TRACE_NOTE_SCHEMA)) {
+    if (note.is_cut()) throw BadInput("the schema is cut off");
+    text.remove_prefix(sizeof TRACE_NOTE_SCHEMA - 1);
+    if (origin.schema == text) return;
+    origin.types = &catalog_of(text);
+    origin.schema = text;
+  }
+}
+
+const Catalog &catalog_of(std::string_view schema) {
+  static std::list<Known> known;
+  if (is_own(schema)) return Catalog::own();
+  for (const Known &one : known) {
+    if (one.text == schema) return one.catalog;
+  }
+  if (known.size() == kMostSchemas) throw BadInput("more than 64 schemas");
+  try {
+    return known.emplace_back(schema).catalog;
+  } catch (const drix::describe::SchemaError &error) {
+    throw BadInput("line " + std::to_string(error.line) + " of the schema: " + error.what());
+  }
+}
+
+}  // namespace quopa

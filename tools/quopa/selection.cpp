@@ -1,0 +1,77 @@
+#include "tools/quopa/selection.h"
+
+#include <fnmatch.h>
+
+#include "tools/quopa/show.h"
+
+namespace quopa {
+
+using drix::describe::Catalog;
+using drix::describe::Type;
+
+Selection::Selection(const SelectionOptions &options)
+    : sent_(options.sent), received_(options.received), rejected_(options.rejected), failed_(options.failed) {
+  for (const std::string &glob : options.types) {
+    const Type *const one = drix::describe::find(glob);  // also by the C record's name, or the ID
+    globs_.push_back(one == nullptr ? glob : one->name());
+  }
+  matched_.resize(globs_.size());
+  try {
+    for (const std::string &term : options.where) conditions_.emplace_back(term);
+  } catch (const drix::inspect::WhereError &error) {
+    throw BadUsage(std::string("--where ") + error.what());
+  }
+}
+
+bool Selection::matches(const std::string &type_name) {
+  bool any = globs_.empty();
+  for (std::size_t i = 0; i < globs_.size(); ++i) {
+    if (fnmatch(globs_[i].c_str(), type_name.c_str(), 0) == 0) any = matched_[i] = true;
+  }
+  return any;
+}
+
+bool Selection::takes_type(const Look &look) {
+  if (globs_.empty()) return true;
+  if (look.type() == nullptr) return matches(type_name(look.message()));
+  const auto known = known_.find(look.type());
+  if (known != known_.end()) return known->second;
+  return known_[look.type()] = matches(look.type()->name());
+}
+
+bool Selection::takes(Look &look, Styles &styles) {
+  const Message &message = look.message();
+  if ((sent_ && !message.is_sent()) || (received_ && !message.is_received())) return false;
+  if (failed_ && !message.has_failed()) return false;
+  if (!takes_type(look)) return false;
+  if (rejected_ && !look.is_rejected()) return false;
+  if (conditions_.empty()) return true;
+  if (look.type() == nullptr) return false;
+  const drix::inspect::Labels &labels = styles.of(*message.origin).labels;
+  for (drix::inspect::Where &condition : conditions_) {
+    if (!condition.fits(*look.type(), labels)) return false;
+  }
+  const drix::inspect::Extent extent = (look.record(), look.extent());
+  for (drix::inspect::Where &condition : conditions_) {
+    if (!condition.holds(*look.type(), look.record(), extent, labels)) return false;
+  }
+  return true;
+}
+
+void Selection::expect_fitting(Styles &styles) {
+  static const Origin own;
+  for (const Type *type : own.types->types()) {
+    if (!matches(type->name())) continue;
+    for (drix::inspect::Where &condition : conditions_) condition.fits(*type, styles.of(own).labels);
+  }
+  for (std::size_t i = 0; i < globs_.size(); ++i) {
+    if (!matched_[i]) throw BadUsage("no type matches \"" + globs_[i] + "\"; \"quopa types\" lists them");
+  }
+  try {
+    for (const drix::inspect::Where &condition : conditions_) condition.expect_fitting();
+  } catch (const drix::inspect::WhereError &error) {
+    throw BadUsage(std::string("--where ") + error.what());
+  }
+}
+
+}  // namespace quopa

@@ -1,0 +1,39 @@
+// Which messages of a trace are wanted.
+#pragma once
+
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "inspect/where.h"
+#include "tools/quopa/command.h"
+#include "tools/quopa/look.h"
+#include "tools/quopa/styles.h"
+
+namespace quopa {
+
+class Selection {
+ public:
+  explicit Selection(const SelectionOptions &options);  // throws BadUsage
+
+  // Whether a message, which is no note, is wanted.
+  bool takes(Look &look, Styles &styles);
+
+  // Throws BadUsage when a condition cannot be fulfilled by any type that this version or the trace knows.
+  void expect_fitting(Styles &styles);
+
+ private:
+  bool takes_type(const Look &look);
+  bool matches(const std::string &type_name);
+
+  bool sent_;
+  bool received_;
+  bool rejected_;
+  bool failed_;
+  std::vector<std::string> globs_;
+  std::vector<bool> matched_;  // for each of them, whether there was such a type
+  std::vector<drix::inspect::Where> conditions_;
+  std::unordered_map<const drix::describe::Type *, bool> known_;  // whether the type is wanted
+};
+
+}  // namespace quopa

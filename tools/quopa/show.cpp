@@ -1,0 +1,184 @@
+#include "tools/quopa/show.h"
+
+#include <cstdio>
+#include <ctime>
+
+#include "inspect/hex.h"
+
+namespace quopa {
+namespace {
+
+using drix::Kind;
+using drix::describe::Slot;
+using drix::inspect::JsonStyle;
+using drix::inspect::Label;
+using drix::inspect::Place;
+
+constexpr uint64_t kSecond = 1000000000;
+constexpr std::size_t kMostMembers = 40;  // of a line of text
+constexpr std::size_t kMostBytes = 32;    // of a byte string in it
+
+const char *arrow(const Message &message) { return message.is_sent() ? "->" : message.is_received() ? "<-" : "--"; }
+
+bool is_zero(const Slot &slot, const uint8_t *table) {
+  if (slot.kind == Kind::bytes) return drix::inspect::member<uint32_t>(table, slot.length_member) == 0;
+  for (uint32_t i = 0; i < std::max<uint32_t>(slot.elements, 1); ++i) {
+    if (drix::inspect::number_at(table + slot.member + std::size_t{i} * slot.width, slot.width) != 0) return false;
+  }
+  return true;
+}
+
+std::string value_text(const Slot &slot, const uint8_t *table, const Label *label, bool ipv6) {
+  const uint8_t *value = table + slot.member;
+  if (slot.kind == Kind::scalar) return drix::inspect::scalar_text(drix::inspect::number_at(value, slot.width), label);
+  std::string text;
+  if (slot.kind == Kind::bytes || slot.width == 1) {
+    std::size_t size = slot.elements;
+    if (slot.kind == Kind::bytes) {
+      size = drix::inspect::member<uint32_t>(table, slot.length_member);
+      value = drix::inspect::member<const uint8_t *>(table, slot.member);
+    }
+    drix::inspect::append_hex(text, {value, std::min(size, kMostBytes)});
+    return size <= kMostBytes ? text : text + "...(" + std::to_string(size) + " bytes)";
+  }
+  if (slot.elements == 4 && (ipv6 || (label != nullptr && label->ipv6))) return drix::inspect::address_text(value);
+  for (std::size_t i = 0; i < slot.elements; ++i) {
+    text += (i == 0 ? "[" : ",") + std::to_string(drix::inspect::number_at(value + i * slot.width, slot.width));
+  }
+  return text + ']';
+}
+
+void show_members(std::ostream &out, Look &look, const JsonStyle &style) {
+  const uint8_t *const record = look.record();
+  std::size_t members = 0;
+  for_each_member(*look.type(), record, look.extent(),
+                  [&](const Place &place, std::size_t index, const uint8_t *table) {
+                    const Slot &slot = place.type->slots[index];
+                    if (is_zero(slot, table) || ++members > kMostMembers) return;
+                    out << ' ';
+                    if (place.outer != Place::kNone) {
+                      out << style.labels.name(*look.type(), place.outer);
+                      if (place.element != Place::kNone) out << '[' << place.element << ']';
+                      out << '.';
+                    }
+                    out << style.labels.name(*place.type, index) << '='
+                        << value_text(slot, table, style.labels.find(*place.type, index), style.ipv6);
+                  });
+  if (members > kMostMembers) out << " ... " << members - kMostMembers << " more";
+}
+
+// The status where it is not good.
+std::string status_text(const Message &message) {
+  if (message.status == 0) return {};
+  if (message.is_received()) return "GIVEN UP";
+  return message.status == TRACE_NO_ANSWER ? "NO ANSWER" : "FAILED " + std::to_string(message.status);
+}
+
+std::string quoted(const std::string &text) {
+  std::string result = "\"";
+  for (const char c : text) {
+    if (c == '"' || c == '\\') result += '\\';
+    result += c < ' ' ? ' ' : c;
+  }
+  return result + '"';
+}
+
+void show_origin_json(std::ostream &out, const Message &message) {
+  out << "{\"time\":" << seconds_text(message.time) << ",\"program\":" << quoted(message.origin->program)
+      << ",\"process\":" << message.origin->process;
+}
+
+}  // namespace
+
+std::string type_name(const Message &message) {
+  const drix::describe::Type *const type = message.type();
+  if (type != nullptr) return type->name();
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%08X", message.id);
+  return text;
+}
+
+std::string time_text(uint64_t nanoseconds, bool with_date) {
+  const auto seconds = static_cast<std::time_t>(nanoseconds / kSecond);
+  std::tm local = {};
+  char text[64] = "?";
+  if (localtime_r(&seconds, &local) == nullptr) return text;
+  const std::size_t length = std::strftime(text, sizeof text, with_date ? "%F %T" : "%T", &local);
+  std::snprintf(text + length, sizeof text - length, ".%06u", static_cast<unsigned>(nanoseconds % kSecond / 1000));
+  return text;
+}
+
+std::string seconds_text(uint64_t nanoseconds) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%llu.%09llu", static_cast<unsigned long long>(nanoseconds / kSecond),
+                static_cast<unsigned long long>(nanoseconds % kSecond));
+  return text;
+}
+
+std::string note_text(const Message &note) {
+  const auto told = [&](std::string_view word, const char *what) {
+    const std::string_view number = note.text().substr(word.size());
+    return std::string(number.substr(0, number.find_first_not_of("0123456789"))) + what;
+  };
+  if (note.text().starts_with(TRACE_NOTE_LOST)) return told(TRACE_NOTE_LOST, " messages were not recorded");
+  if (note.text().starts_with(TRACE_NOTE_UNWRAPPED)) return told(TRACE_NOTE_UNWRAPPED, " decoders are not seen");
+  return {};
+}
+
+void show_text(std::ostream &out, Look &look, const JsonStyle &style) {
+  const Message &message = look.message();
+  out << time_text(message.time, false) << ' ' << message.origin->program
+      << (message.origin->program.empty() ? "" : " ") << arrow(message) << ' ' << type_name(message);
+  if (message.is_sent()) out << " h" << message.handle;
+  if (message.destination != 0) out << " to " << message.destination;
+  if (message.count > 1) out << " #" << uint64_t{message.index} + 1 << '/' << message.count;
+  const std::string status = status_text(message);
+  if (!status.empty()) out << ' ' << status;
+  if (message.is_cut()) out << " CUT to " << message.payload.size() << " of " << message.length << " bytes";
+  if (look.is_rejected()) {
+    const drix::inspect::Verdict &verdict = look.verdict();
+    out << " REJECTED at " << verdict.culprit.at << ": " << explain(verdict)
+        << (verdict.logged() ? "" : " (not logged)");
+  } else if (look.type() == nullptr) {
+    out << " unknown type, " << message.length << " bytes";
+  } else {
+    show_members(out, look, style);
+  }
+}
+
+void show_json(std::ostream &out, Look &look, const JsonStyle &style) {
+  const Message &message = look.message();
+  show_origin_json(out, message);
+  out << ",\"direction\":" << (message.is_sent() ? "\"sent\"" : "\"received\"") << ",\"type\":";
+  look.type() == nullptr ? out << "null" : out << '"' << look.type()->name() << '"';
+  out << ",\"id\":" << message.id << ",\"handle\":" << message.handle << ",\"destination\":" << message.destination
+      << ",\"status\":";
+  message.status == TRACE_NO_ANSWER ? out << "null" : out << message.status;
+  out << ",\"index\":" << message.index << ",\"count\":" << message.count << ",\"thread\":" << message.thread
+      << ",\"length\":" << message.length;
+  if (message.is_cut()) out << ",\"captured\":" << message.payload.size();
+  if (look.is_rejected()) {
+    const drix::inspect::Verdict &verdict = look.verdict();
+    out << ",\"rejected\":{\"at\":" << verdict.culprit.at << ",\"reason\":" << quoted(explain(verdict))
+        << ",\"logged\":" << (verdict.logged() ? "true" : "false") << '}';
+  }
+  if (look.type() != nullptr) {
+    const uint8_t *const record = look.record();
+    out << ",\"record\":";
+    write_json(out, *look.type(), record, style, look.verdict().accepted() ? nullptr : &look.verdict());
+  }
+  out << '}';
+}
+
+void show_note(std::ostream &out, const Message &note, bool json) {
+  const std::string text = note_text(note);
+  if (text.empty()) return;
+  if (json) {
+    show_origin_json(out, note);
+    out << ",\"note\":" << quoted(text) << "}\n";
+  } else {
+    out << time_text(note.time, false) << ' ' << note.origin->program << " -- " << text << '\n';
+  }
+}
+
+}  // namespace quopa

@@ -1,0 +1,32 @@
+// A message as a line of text or of JSON.
+#pragma once
+
+#include <ostream>
+#include <string>
+
+#include "tools/quopa/look.h"
+#include "tools/quopa/styles.h"
+
+namespace quopa {
+
+// PACKAGE.MESSAGE, or 0x and the ID of a type that the trace does not know.
+std::string type_name(const Message &message);
+
+// "2025-11-25 09:17:01.123456", local time; or without the date.
+std::string time_text(uint64_t nanoseconds, bool with_date);
+
+// Nanoseconds as seconds: "1764062221.123456789".
+std::string seconds_text(uint64_t nanoseconds);
+
+// What the recorder has to tell beside messages: "5 messages were not recorded"; empty for what only describes the
+// file.
+std::string note_text(const Message &note);
+
+// Write one line, without its end. Of a record, the text has the members that are not zero.
+void show_text(std::ostream &out, Look &look, const drix::inspect::JsonStyle &style);
+void show_json(std::ostream &out, Look &look, const drix::inspect::JsonStyle &style);
+
+// Writes a line where there is something to tell.
+void show_note(std::ostream &out, const Message &note, bool json);
+
+}  // namespace quopa
