@@ -1,0 +1,58 @@
+#!/usr/bin/env bash
+# Compares, member by member, what tshark shows of captures with what quopa says: dissector_test.sh QUOPA MAKE_CAPTURE
+set -uo pipefail
+command -v tshark >/dev/null || { echo 'tshark is not installed: the dissector is not tested'; exit 77; }
+quopa=$1 make_capture=$2
+tests=$(realpath "$(dirname "$0")")
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work" || exit 1
+status=0
+complain() {
+  echo "FAILED: $*"
+  status=1
+}
+dissect() { tshark -X lua_script:"${script:-quopa.lua}" "$@" 2>errors; }
+
+"$quopa" dissector -o quopa.lua
+"$quopa" types --json >types
+"$make_capture" 300 good little >good.pcapng
+"$make_capture" 3000 spoiled little >spoiled.pcapng
+
+# Every member of every type, and every rejection.
+for capture in good:'300 compared, 0 of them rejected, 0 differ, 0 more shown' \
+  spoiled:'3000 compared, 1[0-9]{3} of them rejected, 0 differ, 0 more shown'; do
+  file=${capture%%:*}.pcapng
+  "$quopa" trace "$file" --json --ipv6 >said
+  dissect -r "$file" -T json --no-duplicate-keys >shown
+  jq -rs --slurpfile types types --slurpfile shown <(jq -c '.[]' shown) -f "$tests/dissector.jq" said >compared
+  grep -qE "^${capture#*:}\$" compared || complain "$file: $(head -n 9 compared; head -n 5 errors)"
+done
+
+# A prefix finds the same as a display filter and as a condition, in every format of capture files.
+editcap -F nsecpcap good.pcapng good.pcap && editcap -T user3 good.pcapng user3.pcapng || complain 'editcap'
+"$make_capture" 300 good big >big.pcapng
+prefix=$("$quopa" trace good.pcapng --type fib6Sync.ipv6FwdUpdateMsg --bare --ipv6 | jq -r '.f1.f3' | head -n 1)/20
+"$quopa" trace good.pcapng --json --where "f1.f3=$prefix" --type 'fib6Sync.ipv6Fwd*' >wanted
+[ -s wanted ] || complain 'no route is found'
+for file in good.pcap user3.pcapng big.pcapng; do
+  "$quopa" trace $file --json --where "f1.f3=$prefix" --type 'fib6Sync.ipv6Fwd*' | cmp - wanted || complain $file
+  user=0
+  [ $file != user3.pcapng ] || user=3
+  found=$(dissect -o quopa.user:$user -r $file -Y "quopa.fib6Sync.ipv6FwdUpdateMsg.f1 && quopa.fib6Sync.ipv6Fwd.f3 == $prefix" | wc -l)
+  [ "$found" -eq "$(wc -l <wanted)" ] || complain "$file: $found packets pass the display filter, $(cat errors)"
+done
+
+# Labels are shown, and members keep the names that filters have.
+printf '[fib6Sync.tlv]\nf0 = kind enum route=7\nf1 = set flags a=1 b=4\n' >labels
+"$quopa" dissector --labels labels -o labels.lua
+"$quopa" encode fib6Sync.tlv <<<'{"f0":7,"f1":5}' >tlv
+(head -c 60 good.pcapng; perl -e '
+  my $bytes = join("", <STDIN>);
+  my $packet = "QT\1\0" . pack("V7", hex($ARGV[0]), 1, 0, -9, 0, 1, 7) . $bytes;
+  print pack("V7", 6, 32 + length($packet), 0, 0, 1, length($packet), length($packet) + 8), $packet, pack("V", 32 + length($packet))
+' "$(jq -r 'select(.type == "fib6Sync.tlv").id' types | xargs printf %x)" <tlv) >labelled.pcapng
+script=labels.lua dissect -r labelled.pcapng -V -Y 'quopa.fib6Sync.tlv.f0 == 7 && quopa.failed && quopa.cut' >shown
+for text in 'kind (f0): route (7)' 'set (f1): 5 (ab)' 'FAILED -9'; do grep -qF "$text" shown || complain "no $text: $(cat shown errors)"; done
+
+exit $status
