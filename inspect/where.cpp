@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 
@@ -55,6 +56,8 @@ Where::Where(const std::string &term) : term_(term) {
   if (sign_text == "<=") comparison_ = Comparison::at_most;
   if (sign_text == ">") comparison_ = Comparison::more;
   if (sign_text == ">=") comparison_ = Comparison::at_least;
+  // A label's letters have one colon at most.
+  if (std::count(value_.begin(), value_.end(), ':') > 1) prefix_ = read_prefix();
 }
 
 const std::optional<Where::Resolved> &Where::resolve(const Type &type, const Labels &labels) {
@@ -78,7 +81,7 @@ Where::Resolved Where::resolve_anew(const Type &type, const Labels &labels) cons
     return *slot;
   };
   const std::size_t dot = path_.find('.');
-  Resolved resolved = {Place::kNone, slot_of(type, path_.substr(0, dot)), false, 0, {}, 0};
+  Resolved resolved = {Place::kNone, slot_of(type, path_.substr(0, dot)), 0, {}, false};
   const Type *table = &type;
   const Slot &first = type.slots[resolved.slot];
   if (dot != std::string::npos) {
@@ -98,7 +101,6 @@ Where::Resolved Where::resolve_anew(const Type &type, const Labels &labels) cons
 
 void Where::read_value(const Slot &slot, const Label *label, Resolved &resolved) const {
   if (slot.kind == Kind::bytes || (slot.kind == Kind::array && slot.width == 1)) {
-    resolved.whole = true;
     for (std::size_t i = 0; i < value_.size(); i += 2) {
       const int high = hex_digit(value_[i]);
       const int low = i + 1 < value_.size() ? hex_digit(value_[i + 1]) : -1;
@@ -107,29 +109,34 @@ void Where::read_value(const Slot &slot, const Label *label, Resolved &resolved)
     }
     return;
   }
-  if (is_address(slot) && value_.find(':') != std::string::npos) return read_address(resolved);
+  if (prefix_) {
+    if (!is_address(slot)) fail(term_ + ": the member is no address but " + describe::kind_text(slot));
+    return;
+  }
   std::optional<uint32_t> number = parse_number(value_);
   if (!number && label != nullptr) number = label->value_of(value_);
-  if (!number)
+  if (!number) {
     fail(term_ + ": " + quoted(value_) +
          (is_address(slot) ? " is neither an IPv6 address nor a number" : " is no number"));
+  }
+  resolved.is_number = true;
   resolved.number = *number;
 }
 
-void Where::read_address(Resolved &resolved) const {
+Where::Prefix Where::read_prefix() const {
+  Prefix prefix = {{}, kAddressBits};
   const std::size_t slash = value_.find('/');
   const std::string address = value_.substr(0, slash);
-  resolved.whole = true;
-  resolved.bytes.resize(kAddressBits / 8);
-  resolved.prefix_bits = kAddressBits;
-  if (inet_pton(AF_INET6, address.c_str(), resolved.bytes.data()) != 1)
+  if (inet_pton(AF_INET6, address.c_str(), prefix.address) != 1)
     fail(term_ + ": " + quoted(address) + " is no IPv6 address");
-  if (slash == std::string::npos) return;
+  if (slash == std::string::npos) return prefix;
   const std::optional<uint32_t> bits = parse_number(value_.substr(slash + 1));
   if (!bits || *bits > kAddressBits) fail(term_ + ": a prefix has a length of 0 to 128");
-  if (comparison_ != Comparison::equal && comparison_ != Comparison::unequal)
+  if (comparison_ != Comparison::equal && comparison_ != Comparison::unequal) {
     fail(term_ + ": a prefix goes with = and != only");
-  resolved.prefix_bits = *bits;
+  }
+  prefix.bits = *bits;
+  return prefix;
 }
 
 bool Where::compares(int order) const {
@@ -152,20 +159,20 @@ bool Where::compares(int order) const {
 
 bool Where::member_holds(const Resolved &resolved, const Slot &slot, const uint8_t *table) const {
   const uint8_t *value = table + slot.member;
-  if (!resolved.whole) {
+  if (resolved.is_number) {
     const std::size_t elements = slot.kind == Kind::array ? slot.elements : 1;
     for (std::size_t i = 0; i < elements; ++i) {
       if (compares(sign(number_at(value + i * slot.width, slot.width), resolved.number))) return true;
     }
     return false;
   }
-  if (slot.width == 4) {
+  if (prefix_) {
     uint8_t address[kAddressBits / 8];
     for (std::size_t i = 0; i < sizeof address; i += 4) {
       const uint32_t word = htonl(number_at(value + i, 4));
       std::memcpy(address + i, &word, 4);
     }
-    return compares(compare_bits(address, resolved.bytes.data(), resolved.prefix_bits));
+    return compares(compare_bits(address, prefix_->address, prefix_->bits));
   }
   std::size_t size = slot.elements;
   if (slot.kind == Kind::bytes) {

@@ -45,16 +45,21 @@ class Where {
   struct Resolved {
     uint32_t outer;  // slot of the root; Place::kNone: the member is the root's
     std::size_t slot;
-    bool whole;                  // bytes are compared, else each number
-    uint32_t number;             // without whole
-    std::vector<uint8_t> bytes;  // an address is in network order
-    uint32_t prefix_bits;        // of an address; only these are compared
+    uint32_t number;             // for scalars, and each element of an array
+    std::vector<uint8_t> bytes;  // for u8[N] and byte strings
+    bool is_number;
+  };
+
+  // An address in network order, of which so many bits are compared.
+  struct Prefix {
+    uint8_t address[16];
+    uint32_t bits;
   };
 
   const std::optional<Resolved> &resolve(const describe::Type &type, const Labels &labels);
   Resolved resolve_anew(const describe::Type &type, const Labels &labels) const;
   void read_value(const describe::Slot &slot, const Label *label, Resolved &resolved) const;
-  void read_address(Resolved &resolved) const;
+  Prefix read_prefix() const;
   bool member_holds(const Resolved &resolved, const describe::Slot &slot, const uint8_t *table) const;
   bool compares(int order) const;
 
@@ -62,6 +67,7 @@ class Where {
   std::string path_;
   std::string value_;
   Comparison comparison_ = Comparison::equal;
+  std::optional<Prefix> prefix_;  // where the value is an address or a prefix
   std::unordered_map<const describe::Type *, std::optional<Resolved>> resolved_;
   bool fitted_ = false;
   std::string misfit_;  // why it did not

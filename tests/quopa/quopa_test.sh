@@ -1,36 +1,8 @@
 #!/usr/bin/env bash
 # Runs quopa as a user does, a line a case: quopa_test.sh QUOPA [ARGUMENT OF AN EMULATOR]...
 set -uo pipefail
+. "$(dirname "$0")/expect.sh"
 quopa=("$@")
-project=$(realpath "$(dirname "$0")/../..")
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cd "$work" || exit 1
-failures=0
-
-complain() {
-  echo "FAILED: $*"
-  failures=$((failures + 1))
-}
-
-# expect STATUS OUTPUT ERRORS INPUT ARGUMENT...: a line that matches in standard output and the only line of standard
-# error; an empty pattern stands for no output at all, * for any. INPUT may have escapes as for printf.
-expect() {
-  local status=$1 output=$2 errors=$3 input=$4 got=0
-  shift 4
-  printf '%b' "$input" | timeout 60 "${quopa[@]}" "$@" >output 2>errors || got=$?
-  if [ $got -ne "$status" ] || ! matches "$output" output || ! matches "$errors" errors; then
-    complain "quopa $* (status $got)"
-    tail -n 5 output errors
-  fi
-}
-matches() {
-  case $1 in
-    '') [ ! -s "$2" ] ;;
-    '*') true ;;
-    *) grep -qE -- "$1" "$2" && { [ "$2" = output ] || grep -qvE '^quopa: ' "$2" || [ "$(wc -l <"$2")" -eq 1 ]; } ;;
-  esac
-}
 
 param=fib6_cfg.query_comm_param key=fib6Sync.ipv6FwdKey msg=fib6Sync.ipv6FwdUpdateMsg query=fib6_cfg.query_fib6_rec
 good='0e000000 0a00 1300 0400 0000 0800\n0a000000 01000000 04000000 03000000 616263\n'

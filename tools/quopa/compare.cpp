@@ -66,7 +66,7 @@ class Comparison {
 
   template <class Take>
   void for_each(const std::string &path, TraceKind kind, bool first_time, Take take) {
-    Timeline timeline({path});
+    Timeline timeline({path}, !first_time);
     while (const Message *message = timeline.next()) {
       if (message->kind == TRACE_NOTE && first_time) show_note(std::cerr, *message, false);
       if (message->kind != kind) continue;

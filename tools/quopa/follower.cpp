@@ -5,9 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <charconv>
-#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
@@ -22,13 +19,14 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kChunk = std::size_t{1} << 20;
+constexpr std::size_t kChunk = std::size_t{512} << 10;
 constexpr uint32_t kLongestBlock = 16u << 20;
 constexpr uint32_t kBlockEdge = 8;     // type and length in front
 constexpr uint32_t kPacketFront = 28;  // what stands before a packet's bytes
 
 // How long a message may be under way, in the recorder or in the bus, before the next ones are shown without it.
 constexpr std::chrono::seconds kPatience{2};
+constexpr std::chrono::milliseconds kLastWords{50};  // in a file that is full
 constexpr std::chrono::milliseconds kDiscovery{200};
 
 uint32_t word_at(const uint8_t *from) {
@@ -42,10 +40,7 @@ uint32_t word_at(const uint8_t *from) {
 class Follower::Ring {
  public:
   Ring(const std::string &folder, const std::string &name, uint64_t number)
-      : folder_(folder), name_(name), number_(number) {
-    const std::size_t dash = name.rfind('-');
-    std::from_chars(name.data() + dash + 1, name.data() + name.size(), process_);
-  }
+      : folder_(folder), name_(name), number_(number) {}
   Ring(const Ring &) = delete;
   Ring &operator=(const Ring &) = delete;
   ~Ring() { close(); }
@@ -77,17 +72,16 @@ class Follower::Ring {
   }
 
   // Begins with a file of the ring: that with the number, or the next one that is still there.
-  bool open_from(uint64_t number) {
+  bool open_from(uint64_t number, bool was_taken_away = false) {
     close();
     std::optional<uint64_t> least;
     for_each_ring_file(folder_, [&](const RingFile &file) {
       if (file.ring == name_ && file.number >= number && (!least || file.number < *least)) least = file.number;
     });
     if (!least) return false;
-    if (*least > number) {
-      std::cerr << "quopa: " << path_of(number) << ": " << *least - number
-                << (*least - number == 1 ? " file was" : " files were") << " written anew before it was read\n";
-    }
+    const uint64_t lost = *least - number + was_taken_away;
+    if (lost > 0)
+      std::cerr << "quopa: " << name_ << ": " << lost << " files were written anew before they were read to the end\n";
     number_ = *least;
     descriptor_ = ::open(path_of(number_).c_str(), O_RDONLY | O_CLOEXEC);
     if (descriptor_ < 0 || ::fstat(descriptor_, &opened_) != 0) return false;
@@ -99,7 +93,7 @@ class Follower::Ring {
 
   // False when nothing is there now.
   bool advance() {
-    if (descriptor_ < 0 && !open_from(number_)) return false;
+    if (descriptor_ < 0) return open_from(number_);
     if (used_ + kBlockEdge <= chunk_.size()) {
       const uint32_t length = word_at(chunk_.data() + used_ + 4);
       if (is_block(length) && used_ + length <= chunk_.size()) return take_block(length);
@@ -109,60 +103,76 @@ class Follower::Ring {
 
   static bool is_block(uint32_t length) { return length >= kBlockEdge + 4 && length % 4 == 0; }
 
-  // Reads from the first block on that is not taken yet. What was read counts only when the file was not given another
-  // name by then, with which it is written anew.
+  // Reads from the first block on that is not taken yet. While that is a filler, only its front is looked at.
   bool refill() {
-    const bool is_last = ::access(path_of(number_ + 1).c_str(), F_OK) != 0;
+    const bool is_full = ::access(path_of(number_ + 1).c_str(), F_OK) == 0;
     at_ += used_;
     used_ = 0;
-    chunk_.resize(std::max(kChunk, wanted_));
-    const ssize_t size = ::pread(descriptor_, chunk_.data(), chunk_.size(), static_cast<off_t>(at_));
-    chunk_.resize(static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
-    wanted_ = 0;
-    if (!is_same_file()) return open_from(number_ + 1);
-    if (chunk_.size() < kBlockEdge) return is_last ? false : open_from(number_ + 1);
-    const uint32_t type = word_at(chunk_.data());
+    read(kBlockEdge);
+    if (chunk_.size() < kBlockEdge) return is_full && open_from(number_ + 1);
+    const bool is_filler = word_at(chunk_.data()) == TRACE_FILLER_BLOCK;
     const uint32_t length = word_at(chunk_.data() + 4);
-    if (!is_block(length)) {
-      if (!is_overdue()) return false;
-      throw BadInput(path_of(number_) + ": no block of a trace at " + std::to_string(at_));
+    if (is_filler && !is_full && !has_waited(kPatience)) return forget_chunk();
+    if (length > kLongestBlock) throw BadInput(path_of(number_) + ": no block of a trace at " + std::to_string(at_));
+    read(is_filler && is_full ? opened_.st_size : std::max<std::size_t>(kChunk, length));
+    // What was read counts only when the file was not given another name by then, with which it is written anew.
+    if (!is_same_file()) return open_from(number_ + 1, true);
+    if (chunk_.size() < kBlockEdge || !is_block(word_at(chunk_.data() + 4)) ||
+        word_at(chunk_.data() + 4) > chunk_.size()) {
+      return forget_chunk();
     }
-    if (type == TRACE_FILLER_BLOCK && at_ + length >= static_cast<uint64_t>(opened_.st_size)) {
-      chunk_.clear();  // it was the rest of the file, and no longer is by the next time
-      return is_last ? false : open_from(number_ + 1);
-    }
-    if (length <= chunk_.size()) return take_block(length);
-    if (length > kLongestBlock) throw BadInput(path_of(number_) + ": a block of " + std::to_string(length) + " bytes");
-    chunk_.clear();
-    wanted_ = length;
-    return at_ + length <= static_cast<uint64_t>(opened_.st_size);
+    return word_at(chunk_.data()) != TRACE_FILLER_BLOCK || pass_filler(is_full);
   }
 
-  // Whether what stands at this place has been waited for long enough: its process is gone or hangs.
-  bool is_overdue() {
-    if (waiting_at_ != at_ + used_ || waiting_number_ != number_) {
-      waiting_at_ = at_ + used_;
+  void read(std::size_t size) {
+    chunk_.resize(size);
+    const ssize_t got = ::pread(descriptor_, chunk_.data(), chunk_.size(), static_cast<off_t>(at_));
+    chunk_.resize(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+  }
+
+  bool forget_chunk() {
+    chunk_.clear();
+    return false;
+  }
+
+  // Behind fillers stand messages, when somebody is still at work in front of them or will never be done, or nothing
+  // yet.
+  bool pass_filler(bool is_full) {
+    std::size_t at = 0;
+    while (at + kBlockEdge <= chunk_.size() && word_at(chunk_.data() + at) == TRACE_FILLER_BLOCK) {
+      const uint32_t length = word_at(chunk_.data() + at + 4);
+      at += is_block(length) ? length : chunk_.size();
+    }
+    if (at + kBlockEdge > chunk_.size()) {
+      chunk_.clear();
+      if (is_full) return has_waited(kLastWords) && open_from(number_ + 1);
+      waiting_since_ = Clock::now();
+      return false;
+    }
+    if (!has_waited(kPatience)) return forget_chunk();
+    used_ = at;
+    return true;
+  }
+
+  // Whether what stands at this place has been waited for long enough.
+  bool has_waited(Clock::duration patience) {
+    if (waiting_at_ != at_ || waiting_number_ != number_) {
+      waiting_at_ = at_;
       waiting_number_ = number_;
       waiting_since_ = Clock::now();
     }
-    const bool is_gone = ::kill(process_, 0) != 0 && errno == ESRCH;
-    return is_gone || Clock::now() - waiting_since_ > kPatience;
+    return Clock::now() - waiting_since_ > patience;
   }
 
   // False, with nothing taken, when the block is not ready.
   bool take_block(uint32_t length) {
     const uint8_t *const block = chunk_.data() + used_;
-    const uint32_t type = word_at(block);
-    if (type == TRACE_FILLER_BLOCK && at_ + used_ + length >= static_cast<uint64_t>(opened_.st_size)) {
-      chunk_.resize(used_);
-      return true;
-    }
-    const bool is_under_way = type == TRACE_FILLER_BLOCK || is_unanswered(block, length);
-    if (is_under_way && !is_overdue()) {
+    const bool is_filler = word_at(block) == TRACE_FILLER_BLOCK;
+    if (is_filler || is_unanswered(block, length)) {
       chunk_.resize(used_);  // to be read again
-      return false;
+      return is_filler;
     }
-    if (type == TRACE_PACKET_BLOCK) take_packet(block, length);
+    if (word_at(block) == TRACE_PACKET_BLOCK) take_packet(block, length);
     used_ += length;
     return true;
   }
@@ -192,14 +202,12 @@ class Follower::Ring {
 
   std::string folder_;
   std::string name_;
-  pid_t process_ = 0;
   uint64_t number_;  // of the file that is being read
   int descriptor_ = -1;
   struct stat opened_ = {};
   uint64_t at_ = 0;  // where the chunk stands in the file
   std::vector<uint8_t> chunk_;
-  std::size_t used_ = 0;    // bytes of the chunk that are done
-  std::size_t wanted_ = 0;  // a chunk that holds the next block
+  std::size_t used_ = 0;  // bytes of the chunk that are done
   Origin origin_;
   Message message_ = {};
   bool has_message_ = false;

@@ -42,6 +42,7 @@ class Bus {
   void send(std::vector<DrixSendDescriptor> &call) {
     const int32_t status = send_(handle_, call.data(), static_cast<uint32_t>(call.size()));
     if (status != KELVODRIX_OK) fail(status);
+    sent_ += call.size();
   }
 
   void flush() {
@@ -60,7 +61,8 @@ class Bus {
   [[noreturn]] void fail(int32_t status) {
     uint64_t undelivered = 0;
     flush_(handle_, 0, &undelivered);
-    throw BadInput(endpoint_ + ": " + text_of_(status) + ", " + std::to_string(undelivered) + " messages undelivered");
+    throw BadInput(endpoint_ + ": " + text_of_(status) + "; " + std::to_string(sent_) + " messages were sent, " +
+                   std::to_string(undelivered) + " of them undelivered");
   }
 
   std::string endpoint_;
@@ -70,6 +72,7 @@ class Bus {
   decltype(&kelvodrix_strerror) text_of_;
   decltype(&DRIX_SendMsg) send_;
   uint32_t handle_ = 0;
+  uint64_t sent_ = 0;
 };
 
 // Keeps the distances in time, shortened by a factor; none for infinity.

@@ -23,7 +23,7 @@ std::vector<std::string> captures_in(const std::string &path) {
   return found;
 }
 
-Timeline::Timeline(const std::vector<std::string> &paths) {
+Timeline::Timeline(const std::vector<std::string> &paths, bool once_more) : once_more_(once_more) {
   for (const std::string &path : paths) {
     for (const std::string &file : captures_in(path)) {
       // What comes from a pipe cannot be opened again for its first message.
@@ -50,9 +50,10 @@ bool Timeline::advance(Part &part) {
 }
 
 void Timeline::complain(const std::string &what) {
+  whole_ = false;
+  if (once_more_) return;
   std::cout.flush();
   std::cerr << "quopa: " << what << '\n';
-  whole_ = false;
 }
 
 const Message *Timeline::next() {

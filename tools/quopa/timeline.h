@@ -14,8 +14,9 @@ namespace quopa {
 // damage is; that is told on standard error.
 class Timeline {
  public:
-  // Files, and folders of which all captures are taken. Throws BadInput when there are none.
-  explicit Timeline(const std::vector<std::string> &paths);
+  // Files, and folders of which all captures are taken. Throws BadInput when there are none. When they are read once
+  // more, what is wrong with them has been told.
+  explicit Timeline(const std::vector<std::string> &paths, bool once_more = false);
 
   // The next message, notes too, valid until the next call; null at the end. Notes that a file begins with are told
   // where it begins.
@@ -38,6 +39,7 @@ class Timeline {
 
   std::vector<Part> parts_;  // a heap, the earliest in front; the one that was taken last stands at the end
   bool taken_ = false;
+  bool once_more_;
   bool whole_ = true;
 };
 

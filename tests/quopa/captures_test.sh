@@ -1,0 +1,111 @@
+#!/usr/bin/env bash
+# Has quopa read captures, good and bad ones: captures_test.sh QUOPA MAKE_CAPTURE
+set -uo pipefail
+. "$(dirname "$0")/expect.sh"
+quopa=("$1") make_capture=$2
+show() { "${quopa[@]}" trace "$@"; }
+same() { # same WHAT: two files of that name and .wanted
+  cmp "$1" "$1.wanted" || complain "$1: $(diff "$1" "$1.wanted" | head -n 4)"
+}
+
+"$make_capture" 3000 good little >good.pcapng
+"$make_capture" 3000 good big >big.pcapng
+"$make_capture" 3000 spoiled little >spoiled.pcapng
+show good.pcapng --json >said.wanted
+
+# The same whatever the byte order, through a pipe, written anew, and put together again from two files in a folder.
+show big.pcapng --json >said && same said
+show - --json <good.pcapng >said && same said
+show good.pcapng -w - | show - --json >said && same said
+mkdir parts && show good.pcapng --sent -w parts/b.pcapng && show good.pcapng --received -w parts/a.pcap && show parts --json >said && same said
+[ "$(wc -l <said)" -eq 3000 ] || complain 'messages are missing'
+
+# Conditions find what jq finds: TYPE|TERM|CONDITION.
+update=fib6Sync.ipv6FwdUpdateMsg
+for case in "$update|f1.f4<=7|.f1.f4 <= 7" "$update|f1.f4!=0|.f1.f4 != 0" "$update|f1.f0>=0x100|.f1.f0 >= 256" "$update|f1.f0<9|.f1.f0 < 9" \
+  "$update|f1.f3>1000::|.f1.f3 | test(\"^[1-9a-f]...:\")" "$update|f1.f3=::/16|.f1.f3 | test(\"^(::|0:)\")" "$update|f1.f3!=::/0|false" \
+  "$update|f1.f3=::/1|.f1.f3 | test(\"^[89a-f]...:\") | not" "$update|f1.f3=::|.f1.f3 == \"::\"" \
+  'fib6Sync.svcCtxMsg|f1>0x10000000|any(.f1[]; . > 268435456)' 'fib6_cfg.query_fib6_rec|f1.f0>100|any(.f1[]; .f0 > 100)' \
+  'fib6_cfg.query_fib6_rec|f1.f45=0|any(.f1[]; .f45 == 0)' 'fib6_cfg.query_comm_param|f2=|.f2 == ""' \
+  'fib6_cfg.query_comm_param|f2>=05|.f2 >= "05"' 'fib6Sync.ipv6FwdKey|f4!=000000|.f4 != "000000"'; do
+  IFS='|' read -r type term condition <<<"$case"
+  show good.pcapng --type "$type" --bare --ipv6 | jq -c "select($condition)" >found.wanted
+  show good.pcapng --type "$type" --bare --ipv6 --where "$term" | jq -c . >found && same found
+  [ -s found.wanted ] || [ "$condition" = false ] || complain "$term: finds nothing"
+done
+printf '[%s]\nf1 = route\n[fib6Sync.ipv6Fwd]\nf4 = length enum host=128\nf3 = destination ipv6\n' $update >labels
+jq -c 'select(.type == "'$update'" and .record.f1.f4 == 128) | .time' said >found.wanted
+show good.pcapng --json --labels labels --where route.length=host | jq -c 'select(.record.route.length == "host") | .time' >found && same found
+
+# What became of messages.
+jq -c 'select(.direction == "sent") | .length' said | jq -s add >sum.wanted
+"${quopa[@]}" stats good.pcapng --json | jq 'select(.direction == "sent") | .bytes' | jq -s add >sum && same sum
+show spoiled.pcapng --json | jq -s 'map(select(.rejected)) | length' >count.wanted
+show spoiled.pcapng --rejected | grep -c ' REJECTED at ' >count && same count
+"${quopa[@]}" stats spoiled.pcapng | awk '$1 == "total" {print $6}' >count && same count
+# What was not decoded holds nothing.
+show spoiled.pcapng --json --rejected --where 'f1.f4>=0' >found
+jq -e -s 'length > 0 and all(.record.f1 | if type == "array" then any(.[]; has("f4")) else has("f4") end)' found >/dev/null || complain 'undecoded members are found'
+
+"$make_capture" 1000 exchanged little >exchanged.pcapng
+"${quopa[@]}" compare exchanged.pcapng exchanged.pcapng >output && complain 'no difference is found'
+for line in '^999 sent, 920 received: 100 not received, 20 received again, 1 received but not sent$' '^latency in us: least 2, half [45][0-9]+, .* most 999$'; do
+  grep -qE "$line" output || complain "compare: $(grep -v : output) $(tail -n 2 output)"
+done
+[ "$(grep -cE '^(not received: .* ->|received again: .* <-|received but not sent: .* <-)' output)" -eq 121 ] || complain 'compare tells of others'
+
+# Types of another version: a capture brings its own schema. Labels go with the members that stayed.
+show good.pcapng -w own.pcapng && sed 's/^\(fib6Sync.tlv .*\) u32@0 /\1 u16@0 /' own.pcapng >other.pcapng
+jq -c 'select(.type == "fib6Sync.tlv").record | .f0 %= 65536 | {f0, second: .f1}' said >found.wanted
+printf '[fib6Sync.tlv]\nf0 = first\nf1 = second\n' >labels
+show other.pcapng --bare --type fib6Sync.tlv --labels labels >found && same found
+jq -c 'select(.type == "'$update'").record | .f0.f0 %= 65536' said >found.wanted
+show other.pcapng --bare --type $update >found && same found
+show other.pcapng -w - | show - --bare --type $update >found && same found
+
+# Bad captures: what can be read, one line, status 1.
+head -c 100 /dev/urandom >noise.pcapng
+: >empty.pcapng
+spoil() { perl -0777 -pe "$2" good.pcapng >"$1.pcapng"; }
+spoil foreign 's/\x93\x00\x00\x00/\x01\x00\x00\x00/'
+spoil magic 's/QT\x01/TQ\x01/'
+spoil version 's/QT\x01/QT\x09/'
+spoil kind 's/QT\x01\x00/QT\x01\x03/'
+spoil short 's/(\x00{4}.{8})(.{4})(.{4})QT/$1\x10\0\0\0\x10\0\0\0QT/s'
+spoil block 's/\x06\x00\x00\x00..\x00\x00/\x06\x00\x00\x00\xFF\xFF\xFF\x7F/s'
+schemas=0
+for case in 'fixed=72|u99[4]|line ' 'u32@0|xxx@0|line ' 'table(tlv)|table(tlw)|line [0-9]+ of the schema: fib6Sync.* holds fib6Sync.tlw, which is missing' '# quopa|# quota|line 1 of the schema'; do
+  name=schema$((schemas += 1))
+  rest=${case#*|}
+  FROM=${case%%|*} TO=${rest%%|*} perl -0777 -pe 's/\Q$ENV{FROM}\E/substr($ENV{TO} . " " x 9, 0, length $ENV{FROM})/e' own.pcapng >$name.pcapng
+  expect 1 '' "^quopa: $name.pcapng: packet 2: ${rest#*|}" '' trace $name.pcapng
+done
+mkdir folder
+for case in 'noise.pcapng|no capture file: ' 'empty.pcapng|no capture file: ' 'foreign.pcapng|a capture of link type EN10MB, no trace of the bus' \
+  'magic.pcapng|packet 1: no message of the bus' 'version.pcapng|packet 1: recorded in version 9.0 ' 'kind.pcapng|packet 1: recorded in version 1.3 ' \
+  'block.pcapng|damaged behind packet 0: ' 'short.pcapng|' 'missing.pcapng|No such file' 'folder|no \*.pcapng or \*.pcap in this folder'; do
+  for command in trace stats 'compare good.pcapng'; do
+    [[ $command == trace ]] || [[ $case == magic* ]] || continue
+    # shellcheck disable=SC2086
+    expect 1 '*' "^quopa: ${case%%|*}: ${case#*|}" '' $command "${case%%|*}"
+  done
+done
+for ((size = 1; size < 700; size += 32)); do
+  head -c $size good.pcapng >cut.pcapng
+  expect 1 '*' '^quopa: cut.pcapng: (no capture file|damaged behind packet [0-9])' '' trace cut.pcapng
+done
+
+# Wrong usage.
+for case in '--where f1|"f1" is not MEMBER=VALUE' '--where f99=1|.* has no member "f99"$' '--where f1=1 --type fib6Sync.ipv6Fwd*Msg|"f1" of .*; name a member, as in f1.f0$' \
+  '--where f1.f3=fe80::/129|f1.f3=fe80::/129: a prefix has a length of 0 to 128' '--where f1.f3<fe80::/10|.*: a prefix goes with = and != only' \
+  '--type nothing.*|no type matches "nothing.\*"' '--sent --received|.*excludes' '--json -w x|.*excludes' '-w good.pcapng|good.pcapng is read' '-f|good.pcapng: not a file that the recorder'; do
+  # shellcheck disable=SC2086
+  expect $([[ $case == -f* ]] && echo 1 || echo 2) '' "^quopa: (--where )?${case#*|}" '' trace good.pcapng ${case%%|*}
+done
+expect 2 '' '--speed is a factor' '' replay good.pcapng --to x --speed 0
+expect 1 '' 'libc.so.6: not the stand-in bus' '' replay good.pcapng --to x --bus libc.so.6
+expect 0 '^fib6Sync.tlv$' '' '' __complete trace good.pcapng --type fib6Sync.t
+expect 0 '' '' '' __complete trace fib6Sync.t
+expect 0 '^compare$' '' '' __complete comp
+
+exit $((failures > 0))
