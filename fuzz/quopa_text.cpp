@@ -2,6 +2,7 @@
 // the type too. What is taken as JSON is written and read again as the same record.
 #include <sstream>
 
+#include "describe/catalog.h"
 #include "describe/compatibility.h"
 #include "inspect/json.h"
 #include "target.h"
@@ -19,9 +20,20 @@ void read_json(const reference::Type &type, const std::string &text) {
   if (!records::first_difference(type, record.data(), again.data()).empty()) std::abort();
 }
 
+// Whatever a type is like, any buffer of it can be shown.
+void walk_and_show(const drix::describe::Type &type, const std::string &text) {
+  const auto *const buffer = reinterpret_cast<const uint8_t *>(text.data());
+  drix::inspect::RecordBuilder builder(type, buffer);
+  const auto verdict = drix::inspect::walk(type, buffer, static_cast<uint32_t>(text.size()), &builder);
+  std::ostringstream written;
+  write_json(written, type, builder.record().data(), {}, verdict.accepted() ? nullptr : &verdict);
+}
+
 void read_schema(const std::string &text) {
   const auto schema = drix::describe::parse_schema(text);
   compare(schema, drix::describe::current_schema());
+  const drix::describe::Catalog catalog(schema);
+  for (const drix::describe::Type *type : catalog.types()) walk_and_show(*type, text);
   if (to_text(drix::describe::parse_schema(to_text(schema))) != to_text(schema)) std::abort();
 }
 

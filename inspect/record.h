@@ -53,7 +53,7 @@ void set_number(uint8_t *address, uint32_t width, uint32_t value);
 
 // Makes of a walk the record that the decoder would: of an accepted buffer the whole, of another one what was decoded
 // before, lengths, counts and blocks included.
-class RecordBuilder : public Sink {
+class RecordBuilder final : public Sink {
  public:
   RecordBuilder(const describe::Type &type, const uint8_t *buffer) : record_(type), buffer_(buffer) {}
 

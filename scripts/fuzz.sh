@@ -9,7 +9,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 . scripts/lib/script.sh
 . scripts/lib/packages.sh
 
-targets=(decode_fib6_cfg decode_korBrokerFib6 decode_fib6Sync round_trip quopa_text)
+targets=(decode_fib6_cfg decode_korBrokerFib6 decode_fib6Sync round_trip quopa_text quopa_capture)
 total=60
 if [[ ${1:-} =~ ^[0-9]+$ ]]; then
   total=$1
@@ -25,7 +25,7 @@ mkdir -p "$build/findings"
 : >"$build.log"
 echo "building in $build"
 logged "$build.log" cmake -S . -B "$build" -G Ninja -DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14 \
-  -DDRIX_BUILD_TESTS=ON -DDRIX_BUILD_FUZZ=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DDRIX_BUILD_TESTS=ON -DDRIX_BUILD_TOOLS=ON -DDRIX_BUILD_FUZZ=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DDRIX_SANITIZE=fuzzer-no-link,address,undefined
 logged "$build.log" cmake --build "$build" --target campaign "${targets[@]/#/fuzz_}"
 "$build/tests/campaign/campaign" --seeds "$build/seeds"

@@ -8,6 +8,7 @@ set -uo pipefail
 project=$(realpath "$(dirname "$0")/../..")
 PATH=$(realpath "$1"):$PATH
 shift
+export TZ=UTC
 status=0
 for document in "$@"; do
   work=$(mktemp -d)

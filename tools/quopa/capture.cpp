@@ -15,8 +15,9 @@ constexpr int kUserLinkTypes = 16;
 
 }  // namespace
 
-Capture::Capture(const std::string &path) : path_(path) {
-  std::FILE *const file = path == "-" ? stdin : std::fopen(path.c_str(), "rbe");
+Capture::Capture(const std::string &path) : Capture(path == "-" ? stdin : std::fopen(path.c_str(), "rbe"), path) {}
+
+Capture::Capture(std::FILE *file, const std::string &path) : path_(path) {
   if (file == nullptr) fail(std::strerror(errno));
   char error[PCAP_ERRBUF_SIZE] = "";
   capture_.reset(pcap_fopen_offline_with_tstamp_precision(file, PCAP_TSTAMP_PRECISION_NANO, error));

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <memory>
 #include <string>
 
@@ -15,6 +16,9 @@ namespace quopa {
 class Capture {
  public:
   explicit Capture(const std::string &path);  // "-" is standard input; throws BadInput
+
+  // Of what is open already, and is closed in the end; the path is for messages.
+  Capture(std::FILE *file, const std::string &path);
 
   // The next message, notes too; null at the end. Throws BadInput where the file is damaged.
   const Message *next();

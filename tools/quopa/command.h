@@ -88,7 +88,7 @@ int stats(const StatsOptions &options);
 
 struct CompareOptions {
   std::string sender;
-  std::string receiver;
+  std::string receiver;  // empty: the sender's
   std::string labels;
   bool json = false;
   bool ipv6 = false;

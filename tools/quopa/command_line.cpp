@@ -118,7 +118,7 @@ void add_selection(CLI::App &command, SelectionOptions &options) {
   command.add_option("FILE", options.paths, "Captures, and folders of captures; - is standard input")->required();
   command.add_option("--type", options.types, "Only types that match, like 'fib6Sync.ipv6Fwd*'; repeated: any of them")
       ->type_name("GLOB")
-      ->expected(1);
+      ->allow_extra_args(false);
   CLI::Option *sent = command.add_flag("--sent", options.sent, "Only what was sent");
   CLI::Option *received = command.add_flag("--received", options.received, "Only what was received");
   CLI::Option *rejected =
@@ -129,7 +129,7 @@ void add_selection(CLI::App &command, SelectionOptions &options) {
   rejected->excludes(failed);
   command.add_option("--where", options.where, "Only records with this member; repeated: all of them. See below")
       ->type_name("TERM")
-      ->expected(1);
+      ->allow_extra_args(false);
   add_labels(command, options.labels);
 }
 
@@ -178,7 +178,7 @@ void add_compare(CLI::App &app, Run &run) {
   CLI::App *command = app.add_subcommand("compare", "Tell what a receiver did not get of what was sent");
   command->add_option("SENDER", options->sender, "A capture, or a folder of captures, of which what was sent counts")
       ->required();
-  command->add_option("RECEIVER", options->receiver, "The same, of which what was received counts")->required();
+  command->add_option("RECEIVER", options->receiver, "The same, of which what was received counts; nothing: SENDER");
   command->add_flag("--json", options->json, "One JSON object a line, at the end the sums");
   command->add_flag("--ipv6", options->ipv6, "Show every u32[4] as an IPv6 address");
   add_labels(*command, options->labels);
@@ -188,7 +188,7 @@ void add_compare(CLI::App &app, Run &run) {
       "The status is 1 when there is a difference.\n\n"
       "Examples:\n"
       "  quopa compare sender/ receiver/\n"
-      "  quopa compare /dev/shm/trace /dev/shm/trace");
+      "  quopa compare /dev/shm/trace");
   command->callback([=, &run] { run = [=] { return compare(*options); }; });
 }
 

@@ -154,6 +154,10 @@ class Comparison {
 
 }  // namespace
 
-int compare(const CompareOptions &options) { return Comparison(options).run(); }
+int compare(const CompareOptions &options) {
+  CompareOptions both = options;
+  if (both.receiver.empty()) both.receiver = both.sender;
+  return Comparison(both).run();
+}
 
 }  // namespace quopa
