@@ -29,8 +29,10 @@ expect 0 '^fib6Sync.tlv, message ID 0x' '' '' types fib6Sync.tlv
 expect 0 '^\{"type":"fib6_cfg.query_comm_param".*"record_size":\[16,24\]' '' '' types fib6_cfg --json
 expect 0 '^[0-9]+ types, no difference$' '' '' types --check "$project/describe/baseline.schema"
 "${quopa[@]}" types --schema | cmp - "$project/describe/baseline.schema" || complain 'describe/baseline.schema is not what the types are'
+expect 0 '"scalar", 4, 0, nil, name = "metric"' '' '' dissector --labels "$routes"
+expect 1 '' '^quopa: output/none: ' '' dissector -o output/none
 expect 0 '^quopa [0-9.]+$' '' '' --version
-for command in types decode encode annotate; do expect 0 '^Examples:$' '' '' $command --help; done
+for command in types decode encode annotate dissector; do expect 0 '^Examples:$' '' '' $command --help; done
 
 # What the shells ask.
 expect 0 '^fib6Sync.ipv6FwdDelMsg$' '' '' __complete decode fib6Sync.ipv6

@@ -3,7 +3,9 @@
 #include <pcap/pcap.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 #include "tools/quopa/command.h"
 #include "tools/quopa/input.h"
@@ -12,6 +14,8 @@ namespace quopa {
 namespace {
 
 constexpr int kUserLinkTypes = 16;
+constexpr int kAttempts = 3;  // to read what is written meanwhile
+constexpr std::chrono::milliseconds kPause{1};
 
 }  // namespace
 
@@ -25,6 +29,7 @@ Capture::Capture(std::FILE *file, const std::string &path) : path_(path) {
     if (file != stdin) std::fclose(file);
     fail(std::string("no capture file: ") + error);
   }
+  place_ = std::ftell(file);
   const int link_type = pcap_datalink(capture_.get()) - DLT_USER0;
   if (link_type < 0 || link_type >= kUserLinkTypes) {
     const char *const name = pcap_datalink_val_to_name(pcap_datalink(capture_.get()));
@@ -36,10 +41,25 @@ void Capture::Close::operator()(pcap *capture) const { pcap_close(capture); }
 
 void Capture::fail(const std::string &what) const { throw BadInput(name_of(path_) + ": " + what); }
 
+// A file into which somebody writes meanwhile is whole at every moment, but not from one moment to the next.
+int Capture::read_packet(pcap_pkthdr *&header, const uint8_t *&data) {
+  std::FILE *const file = pcap_file(capture_.get());
+  int status = PCAP_ERROR;
+  for (int attempt = 0; attempt < kAttempts && status == PCAP_ERROR; ++attempt) {
+    if (attempt > 0) {
+      std::this_thread::sleep_for(kPause);
+      if (place_ < 0 || std::fseek(file, place_, SEEK_SET) != 0) break;
+    }
+    status = pcap_next_ex(capture_.get(), &header, &data);
+  }
+  place_ = std::ftell(file);
+  return status;
+}
+
 const Message *Capture::next() {
   pcap_pkthdr *header = nullptr;
-  const u_char *data = nullptr;
-  const int status = pcap_next_ex(capture_.get(), &header, &data);
+  const uint8_t *data = nullptr;
+  const int status = read_packet(header, data);
   if (status == PCAP_ERROR_BREAK) return nullptr;
   if (status != 1)
     fail(std::string("damaged behind packet ") + std::to_string(packets_) + ": " + pcap_geterr(capture_.get()));

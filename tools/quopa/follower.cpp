@@ -20,6 +20,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kChunk = std::size_t{512} << 10;
+constexpr std::size_t kLongestRest = std::size_t{128} << 20;  // no file of a ring is longer
 constexpr uint32_t kLongestBlock = 16u << 20;
 constexpr uint32_t kBlockEdge = 8;     // type and length in front
 constexpr uint32_t kPacketFront = 28;  // what stands before a packet's bytes
@@ -114,7 +115,7 @@ class Follower::Ring {
     const uint32_t length = word_at(chunk_.data() + 4);
     if (is_filler && !is_full && !has_waited(kPatience)) return forget_chunk();
     if (length > kLongestBlock) throw BadInput(path_of(number_) + ": no block of a trace at " + std::to_string(at_));
-    read(is_filler && is_full ? opened_.st_size : std::max<std::size_t>(kChunk, length));
+    read(is_filler && is_full ? kLongestRest : std::max<std::size_t>(kChunk, length));
     // What was read counts only when the file was not given another name by then, with which it is written anew.
     if (!is_same_file()) return open_from(number_ + 1, true);
     if (chunk_.size() < kBlockEdge || !is_block(word_at(chunk_.data() + 4)) ||
@@ -124,8 +125,11 @@ class Follower::Ring {
     return word_at(chunk_.data()) != TRACE_FILLER_BLOCK || pass_filler(is_full);
   }
 
+  // At most so many bytes, as far as the file has them.
   void read(std::size_t size) {
-    chunk_.resize(size);
+    const auto end = static_cast<uint64_t>(opened_.st_size);
+    const uint64_t rest = end - std::min(end, at_);
+    chunk_.resize(static_cast<std::size_t>(std::min<uint64_t>(size, rest)));
     const ssize_t got = ::pread(descriptor_, chunk_.data(), chunk_.size(), static_cast<off_t>(at_));
     chunk_.resize(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
   }
