@@ -91,8 +91,8 @@ for case in 'noise.pcapng|no capture file: ' 'empty.pcapng|no capture file: ' 'f
   done
 done
 for ((size = 1; size < 700; size += 32)); do
-  head -c $size good.pcapng >cut.pcapng
-  expect 1 '*' '^quopa: cut.pcapng: (no capture file|damaged behind packet [0-9])' '' trace cut.pcapng
+  head -c $size good.pcapng >quopa-cut-1.0.pcapng
+  expect 1 '*' '^quopa: quopa-cut-1.0.pcapng: (no capture file|damaged behind packet [0-9])' '' trace quopa-cut-1.0.pcapng
 done
 
 # Wrong usage.

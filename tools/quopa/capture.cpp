@@ -5,31 +5,36 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <thread>
 
 #include "tools/quopa/command.h"
 #include "tools/quopa/input.h"
+#include "tools/quopa/ring_file.h"
 
 namespace quopa {
 namespace {
 
 constexpr int kUserLinkTypes = 16;
-constexpr int kAttempts = 3;  // to read what is written meanwhile
+constexpr std::size_t kBufferBytes = std::size_t{64} << 10;
+constexpr int kAttempts = 2;
 constexpr std::chrono::milliseconds kPause{1};
 
 }  // namespace
 
 Capture::Capture(const std::string &path) : Capture(path == "-" ? stdin : std::fopen(path.c_str(), "rbe"), path) {}
 
-Capture::Capture(std::FILE *file, const std::string &path) : path_(path) {
+Capture::Capture(std::FILE *file, const std::string &path) : path_(path) { open(file); }
+
+void Capture::open(std::FILE *file) {
   if (file == nullptr) fail(std::strerror(errno));
+  std::setvbuf(file, nullptr, _IOFBF, kBufferBytes);
   char error[PCAP_ERRBUF_SIZE] = "";
   capture_.reset(pcap_fopen_offline_with_tstamp_precision(file, PCAP_TSTAMP_PRECISION_NANO, error));
   if (capture_ == nullptr) {
     if (file != stdin) std::fclose(file);
     fail(std::string("no capture file: ") + error);
   }
-  place_ = std::ftell(file);
   const int link_type = pcap_datalink(capture_.get()) - DLT_USER0;
   if (link_type < 0 || link_type >= kUserLinkTypes) {
     const char *const name = pcap_datalink_val_to_name(pcap_datalink(capture_.get()));
@@ -41,18 +46,17 @@ void Capture::Close::operator()(pcap *capture) const { pcap_close(capture); }
 
 void Capture::fail(const std::string &what) const { throw BadInput(name_of(path_) + ": " + what); }
 
-// A file into which somebody writes meanwhile is whole at every moment, but not from one moment to the next.
+// A file of a ring is whole at every moment, but not from one moment to the next: where it seems damaged, it is read
+// anew up to that place.
 int Capture::read_packet(pcap_pkthdr *&header, const uint8_t *&data) {
-  std::FILE *const file = pcap_file(capture_.get());
-  int status = PCAP_ERROR;
+  int status = pcap_next_ex(capture_.get(), &header, &data);
+  if (status != PCAP_ERROR || !ring_file(std::filesystem::path(path_).filename())) return status;
   for (int attempt = 0; attempt < kAttempts && status == PCAP_ERROR; ++attempt) {
-    if (attempt > 0) {
-      std::this_thread::sleep_for(kPause);
-      if (place_ < 0 || std::fseek(file, place_, SEEK_SET) != 0) break;
-    }
-    status = pcap_next_ex(capture_.get(), &header, &data);
+    std::this_thread::sleep_for(kPause);
+    open(std::fopen(path_.c_str(), "rbe"));
+    status = 1;
+    for (uint64_t i = 0; i <= packets_ && status == 1; ++i) status = pcap_next_ex(capture_.get(), &header, &data);
   }
-  place_ = std::ftell(file);
   return status;
 }
 

@@ -29,12 +29,12 @@ class Capture {
     void operator()(pcap *capture) const;
   };
 
+  void open(std::FILE *file);
   int read_packet(pcap_pkthdr *&header, const uint8_t *&data);
   [[noreturn]] void fail(const std::string &what) const;
 
   std::string path_;
   std::unique_ptr<pcap, Close> capture_;
-  long place_ = -1;  // behind the last packet; -1 in a pipe
   uint64_t packets_ = 0;
   Origin origin_;
   Message message_ = {};
