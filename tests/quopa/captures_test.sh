@@ -21,6 +21,7 @@ mkdir parts && show good.pcapng --sent -w parts/b.pcapng && show good.pcapng --r
 [ "$(wc -l <said)" -eq 3000 ] || complain 'messages are missing'
 
 # Conditions find what jq finds: TYPE|TERM|CONDITION.
+show good.pcapng --json --ipv6 >addresses
 update=fib6Sync.ipv6FwdUpdateMsg
 for case in "$update|f1.f4<=7|.f1.f4 <= 7" "$update|f1.f4!=0|.f1.f4 != 0" "$update|f1.f0>=0x100|.f1.f0 >= 256" "$update|f1.f0<9|.f1.f0 < 9" \
   "$update|f1.f3>1000::|.f1.f3 | test(\"^[1-9a-f]...:\")" "$update|f1.f3=::/16|.f1.f3 | test(\"^(::|0:)\")" "$update|f1.f3!=::/0|false" \
@@ -29,7 +30,7 @@ for case in "$update|f1.f4<=7|.f1.f4 <= 7" "$update|f1.f4!=0|.f1.f4 != 0" "$upda
   'fib6_cfg.query_fib6_rec|f1.f45=0|any(.f1[]; .f45 == 0)' 'fib6_cfg.query_comm_param|f2=|.f2 == ""' \
   'fib6_cfg.query_comm_param|f2>=05|.f2 >= "05"' 'fib6Sync.ipv6FwdKey|f4!=000000|.f4 != "000000"'; do
   IFS='|' read -r type term condition <<<"$case"
-  show good.pcapng --type "$type" --bare --ipv6 | jq -c "select($condition)" >found.wanted
+  jq -c "select(.type == \"$type\").record | select($condition)" addresses >found.wanted
   show good.pcapng --type "$type" --bare --ipv6 --where "$term" | jq -c . >found && same found
   [ -s found.wanted ] || [ "$condition" = false ] || complain "$term: finds nothing"
 done
@@ -80,20 +81,34 @@ for case in 'fixed=72|u99[4]|line ' 'u32@0|xxx@0|line ' 'table(tlv)|table(tlw)|l
   FROM=${case%%|*} TO=${rest%%|*} perl -0777 -pe 's/\Q$ENV{FROM}\E/substr($ENV{TO} . " " x 9, 0, length $ENV{FROM})/e' own.pcapng >$name.pcapng
   expect 1 '' "^quopa: $name.pcapng: packet 2: ${rest#*|}" '' trace $name.pcapng
 done
-mkdir folder
-for case in 'noise.pcapng|no capture file: ' 'empty.pcapng|no capture file: ' 'foreign.pcapng|a capture of link type EN10MB, no trace of the bus' \
-  'magic.pcapng|packet 1: no message of the bus' 'version.pcapng|packet 1: recorded in version 9.0 ' 'kind.pcapng|packet 1: recorded in version 1.3 ' \
-  'block.pcapng|damaged behind packet 0: ' 'short.pcapng|' 'missing.pcapng|No such file' 'folder|no \*.pcapng or \*.pcap in this folder'; do
-  for command in trace stats 'compare good.pcapng'; do
-    [[ $command == trace ]] || [[ $case == magic* ]] || continue
-    # shellcheck disable=SC2086
-    expect 1 '*' "^quopa: ${case%%|*}: ${case#*|}" '' $command "${case%%|*}"
-  done
-done
+mkdir folder bad cut
+expect 1 '' '^quopa: missing.pcapng: No such file' '' trace missing.pcapng
+expect 1 '' '^quopa: folder: no \*.pcapng or \*.pcap in this folder' '' trace folder
+expect 1 '1500 not received' '^quopa: magic.pcapng: packet 1: no message of the bus' '' compare good.pcapng magic.pcapng
+
+# expect_lines FOLDER: each capture in the folder is told in the one line that the file lines has for it.
+expect_lines() {
+  show "$1" >output 2>errors
+  [ $? -eq 1 ] && [ "$(wc -l <errors)" -eq "$(find "$1" -type f | wc -l)" ] || complain "$1: $(cat errors)"
+  while IFS= read -r line; do grep -qE "^quopa: $1/$line" errors || complain "no line $line: $(cat errors)"; done <lines
+}
+mv noise.pcapng empty.pcapng foreign.pcapng magic.pcapng version.pcapng kind.pcapng block.pcapng short.pcapng bad
+cat >lines <<'END'
+noise.pcapng: no capture file:
+empty.pcapng: no capture file:
+foreign.pcapng: a capture of link type EN10MB, no trace of the bus$
+magic.pcapng: packet 1: no message of the bus, so this is no trace of it$
+version.pcapng: packet 1: recorded in version 9.0 of the format
+kind.pcapng: packet 1: recorded in version 1.3 of the format
+block.pcapng: damaged behind packet 0:
+short.pcapng: packet 1: no message of the bus
+END
+expect_lines bad
 for ((size = 1; size < 700; size += 32)); do
-  head -c $size good.pcapng >quopa-cut-1.0.pcapng
-  expect 1 '*' '^quopa: quopa-cut-1.0.pcapng: (no capture file|damaged behind packet [0-9])' '' trace quopa-cut-1.0.pcapng
-done
+  head -c $size good.pcapng >cut/quopa-cut-$size.0.pcapng
+  echo "quopa-cut-$size.0.pcapng: (no capture file|damaged behind packet [0-9]+): "
+done >lines
+expect_lines cut
 
 # Wrong usage.
 for case in '--where f1|"f1" is not MEMBER=VALUE' '--where f99=1|.* has no member "f99"$' '--where f1=1 --type fib6Sync.ipv6Fwd*Msg|"f1" of .*; name a member, as in f1.f0$' \
