@@ -57,12 +57,13 @@ unheard=$!
 rm -r sender receiver
 receive receiver >received 2>&1 &
 receiver=$!
-send --repeat 100000 --batch 16 --timeout 1 >sent 2>&1 &
+send --repeat 100000 --batch 16 --timeout 5 >sent 2>&1 &
 sender=$!
 until grep -q . <("$quopa" trace receiver --bare 2>/dev/null); do sleep 0.02; done
 kill -STOP $receiver
 sleep 0.2 # the sender goes on until its window is full
 kill -KILL $receiver
+wait $receiver 2>/dev/null
 wait $sender && complain 'the sender did not notice'
 undelivered=$(grep -oE '[0-9]+ messages undelivered' sent | cut -d' ' -f1)
 for file in sender/*.pcapng receiver/*.pcapng; do "$quopa" stats "$file" >/dev/null || complain "$file cannot be read"; done
