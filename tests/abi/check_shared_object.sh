@@ -1,6 +1,6 @@
 #!/bin/sh
-# The shared object exports exactly the operations of the message types and packages in the headers, depends on libc and
-# the bus only, runs no code of its own when it is loaded, carries its soname and is hardened.
+# The shared object exports exactly the operations of the message types and packages in the headers, with the version of
+# its soname, depends on libc and the bus only, runs no code of its own when it is loaded, carries its soname and is hardened.
 # Usage: [NM=... READELF=... OBJDUMP=...] check_shared_object.sh LIBRARY SONAME HARDENING HEADER...
 #   HARDENING: "none", "plain", or "x86" where calls through pointers are checked too
 set -eu
@@ -25,8 +25,10 @@ for header in "$@"; do
   sed -n 's/^DRIX_DECLARE_PACKAGE(\([a-zA-Z0-9_]*\)).*/\1_recv_init\n\1_send_init\n\1__send_resource_clean/p' "$header"
 done | LC_ALL=C sort >"$expected"
 [ -s "$expected" ] || { echo "the headers declare nothing: $*"; exit 1; }
+version=DRIX_FIB6_${soname##*.}
 "$nm" -D --defined-only "$library" | awk '{ print $3 }' | LC_ALL=C sort >"$actual"
-diff -u "$expected" "$actual" || { echo "exports differ from the headers"; exit 1; }
+{ sed "s/\$/@@$version/" "$expected" && echo "$version"; } | LC_ALL=C sort | diff -u - "$actual" ||
+  { echo "exports differ from the headers"; exit 1; }
 
 fail=0
 complain() {
@@ -57,8 +59,8 @@ if [ "$hardening" != none ]; then
 fi
 if [ "$hardening" = x86 ]; then
   unmarked=$("$objdump" -d --no-show-raw-insn "$library" |
-    awk 'FNR == NR { exported["<" $1 ">:"] = 1; next } $2 in exported { name = $2; getline; if (!/endbr/) print name }' "$actual" -)
+    awk 'FNR == NR { exported["<" $1 ">:"] = 1; next } $2 in exported { name = $2; getline; if (!/endbr/) print name }' "$expected" -)
   [ -z "$unmarked" ] || complain "not marked as a target of calls through pointers: $unmarked"
 fi
-echo "$(wc -l <"$actual") exported functions"
+echo "$(wc -l <"$expected") exported functions"
 exit $fail
