@@ -68,7 +68,7 @@ offer() {
 }
 apt=(apt-get -y --no-install-recommends)
 files() { (cd "$root" && find . -path ./var -prune -o -path ./tmp -prune -o -path ./packages -prune -o -print | LC_ALL=C sort); }
-version_of() { env -i PATH=/usr/bin:/bin chroot "$root" dpkg-query -W -f='${Version}' "$1"; }
+version_of() { env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin chroot "$root" dpkg-query -W -f='${Version}' "$1"; }
 
 # The packages of an older version: these, with another number.
 now=$(dpkg-deb -f "$(ls "$packages"/quopa_*.deb)" Version)
