@@ -26,7 +26,8 @@ for header in "$@"; do
 done | LC_ALL=C sort >"$expected"
 [ -s "$expected" ] || { echo "the headers declare nothing: $*"; exit 1; }
 version=DRIX_FIB6_${soname##*.}
-"$nm" -D --defined-only "$library" | awk '{ print $3 }' | LC_ALL=C sort >"$actual"
+# Of the version itself, which is a symbol too, some nm tell the version.
+"$nm" -D --defined-only "$library" | awk '{ print $3 }' | sed "s/^$version@@.*/$version/" | LC_ALL=C sort >"$actual"
 { sed "s/\$/@@$version/" "$expected" && echo "$version"; } | LC_ALL=C sort | diff -u - "$actual" ||
   { echo "exports differ from the headers"; exit 1; }
 
