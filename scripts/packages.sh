@@ -4,7 +4,7 @@
 #
 # Usage: scripts/packages.sh [--twice] [--output DIR]
 #   --twice       build them a second time elsewhere, and compare the bytes
-#   --output DIR  put them there instead; what is in it goes
+#   --output DIR  put them there instead; packages that are there go
 set -euo pipefail
 start=$PWD
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -61,9 +61,9 @@ build() {
 }
 
 build "$work/first"
-rm -rf "$output"
 mkdir -p "$output"
-cp "$work"/first/*.deb "$work"/first/*.changes "$work"/first/*.buildinfo "$output"
+rm -f "$output"/*.deb "$output"/*.changes "$output"/*.buildinfo
+cp "$work"/first/*.deb "$work"/first/*.changes "$work"/first/*.buildinfo "$output"/
 logged "$log" lintian --allow-root --fail-on error,warning --info "$output"/*.changes
 if [ -n "$twice" ]; then
   # Elsewhere, at another place of the world, with other rights.
