@@ -5,6 +5,7 @@
 // access range of Slot<Type>, and record_size.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -133,7 +134,9 @@ struct Mix {
   uint32_t most_bytes = 4;
   uint32_t most_elements = 4;
   bool always_most = false;  // else byte strings and vectors are of any length up to that
-  uint32_t alike = 0;        // so many elements in a hundred have their zeros where the one before has
+  // So many elements in a hundred have their zeros where the one before has, the others where one of a few shapes has;
+  // 0: each has its own.
+  uint32_t alike = 0;
 };
 
 // Random content, of which large and small numbers are equally likely.
@@ -142,14 +145,18 @@ class RandomContent {
   RandomContent(Random &random, const Mix &mix) : random_(random), mix_(mix) {}
 
   void start_element(uint32_t i) {
-    alike_ = i != 0 && mix_.alike != 0 && random_.below(100) < mix_.alike;
-    if (!alike_) zeros_.clear();
+    if (mix_.alike == 0) return;
+    if (i == 0) shapes_ = {};
+    if (i == 0 || random_.below(100) >= mix_.alike) shape_ = random_.below(kShapes);
+    first_ = shapes_[shape_].empty();
     next_ = 0;
   }
 
   uint32_t number(uint32_t width) {
-    if (!alike_) zeros_.push_back(random_.below(100) < mix_.zeros);
-    if (zeros_[alike_ ? next_++ : zeros_.size() - 1]) return 0;
+    std::vector<bool> &shape = shapes_[shape_];
+    const bool zero = !first_ && next_ < shape.size() ? shape[next_++] : random_.below(100) < mix_.zeros;
+    if (first_) shape.push_back(zero);
+    if (zero) return 0;
     const uint64_t drawn = random_.draw();
     const uint32_t bits = 8 * width;
     const auto number = static_cast<uint32_t>(drawn >> (64 - bits)) >> (drawn % bits);
@@ -165,8 +172,12 @@ class RandomContent {
  private:
   Random &random_;
   Mix mix_;
-  std::vector<bool> zeros_;  // which numbers of the last element that is not alike are zero
-  bool alike_ = false;
+
+  // Which numbers of an element are zero, and which of those lists it keeps to, or is the first to have.
+  static constexpr uint32_t kShapes = 4;
+  std::array<std::vector<bool>, kShapes> shapes_;
+  uint32_t shape_ = 0;
+  bool first_ = false;
   std::size_t next_ = 0;
 };
 
