@@ -61,7 +61,11 @@ send --repeat 100000 --batch 16 --timeout 5 >sent 2>&1 &
 sender=$!
 until grep -q . <("$quopa" trace receiver --bare 2>/dev/null); do sleep 0.02; done
 kill -STOP $receiver
-sleep 0.2 # the sender goes on until its window is full
+# The sender goes on until its window is full, if it is not just making the next file of its trace.
+for ((i = 0; i < 100; i++)); do
+  "$quopa" compare sender receiver >/dev/null || break
+  sleep 0.05
+done
 kill -KILL $receiver
 wait $receiver 2>/dev/null
 wait $sender && complain 'the sender did not notice'
