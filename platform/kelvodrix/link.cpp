@@ -23,6 +23,9 @@ using std::chrono::milliseconds;
 // pump comes along.
 constexpr size_t kFramesToGather = 8;
 constexpr size_t kBytesToGather = 16 << 10;
+// While so many bytes wait for room in the connection, a send waits too: they are still in the caches when they are
+// written.
+constexpr size_t kMostUnwritten = 256 << 10;
 constexpr milliseconds kLookInterval(1), kRetryInterval(20);
 constexpr milliseconds kLongestWait(50);  // then a send looks whether its channel has been closed
 
@@ -156,7 +159,8 @@ void Link::disconnect() {
 }
 
 bool Link::fits(size_t frame_bytes) const {
-  return in_flight_.size() < options_.window_frames && frame_bytes <= options_.window_bytes - in_flight_bytes_;
+  return in_flight_.size() < options_.window_frames && frame_bytes <= options_.window_bytes - in_flight_bytes_ &&
+         out_.size() - written_ < kMostUnwritten;
 }
 
 // Makes the frame one to be written when there are a connection and room.
