@@ -17,7 +17,7 @@ using describe::Type;
 
 constexpr uint32_t kAddressBits = 128;
 
-[[noreturn]] void fail(const std::string &what) { throw WhereError(what); }
+[[noreturn]] void refuse(const std::string &what) { throw WhereError(what); }
 
 std::string quoted(const std::string &text) { return '"' + text + '"'; }
 
@@ -48,7 +48,7 @@ Where::Where(const std::string &term) : term_(term) {
   const std::size_t at = term.find_first_of("=!<>");
   const std::string sign_text =
       at == std::string::npos ? "" : term.substr(at, 1 + (term[at] != '=' && term[at + 1] == '='));
-  if (at == 0 || sign_text.empty() || sign_text == "!") fail(quoted(term) + " is not MEMBER=VALUE; or != < <= > >=");
+  if (at == 0 || sign_text.empty() || sign_text == "!") refuse(quoted(term) + " is not MEMBER=VALUE; or != < <= > >=");
   path_ = term.substr(0, at);
   value_ = term.substr(at + sign_text.size());
   if (sign_text == "!=") comparison_ = Comparison::unequal;
@@ -77,7 +77,7 @@ const std::optional<Where::Resolved> &Where::resolve(const Type &type, const Lab
 Where::Resolved Where::resolve_anew(const Type &type, const Labels &labels) const {
   const auto slot_of = [&](const Type &table, const std::string &name) {
     const std::optional<std::size_t> slot = labels.slot(table, name);
-    if (!slot) fail(table.name() + " has no member " + quoted(name));
+    if (!slot) refuse(table.name() + " has no member " + quoted(name));
     return *slot;
   };
   const std::size_t dot = path_.find('.');
@@ -85,14 +85,14 @@ Where::Resolved Where::resolve_anew(const Type &type, const Labels &labels) cons
   const Type *table = &type;
   const Slot &first = type.slots[resolved.slot];
   if (dot != std::string::npos) {
-    if (first.inner == nullptr) fail(quoted(path_.substr(0, dot)) + " of " + type.name() + " has no members");
+    if (first.inner == nullptr) refuse(quoted(path_.substr(0, dot)) + " of " + type.name() + " has no members");
     table = first.inner;
     resolved.outer = static_cast<uint32_t>(resolved.slot);
     resolved.slot = slot_of(*table, path_.substr(dot + 1));
   }
   const Slot &slot = table->slots[resolved.slot];
   if (slot.inner != nullptr) {
-    fail(quoted(path_) + " of " + type.name() + " is " + describe::kind_text(slot) + "; name a member, as in " + path_ +
+    refuse(quoted(path_) + " of " + type.name() + " is " + describe::kind_text(slot) + "; name a member, as in " + path_ +
          ".f0");
   }
   read_value(slot, labels.find(*table, resolved.slot), resolved);
@@ -104,19 +104,19 @@ void Where::read_value(const Slot &slot, const Label *label, Resolved &resolved)
     for (std::size_t i = 0; i < value_.size(); i += 2) {
       const int high = hex_digit(value_[i]);
       const int low = i + 1 < value_.size() ? hex_digit(value_[i + 1]) : -1;
-      if (high < 0 || low < 0) fail(term_ + ": " + quoted(value_) + " is not pairs of hexadecimal digits");
+      if (high < 0 || low < 0) refuse(term_ + ": " + quoted(value_) + " is not pairs of hexadecimal digits");
       resolved.bytes.push_back(static_cast<uint8_t>(high << 4 | low));
     }
     return;
   }
   if (prefix_) {
-    if (!is_address(slot)) fail(term_ + ": the member is no address but " + describe::kind_text(slot));
+    if (!is_address(slot)) refuse(term_ + ": the member is no address but " + describe::kind_text(slot));
     return;
   }
   std::optional<uint32_t> number = parse_number(value_);
   if (!number && label != nullptr) number = label->value_of(value_);
   if (!number) {
-    fail(term_ + ": " + quoted(value_) +
+    refuse(term_ + ": " + quoted(value_) +
          (is_address(slot) ? " is neither an IPv6 address nor a number" : " is no number"));
   }
   resolved.is_number = true;
@@ -128,12 +128,12 @@ Where::Prefix Where::read_prefix() const {
   const std::size_t slash = value_.find('/');
   const std::string address = value_.substr(0, slash);
   if (inet_pton(AF_INET6, address.c_str(), prefix.address) != 1)
-    fail(term_ + ": " + quoted(address) + " is no IPv6 address");
+    refuse(term_ + ": " + quoted(address) + " is no IPv6 address");
   if (slash == std::string::npos) return prefix;
   const std::optional<uint32_t> bits = parse_number(value_.substr(slash + 1));
-  if (!bits || *bits > kAddressBits) fail(term_ + ": a prefix has a length of 0 to 128");
+  if (!bits || *bits > kAddressBits) refuse(term_ + ": a prefix has a length of 0 to 128");
   if (comparison_ != Comparison::equal && comparison_ != Comparison::unequal) {
-    fail(term_ + ": a prefix goes with = and != only");
+    refuse(term_ + ": a prefix goes with = and != only");
   }
   prefix.bits = *bits;
   return prefix;

@@ -37,10 +37,10 @@ struct Tally {
   }
 };
 
-struct Kind {
+struct Key {
   std::string type;
   TraceKind kind;
-  auto operator<=>(const Kind &) const = default;
+  auto operator<=>(const Key &) const = default;
 };
 
 class Statistics {
@@ -82,7 +82,7 @@ class Statistics {
               << tally.unanswered << std::setw(10) << tally.rejected << '\n';
   }
 
-  std::map<Kind, Tally> tallies_;
+  std::map<Key, Tally> tallies_;
   uint64_t first_ = 0;
   uint64_t last_ = 0;
 };
