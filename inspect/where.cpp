@@ -92,8 +92,8 @@ Where::Resolved Where::resolve_anew(const Type &type, const Labels &labels) cons
   }
   const Slot &slot = table->slots[resolved.slot];
   if (slot.inner != nullptr) {
-    refuse(quoted(path_) + " of " + type.name() + " is " + describe::kind_text(slot) + "; name a member, as in " + path_ +
-         ".f0");
+    refuse(quoted(path_) + " of " + type.name() + " is " + describe::kind_text(slot) + "; name a member, as in " +
+           path_ + ".f0");
   }
   read_value(slot, labels.find(*table, resolved.slot), resolved);
   return resolved;
@@ -117,7 +117,7 @@ void Where::read_value(const Slot &slot, const Label *label, Resolved &resolved)
   if (!number && label != nullptr) number = label->value_of(value_);
   if (!number) {
     refuse(term_ + ": " + quoted(value_) +
-         (is_address(slot) ? " is neither an IPv6 address nor a number" : " is no number"));
+           (is_address(slot) ? " is neither an IPv6 address nor a number" : " is no number"));
   }
   resolved.is_number = true;
   resolved.number = *number;

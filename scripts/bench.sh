@@ -47,7 +47,7 @@ build() {
   echo "building in $folder"
   : >"$folder.log"
   logged "$folder.log" cmake --preset "$preset" -B "$folder" -DDRIX_BUILD_BENCH=ON -DDRIX_BUILD_TESTS=OFF \
-    "-DCMAKE_C_FLAGS_RELEASE=$flags" "-DCMAKE_CXX_FLAGS_RELEASE=$flags"
+    -DDRIX_JOIN_SOURCES=OFF "-DCMAKE_C_FLAGS_RELEASE=$flags" "-DCMAKE_CXX_FLAGS_RELEASE=$flags"
   logged "$folder.log" cmake --build "$folder" --target "${targets[@]}"
 }
 mkdir -p build/bench

@@ -22,14 +22,14 @@ done
 require_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" clang-tidy-14
 mkdir -p build
 : >build/lint.log
-logged build/lint.log cmake --preset clang
+logged build/lint.log cmake --preset clang -B build/lint -DDRIX_JOIN_SOURCES=OFF
 style=good
 check_format || style="not as clang-format-14 leaves it"
 
 # check FILE: prints the findings if there are any.
 check() {
   local started=$SECONDS findings status=0
-  findings=$(clang-tidy-14 -p build/clang --quiet "$1" 2>&1) || status=$?
+  findings=$(clang-tidy-14 -p build/lint --quiet "$1" 2>&1) || status=$?
   echo "$1: $([ $status = 0 ] && echo nothing || echo FINDINGS), $((SECONDS - started)) s"
   [ $status = 0 ] || grep -vE '^[0-9]+ warnings? (generated|treated as error)|^$' <<<"$findings"
   return $status
