@@ -102,6 +102,7 @@ Figures measure_in_another_process(const char *program, const char *folder) {
   if (child == 0) {
     dup2(ends[1], STDOUT_FILENO);
     if (folder != nullptr) {
+      setenv("LD_LIBRARY_PATH", BENCH_TRACE_FOLDER, 1);  // it may have a blank, which the next may not
       setenv("LD_PRELOAD", BENCH_TRACE_LIBRARY, 1);
       setenv("QUOPA_TRACE_DIR", folder, 1);
     }

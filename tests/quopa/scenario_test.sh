@@ -8,6 +8,9 @@ endpoint=ipc://$work/bus
 export ASAN_OPTIONS=verify_asan_link_order=0:${ASAN_OPTIONS:-}
 
 trap 'kill $(jobs -p) 2>/dev/null; rm -rf "$work"' EXIT
+# The loader takes a blank in the list of what it is to load first for the end of a name.
+ln -s "$recorder" "$work/recorder.so"
+recorder=$work/recorder.so
 
 # recorded FOLDER COMMAND...: becomes the command.
 recorded() {

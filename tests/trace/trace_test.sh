@@ -7,6 +7,9 @@ work=$(mktemp -d -p /dev/shm 2>/dev/null || mktemp -d)
 trap 'kill $(jobs -p) 2>/dev/null; wait; rm -rf "$work"' EXIT
 cd "$work" || exit 1
 failures=0
+# The loader takes a blank in the list of what it is to load first for the end of a name.
+ln -s "$library" recorder.so
+library=$work/recorder.so
 # The recorder comes before a sanitizer's own library, which does no harm here.
 export ASAN_OPTIONS=verify_asan_link_order=0${ASAN_OPTIONS:+:$ASAN_OPTIONS}
 
