@@ -36,7 +36,8 @@ require_packages debootstrap dpkg-dev
 log=$PWD/build/test-packages.log
 : >"$log"
 
-work=$(mktemp -d "$PWD/build/debian-root.XXXXXX")
+# debootstrap takes no path with a blank, which a checkout's may have.
+work=$(mktemp -d "${TMPDIR:-/var/tmp}/debian-root.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 root=$work/root
 base=build/debian-root.tar
