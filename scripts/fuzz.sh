@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Fuzzes decoders and encoders of all packages and what quopa reads with libFuzzer under AddressSanitizer and
-# UndefinedBehaviorSanitizer, starting from good images and the regressions. Corpora are kept and findings put under build/fuzz/. Prints executions,
-# coverage (edges of library and reference together) and findings of each target; fails if there are findings.
+# UndefinedBehaviorSanitizer, starting from good images and the regressions. Corpora are kept and findings put under
+# build/fuzz/. Prints executions, coverage (edges of library and reference together) and findings of each target; fails
+# if there are findings.
 #
 # Usage: scripts/fuzz.sh [SECONDS]   (default 60, shared evenly by the targets)
 set -euo pipefail
