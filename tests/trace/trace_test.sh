@@ -171,7 +171,7 @@ case $group in
       walk trace killed
       # What the process had done by then is there, from the first message, with the bus's answer. A thread may have been
       # about to do more.
-      od -An -v -tu4 -w4 -N24 done | awk '{ print NR - 1, $1 }' >streams
+      od --endian=little -An -v -tu4 -w4 -N24 done | awk '{ print NR - 1, $1 }' >streams
       awk '
         FNR == NR { done[$1] = $2; next }
         / lost / { print "lost messages"; bad = 1 }

@@ -1,5 +1,6 @@
 // A process to be traced: traced SCENARIO [NUMBER]. Fails when it does not get from the bus what the bus gives. What it
 // sends and delivers holds a stream's number, the number in that stream, and bytes that follow from it.
+#include <endian.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -151,7 +152,7 @@ void held(uint32_t files) {
   send(kId, 0, 3, 0, 1, 20);
 }
 
-// Sends and receives in several threads for ever, and counts in a file what is done.
+// Sends and receives in several threads for ever, and counts in a file what is done, little-endian.
 void load(uint32_t longest) {
   constexpr uint32_t kThreads = 3;
   const int file = open("done", O_RDWR);
@@ -166,8 +167,8 @@ void load(uint32_t longest) {
         send(kId, 0, 2 * stream, number, batch, 8 + number % longest);
         for (uint32_t i = 0; i < batch; ++i) receive(kId, 2 * stream + 1, number + i, 8 + number % longest);
         number += batch;
-        done[2 * stream] = number;
-        done[2 * stream + 1] = number;
+        done[2 * stream] = htole32(number);
+        done[2 * stream + 1] = htole32(number);
       }
     });
   }
