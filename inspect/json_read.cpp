@@ -46,7 +46,7 @@ json parse(std::string_view text) {
   ParseGuard guard;
   try {
     return json::parse(text, std::ref(guard));
-  } catch (const json::parse_error &error) {
+  } catch (const json::exception &error) {  // besides what it cannot parse, numbers beyond all of its types
     const std::string what = error.what();
     throw JsonError(what.substr(what.find("] ") + 2));  // without the number that the library gives it
   }

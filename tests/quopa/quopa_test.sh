@@ -59,7 +59,7 @@ for case in '{"f9":1}|f9: fib6Sync.ipv6FwdKey has no such member' \
   '{"f2":"fe80::%1"}|f2: "fe80::%1" is no IPv6 address' '{"f4":"0a0b"}|f4: 3 bytes are wanted, not 2' \
   '{"f4":"0a0b0"}|f4: "0a0b0" is not pairs' '{"f2":1}|f2: an IPv6 address or an array' '[]|the record: an object is' \
   '{"f0":1,"f0":2}|"f0": given twice' '{"f0":1,\n"f1" 2}|parse error at line 2, column ' '[[[[[|the record: nested too deep' \
-  '{"f0":1}}|parse error at line 1, column 9' '\0377|parse error'; do
+  '{"f0":1}}|parse error at line 1, column 9' '\0377|parse error' '{"f0":1e999}|number overflow'; do
   expect 1 '' "^quopa: standard input: ${case#*|}" "${case%%|*}" encode $key --hex
 done
 expect 1 '' 'input: f1\[1\].f45: a whole number' '{"f1":[{},{"f45":true}]}' encode $query --hex
