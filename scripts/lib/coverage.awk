@@ -14,6 +14,17 @@ function reason_for(file, line) {
   if (source(file, line) ~ /^ *}$/) return reason_for(file, line - 1)
   if (source(file, line) ~ /__builtin_bswap/) return "for big-endian hosts"
   if (source(file, line) ~ /^ *switch /) return "the enumeration has no other value"
+  if (source(file, line) ~ /read_elements != nullptr/) return "without the quick readers"
+}
+# Whether a line, or one that it stands inside of, begins what is constexpr.
+function in_constexpr(file, line,    indent) {
+  for (indent = 1000; line > 0 && indent > 0; --line) {
+    match(source(file, line), /^ */)
+    if (RLENGTH >= indent || source(file, line) !~ /[^ ]/) continue
+    indent = RLENGTH
+    if (source(file, line) ~ /constexpr/ && source(file, line) !~ /if constexpr/) return 1
+  }
+  return 0
 }
 $1 == "symbol" { has_code[$2] = 1 }
 $1 == "line" && $4 > 0 { ++run_lines[$2]; ++lines[$2] }
@@ -26,7 +37,7 @@ $1 == "function" && ($6 in has_code) {
 }
 # Bodies without code were evaluated by the compiler if they are constexpr, or stand inside one that is.
 $1 == "function" && !($6 in has_code) && $5 == 0 && !seen[$2, $3, $4]++ {
-  if (source($2, $3) ~ /constexpr/) for (line = $3; line <= $4; ++line) compiled[$2, line] = 1
+  if (in_constexpr($2, $3)) for (line = $3; line <= $4; ++line) compiled[$2, line] = 1
 }
 END {
   for (key in unrun) {
