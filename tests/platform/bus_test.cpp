@@ -321,6 +321,7 @@ struct RawPeer {
     sockaddr_un address = {AF_UNIX, {}};
     path.copy(address.sun_path, sizeof(address.sun_path) - 1);
     const auto *to = reinterpret_cast<const sockaddr *>(&address);
+    if (as_receiver) unlink(path.c_str());  // of a test that was killed
     EXPECT_EQ((as_receiver ? bind : connect)(fd, to, sizeof(address)), 0) << strerror(errno);
     EXPECT_EQ(as_receiver ? listen(fd, 1) : 0, 0);
   }
