@@ -47,7 +47,7 @@ build() {
   echo "building in $folder"
   : >"$folder.log"
   logged "$folder.log" cmake --preset "$preset" -B "$folder" -DDRIX_BUILD_BENCH=ON -DDRIX_BUILD_TESTS=OFF \
-    -DDRIX_JOIN_SOURCES=OFF "-DCMAKE_C_FLAGS_RELEASE=$flags" "-DCMAKE_CXX_FLAGS_RELEASE=$flags"
+    "-DCMAKE_C_FLAGS_RELEASE=$flags" "-DCMAKE_CXX_FLAGS_RELEASE=$flags"
   logged "$folder.log" cmake --build "$folder" --target "${targets[@]}"
 }
 mkdir -p build/bench
@@ -65,9 +65,8 @@ measure() {
 rm -f build/bench/*.json
 # Each row in a process of its own: what one leaves behind in the processor's guesses about which loads wait for which
 # stores can slow down the memcpy of another four times, for as long as the process lives.
-each_row=$("build/bench/${builds[0]}/bench/drix_bench" "$seconds" "$rows" --benchmark_list_tests | cut -d / -f 1,2 |
-  awk '!seen[$0]++')
-[ -n "$each_row" ] || fail "no row is called $rows"
+each_row=$("build/bench/${builds[0]}/bench/drix_bench" "$seconds" "$rows" --benchmark_list_tests |
+  cut -d / -f 1,2 | uniq) || fail "no row matches $rows"
 for ((round = 1; round <= rounds; round++)); do
   echo "measuring, round $round of $rounds"
   number=0
