@@ -110,12 +110,12 @@ int32_t Link::send(std::span<const DrixSendDescriptor> messages) {
     if (closed_) return KELVODRIX_ERR_HANDLE;
     const bool connected = fd_ != nullptr;
     int32_t status = append(messages, frame_bytes);
-    if (status == KELVODRIX_OK && (in_flight_.size() <= kFramesToGather || out_.size() - written_ >= kBytesToGather) &&
+    if (status == KELVODRIX_OK && (in_flight_.size() <= kFramesToGather || unwritten() >= kBytesToGather) &&
         write_out() == KELVODRIX_ERR_NO_RECEIVER) {
       undelivered_ -= messages.size();  // nobody will handle what was not written whole
       status = KELVODRIX_ERR_NO_RECEIVER;
     }
-    if (status == KELVODRIX_OK && !written_out()) pump_.wake();
+    if (status == KELVODRIX_OK && unwritten() != 0) pump_.wake();
     if (status != KELVODRIX_ERR_NO_RECEIVER && status != KELVODRIX_ERR_WINDOW) return status;
     if (connected && !fd_ && std::exchange(again, false)) continue;  // to a receiver that was restarted
     if (Clock::now() >= deadline) return status;
@@ -160,7 +160,7 @@ void Link::disconnect() {
 
 bool Link::fits(size_t frame_bytes) const {
   return in_flight_.size() < options_.window_frames && frame_bytes <= options_.window_bytes - in_flight_bytes_ &&
-         out_.size() - written_ < kMostUnwritten;
+         unwritten() < kMostUnwritten;
 }
 
 // Makes the frame one to be written when there are a connection and room.
@@ -195,9 +195,8 @@ int32_t Link::append(std::span<const DrixSendDescriptor> messages, size_t frame_
 }
 
 int32_t Link::write_out() {
-  while (!written_out()) {
-    const ssize_t count =
-        ::send(fd_->get(), out_.data() + written_, out_.size() - written_, MSG_DONTWAIT | MSG_NOSIGNAL);
+  while (unwritten() != 0) {
+    const ssize_t count = ::send(fd_->get(), out_.data() + written_, unwritten(), MSG_DONTWAIT | MSG_NOSIGNAL);
     if (count >= 0) {
       written_ += static_cast<size_t>(count);
     } else if (errno == EAGAIN || errno == ENOBUFS || errno == ENOMEM) {
@@ -242,7 +241,7 @@ bool Link::acknowledge(uint64_t number) {
 
 void Link::wait(std::unique_lock<std::mutex> &lock, Deadline deadline) {
   const std::shared_ptr<Fd> fd = fd_;  // stays open, whatever others do meanwhile
-  const short events = connecting_ || !written_out() ? POLLIN | POLLOUT : POLLIN;
+  const short events = connecting_ || unwritten() != 0 ? POLLIN | POLLOUT : POLLIN;
   pollfd item = {fd ? fd->get() : -1, events, 0};  // without a connection it is time that has to pass
   const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now());
   lock.unlock();

@@ -57,7 +57,7 @@ class Link {
   bool acknowledge(uint64_t number);
   void wait(std::unique_lock<std::mutex> &lock, Deadline deadline);
   bool fits(size_t frame_bytes) const;
-  bool written_out() const { return written_ == out_.size(); }
+  size_t unwritten() const { return out_.size() - written_; }
 
   const Endpoint endpoint_;
   const kelvodrix_options options_;
