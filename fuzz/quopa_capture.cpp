@@ -2,20 +2,20 @@
 // encoded again from the JSON that is shown.
 #include <sstream>
 
+#include "capture/file.h"
 #include "inspect/where.h"
 #include "target.h"
-#include "tools/quopa/capture.h"
 #include "tools/quopa/command.h"
 #include "tools/quopa/show.h"
 
 namespace {
 
-void look_at(const quopa::Message &message) {
+void look_at(const capture::Message &message) {
   static const drix::inspect::JsonStyle style;
   static drix::inspect::Where conditions[] = {drix::inspect::Where("f1.f3=2001:db8::/32"),
                                               drix::inspect::Where("f2>=07")};
   std::ostringstream shown;
-  if (message.kind == TRACE_NOTE) return show_note(shown, message, true);
+  if (message.kind == TRACE_NOTE) return quopa::show_note(shown, message, true);
   quopa::Look look(message);
   show_text(shown, look, style);
   show_json(shown, look, style);
@@ -34,9 +34,9 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
   std::FILE *const file = size == 0 ? nullptr : fmemopen(const_cast<uint8_t *>(data), size, "rb");
   if (file == nullptr) return 0;
   try {
-    quopa::Capture capture(file, "input");
-    while (const quopa::Message *message = capture.next()) look_at(*message);
-  } catch (const quopa::BadInput &) {
+    capture::File capture(file, "input");
+    while (const capture::Message *message = capture.next()) look_at(*message);
+  } catch (const capture::BadCapture &) {
   }
   return 0;
 }

@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "trace/record.h"
+#include "capture/format.h"
 
 namespace trace {
 

@@ -1,6 +1,6 @@
 #include "trace/schema_text.h"
 
-#include "trace/record.h"
+#include "capture/format.h"
 
 namespace trace {
 

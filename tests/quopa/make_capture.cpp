@@ -5,9 +5,9 @@
 #include <cstdlib>
 #include <string>
 
+#include "capture/format.h"
 #include "codec.h"
 #include "tools/records/records.h"
-#include "trace/record.h"
 
 namespace {
 

@@ -3,11 +3,11 @@
 #include <iostream>
 #include <unordered_map>
 
+#include "capture/ring_file.h"
+#include "capture/timeline.h"
 #include "tools/quopa/command.h"
 #include "tools/quopa/input.h"
-#include "tools/quopa/ring_file.h"
 #include "tools/quopa/show.h"
-#include "tools/quopa/timeline.h"
 
 namespace quopa {
 namespace {
@@ -53,9 +53,9 @@ class Comparison {
 
   // What stood in files that were written anew is missing for no fault of the bus.
   static void tell_overwritten(const std::string &path) {
-    for (const std::string &file : captures_in(path)) {
+    for (const std::string &file : capture::captures_in(path)) {
       const std::filesystem::path file_path = file;
-      const auto in_ring = ring_file(file_path.filename());
+      const auto in_ring = capture::ring_file(file_path.filename());
       if (!in_ring || in_ring->number == 0) continue;
       const std::string former = in_ring->ring + '.' + std::to_string(in_ring->number - 1) + TRACE_FILE_SUFFIX;
       if (std::filesystem::exists(file_path.parent_path() / former)) continue;
@@ -66,7 +66,7 @@ class Comparison {
 
   template <class Take>
   void for_each(const std::string &path, TraceKind kind, bool first_time, Take take) {
-    Timeline timeline({path}, !first_time);
+    capture::Timeline timeline({path}, !first_time);
     while (const Message *message = timeline.next()) {
       if (message->kind == TRACE_NOTE && first_time) show_note(std::cerr, *message, false);
       if (message->kind != kind) continue;

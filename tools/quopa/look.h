@@ -3,12 +3,14 @@
 
 #include <optional>
 
+#include "capture/message.h"
 #include "inspect/extent.h"
 #include "inspect/record.h"
 #include "inspect/walk.h"
-#include "tools/quopa/message.h"
 
 namespace quopa {
+
+using capture::Message;
 
 // Valid as long as the message. All but type() is for messages of a known type.
 class Look {

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <iostream>
 
+#include "capture/message.h"
 #include "tools/quopa/command.h"
 #include "tools/quopa/command_line.h"
 
@@ -23,6 +24,8 @@ int main(int argc, char **argv) {
   try {
     status = quopa::parse_command_line(argc, argv)();
   } catch (const quopa::BadInput &error) {
+    return complain(error.what(), quopa::kBad);
+  } catch (const capture::BadCapture &error) {
     return complain(error.what(), quopa::kBad);
   } catch (const quopa::BadUsage &error) {
     return complain(error.what(), quopa::kUsage);

@@ -8,13 +8,15 @@
 #include <iostream>
 #include <map>
 
+#include "capture/timeline.h"
 #include "drix_bus.h"
 #include "platform/kelvodrix/kelvodrix.h"
 #include "tools/quopa/command.h"
-#include "tools/quopa/timeline.h"
 
 namespace quopa {
 namespace {
+
+using capture::Message;
 
 constexpr uint32_t kSendTimeout = 5000;  // milliseconds for a receiver to come or to make room
 constexpr uint32_t kFlushTimeout = 10000;
@@ -131,7 +133,7 @@ class Replay {
         pace_(speed_of(options.speed)),
         bus_(options.bus, options.endpoint) {}
 
-  int run(Timeline &timeline) {
+  int run(capture::Timeline &timeline) {
     while (const Message *message = timeline.next()) {
       if (message->kind == kind_) take(*message);
     }
@@ -196,7 +198,7 @@ class Replay {
 }  // namespace
 
 int replay(const ReplayOptions &options) {
-  Timeline timeline(options.paths);
+  capture::Timeline timeline(options.paths);
   return Replay(options).run(timeline);
 }
 

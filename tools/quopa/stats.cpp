@@ -3,11 +3,11 @@
 #include <iostream>
 #include <map>
 
+#include "capture/timeline.h"
 #include "tools/quopa/command.h"
 #include "tools/quopa/input.h"
 #include "tools/quopa/selection.h"
 #include "tools/quopa/show.h"
-#include "tools/quopa/timeline.h"
 
 namespace quopa {
 namespace {
@@ -93,7 +93,7 @@ int stats(const StatsOptions &options) {
   Styles styles(read_labels(options.selection.labels), false);
   Selection selection(options.selection);
   Statistics statistics;
-  Timeline timeline(options.selection.paths);
+  capture::Timeline timeline(options.selection.paths);
   while (const Message *message = timeline.next()) {
     if (message->kind == TRACE_NOTE) {
       show_note(std::cout, *message, options.json);

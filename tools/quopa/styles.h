@@ -3,10 +3,12 @@
 
 #include <map>
 
+#include "capture/message.h"
 #include "inspect/json.h"
-#include "tools/quopa/message.h"
 
 namespace quopa {
+
+using capture::Origin;
 
 class Styles {
  public:

@@ -5,13 +5,13 @@
 #include <optional>
 #include <thread>
 
-#include "tools/quopa/capture_writer.h"
+#include "capture/follower.h"
+#include "capture/timeline.h"
+#include "capture/writer.h"
 #include "tools/quopa/command.h"
-#include "tools/quopa/follower.h"
 #include "tools/quopa/input.h"
 #include "tools/quopa/selection.h"
 #include "tools/quopa/show.h"
-#include "tools/quopa/timeline.h"
 
 namespace quopa {
 namespace {
@@ -57,14 +57,14 @@ class Output {
   const TraceOptions &options_;
   Styles styles_;
   Selection selection_;
-  std::optional<CaptureWriter> writer_;
+  std::optional<capture::Writer> writer_;
 };
 
 // A capture that is read must not be overwritten.
 void expect_other_output(const TraceOptions &options) {
   if (options.output.empty() || options.output == "-") return;
   for (const std::string &path : options.selection.paths) {
-    for (const std::string &file : captures_in(path)) {
+    for (const std::string &file : capture::captures_in(path)) {
       std::error_code error;
       if (std::filesystem::equivalent(file, options.output, error))
         throw BadUsage(options.output + " is read, so it cannot be written");
@@ -74,7 +74,7 @@ void expect_other_output(const TraceOptions &options) {
 
 [[noreturn]] void follow(const TraceOptions &options, Output &output) {
   output.expect_fitting();  // nobody would see an end at which to tell
-  Follower follower(options.selection.paths);
+  capture::Follower follower(options.selection.paths);
   while (true) {
     while (const Message *message = follower.next()) output.take(*message);
     output.flush();
@@ -89,7 +89,7 @@ int trace(const TraceOptions &options) {
   if (!options.follow) expect_other_output(options);
   Output output(options);
   if (options.follow) follow(options, output);
-  Timeline timeline(options.selection.paths);
+  capture::Timeline timeline(options.selection.paths);
   while (const Message *message = timeline.next()) output.take(*message);
   output.flush();
   output.expect_fitting();

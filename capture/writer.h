@@ -5,16 +5,16 @@
 #include <string>
 #include <vector>
 
-#include "tools/quopa/message.h"
+#include "capture/message.h"
 
-namespace quopa {
+namespace capture {
 
-class CaptureWriter {
+class Writer {
  public:
-  explicit CaptureWriter(const std::string &path);  // "-" is standard output; throws BadInput, as the others
-  CaptureWriter(const CaptureWriter &) = delete;
-  CaptureWriter &operator=(const CaptureWriter &) = delete;
-  ~CaptureWriter();
+  explicit Writer(const std::string &path);  // "-" is standard output; throws BadCapture, as the others
+  Writer(const Writer &) = delete;
+  Writer &operator=(const Writer &) = delete;
+  ~Writer();
 
   // Who recorded them is written with the first of his messages, and again when another's come between.
   void write(const Message &message);
@@ -36,4 +36,4 @@ class CaptureWriter {
   bool begun_ = false;
 };
 
-}  // namespace quopa
+}  // namespace capture

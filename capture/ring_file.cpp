@@ -1,10 +1,10 @@
-#include "tools/quopa/ring_file.h"
+#include "capture/ring_file.h"
 
 #include <charconv>
 
-#include "trace/record.h"
+#include "capture/format.h"
 
-namespace quopa {
+namespace capture {
 
 std::optional<RingFile> ring_file(const std::string &name) {
   const std::string_view suffix = TRACE_FILE_SUFFIX;
@@ -18,4 +18,4 @@ std::optional<RingFile> ring_file(const std::string &name) {
   return RingFile{stem.substr(0, dot), number};
 }
 
-}  // namespace quopa
+}  // namespace capture

@@ -3,13 +3,19 @@
 
 #include <cstdint>
 #include <span>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
+#include "capture/format.h"
 #include "describe/catalog.h"
-#include "trace/record.h"
 
-namespace quopa {
+namespace capture {
+
+// Of what is no trace of the bus, or damaged: one line for the user.
+struct BadCapture : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
 
 // Who recorded a message, as far as its file tells.
 struct Origin {
@@ -42,14 +48,14 @@ struct Message {
   std::string_view text() const { return {reinterpret_cast<const char *>(payload.data()), payload.size()}; }
 };
 
-// Takes a packet's bytes apart; length is what the packet had before it was cut. Throws BadInput, without a file's
+// Takes a packet's bytes apart; length is what the packet had before it was cut. Throws BadCapture, without a file's
 // name.
 Message parse_packet(std::span<const uint8_t> packet, uint32_t length, uint64_t time);
 
-// Takes what the notes program and schema say into the origin. Throws BadInput.
+// Takes what the notes program and schema say into the origin. Throws BadCapture.
 void take_note(const Message &note, Origin &origin);
 
-// The types that a schema text describes; the same object for the same text. Throws BadInput.
+// The types that a schema text describes; the same object for the same text. Throws BadCapture.
 const drix::describe::Catalog &catalog_of(std::string_view schema);
 
-}  // namespace quopa
+}  // namespace capture

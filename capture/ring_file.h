@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-namespace quopa {
+namespace capture {
 
 struct RingFile {
   std::string ring;  // quopa-PROGRAM-PROCESS
@@ -24,4 +24,4 @@ void for_each_ring_file(const std::string &folder, Visit visit) {
   }
 }
 
-}  // namespace quopa
+}  // namespace capture

@@ -1,11 +1,10 @@
-#include "tools/quopa/message.h"
+#include "capture/message.h"
 
 #include <list>
 
 #include "runtime/wire.h"
-#include "tools/quopa/command.h"
 
-namespace quopa {
+namespace capture {
 namespace {
 
 using drix::load;
@@ -32,11 +31,11 @@ Message parse_packet(std::span<const uint8_t> packet, uint32_t length, uint64_t 
   const uint8_t *const bytes = packet.data();
   if (packet.size() < TRACE_HEADER_BYTES || length < packet.size() || bytes[TRACE_MAGIC_AT] != 'Q' ||
       bytes[TRACE_MAGIC_AT + 1] != 'T') {
-    throw BadInput("no message of the bus, so this is no trace of it");
+    throw BadCapture("no message of the bus, so this is no trace of it");
   }
   if (bytes[TRACE_VERSION_AT] != TRACE_VERSION || bytes[TRACE_KIND_AT] > TRACE_NOTE) {
-    throw BadInput("recorded in version " + std::to_string(bytes[TRACE_VERSION_AT]) + '.' +
-                   std::to_string(bytes[TRACE_KIND_AT]) + " of the format, which is unknown here");
+    throw BadCapture("recorded in version " + std::to_string(bytes[TRACE_VERSION_AT]) + '.' +
+                     std::to_string(bytes[TRACE_KIND_AT]) + " of the format, which is unknown here");
   }
   return {.time = time,
           .kind = static_cast<TraceKind>(bytes[TRACE_KIND_AT]),
@@ -63,7 +62,7 @@ void take_note(const Message &note, Origin &origin) {
     origin.process = note.thread;
     origin.pointer_bits = note.handle;
   } else if (text.starts_with(TRACE_NOTE_SCHEMA)) {
-    if (note.is_cut()) throw BadInput("the schema is cut off");
+    if (note.is_cut()) throw BadCapture("the schema is cut off");
     text.remove_prefix(sizeof TRACE_NOTE_SCHEMA - 1);
     if (origin.schema == text) return;
     origin.types = &catalog_of(text);
@@ -77,12 +76,12 @@ const Catalog &catalog_of(std::string_view schema) {
   for (const Known &one : known) {
     if (one.text == schema) return one.catalog;
   }
-  if (known.size() == kMostSchemas) throw BadInput("more than 64 schemas");
+  if (known.size() == kMostSchemas) throw BadCapture("more than 64 schemas");
   try {
     return known.emplace_back(schema).catalog;
   } catch (const drix::describe::SchemaError &error) {
-    throw BadInput("line " + std::to_string(error.line) + " of the schema: " + error.what());
+    throw BadCapture("line " + std::to_string(error.line) + " of the schema: " + error.what());
   }
 }
 
-}  // namespace quopa
+}  // namespace capture

@@ -6,22 +6,22 @@
 #include <memory>
 #include <string>
 
-#include "tools/quopa/message.h"
+#include "capture/message.h"
 
 struct pcap;
 struct pcap_pkthdr;
 
-namespace quopa {
+namespace capture {
 
 // pcap or pcapng of either byte order, of a link type that is left to users, whoever wrote it.
-class Capture {
+class File {
  public:
-  explicit Capture(const std::string &path);  // "-" is standard input; throws BadInput
+  explicit File(const std::string &path);  // "-" is standard input; throws BadCapture
 
   // Of what is open already, and is closed in the end; the path is for messages.
-  Capture(std::FILE *file, const std::string &path);
+  File(std::FILE *file, const std::string &path);
 
-  // The next message, notes too; null at the end. Throws BadInput where the file is damaged.
+  // The next message, notes too; null at the end. Throws BadCapture where the file is damaged.
   const Message *next();
 
  private:
@@ -40,4 +40,4 @@ class Capture {
   Message message_ = {};
 };
 
-}  // namespace quopa
+}  // namespace capture

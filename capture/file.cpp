@@ -1,4 +1,4 @@
-#include "tools/quopa/capture.h"
+#include "capture/file.h"
 
 #include <pcap/pcap.h>
 
@@ -8,11 +8,9 @@
 #include <filesystem>
 #include <thread>
 
-#include "tools/quopa/command.h"
-#include "tools/quopa/input.h"
-#include "tools/quopa/ring_file.h"
+#include "capture/ring_file.h"
 
-namespace quopa {
+namespace capture {
 namespace {
 
 constexpr int kUserLinkTypes = 16;
@@ -22,11 +20,11 @@ constexpr std::chrono::milliseconds kPause{1};
 
 }  // namespace
 
-Capture::Capture(const std::string &path) : Capture(path == "-" ? stdin : std::fopen(path.c_str(), "rbe"), path) {}
+File::File(const std::string &path) : File(path == "-" ? stdin : std::fopen(path.c_str(), "rbe"), path) {}
 
-Capture::Capture(std::FILE *file, const std::string &path) : path_(path) { open(file); }
+File::File(std::FILE *file, const std::string &path) : path_(path) { open(file); }
 
-void Capture::open(std::FILE *file) {
+void File::open(std::FILE *file) {
   if (file == nullptr) fail(std::strerror(errno));
   std::setvbuf(file, nullptr, _IOFBF, kBufferBytes);
   char error[PCAP_ERRBUF_SIZE] = "";
@@ -42,13 +40,15 @@ void Capture::open(std::FILE *file) {
   }
 }
 
-void Capture::Close::operator()(pcap *capture) const { pcap_close(capture); }
+void File::Close::operator()(pcap *capture) const { pcap_close(capture); }
 
-void Capture::fail(const std::string &what) const { throw BadInput(name_of(path_) + ": " + what); }
+void File::fail(const std::string &what) const {
+  throw BadCapture((path_ == "-" ? "standard input" : path_) + ": " + what);
+}
 
 // A file of a ring is whole at every moment, but not from one moment to the next: where it seems damaged, it is read
 // anew up to that place.
-int Capture::read_packet(pcap_pkthdr *&header, const uint8_t *&data) {
+int File::read_packet(pcap_pkthdr *&header, const uint8_t *&data) {
   int status = pcap_next_ex(capture_.get(), &header, &data);
   if (status != PCAP_ERROR || !ring_file(std::filesystem::path(path_).filename())) return status;
   for (int attempt = 0; attempt < kAttempts && status == PCAP_ERROR; ++attempt) {
@@ -60,7 +60,7 @@ int Capture::read_packet(pcap_pkthdr *&header, const uint8_t *&data) {
   return status;
 }
 
-const Message *Capture::next() {
+const Message *File::next() {
   pcap_pkthdr *header = nullptr;
   const uint8_t *data = nullptr;
   const int status = read_packet(header, data);
@@ -75,10 +75,10 @@ const Message *Capture::next() {
     message_ = parse_packet({data, header->caplen}, header->len, time);
     message_.origin = &origin_;
     if (message_.kind == TRACE_NOTE) take_note(message_, origin_);
-  } catch (const BadInput &error) {
+  } catch (const BadCapture &error) {
     fail("packet " + std::to_string(packets_) + ": " + error.what());
   }
   return &message_;
 }
 
-}  // namespace quopa
+}  // namespace capture

@@ -1,4 +1,4 @@
-#include "tools/quopa/follower.h"
+#include "capture/follower.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,11 +10,10 @@
 #include <iostream>
 #include <optional>
 
+#include "capture/ring_file.h"
 #include "runtime/wire.h"
-#include "tools/quopa/command.h"
-#include "tools/quopa/ring_file.h"
 
-namespace quopa {
+namespace capture {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -114,7 +113,7 @@ class Follower::Ring {
     const bool is_filler = word_at(chunk_.data()) == TRACE_FILLER_BLOCK;
     const uint32_t length = word_at(chunk_.data() + 4);
     if (is_filler && !is_full && !has_waited(kPatience)) return forget_chunk();
-    if (length > kLongestBlock) throw BadInput(path_of(number_) + ": no block of a trace at " + std::to_string(at_));
+    if (length > kLongestBlock) throw BadCapture(path_of(number_) + ": no block of a trace at " + std::to_string(at_));
     read(is_filler && is_full ? kLongestRest : std::max<std::size_t>(kChunk, length));
     // What was read counts only when the file was not given another name by then, with which it is written anew.
     if (!is_same_file()) return open_from(number_ + 1, true);
@@ -196,7 +195,7 @@ class Follower::Ring {
   void take_packet(const uint8_t *block, uint32_t length) {
     const uint32_t captured = length < kPacketFront + 4 ? 0 : word_at(block + 20);
     if (length < kPacketFront + 4 || captured > length - kPacketFront - 4) {
-      throw BadInput(path_of(number_) + ": a damaged packet at " + std::to_string(at_ + used_));
+      throw BadCapture(path_of(number_) + ": a damaged packet at " + std::to_string(at_ + used_));
     }
     message_ = parse_packet({block + kPacketFront, captured}, word_at(block + 24), time_of(block));
     message_.origin = &origin_;
@@ -229,8 +228,8 @@ Follower::Follower(const std::vector<std::string> &paths) {
     }
     const std::filesystem::path file = path;
     const auto in_ring = ring_file(file.filename());
-    if (error) throw BadInput(path + ": " + error.message());
-    if (!in_ring) throw BadInput(path + ": not a file that the recorder writes, so it cannot be followed");
+    if (error) throw BadCapture(path + ": " + error.message());
+    if (!in_ring) throw BadCapture(path + ": not a file that the recorder writes, so it cannot be followed");
     places_.push_back({file.has_parent_path() ? file.parent_path().string() : ".", in_ring->ring});
   }
 }
@@ -268,4 +267,4 @@ const Message *Follower::next() {
   return earliest;
 }
 
-}  // namespace quopa
+}  // namespace capture

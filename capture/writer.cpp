@@ -1,13 +1,11 @@
-#include "tools/quopa/capture_writer.h"
+#include "capture/writer.h"
 
 #include <cerrno>
 #include <cstring>
 
 #include "runtime/wire.h"
-#include "tools/quopa/command.h"
-#include "tools/quopa/input.h"
 
-namespace quopa {
+namespace capture {
 namespace {
 
 template <class T>
@@ -23,8 +21,7 @@ constexpr uint16_t kFlagsOption = 2;
 
 }  // namespace
 
-CaptureWriter::CaptureWriter(const std::string &path)
-    : path_(path), file_(path == "-" ? stdout : std::fopen(path.c_str(), "wbe")) {
+Writer::Writer(const std::string &path) : path_(path), file_(path == "-" ? stdout : std::fopen(path.c_str(), "wbe")) {
   if (file_ == nullptr) fail();
   std::vector<uint8_t> section;
   put(section, TRACE_BYTE_ORDER);
@@ -44,19 +41,19 @@ CaptureWriter::CaptureWriter(const std::string &path)
   write_block(TRACE_INTERFACE_BLOCK, interface);
 }
 
-CaptureWriter::~CaptureWriter() {
+Writer::~Writer() {
   if (file_ != stdout) std::fclose(file_);
 }
 
-void CaptureWriter::fail() const {
-  throw BadInput((path_ == "-" ? "standard output" : path_) + ": " + std::strerror(errno));
+void Writer::fail() const {
+  throw BadCapture((path_ == "-" ? "standard output" : path_) + ": " + std::strerror(errno));
 }
 
-void CaptureWriter::flush() {
+void Writer::flush() {
   if (std::fflush(file_) != 0) fail();
 }
 
-void CaptureWriter::write_block(uint32_t type, const std::vector<uint8_t> &body) {
+void Writer::write_block(uint32_t type, const std::vector<uint8_t> &body) {
   std::vector<uint8_t> edge;
   const auto length = static_cast<uint32_t>(body.size() + 12);
   put(edge, type);
@@ -67,7 +64,7 @@ void CaptureWriter::write_block(uint32_t type, const std::vector<uint8_t> &body)
   }
 }
 
-void CaptureWriter::write_packet(const Message &message) {
+void Writer::write_packet(const Message &message) {
   std::vector<uint8_t> body;
   put(body, uint32_t{0});  // interface
   put(body, static_cast<uint32_t>(message.time >> 32));
@@ -93,7 +90,7 @@ void CaptureWriter::write_packet(const Message &message) {
   write_block(TRACE_PACKET_BLOCK, body);
 }
 
-void CaptureWriter::write_note(const Message &like, uint32_t handle, uint32_t thread, const std::string &text) {
+void Writer::write_note(const Message &like, uint32_t handle, uint32_t thread, const std::string &text) {
   Message note = {};
   note.time = like.time;
   note.kind = TRACE_NOTE;
@@ -104,7 +101,7 @@ void CaptureWriter::write_note(const Message &like, uint32_t handle, uint32_t th
   write_packet(note);
 }
 
-void CaptureWriter::write(const Message &message) {
+void Writer::write(const Message &message) {
   const Origin &origin = *message.origin;
   if (!begun_ || origin.program != program_ || origin.process != process_) {
     write_note(message, origin.pointer_bits, origin.process, TRACE_NOTE_PROGRAM + origin.program);
@@ -120,4 +117,4 @@ void CaptureWriter::write(const Message &message) {
   write_packet(message);
 }
 
-}  // namespace quopa
+}  // namespace capture

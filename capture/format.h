@@ -7,8 +7,8 @@
  * which their places were taken, which among threads need not quite be that of their times.
  *
  * Recorder and readers agree on this file; it needs nothing but C. */
-#ifndef TRACE_RECORD_H
-#define TRACE_RECORD_H
+#ifndef CAPTURE_FORMAT_H
+#define CAPTURE_FORMAT_H
 
 #include <stdint.h>
 

@@ -1,12 +1,10 @@
-#include "tools/quopa/timeline.h"
+#include "capture/timeline.h"
 
 #include <algorithm>
 #include <filesystem>
 #include <iostream>
 
-#include "tools/quopa/command.h"
-
-namespace quopa {
+namespace capture {
 
 std::vector<std::string> captures_in(const std::string &path) {
   namespace fs = std::filesystem;
@@ -17,8 +15,8 @@ std::vector<std::string> captures_in(const std::string &path) {
     const std::string extension = entry->path().extension();
     if (extension == TRACE_FILE_SUFFIX || extension == ".pcap") found.push_back(entry->path());
   }
-  if (error) throw BadInput(path + ": " + error.message());
-  if (found.empty()) throw BadInput(path + ": no *" TRACE_FILE_SUFFIX " or *.pcap in this folder");
+  if (error) throw BadCapture(path + ": " + error.message());
+  if (found.empty()) throw BadCapture(path + ": no *" TRACE_FILE_SUFFIX " or *.pcap in this folder");
   std::sort(found.begin(), found.end());
   return found;
 }
@@ -39,9 +37,9 @@ Timeline::Timeline(const std::vector<std::string> &paths, bool once_more) : once
 // To the part's next message; opens the file first. False at the end.
 bool Timeline::advance(Part &part) {
   try {
-    if (part.capture == nullptr) part.capture = std::make_unique<Capture>(part.path);
+    if (part.capture == nullptr) part.capture = std::make_unique<File>(part.path);
     part.message = part.capture->next();
-  } catch (const BadInput &error) {
+  } catch (const BadCapture &error) {
     complain(error.what());
     part.message = nullptr;
   }
@@ -76,4 +74,4 @@ const Message *Timeline::next() {
   return earliest.message;
 }
 
-}  // namespace quopa
+}  // namespace capture

@@ -6,15 +6,15 @@
 #include <string>
 #include <vector>
 
-#include "tools/quopa/capture.h"
+#include "capture/file.h"
 
-namespace quopa {
+namespace capture {
 
 // Holds one message of each file whose time has come, and no other file open. A file that is damaged ends where the
 // damage is; that is told on standard error.
 class Timeline {
  public:
-  // Files, and folders of which all captures are taken. Throws BadInput when there are none. When they are read once
+  // Files, and folders of which all captures are taken. Throws BadCapture when there are none. When they are read once
   // more, what is wrong with them has been told.
   explicit Timeline(const std::vector<std::string> &paths, bool once_more = false);
 
@@ -28,7 +28,7 @@ class Timeline {
  private:
   struct Part {
     std::string path;
-    std::unique_ptr<Capture> capture;  // null before its time has come
+    std::unique_ptr<File> capture;  // null before its time has come
     const Message *message;
     uint64_t time;  // of the message, or of the file's first
   };
@@ -43,7 +43,7 @@ class Timeline {
   bool whole_ = true;
 };
 
-// Files as they are; a folder's captures in the order of their names. Throws BadInput.
+// Files as they are; a folder's captures in the order of their names. Throws BadCapture.
 std::vector<std::string> captures_in(const std::string &path);
 
-}  // namespace quopa
+}  // namespace capture
