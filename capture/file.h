@@ -2,39 +2,30 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
-#include <memory>
+#include <span>
 #include <string>
 
+#include "capture/blocks.h"
 #include "capture/message.h"
-
-struct pcap;
-struct pcap_pkthdr;
 
 namespace capture {
 
 // pcap or pcapng of either byte order, of a link type that is left to users, whoever wrote it.
 class File {
  public:
-  explicit File(const std::string &path);  // "-" is standard input; throws BadCapture
+  explicit File(const std::string &path) : path_(path), blocks_(path) {}  // "-" is standard input; throws BadCapture
+  explicit File(std::span<const uint8_t> bytes) : blocks_(bytes) {}
 
-  // Of what is open already, and is closed in the end; the path is for messages.
-  File(std::FILE *file, const std::string &path);
-
-  // The next message, notes too; null at the end. Throws BadCapture where the file is damaged.
+  // The next message, notes too, valid until the next call; null at the end. Throws BadCapture where the file is
+  // damaged.
   const Message *next();
 
  private:
-  struct Close {
-    void operator()(pcap *capture) const;
-  };
-
-  void open(std::FILE *file);
-  int read_packet(pcap_pkthdr *&header, const uint8_t *&data);
   [[noreturn]] void fail(const std::string &what) const;
 
   std::string path_;
-  std::unique_ptr<pcap, Close> capture_;
+  Blocks blocks_;
+  bool is_packet_taken_ = false;
   uint64_t packets_ = 0;
   Origin origin_;
   Message message_ = {};

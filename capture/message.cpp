@@ -13,6 +13,8 @@ using drix::describe::Catalog;
 // A trace has the schemas of the programs that were traced: a few.
 constexpr std::size_t kMostSchemas = 64;
 
+constexpr uint32_t kUserLinkTypes = 16;
+
 struct Known {
   explicit Known(std::string_view schema) : text(schema), catalog(drix::describe::parse_schema(schema)) {}
 
@@ -25,11 +27,12 @@ bool is_own(std::string_view schema) {
   return schema == own;
 }
 
-}  // namespace
-
-Message parse_packet(std::span<const uint8_t> packet, uint32_t length, uint64_t time) {
-  const uint8_t *const bytes = packet.data();
-  if (packet.size() < TRACE_HEADER_BYTES || length < packet.size() || bytes[TRACE_MAGIC_AT] != 'Q' ||
+Message parse(const Packet &packet) {
+  const uint8_t *const bytes = packet.bytes.data();
+  if (packet.link_type < TRACE_LINK_TYPE || packet.link_type >= TRACE_LINK_TYPE + kUserLinkTypes) {
+    throw BadCapture("of link type " + std::to_string(packet.link_type) + ", so this is no trace of the bus");
+  }
+  if (packet.bytes.size() < TRACE_HEADER_BYTES || packet.length < packet.bytes.size() || bytes[TRACE_MAGIC_AT] != 'Q' ||
       bytes[TRACE_MAGIC_AT + 1] != 'T') {
     throw BadCapture("no message of the bus, so this is no trace of it");
   }
@@ -37,7 +40,7 @@ Message parse_packet(std::span<const uint8_t> packet, uint32_t length, uint64_t 
     throw BadCapture("recorded in version " + std::to_string(bytes[TRACE_VERSION_AT]) + '.' +
                      std::to_string(bytes[TRACE_KIND_AT]) + " of the format, which is unknown here");
   }
-  return {.time = time,
+  return {.time = packet.time,
           .kind = static_cast<TraceKind>(bytes[TRACE_KIND_AT]),
           .id = load<uint32_t>(bytes + TRACE_ID_AT),
           .handle = load<uint32_t>(bytes + TRACE_HANDLE_AT),
@@ -46,8 +49,8 @@ Message parse_packet(std::span<const uint8_t> packet, uint32_t length, uint64_t 
           .index = load<uint32_t>(bytes + TRACE_INDEX_AT),
           .count = load<uint32_t>(bytes + TRACE_COUNT_AT),
           .thread = load<uint32_t>(bytes + TRACE_THREAD_AT),
-          .length = length - TRACE_HEADER_BYTES,
-          .payload = packet.subspan(TRACE_HEADER_BYTES),
+          .length = packet.length - TRACE_HEADER_BYTES,
+          .payload = packet.bytes.subspan(TRACE_HEADER_BYTES),
           .origin = nullptr};
 }
 
@@ -68,6 +71,15 @@ void take_note(const Message &note, Origin &origin) {
     origin.types = &catalog_of(text);
     origin.schema = text;
   }
+}
+
+}  // namespace
+
+Message take_packet(const Packet &packet, Origin &origin) {
+  Message message = parse(packet);
+  message.origin = &origin;
+  if (message.kind == TRACE_NOTE) take_note(message, origin);
+  return message;
 }
 
 const Catalog &catalog_of(std::string_view schema) {

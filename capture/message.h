@@ -2,12 +2,14 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
 #include "capture/format.h"
+#include "capture/pcap.h"
 #include "describe/catalog.h"
 
 namespace capture {
@@ -16,6 +18,9 @@ namespace capture {
 struct BadCapture : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
+
+// Gets what is wrong with a capture that is read on nevertheless, in one line.
+using Complaint = std::function<void(const std::string &)>;
 
 // Who recorded a message, as far as its file tells.
 struct Origin {
@@ -48,12 +53,9 @@ struct Message {
   std::string_view text() const { return {reinterpret_cast<const char *>(payload.data()), payload.size()}; }
 };
 
-// Takes a packet's bytes apart; length is what the packet had before it was cut. Throws BadCapture, without a file's
+// Takes a packet apart, and what the notes program and schema say into the origin. Throws BadCapture, without a file's
 // name.
-Message parse_packet(std::span<const uint8_t> packet, uint32_t length, uint64_t time);
-
-// Takes what the notes program and schema say into the origin. Throws BadCapture.
-void take_note(const Message &note, Origin &origin);
+Message take_packet(const Packet &packet, Origin &origin);
 
 // The types that a schema text describes; the same object for the same text. Throws BadCapture.
 const drix::describe::Catalog &catalog_of(std::string_view schema);

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <iostream>
 
 namespace capture {
 
@@ -21,13 +20,13 @@ std::vector<std::string> captures_in(const std::string &path) {
   return found;
 }
 
-Timeline::Timeline(const std::vector<std::string> &paths, bool once_more) : once_more_(once_more) {
+Timeline::Timeline(const std::vector<std::string> &paths, Complaint complain) : complain_(std::move(complain)) {
   for (const std::string &path : paths) {
     for (const std::string &file : captures_in(path)) {
       // What comes from a pipe cannot be opened again for its first message.
       Part part = {file, nullptr, nullptr, 0};
       if (!advance(part)) continue;
-      if (std::filesystem::is_regular_file(file)) part.capture = nullptr;
+      if (std::filesystem::is_regular_file(file)) part.file = nullptr;
       parts_.push_back(std::move(part));
     }
   }
@@ -37,21 +36,15 @@ Timeline::Timeline(const std::vector<std::string> &paths, bool once_more) : once
 // To the part's next message; opens the file first. False at the end.
 bool Timeline::advance(Part &part) {
   try {
-    if (part.capture == nullptr) part.capture = std::make_unique<File>(part.path);
-    part.message = part.capture->next();
+    if (part.file == nullptr) part.file = std::make_unique<File>(part.path);
+    part.message = part.file->next();
   } catch (const BadCapture &error) {
-    complain(error.what());
+    is_whole_ = false;
+    complain_(error.what());
     part.message = nullptr;
   }
   if (part.message != nullptr) part.time = part.message->time;
   return part.message != nullptr;
-}
-
-void Timeline::complain(const std::string &what) {
-  whole_ = false;
-  if (once_more_) return;
-  std::cout.flush();
-  std::cerr << "quopa: " << what << '\n';
 }
 
 const Message *Timeline::next() {
@@ -66,7 +59,7 @@ const Message *Timeline::next() {
   if (parts_.empty()) return nullptr;
   std::pop_heap(parts_.begin(), parts_.end(), is_later);
   Part &earliest = parts_.back();
-  if (earliest.capture == nullptr && !advance(earliest)) {
+  if (earliest.file == nullptr && !advance(earliest)) {
     taken_ = false;
     parts_.pop_back();
     return next();

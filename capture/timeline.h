@@ -10,37 +10,34 @@
 
 namespace capture {
 
-// Holds one message of each file whose time has come, and no other file open. A file that is damaged ends where the
-// damage is; that is told on standard error.
+// Has one message of each file whose time has come. A file that is damaged ends where the damage is.
 class Timeline {
  public:
-  // Files, and folders of which all captures are taken. Throws BadCapture when there are none. When they are read once
-  // more, what is wrong with them has been told.
-  explicit Timeline(const std::vector<std::string> &paths, bool once_more = false);
+  // Files, and folders of which all captures are taken. Throws BadCapture when there are none.
+  Timeline(const std::vector<std::string> &paths, Complaint complain);
 
-  // The next message, notes too, valid until the next call; null at the end. Notes that a file begins with are told
-  // where it begins.
+  // The next message, notes too, valid until the next call; null at the end. Notes that a file begins with come where
+  // it begins.
   const Message *next();
 
   // Whether no file was damaged, so far.
-  bool is_whole() const { return whole_; }
+  bool is_whole() const { return is_whole_; }
 
  private:
   struct Part {
     std::string path;
-    std::unique_ptr<File> capture;  // null before its time has come
+    std::unique_ptr<File> file;  // null before its time has come
     const Message *message;
     uint64_t time;  // of the message, or of the file's first
   };
 
   bool advance(Part &part);
-  void complain(const std::string &what);
   static bool is_later(const Part &a, const Part &b) { return a.time > b.time; }
 
+  Complaint complain_;
   std::vector<Part> parts_;  // a heap, the earliest in front; the one that was taken last stands at the end
   bool taken_ = false;
-  bool once_more_;
-  bool whole_ = true;
+  bool is_whole_ = true;
 };
 
 // Files as they are; a folder's captures in the order of their names. Throws BadCapture.

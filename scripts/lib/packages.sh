@@ -27,4 +27,4 @@ require_packages() {
 BUILD_PACKAGES=(g++ cmake ninja-build libcli11-dev)
 # shellcheck disable=SC2034
 TEST_PACKAGES=(clang-14 clang-format-14 libclang-rt-14-dev g++-12-multilib googletest libgtest-dev binutils jq nlohmann-json3-dev
-  libpcap-dev tshark pkg-config scdoc python3-cffi)
+  tshark pkg-config scdoc python3-cffi)

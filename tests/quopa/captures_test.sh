@@ -96,17 +96,17 @@ mv noise.pcapng empty.pcapng foreign.pcapng magic.pcapng version.pcapng kind.pca
 cat >lines <<'END'
 noise.pcapng: no capture file:
 empty.pcapng: no capture file:
-foreign.pcapng: a capture of link type EN10MB, no trace of the bus$
+foreign.pcapng: packet 1: of link type 1, so this is no trace of the bus$
 magic.pcapng: packet 1: no message of the bus, so this is no trace of it$
 version.pcapng: packet 1: recorded in version 9.0 of the format
 kind.pcapng: packet 1: recorded in version 1.3 of the format
-block.pcapng: damaged behind packet 0:
+block.pcapng: damaged behind packet 0, at byte 60: a block of 2147483647 bytes$
 short.pcapng: packet 1: no message of the bus
 END
 expect_lines bad
 for ((size = 1; size < 700; size += 32)); do
   head -c $size good.pcapng >cut/quopa-cut-$size.0.pcapng
-  echo "quopa-cut-$size.0.pcapng: (no capture file|damaged behind packet [0-9]+): "
+  echo "quopa-cut-$size.0.pcapng: (no capture file|damaged behind packet [0-9]+, at byte [0-9]+): it ends in the middle of a block$"
 done >lines
 expect_lines cut
 

@@ -108,8 +108,6 @@ void add_dissector(CLI::App &app, Run &run) {
   command->callback([=, &run] { run = [=] { return dissector(*options); }; });
 }
 
-#if QUOPA_READS_CAPTURES
-
 void add_labels(CLI::App &command, std::string &labels) {
   command.add_option("--labels", labels, "A file that names members and their values")->type_name("FILE");
 }
@@ -212,8 +210,6 @@ void add_replay(CLI::App &app, Run &run) {
   command->callback([=, &run] { run = [=] { return replay(*options); }; });
 }
 
-#endif
-
 void add_complete(CLI::App &app, Run &run) {
   CLI::App *command = app.add_subcommand("__complete")->group("")->prefix_command();
   command->set_help_flag();
@@ -234,12 +230,10 @@ Run parse_command_line(int argc, char **argv) {
   add_decode(*app, run);
   add_encode(*app, run);
   add_annotate(*app, run);
-#if QUOPA_READS_CAPTURES
   add_trace(*app, run);
   add_stats(*app, run);
   add_compare(*app, run);
   add_replay(*app, run);
-#endif
   add_dissector(*app, run);
   add_complete(*app, run);
   try {

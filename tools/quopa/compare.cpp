@@ -6,6 +6,7 @@
 #include "capture/ring_file.h"
 #include "capture/timeline.h"
 #include "tools/quopa/command.h"
+#include "tools/quopa/complain.h"
 #include "tools/quopa/input.h"
 #include "tools/quopa/show.h"
 
@@ -39,7 +40,7 @@ class Comparison {
       ++(same.sent > 0 ? again_ : unsent_);
       tell(same.sent > 0 ? "received again" : "received but not sent", message);
     });
-    if (cut_ > 0) std::cerr << "quopa: " << cut_ << " messages were cut by the recorder and are not compared\n";
+    if (cut_ > 0) complain(std::to_string(cut_) + " messages were cut by the recorder and are not compared");
     summarize();
     return whole_ && missing_ + again_ + unsent_ == 0 ? kGood : kBad;
   }
@@ -59,14 +60,14 @@ class Comparison {
       if (!in_ring || in_ring->number == 0) continue;
       const std::string former = in_ring->ring + '.' + std::to_string(in_ring->number - 1) + TRACE_FILE_SUFFIX;
       if (std::filesystem::exists(file_path.parent_path() / former)) continue;
-      std::cerr << "quopa: " << file
-                << ": the ring's files before this one were written anew, so messages of that time are missing\n";
+      complain(file + ": the ring's files before this one were written anew, so messages of that time are missing");
     }
   }
 
   template <class Take>
   void for_each(const std::string &path, TraceKind kind, bool first_time, Take take) {
-    capture::Timeline timeline({path}, !first_time);
+    capture::Timeline timeline(
+        {path}, first_time ? complain : [](const std::string &) {});
     while (const Message *message = timeline.next()) {
       if (message->kind == TRACE_NOTE && first_time) show_note(std::cerr, *message, false);
       if (message->kind != kind) continue;

@@ -7,11 +7,12 @@
 #include "capture/message.h"
 #include "tools/quopa/command.h"
 #include "tools/quopa/command_line.h"
+#include "tools/quopa/complain.h"
 
 namespace {
 
-int complain(const std::string &what, int status) {
-  std::cerr << "quopa: " << what << '\n';
+int fail(const std::string &what, int status) {
+  quopa::complain(what);
   return status;
 }
 
@@ -24,14 +25,14 @@ int main(int argc, char **argv) {
   try {
     status = quopa::parse_command_line(argc, argv)();
   } catch (const quopa::BadInput &error) {
-    return complain(error.what(), quopa::kBad);
+    return fail(error.what(), quopa::kBad);
   } catch (const capture::BadCapture &error) {
-    return complain(error.what(), quopa::kBad);
+    return fail(error.what(), quopa::kBad);
   } catch (const quopa::BadUsage &error) {
-    return complain(error.what(), quopa::kUsage);
+    return fail(error.what(), quopa::kUsage);
   } catch (const std::bad_alloc &) {
-    return complain("out of memory", quopa::kBad);
+    return fail("out of memory", quopa::kBad);
   }
-  if (!std::cout.flush()) return complain(std::string("standard output: ") + std::strerror(errno), quopa::kBad);
+  if (!std::cout.flush()) return fail(std::string("standard output: ") + std::strerror(errno), quopa::kBad);
   return status;
 }

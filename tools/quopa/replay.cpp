@@ -12,6 +12,7 @@
 #include "drix_bus.h"
 #include "platform/kelvodrix/kelvodrix.h"
 #include "tools/quopa/command.h"
+#include "tools/quopa/complain.h"
 
 namespace quopa {
 namespace {
@@ -198,7 +199,7 @@ class Replay {
 }  // namespace
 
 int replay(const ReplayOptions &options) {
-  capture::Timeline timeline(options.paths);
+  capture::Timeline timeline(options.paths, complain);
   return Replay(options).run(timeline);
 }
 

@@ -5,6 +5,7 @@
 
 #include "capture/timeline.h"
 #include "tools/quopa/command.h"
+#include "tools/quopa/complain.h"
 #include "tools/quopa/input.h"
 #include "tools/quopa/selection.h"
 #include "tools/quopa/show.h"
@@ -93,7 +94,7 @@ int stats(const StatsOptions &options) {
   Styles styles(read_labels(options.selection.labels), false);
   Selection selection(options.selection);
   Statistics statistics;
-  capture::Timeline timeline(options.selection.paths);
+  capture::Timeline timeline(options.selection.paths, complain);
   while (const Message *message = timeline.next()) {
     if (message->kind == TRACE_NOTE) {
       show_note(std::cout, *message, options.json);

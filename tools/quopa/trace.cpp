@@ -9,6 +9,7 @@
 #include "capture/timeline.h"
 #include "capture/writer.h"
 #include "tools/quopa/command.h"
+#include "tools/quopa/complain.h"
 #include "tools/quopa/input.h"
 #include "tools/quopa/selection.h"
 #include "tools/quopa/show.h"
@@ -74,7 +75,7 @@ void expect_other_output(const TraceOptions &options) {
 
 [[noreturn]] void follow(const TraceOptions &options, Output &output) {
   output.expect_fitting();  // nobody would see an end at which to tell
-  capture::Follower follower(options.selection.paths);
+  capture::Follower follower(options.selection.paths, complain);
   while (true) {
     while (const Message *message = follower.next()) output.take(*message);
     output.flush();
@@ -89,7 +90,7 @@ int trace(const TraceOptions &options) {
   if (!options.follow) expect_other_output(options);
   Output output(options);
   if (options.follow) follow(options, output);
-  capture::Timeline timeline(options.selection.paths);
+  capture::Timeline timeline(options.selection.paths, complain);
   while (const Message *message = timeline.next()) output.take(*message);
   output.flush();
   output.expect_fitting();

@@ -1,0 +1,11 @@
+// What the commands have to say beside their output.
+#pragma once
+
+#include <string>
+
+namespace quopa {
+
+// Writes "quopa: " and the line to standard error, behind what stands on standard output by then.
+void complain(const std::string &line);
+
+}  // namespace quopa
