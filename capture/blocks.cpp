@@ -39,23 +39,9 @@ class Descriptor {
   int number_;
 };
 
-// As many bytes as there are, at most so many. False, with errno, when they cannot be read.
-bool read_at(int descriptor, std::vector<uint8_t> &to, std::size_t size, uint64_t position) {
-  to.resize(size);
-  std::size_t done = 0;
-  ssize_t got = 1;
-  while (done < size && got != 0) {
-    got = ::pread(descriptor, to.data() + done, size - done, static_cast<off_t>(position + done));
-    if (got < 0 && errno != EINTR) return false;
-    if (got > 0) done += static_cast<std::size_t>(got);
-  }
-  to.resize(done);
-  return true;
-}
-
 }  // namespace
 
-Blocks::Blocks(const std::string &path) : path_(path) {
+Blocks::Blocks(const std::string &path, ReadAt read_at) : path_(path), read_at_(read_at) {
   if (path == "-") {
     source_ = Source::stream;
     stream_ = STDIN_FILENO;
@@ -178,12 +164,25 @@ void Blocks::fetch_from_file(std::size_t wanted) {
   if (gone_) return;
   const std::size_t size = std::max(wanted, kChunk);
   if (source_ == Source::ring) {
-    if (!read_at(file.number(), first_copy_, size, start_)) fail();
+    copy(file.number(), size, first_copy_);
     std::atomic_thread_fence(std::memory_order_seq_cst);
   }
-  if (!read_at(file.number(), copy_, size, start_)) fail();
+  copy(file.number(), size, copy_);
   gone_ = source_ == Source::ring && !is_same(::stat(path_.c_str(), &now), now);
   if (!gone_) bytes_ = copy_;
+}
+
+// At most so many bytes from the present place on, as far as the file has them.
+void Blocks::copy(int descriptor, std::size_t size, std::vector<uint8_t> &to) const {
+  to.resize(size);
+  std::size_t done = 0;
+  ssize_t got = 1;
+  while (done < size && got != 0) {
+    got = read_at_(descriptor, to.data() + done, size - done, static_cast<off_t>(start_ + done));
+    if (got < 0 && errno != EINTR) fail();
+    if (got > 0) done += static_cast<std::size_t>(got);
+  }
+  to.resize(done);
 }
 
 bool Blocks::is_same(int status, const struct stat &now) const {

@@ -1,6 +1,8 @@
 // The blocks of one file, fetched as they are looked at.
 #pragma once
 
+#include <unistd.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -29,7 +31,11 @@ class Blocks {
     gone,  // it was written anew, or deleted
   };
 
-  explicit Blocks(const std::string &path);  // "-" is standard input; throws BadCapture
+  // As pread().
+  using ReadAt = ssize_t (*)(int descriptor, void *to, std::size_t size, off_t position);
+
+  // "-" is standard input. Throws BadCapture.
+  explicit Blocks(const std::string &path, ReadAt read_at = ::pread);
   explicit Blocks(std::span<const uint8_t> bytes) : bytes_(bytes) {}
   Blocks(const Blocks &) = delete;
   Blocks &operator=(const Blocks &) = delete;
@@ -60,12 +66,14 @@ class Blocks {
   bool fetch(std::size_t wanted);
   void fetch_from_stream(std::size_t wanted);
   void fetch_from_file(std::size_t wanted);
+  void copy(int descriptor, std::size_t size, std::vector<uint8_t> &to) const;
   void start_at(uint64_t position);
   bool is_same(int status, const struct stat &now) const;
   [[noreturn]] void fail() const;
 
   Source source_ = Source::memory;
   std::string path_;
+  ReadAt read_at_ = ::pread;
   int stream_ = -1;
   uint64_t device_ = 0;
   uint64_t inode_ = 0;

@@ -7,13 +7,8 @@
 #include "capture/ring_file.h"
 
 namespace capture {
-namespace {
-
-constexpr std::chrono::milliseconds kDiscovery{200};
-
-}  // namespace
-
-Follower::Follower(const std::vector<std::string> &paths, Complaint complain) : complain_(std::move(complain)) {
+Follower::Follower(const std::vector<std::string> &paths, Complaint complain, Patience patience)
+    : complain_(std::move(complain)), patience_(patience) {
   for (const std::string &path : paths) {
     std::error_code error;
     if (std::filesystem::is_directory(path, error)) {
@@ -31,7 +26,7 @@ Follower::Follower(const std::vector<std::string> &paths, Complaint complain) : 
 void Follower::discover() {
   const auto now = std::chrono::steady_clock::now();
   if (now < next_discovery_) return;
-  next_discovery_ = now + kDiscovery;
+  next_discovery_ = now + patience_.discovery;
   for (const Place &place : places_) {
     std::map<std::string, std::pair<uint64_t, uint64_t>> found;  // the least and the largest number of each ring
     for_each_ring_file(place.folder, [&](const RingFile &file) {
@@ -44,7 +39,7 @@ void Follower::discover() {
       const auto is_it = [&](const auto &ring) { return ring->is(place.folder, name); };
       auto ring = std::find_if(rings_.begin(), rings_.end(), is_it);
       if (ring == rings_.end()) {
-        ring = rings_.insert(ring, std::make_unique<Ring>(place.folder, name, numbers.first, complain_));
+        ring = rings_.insert(ring, std::make_unique<Ring>(place.folder, name, numbers.first, complain_, patience_));
       }
       (*ring)->expect(numbers.second);
     }

@@ -15,7 +15,7 @@ namespace capture {
 class Follower {
  public:
   // Folders, with all rings that are or will be in them, and files, each for its ring. Throws BadCapture.
-  Follower(const std::vector<std::string> &paths, Complaint complain);
+  Follower(const std::vector<std::string> &paths, Complaint complain, Patience patience = {});
   Follower(const Follower &) = delete;
   Follower &operator=(const Follower &) = delete;
 
@@ -32,6 +32,7 @@ class Follower {
   void discover();
 
   Complaint complain_;
+  Patience patience_;
   std::vector<Place> places_;
   std::vector<std::unique_ptr<Ring>> rings_;
   Ring *taken_ = nullptr;  // whose message was given last

@@ -9,20 +9,9 @@
 namespace capture {
 namespace {
 
-// How long a message may be under way, in the recorder or in the bus, before the next ones are shown without it.
-constexpr std::chrono::seconds kPatience{2};
-constexpr std::chrono::milliseconds kLastWords{50};  // in a file that is full
-
 // How far behind an empty place messages are looked for at every look. A send call has its places at once, and may
 // be held up with more of them.
 constexpr uint64_t kNear = 16 << 10;
-
-bool is_under_way(const Message &message) {
-  if (message.kind == TRACE_NOTE || message.status != TRACE_NO_ANSWER) return false;
-  const std::chrono::nanoseconds now = std::chrono::system_clock::now().time_since_epoch();
-  const auto age = now - std::chrono::nanoseconds(message.time);
-  return age >= age.zero() && age < kPatience;
-}
 
 }  // namespace
 
@@ -104,13 +93,21 @@ bool Ring::take_packet() {
   } catch (const BadCapture &error) {
     return skip("packet at byte " + std::to_string(blocks_->position()) + ": " + error.what());
   }
-  if (is_under_way(message_)) {
+  if (is_under_way()) {
     blocks_->go_to(blocks_->position());
     return false;
   }
   is_behind_schema_ = message_.kind == TRACE_NOTE && message_.text().starts_with(TRACE_NOTE_SCHEMA);
   has_message_ = true;
   return true;
+}
+
+// Whether it may yet be answered. All messages of a call are waited for from the same time on.
+bool Ring::is_under_way() const {
+  if (message_.kind == TRACE_NOTE || message_.status != TRACE_NO_ANSWER) return false;
+  const std::chrono::nanoseconds now = std::chrono::system_clock::now().time_since_epoch();
+  const auto age = now - std::chrono::nanoseconds(message_.time);
+  return age >= age.zero() && age < patience_.message;
 }
 
 // Whether the recorder has gone on to another file.
@@ -125,7 +122,7 @@ bool Ring::pass_filler() {
     return true;
   }
   const auto now = Clock::now();
-  if (wait_.at != at || wait_.number != number_) wait_ = {number_, at, now + kPatience, std::nullopt, false};
+  if (wait_.at != at || wait_.number != number_) wait_ = {number_, at, now + patience_.message, std::nullopt, false};
   if (wait_.deadline && now < *wait_.deadline) return false;
   const bool full = is_full();
   const bool looks_far = full || wait_.deadline || now >= wait_.far_look;
@@ -137,9 +134,9 @@ bool Ring::pass_filler() {
     return true;
   }
   blocks_->go_to(at);
-  if (looks_far) wait_.far_look = now + kPatience;
+  if (looks_far) wait_.far_look = now + patience_.message;
   wait_.deadline.reset();
-  if (has_more || full) wait_.deadline = now + (has_more ? Clock::duration(kPatience) : Clock::duration(kLastWords));
+  if (has_more || full) wait_.deadline = now + (has_more ? patience_.message : patience_.last_words);
   wait_.has_more = has_more;
   return false;
 }

@@ -12,14 +12,26 @@
 
 namespace capture {
 
+// How long what is not there yet is waited for before the next is shown without it.
+struct Patience {
+  std::chrono::nanoseconds message = std::chrono::seconds(2);           // under way, in the recorder or in the bus
+  std::chrono::nanoseconds last_words = std::chrono::milliseconds(50);  // of threads in a file that is full
+  std::chrono::nanoseconds discovery = std::chrono::milliseconds(200);  // between looks for files
+};
+
 // Goes from file to file, which no reader of whole captures can: they fill up, give way to the next one, and are
 // written anew or deleted. Takes a file's messages in their order, and waits for one that is yet being written or
 // answered. What cannot be shown is told: files that are gone, places that stay empty, damage.
 class Ring {
  public:
   // Begins with the file that has the number.
-  Ring(std::string folder, std::string name, uint64_t number, const Complaint &complain)
-      : folder_(std::move(folder)), name_(std::move(name)), complain_(complain), number_(number), latest_(number) {}
+  Ring(std::string folder, std::string name, uint64_t number, const Complaint &complain, Patience patience)
+      : folder_(std::move(folder)),
+        name_(std::move(name)),
+        complain_(complain),
+        patience_(patience),
+        number_(number),
+        latest_(number) {}
   Ring(const Ring &) = delete;
   Ring &operator=(const Ring &) = delete;
 
@@ -52,10 +64,12 @@ class Ring {
   bool pass_filler();
   bool is_full();
   bool find_more_before(uint64_t end);
+  bool is_under_way() const;
 
   std::string folder_;
   std::string name_;
   const Complaint &complain_;
+  Patience patience_;
   uint64_t number_;  // of the file that is being read, or that comes next
   uint64_t latest_;  // of those that there were
   std::optional<Blocks> blocks_;
