@@ -218,23 +218,48 @@ TEST(CaptureRing, DamageEndsNoOtherFile) {
   }
 }
 
-TEST(CaptureRing, IsReadOnceLikeAnyCapture) {
+TEST(CaptureRing, IsNotMixedWithWhatComesInItsPlace) {
   const Folder folder;
   RingFile file(folder, 400);
   file.begin("quopa-test-7.0.pcapng");
   for (uint32_t i = 0; i < 300; ++i) file.write(i);
-  capture::File reader(folder / "quopa-test-7.0.pcapng");
-  ASSERT_NE(reader.next(), nullptr);
-  file.begin("quopa-test-7.1.pcapng");
-  std::string said;
-  try {
-    while (reader.next() != nullptr) {
+  const std::string in_ring = folder / "quopa-test-7.0.pcapng", plain = folder / "a.pcapng",
+                    other = folder / "b.pcapng";
+  for (const std::string &copy : {plain, other}) std::filesystem::copy_file(in_ring, copy);
+  const std::pair<std::string, std::function<void()>> cases[] = {
+      {in_ring, [&] { file.begin("quopa-test-7.1.pcapng"); }},
+      {plain, [&] { std::filesystem::rename(other, plain); }},
+      {plain, [&] { std::filesystem::remove(plain); }},
+  };
+  for (const auto &[path, happen] : cases) {
+    capture::File reader(path);
+    ASSERT_NE(reader.next(), nullptr);
+    happen();
+    std::string said;
+    try {
+      while (reader.next() != nullptr) {
+      }
+    } catch (const capture::BadCapture &error) {
+      said = error.what();
     }
-  } catch (const capture::BadCapture &error) {
-    said = error.what();
+    EXPECT_EQ(said, path + ": was deleted, or written anew by its process, before it was read to its end");
   }
-  EXPECT_EQ(said, folder / "quopa-test-7.0.pcapng" +
-                      ": was deleted, or written anew by its process, before it was read to its end");
+}
+
+TEST(CaptureRing, GoesBackWherePassedPlacesHaveBecomeOne) {
+  constexpr uint32_t kFetched = 64 << 10;
+  const Folder folder;
+  RingFile file(folder, 400);
+  file.begin("quopa-test-7.0.pcapng");
+  for (uint32_t i = 0; RingFile::kHead + (i + 1) * kCellBytes < kFetched; ++i) file.reserve();
+  uint8_t *const place = file.reserve(700);  // of which only the first cell is fetched at first
+  capture::Blocks blocks(folder / "quopa-test-7.0.pcapng");
+  for (; blocks.position() < kFetched; blocks.pass()) blocks.look();
+  file.fill(place, 2, 700);
+  trace::publish(place);
+  for (uint32_t looks = 0; looks < 1000 && blocks.look() == capture::Blocks::Found::filler; ++looks) blocks.pass();
+  ASSERT_EQ(blocks.look(), capture::Blocks::Found::packet) << blocks.damage();
+  EXPECT_EQ(blocks.packet().bytes.size(), TRACE_HEADER_BYTES + 700u);
 }
 
 // What happens in a file between the two copies that are made of it.
