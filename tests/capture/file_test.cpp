@@ -53,7 +53,7 @@ class Maker {
 };
 
 // A message, always little-endian; its ID and its payload's bytes are the number.
-Bytes message(uint8_t number, std::size_t payload = 5) {
+Bytes make_message(uint8_t number, std::size_t payload = 5) {
   Bytes bytes = {'Q', 'T', 1, 0, number, 0, 0, 0};
   bytes.resize(32);
   bytes.resize(32 + payload, number);
@@ -81,7 +81,7 @@ TEST(CaptureFile, IsReadInEitherByteOrderAndEveryUnitOfTime) {
     for (const auto &[magic, time] :
          {std::pair(0xA1B2C3D4u, "7@3000004000 "), std::pair(0xA1B23C4Du, "7@3000000004 ")}) {
       Maker file = maker.part().u32(magic).u16(2).u16(4).u32(0).u32(0).u32(0).u32(kUser0 | 0x14000000);
-      file.u32(3).u32(4).u32(37).u32(37).add(message(7));
+      file.u32(3).u32(4).u32(37).u32(37).add(make_message(7));
       EXPECT_EQ(read(file.bytes), time) << std::hex << magic;
     }
     const auto unit = [&](uint32_t value) {
@@ -107,7 +107,7 @@ TEST(CaptureFile, IsReadInEitherByteOrderAndEveryUnitOfTime) {
     };
     for (const auto &[options, ticks, said] : cases) {
       Maker file = maker.part();
-      EXPECT_EQ(read(file.section().interface(options).packet(ticks, message(7)).bytes), said) << big;
+      EXPECT_EQ(read(file.section().interface(options).packet(ticks, make_message(7)).bytes), said) << big;
     }
   }
 }
@@ -115,19 +115,19 @@ TEST(CaptureFile, IsReadInEitherByteOrderAndEveryUnitOfTime) {
 TEST(CaptureFile, HasSectionsInterfacesAndMuchToPassOver) {
   Maker first(false);
   first.section().interface().interface(Maker(false).u16(9).u16(1).add({0, 0, 0, 0}).bytes);
-  first.packet(5, message(1), 1).block(0x80000051, Bytes(20)).block(0x80000051, Bytes(20), 999).block(4, Bytes(8));
+  first.packet(5, make_message(1), 1).block(0x80000051, Bytes(20)).block(0x80000051, Bytes(20), 999).block(4, Bytes(8));
   Maker second(true);
-  second.section().interface({}, kUser0 + 15).packet(6, message(2)).packet(7, message(3, 0));
+  second.section().interface({}, kUser0 + 15).packet(6, make_message(2)).packet(7, make_message(3, 0));
   Bytes both = first.bytes;
   both.insert(both.end(), second.bytes.begin(), second.bytes.end());
   EXPECT_EQ(read(both), "1@5000000000 2@6000 3@7000 ");
 }
 
 TEST(CaptureFile, IsDamagedAtOnePlace) {
-  const Maker good = Maker(false).section().interface().packet(1, message(1));
+  const Maker good = Maker(false).section().interface().packet(1, make_message(1));
   const std::string behind = "damaged behind packet 1, at byte " + std::to_string(good.bytes.size()) + ": ";
   const auto packet = [](uint32_t interface, uint32_t captured) {
-    return Maker(false).u32(interface).u32(0).u32(0).u32(captured).u32(captured).add(message(2, 8)).bytes;
+    return Maker(false).u32(interface).u32(0).u32(0).u32(captured).u32(captured).add(make_message(2, 8)).bytes;
   };
   const struct {
     Bytes more;
@@ -156,9 +156,9 @@ TEST(CaptureFile, IsDamagedAtOnePlace) {
            .bytes,
        "damaged behind packet 1, at byte " + std::to_string(good.bytes.size() + 28) +
            ": a packet of an interface that is not described"},
-      {Maker(false).interface({}, 1).packet(0, message(2), 1).bytes,
+      {Maker(false).interface({}, 1).packet(0, make_message(2), 1).bytes,
        "packet 2: of link type 1, so this is no trace of the bus"},
-      {Maker(false).interface({}, kUser0 + 16).packet(0, message(2), 1).bytes,
+      {Maker(false).interface({}, kUser0 + 16).packet(0, make_message(2), 1).bytes,
        "packet 2: of link type 163, so this is no trace of the bus"},
       {Maker(false).packet(0, Bytes(31, 'Q')).bytes, "packet 2: no message of the bus, so this is no trace of it"},
       {Maker(false).u32(0x80000051).u32(0xFFFFFFF0).bytes, ""},  // a file that was cut in what was never used
@@ -175,12 +175,70 @@ TEST(CaptureFile, IsDamagedAtOnePlace) {
             ": damaged behind packet 0, at byte 24: a packet of 16777217 bytes");
 }
 
+TEST(CaptureFile, HasWhatTheHeaderAndTheNotesSay) {
+  const auto with = [](uint8_t kind, const std::string &text) {
+    Bytes bytes = {'Q', 'T', 1, kind};
+    Maker words(false);
+    words.u32(0x01020304).u32(5).u32(6).u32(0x80000007).u32(8).u32(9).u32(10);
+    bytes.insert(bytes.end(), words.bytes.begin(), words.bytes.end());
+    bytes.insert(bytes.end(), text.begin(), text.end());
+    return bytes;
+  };
+  const auto add = [](Maker &to, const Bytes &data, std::size_t cut_from = 0) {
+    Maker body = Maker(false).u32(0).u32(0).u32(1).u32(data.size()).u32(std::max(cut_from, data.size())).add(data);
+    to.block(6, body.pad().bytes);
+  };
+  for (const bool big : {false, true}) {  // of the file: the header has its own order
+    Maker file(big);
+    file.section().interface().packet(1, with(2, "program a\x1b[1m\xff")).packet(1, with(0, "xyz"));
+    capture::File reader{std::span<const uint8_t>(file.bytes)};
+    ASSERT_NE(reader.next(), nullptr);
+    const capture::Message message = *reader.next();
+    EXPECT_TRUE(message.is_sent());
+    EXPECT_EQ(message.id, 0x01020304u);
+    EXPECT_EQ(message.handle, 5u);
+    EXPECT_EQ(message.destination, 6u);
+    EXPECT_EQ(message.status, INT32_MIN + 7);
+    EXPECT_EQ(message.index, 8u);
+    EXPECT_EQ(message.count, 9u);
+    EXPECT_EQ(message.thread, 10u);
+    EXPECT_EQ(message.text(), "xyz");
+    EXPECT_FALSE(message.is_cut());
+    EXPECT_EQ(message.origin->program, "a?[1m?") << "nothing that a terminal obeys";
+    EXPECT_EQ(message.origin->process, 10u);
+    EXPECT_EQ(message.origin->pointer_bits, 5u);
+  }
+  Maker cut = Maker(false).section().interface();
+  add(cut, with(1, "xyz"), 1000);
+  capture::File reader{std::span<const uint8_t>(cut.bytes)};
+  const capture::Message *const message = reader.next();
+  EXPECT_TRUE(message->is_cut());
+  EXPECT_EQ(message->length, 1000u - 32);
+  const struct {
+    Bytes data;
+    std::size_t cut_from;
+    const char *said;
+  } bad[] = {
+      {with(3, ""), 0, ": packet 1: recorded in version 1.3 of the format, which is unknown here"},
+      {with(2, "schema\n# quopa"), 200, ": packet 1: the schema is cut off"},
+      {with(2, "schema\n# quopa schema 1\nx"), 0, ": packet 1: line 2 of the schema: "},
+  };
+  for (const auto &[data, cut_from, said] : bad) {
+    Maker file = Maker(false).section().interface();
+    add(file, data, cut_from);
+    EXPECT_TRUE(read(file.bytes).starts_with(said)) << read(file.bytes);
+  }
+  Maker longer = Maker(false).section().interface();
+  longer.block(6, Maker(false).u32(0).u32(0).u32(1).u32(40).u32(39).add(make_message(1, 8)).bytes);
+  EXPECT_EQ(read(longer.bytes), ": packet 1: no message of the bus, so this is no trace of it");
+}
+
 TEST(CaptureFile, IsReadUpToWhereItIsCut) {
   Maker pcapng(false);
   pcapng.section().interface();
   const std::size_t headers = pcapng.bytes.size();
   std::vector<std::size_t> packet_ends;
-  for (uint8_t i = 1; i < 4; ++i) packet_ends.push_back(pcapng.packet(i, message(i, i)).bytes.size());
+  for (uint8_t i = 1; i < 4; ++i) packet_ends.push_back(pcapng.packet(i, make_message(i, i)).bytes.size());
   for (std::size_t size = 1; size < pcapng.bytes.size(); ++size) {
     std::string said;
     bool at_end = size == headers || size == 28;

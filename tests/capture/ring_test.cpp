@@ -84,6 +84,32 @@ TEST(CaptureRing, IsFollowedFromFileToFile) {
   EXPECT_EQ(waiting.complaints() + going_on.complaints(), kNobody);
 }
 
+TEST(CaptureRing, IsOneOfThoseInItsFolder) {
+  const Folder folder;
+  RingFile one(folder, 2, 5), another(folder, 2, 4), older(folder, 2, 3);
+  const auto numbers = [&](const std::string &path) {
+    std::string said;
+    Follower follower({path}, [](const std::string &) {});
+    while (const Message *const message = follower.next()) {
+      if (message->kind != TRACE_NOTE) said += std::to_string(message->handle) + ' ';
+    }
+    return said;
+  };
+  one.begin("quopa-a.b-7.10.pcapng");
+  one.write(3);
+  one.write(4);
+  older.begin("quopa-a.b-7.9.pcapng");
+  older.write(1);
+  older.write(2);
+  another.begin("quopa-a.b-8.0.pcapng");
+  another.write(9);
+  EXPECT_EQ(numbers(folder / "quopa-a.b-7.10.pcapng"), "1 2 3 4 ");
+  EXPECT_EQ(numbers(folder.path()), "1 2 9 3 4 ");
+  EXPECT_THROW(numbers(folder / "quopa-a.b-7.pcapng"), capture::BadCapture);
+  EXPECT_THROW(numbers(folder / "a-7.0.pcapng"), capture::BadCapture);
+  EXPECT_THROW(numbers(folder / "quopa-none-1.0.pcapng"), capture::BadCapture);
+}
+
 TEST(CaptureRing, TellsWhatIsGone) {
   const Folder folder;
   RingFile first(folder, 2), second(folder, 2), third(folder, 2);
