@@ -14,6 +14,7 @@ using capture::Follower;
 using capture::Message;
 
 constexpr capture::Patience kNone = {std::chrono::seconds(0), std::chrono::seconds(0), std::chrono::seconds(0)};
+constexpr capture::Patience kForMessages = {std::chrono::hours(1), std::chrono::seconds(0), std::chrono::seconds(0)};
 constexpr capture::Patience kForEver = {std::chrono::hours(1), std::chrono::hours(1), std::chrono::seconds(0)};
 
 uint64_t now() {
@@ -29,10 +30,10 @@ class Following {
         follower_(
             {folder.path()}, [this](const std::string &line) { complain(line); }, patience) {}
 
-  // The numbers of what can be had now, in as many looks as there can be reasons to wait.
-  std::string drain() {
+  // The numbers of what can be had now, in as many looks as there can be reasons to wait, or fewer.
+  std::string drain(int most_looks = 8) {
     std::string numbers;
-    for (int looks = 0; looks < 8; ++looks) {
+    for (int looks = 0; looks < most_looks; ++looks) {
       while (const Message *const message = follower_.next()) {
         looks = 0;
         if (message->kind == TRACE_NOTE) continue;
@@ -184,6 +185,29 @@ TEST(CaptureRing, LooksFarBehindAnEmptyPlaceFromTimeToTime) {
   file.write(1);
   EXPECT_EQ(Following(folder, kForEver).drain(), "");
   EXPECT_EQ(Following(folder, kNone).drain(), "1");
+  RingFile next(folder, 2);
+  next.begin("quopa-test-7.1.pcapng");
+  next.write(2);
+  EXPECT_EQ(Following(folder, kForMessages).drain(), "") << "in a full file something far behind is waited for, too";
+  EXPECT_EQ(Following(folder, kNone).drain(), "1 2");
+}
+
+TEST(CaptureRing, WaitsLongerForWhatOthersWriteBehindIt) {
+  const Folder folder;
+  RingFile file(folder, 4), next(folder, 2);
+  file.begin("quopa-test-7.0.pcapng");
+  next.begin("quopa-test-7.1.pcapng");
+  next.write(4);
+  file.write(1);
+  uint8_t *const place = file.reserve();
+  Following following(folder, kForMessages);
+  EXPECT_EQ(following.drain(1), "1");
+  file.write(3);
+  EXPECT_EQ(following.drain(), "");
+  file.fill(place, 2);
+  trace::publish(place);
+  EXPECT_EQ(following.drain(), "2 3 4");
+  EXPECT_EQ(following.complaints(), kNobody);
 }
 
 TEST(CaptureRing, WaitsForAnswers) {
@@ -242,6 +266,22 @@ TEST(CaptureRing, DamageEndsNoOtherFile) {
     EXPECT_EQ(following.drain(), "4 3") << said;
     EXPECT_EQ(following.complaints(), kNobody);
   }
+}
+
+TEST(CaptureRing, DamageBehindEmptyPlacesIsToldToo) {
+  const Folder folder;
+  RingFile file(folder, 4), next(folder, 2);
+  file.begin("quopa-test-7.0.pcapng");
+  next.begin("quopa-test-7.1.pcapng");
+  next.write(2);
+  file.reserve();
+  file.write(1);
+  trace::put(file.cell(1) + 4, uint32_t{40000000});
+  Following following(folder, kNone);
+  EXPECT_EQ(following.drain(), "2");
+  EXPECT_EQ(following.complaints(),
+            "quopa-test-7.0.pcapng: nothing was written into the place at byte 1024\n"
+            "quopa-test-7.0.pcapng: damaged at byte 1280: a block of 40000000 bytes\n");
 }
 
 TEST(CaptureRing, IsNotMixedWithWhatComesInItsPlace) {
