@@ -2,8 +2,22 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <tuple>
+
+#include "capture/ring_file.h"
 
 namespace capture {
+
+namespace {
+
+// Where a capture comes among those of a folder: a ring's files as their numbers are.
+std::tuple<std::string, uint64_t> place_of(const std::string &path) {
+  const std::string name = std::filesystem::path(path).filename();
+  const auto in_ring = ring_file(name);
+  return in_ring ? std::tuple(in_ring->ring, in_ring->number) : std::tuple(name, uint64_t{0});
+}
+
+}  // namespace
 
 std::vector<std::string> captures_in(const std::string &path) {
   namespace fs = std::filesystem;
@@ -16,7 +30,7 @@ std::vector<std::string> captures_in(const std::string &path) {
   }
   if (error) throw BadCapture(path + ": " + error.message());
   if (found.empty()) throw BadCapture(path + ": no *" TRACE_FILE_SUFFIX " or *.pcap in this folder");
-  std::sort(found.begin(), found.end());
+  std::sort(found.begin(), found.end(), [](const auto &a, const auto &b) { return place_of(a) < place_of(b); });
   return found;
 }
 
@@ -24,7 +38,7 @@ Timeline::Timeline(const std::vector<std::string> &paths, Complaint complain) : 
   for (const std::string &path : paths) {
     for (const std::string &file : captures_in(path)) {
       // What comes from a pipe cannot be opened again for its first message.
-      Part part = {file, nullptr, nullptr, 0};
+      Part part = {file, parts_.size(), nullptr, nullptr, 0};
       if (!advance(part)) continue;
       if (std::filesystem::is_regular_file(file)) part.file = nullptr;
       parts_.push_back(std::move(part));

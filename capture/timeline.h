@@ -26,13 +26,14 @@ class Timeline {
  private:
   struct Part {
     std::string path;
+    std::size_t order;           // among messages of the same time, as in a call that begins in one file of a ring
     std::unique_ptr<File> file;  // null before its time has come
     const Message *message;
     uint64_t time;  // of the message, or of the file's first
   };
 
   bool advance(Part &part);
-  static bool is_later(const Part &a, const Part &b) { return a.time > b.time; }
+  static bool is_later(const Part &a, const Part &b) { return a.time != b.time ? a.time > b.time : a.order > b.order; }
 
   Complaint complain_;
   std::vector<Part> parts_;  // a heap, the earliest in front; the one that was taken last stands at the end
@@ -40,7 +41,7 @@ class Timeline {
   bool is_whole_ = true;
 };
 
-// Files as they are; a folder's captures in the order of their names. Throws BadCapture.
+// Files as they are; a folder's captures in the order of their names and, of a ring, numbers. Throws BadCapture.
 std::vector<std::string> captures_in(const std::string &path);
 
 }  // namespace capture

@@ -58,6 +58,27 @@ TEST(CaptureTimeline, HasAllFilesOfAFolderInTheOrderOfTime) {
   EXPECT_THROW(read({empty.path()}), capture::BadCapture);
 }
 
+TEST(CaptureTimeline, HasACallThatGoesThroughFilesOfARingInItsOrder) {
+  const Folder folder;
+  uint32_t index = 0;
+  for (const int number : {8, 9, 10, 11, 100}) {
+    capture::Writer writer(folder / ("quopa-a-7." + std::to_string(number) + ".pcapng"));
+    capture::Origin origin;
+    for (int i = 0; i < 3; ++i) {
+      capture::Message message = {};
+      message.index = index++;
+      message.origin = &origin;
+      writer.write(message);
+    }
+  }
+  capture::Timeline timeline({folder.path()}, [](const std::string &line) { ADD_FAILURE() << line; });
+  index = 0;
+  while (const capture::Message *message = timeline.next()) {
+    EXPECT_EQ(message->index, message->kind == TRACE_NOTE ? 0 : index++);
+  }
+  EXPECT_EQ(index, 15u);
+}
+
 TEST(CaptureTimeline, NeedsNoDescriptorForEachFile) {
   constexpr uint64_t kFiles = 300;
   const Folder folder;
