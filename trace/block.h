@@ -76,13 +76,13 @@ inline void publish(uint8_t *at) { store_word(at, TRACE_PACKET_BLOCK, std::memor
 
 struct Header {
   TraceKind kind;
-  uint32_t id;
-  uint32_t handle;
-  uint32_t destination;
-  int32_t status;
-  uint32_t index;
-  uint32_t count;
-  uint32_t thread;
+  uint32_t id = 0;
+  uint32_t handle = 0;
+  uint32_t destination = 0;
+  int32_t status = 0;
+  uint32_t index = 0;
+  uint32_t count = 1;
+  uint32_t thread = 0;
 };
 
 inline void put_little(uint8_t *at, uint32_t value) { put(at, htole32(value)); }

@@ -12,7 +12,4 @@ namespace trace {
 // is recorded.
 DrixDecodeFunc wrap_decoder(uint32_t id, DrixDecodeFunc decode);
 
-// In a child after fork().
-void restart_decoders();
-
 }  // namespace trace

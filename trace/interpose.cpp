@@ -21,15 +21,10 @@ constexpr int32_t kFailure = -1;
 
 bool recording = false;  // set when the process starts
 
-void restart_in_child() {
-  trace::restart_recorder();
-  trace::restart_decoders();
-}
-
 [[gnu::constructor]] void start() {
   // The last of several copies records: what it sees is what the bus gets.
   recording = !trace::has_another_copy() && trace::start_recorder();
-  if (recording) pthread_atfork(nullptr, nullptr, restart_in_child);
+  if (recording) pthread_atfork(nullptr, nullptr, trace::restart_recorder);
 }
 
 [[gnu::destructor]] void stop() {
@@ -60,17 +55,25 @@ Next<decltype(DRIX_SendMsg)> next_send("DRIX_SendMsg");
 Next<decltype(DRIX_SendToMsg)> next_send_to("DRIX_SendToMsg");
 Next<decltype(DRIX_RegIDLFuncHook)> next_register("DRIX_RegIDLFuncHook");
 
-// Records what send does. A bus may make one of its functions with the other: that is one call.
+// A stack grows down. The frames of calls from the same place differ by less than this, by more those of one call
+// inside of another.
+constexpr uintptr_t kSamePlace = 64;
+
+// Records what send does. A bus may make one of its functions with the other: that is one call. But a call for the same
+// messages that is no deeper in the stack comes after one that was left by a jump or an exception.
 template <class Send>
 int32_t send_recorded(uint32_t handle, uint32_t destination, DrixSendDescriptor *descriptors, uint32_t count,
                       Send send) {
-  const DrixSendDescriptor *const outer = this_thread.descriptors;
-  if (!recording || descriptors == nullptr || count == 0 || outer == descriptors) return send();
+  if (!recording || descriptors == nullptr || count == 0) return send();
+  const auto frame = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+  const trace::SendCall outer = this_thread.send;
+  const bool is_same = outer.messages == descriptors;
+  if (is_same && frame + kSamePlace < outer.frame) return send();
   trace::SentMessages messages;
   messages.record(handle, destination, descriptors, count);
-  this_thread.descriptors = descriptors;
+  this_thread.send = {descriptors, frame};
   const int32_t status = send();
-  this_thread.descriptors = outer;
+  this_thread.send = is_same ? trace::SendCall{} : outer;
   messages.conclude(status);
   return status;
 }
@@ -96,9 +99,5 @@ TRACE_EXPORT int32_t DRIX_RegIDLFuncHook(uint32_t id, DrixDecodeFunc decode, Dri
   if (next == nullptr) return kFailure;
   if (!recording) return next(id, decode, release);
   trace::open_trace();
-  const DrixDecodeFunc wrapped = trace::wrap_decoder(id, decode);
-  this_thread.registering = true;
-  const int32_t status = next(id, wrapped, release);
-  this_thread.registering = false;
-  return status;
+  return next(id, trace::wrap_decoder(id, decode), release);
 }

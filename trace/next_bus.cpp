@@ -2,9 +2,8 @@
 
 #include <dlfcn.h>
 
-#include <cerrno>
-
 #include "trace/complaint.h"
+#include "trace/turn.h"
 
 // Marks a copy of the recorder for other copies.
 extern "C" __attribute__((visibility("default"))) void quopa_trace_is_here();
@@ -34,12 +33,11 @@ void *find_from(const char *name, const void *caller) {
 }  // namespace
 
 void *find_next(const char *name, const void *caller) {
-  const int error = errno;
+  const Unnoticed unnoticed;
   void *found = dlsym(RTLD_NEXT, name);
   if (found == nullptr) found = find_from(name, caller);
   if (found == nullptr) complain(name, 0, "no bus offers it");
   dlerror();
-  errno = error;
   return found;
 }
 

@@ -3,9 +3,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cstdio>
-
+#include "trace/complaint.h"
 #include "trace/settings.h"
+#include "trace/text.h"
 #include "trace/thread.h"
 
 namespace trace {
@@ -21,16 +21,6 @@ uint32_t longest_payload = 0;
 // atomic operation would wait for them.
 constexpr uint32_t kAhead = 4096;
 constexpr uint32_t kCacheLine = 64;
-
-// While it lives, the thread's recording calls are lost: those of a signal handler, which must not wait for what it has
-// interrupted.
-class Busy {
- public:
-  Busy() { this_thread.busy = true; }
-  ~Busy() { this_thread.busy = false; }
-  Busy(const Busy &) = delete;
-  Busy &operator=(const Busy &) = delete;
-};
 
 uint32_t thread_id() {
   if (this_thread.id == 0) this_thread.id = static_cast<uint32_t>(syscall(SYS_gettid));
@@ -57,6 +47,12 @@ inline bool is_wanted(TraceKind kind, const DrixSendDescriptor &message) {
   return kind == TRACE_NOTE || is_selected(message.id);
 }
 
+uint32_t count_wanted(TraceKind kind, const DrixSendDescriptor *messages, uint32_t count) {
+  uint32_t wanted = 0;
+  for (uint32_t i = 0; i < count; ++i) wanted += is_wanted(kind, messages[i]) ? 1 : 0;
+  return wanted;
+}
+
 // Writes one message into the cells at a place, at most so many; returns how many it took.
 uint32_t write_message(uint8_t *at, uint32_t cells, uint64_t time, const Header &header, Payload payload) {
   const uint32_t needed = cells_for(payload.captured);
@@ -73,11 +69,12 @@ uint32_t write_message(uint8_t *at, uint32_t cells, uint64_t time, const Header 
   return cells;
 }
 
-// after(place, messages) is called for what was written into each file, which the thread still holds.
+// after(place, messages) is called for what was written into each file. Returns how many messages could not be written.
 template <class After>
-void write_messages(Header header, const DrixSendDescriptor *messages, uint32_t count, uint64_t time, After after) {
+uint32_t write_messages(Header header, const DrixSendDescriptor *messages, uint32_t count, uint64_t time, After after) {
   const TraceKind kind = header.kind;
   header.count = count;
+  header.thread = thread_id();
   for (uint32_t i = 0; i < count;) {
     if (!is_wanted(kind, messages[i])) {
       ++i;
@@ -95,12 +92,7 @@ void write_messages(Header header, const DrixSendDescriptor *messages, uint32_t 
       return cells;
     };
     Place place;
-    if (!reserve(first, time, as_many_as_fit, place)) {
-      for (; i < count; ++i) {
-        if (is_wanted(kind, messages[i])) lost.fetch_add(1, std::memory_order_relaxed);
-      }
-      return;
-    }
+    if (!reserve(first, time, as_many_as_fit, place)) return count_wanted(kind, messages + i, count - i);
     uint8_t *at = place.at;
     uint32_t left = place.cells;
     uint32_t done = 0;
@@ -113,42 +105,48 @@ void write_messages(Header header, const DrixSendDescriptor *messages, uint32_t 
       left -= taken;
       ++done;
     }
+    release(place);
     after(place, done);
   }
+  return 0;
 }
 
-void write_note(const char *text, int length, uint64_t time) {
-  const DrixSendDescriptor note = {reinterpret_cast<uintptr_t>(text), 0, static_cast<uint32_t>(length)};
-  write_messages({TRACE_NOTE, 0, 0, 0, 0, 0, 1, thread_id()}, &note, 1, time,
-                 [](const Place &place, uint32_t) { release(place); });
+// The note with a number. Returns whether it could be written.
+bool write_note(const char *name, uint32_t number, uint64_t time) {
+  char text[32];
+  const char *const end = append(append(text, name), number);
+  const DrixSendDescriptor note = {reinterpret_cast<uintptr_t>(text), 0, static_cast<uint32_t>(end - text)};
+  return write_messages({.kind = TRACE_NOTE}, &note, 1, time, [](const Place &, uint32_t) {}) == 0;
 }
 
 [[gnu::cold]] [[gnu::noinline]] void note_lost(uint64_t time) {
   const uint32_t count = lost.exchange(0, std::memory_order_relaxed);
-  if (count == 0) return;
-  char text[32];
-  if (!advance(cells_for(sizeof text), time)) {
-    lost.fetch_add(count, std::memory_order_relaxed);
-    return;
-  }
-  write_note(text, std::snprintf(text, sizeof text, TRACE_NOTE_LOST "%u", count), time);
+  if (count != 0 && !write_note(TRACE_NOTE_LOST, count, time)) lost.fetch_add(count, std::memory_order_relaxed);
+}
+
+// A child that was made without telling anybody, as _Fork() and clone() do.
+inline void restart_in_unknown_child() {
+  if (is_unknown_child()) restart_recorder();
 }
 
 template <class After>
 void record(const Header &header, const DrixSendDescriptor *messages, uint32_t count, After after) {
   if (this_thread.busy) {
-    lost.fetch_add(count, std::memory_order_relaxed);
+    lost.fetch_add(count_wanted(header.kind, messages, count), std::memory_order_relaxed);
     return;
   }
+  restart_in_unknown_child();
   const Busy busy;
   const uint64_t time = clock_now();
   if (lost.load(std::memory_order_relaxed) != 0) note_lost(time);
-  write_messages(header, messages, count, time, after);
+  const uint32_t unwritten = write_messages(header, messages, count, time, after);
+  if (unwritten != 0) lost.fetch_add(unwritten, std::memory_order_relaxed);
 }
 
 }  // namespace
 
 bool start_recorder() {
+  find_standard_error();
   read_settings();
   if (settings().folder[0] == '\0') return false;
   prepare_ring();
@@ -165,6 +163,7 @@ void restart_recorder() {
 
 void open_trace() {
   if (this_thread.busy) return;
+  restart_in_unknown_child();
   const Busy busy;
   open_ring();
 }
@@ -176,16 +175,15 @@ void stop_recorder() {
 }
 
 void SentMessages::record(uint32_t handle, uint32_t destination, const DrixSendDescriptor *messages, uint32_t count) {
-  trace::record({TRACE_SENT, 0, handle, destination, TRACE_NO_ANSWER, 0, 0, thread_id()}, messages, count,
-                [this](const Place &place, uint32_t written) {
-                  parts_[count_++ % kMostFiles] = {place, written};
-                  release(place);
+  trace::record({.kind = TRACE_SENT, .handle = handle, .destination = destination, .status = TRACE_NO_ANSWER}, messages,
+                count, [this](const Place &place, uint32_t written) {
+                  parts_[count_++ % kMostParts] = {place, written};
                 });
 }
 
 void SentMessages::conclude(int32_t status) const {
-  for (uint32_t i = count_ > kMostFiles ? count_ - kMostFiles : 0; i < count_; ++i) {
-    const Part &part = parts_[i % kMostFiles];
+  for (uint32_t i = count_ > kMostParts ? count_ - kMostParts : 0; i < count_; ++i) {
+    const Part &part = parts_[i % kMostParts];
     if (!hold(part.place)) continue;
     uint8_t *at = part.place.at;
     for (uint32_t message = 0; message < part.messages; ++message) {
@@ -198,12 +196,12 @@ void SentMessages::conclude(int32_t status) const {
 
 void ReceivedMessage::record(uint32_t id, const uint8_t *buffer, uint32_t length) {
   const DrixSendDescriptor message = {reinterpret_cast<uintptr_t>(buffer), id, length};
-  trace::record({TRACE_RECEIVED, 0, 0, 0, TRACE_NO_ANSWER, 0, 0, thread_id()}, &message, 1,
+  trace::record({.kind = TRACE_RECEIVED, .status = TRACE_NO_ANSWER}, &message, 1,
                 [this](const Place &place, uint32_t) { place_ = place; });
 }
 
 void ReceivedMessage::conclude(int32_t status) const {
-  if (place_.file == nullptr) return;
+  if (place_.file == nullptr || !hold(place_)) return;
   put_status(place_.at, status);
   release(place_);
 }
@@ -212,8 +210,7 @@ void record_unwrapped(uint32_t count) {
   set_unwrapped(count);
   if (this_thread.busy) return;
   const Busy busy;
-  char text[32];
-  write_note(text, std::snprintf(text, sizeof text, TRACE_NOTE_UNWRAPPED "%u", count), clock_now());
+  write_note(TRACE_NOTE_UNWRAPPED, count, clock_now());
 }
 
 }  // namespace trace

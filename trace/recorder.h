@@ -12,14 +12,15 @@ namespace trace {
 bool start_recorder();
 void stop_recorder();
 
-// In a child after fork(): it gets files of its own, at its first call of the bus.
+// In a child: it gets files of its own, at its first call of the bus.
 void restart_recorder();
 
 // Makes the first file, at the first call of the bus, where it holds up nothing.
 void open_trace();
 
-// The messages of a send call, recorded before the bus gets them and again with the bus's answer. What is older than
-// the ring has been overwritten by then. Nothing is held meanwhile, as the thread may stay in the bus for ever.
+// The messages of a send call, recorded before the bus gets them and again with the bus's answer. Nothing is held
+// meanwhile, as the thread may stay in the bus for ever or leave it by a jump: what has been overwritten by then gets
+// no answer. Nor do messages before the last kMostParts files, should a call fill more.
 //
 // Their buffers are read; a null one, and one that is longer than any decoder takes, is not.
 class SentMessages {
@@ -32,11 +33,12 @@ class SentMessages {
     Place place;
     uint32_t messages;
   };
-  Part parts_[kMostFiles];
+  static constexpr uint32_t kMostParts = 8;
+  Part parts_[kMostParts];
   uint32_t count_ = 0;
 };
 
-// A message on its way to its decoder, which soon returns: its file is held until then.
+// A message on its way to its decoder, likewise.
 class ReceivedMessage {
  public:
   void record(uint32_t id, const uint8_t *buffer, uint32_t length);

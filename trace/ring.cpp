@@ -1,7 +1,6 @@
 #include "trace/ring.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -9,20 +8,24 @@
 
 #include <cerrno>
 #include <climits>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 
 #include "trace/complaint.h"
+#include "trace/folder.h"
 #include "trace/schema_text.h"
 #include "trace/settings.h"
+#include "trace/text.h"
+#include "trace/turn.h"
 
 namespace trace {
 
-std::atomic<File *> current_file{nullptr};
 uint32_t cells_in_file = 0;
+OfProcess *of_process = nullptr;
 
 namespace {
+
+OfProcess without_page;
 
 // Both together take one cell, so that cells begin where cache lines do.
 constexpr uint32_t kInterfaceBytes = 32;
@@ -32,8 +35,7 @@ constexpr uint32_t kSectionBytes = kCellBytes - kInterfaceBytes;
 constexpr uint32_t kShortNoteCells = 1;
 static_assert(sizeof TRACE_NOTE_PROGRAM + sizeof Settings::program <= payload_of(kShortNoteCells));
 
-// Guards what follows, and the changes of current_file.
-pthread_mutex_t turn = PTHREAD_MUTEX_INITIALIZER;
+// What follows and the current file change in a turn.
 File files[kMostFiles];
 uint32_t file_limit = 0;  // lower than file_count when there is no room for more
 uint32_t file_count = 8;  // of a whole ring
@@ -42,45 +44,6 @@ uint32_t head_bytes = 0;  // what stands before the cells
 uint32_t next_number = 0;
 std::atomic<bool> off{false};  // there is no file and will be none
 std::atomic<uint32_t> unwrapped{0};
-
-// What is done in a turn must not show outside: it neither changes errno nor ends with the thread.
-class Turn {
- public:
-  Turn() : error_(errno) {
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state_);
-    pthread_mutex_lock(&turn);
-  }
-  ~Turn() {
-    pthread_mutex_unlock(&turn);
-    pthread_setcancelstate(cancel_state_, &cancel_state_);
-    errno = error_;
-  }
-  Turn(const Turn &) = delete;
-  Turn &operator=(const Turn &) = delete;
-
- private:
-  int error_;
-  int cancel_state_ = 0;
-};
-
-struct Path {
-  char text[PATH_MAX + 128];
-};
-
-Path path_of(uint32_t number) {
-  Path path;
-  std::snprintf(path.text, sizeof path.text, "%s/" TRACE_FILE_PREFIX "%s-%d.%u" TRACE_FILE_SUFFIX, settings().folder,
-                settings().program, static_cast<int>(getpid()), number);
-  return path;
-}
-
-// No reader takes it for a trace, and no other process's is called so.
-Path hidden_path() {
-  Path path;
-  std::snprintf(path.text, sizeof path.text, "%s/" TRACE_FILE_PREFIX "%s-%d.%llx.new", settings().folder,
-                settings().program, static_cast<int>(getpid()), static_cast<unsigned long long>(clock_now()));
-  return path;
-}
 
 uint8_t *put_section(uint8_t *at) {
   constexpr char kWriter[] = "quopa-trace " TRACE_PROJECT_VERSION;
@@ -126,17 +89,17 @@ uint8_t *put_note(uint8_t *at, const char *text, uint32_t length, uint64_t time,
 uint8_t *put_notes(uint8_t *at, uint64_t time) {
   const auto process = static_cast<uint32_t>(getpid());
   char text[128];
-  int length = std::snprintf(text, sizeof text, TRACE_NOTE_PROGRAM "%s", settings().program);
-  at = put_note(at, text, static_cast<uint32_t>(length), time,
-                {TRACE_NOTE, 0, sizeof(void *) * CHAR_BIT, 0, 0, 0, 1, process});
-  at = put_note(at, kSchemaNote, kSchemaNoteLength, time, {TRACE_NOTE, 0, 0, 0, 0, 0, 1, process});
+  const char *end = append(append(text, TRACE_NOTE_PROGRAM), settings().program);
+  at = put_note(at, text, static_cast<uint32_t>(end - text), time,
+                {.kind = TRACE_NOTE, .handle = sizeof(void *) * CHAR_BIT, .thread = process});
+  at = put_note(at, kSchemaNote, kSchemaNoteLength, time, {.kind = TRACE_NOTE, .thread = process});
   const uint32_t count = unwrapped.load(std::memory_order_relaxed);
   if (count == 0) {
     put_filler(at, kCellBytes);
     return at + kCellBytes;
   }
-  length = std::snprintf(text, sizeof text, TRACE_NOTE_UNWRAPPED "%u", count);
-  return put_note(at, text, static_cast<uint32_t>(length), time, {TRACE_NOTE, 0, 0, 0, 0, 0, 1, process});
+  end = append(append(text, TRACE_NOTE_UNWRAPPED), count);
+  return put_note(at, text, static_cast<uint32_t>(end - text), time, {.kind = TRACE_NOTE, .thread = process});
 }
 
 // Makes a file new: with its notes and as many fillers as there are cells. Of a cell that is a block by itself, like
@@ -175,15 +138,15 @@ void open_for_use(File &file) {
 
 // Gives the file its name, with the next number that no other trace has: one of a process that had the same process ID
 // is not overwritten. Returns an errno value.
-int give_name(File &file, const char *from) {
+int give_name(File &file, int folder, const char *from) {
   for (;; ++next_number) {
-    const Path to = path_of(next_number);
-    int error = renameat2(AT_FDCWD, from, AT_FDCWD, to.text, RENAME_NOREPLACE) == 0 ? 0 : errno;
+    const Name to = name_of(next_number);
+    int error = renameat2(folder, from, folder, to.text, RENAME_NOREPLACE) == 0 ? 0 : errno;
     if (error == EINVAL || error == ENOSYS) {  // of file systems that cannot look and rename at once
-      if (access(to.text, F_OK) == 0) {
+      if (faccessat(folder, to.text, F_OK, 0) == 0) {
         error = EEXIST;
       } else {
-        error = rename(from, to.text) == 0 ? 0 : errno;
+        error = renameat(folder, from, folder, to.text) == 0 ? 0 : errno;
       }
     }
     if (error == EEXIST) continue;
@@ -205,8 +168,10 @@ int allocate(int descriptor) {
 
 // Makes a file on disk and in memory that is shut yet. Returns an errno value.
 int make(File &file, uint64_t time) {
-  const Path path = hidden_path();
-  const int descriptor = open(path.text, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
+  const int folder = open_folder();
+  if (folder < 0) return errno;
+  const Name hidden = hidden_name();
+  const int descriptor = openat(folder, hidden.text, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (descriptor < 0) return errno;
   void *map = MAP_FAILED;
   int error = allocate(descriptor);
@@ -219,30 +184,38 @@ int make(File &file, uint64_t time) {
   if (error == 0) {
     file.map = static_cast<uint8_t *>(map);
     lay_out(file, time);
-    error = give_name(file, path.text);
+    error = give_name(file, folder, hidden.text);
     if (error != 0) {
       munmap(map, file_bytes);
       file.map = nullptr;
     }
   }
-  if (error != 0) unlink(path.text);
+  if (error != 0) unlinkat(folder, hidden.text, 0);
   return error;
 }
 
 // Has a file that is shut begin anew under its next number. Returns an errno value; the file is gone then.
 int reuse(File &file, uint64_t time) {
-  const Path path = path_of(file.number);
-  const Path hidden = hidden_path();
-  int error = rename(path.text, hidden.text) == 0 ? 0 : errno;
+  const int folder = open_folder();
+  const Name name = name_of(file.number);
+  const Name hidden = hidden_name();
+  int error = renameat(folder, name.text, folder, hidden.text) == 0 ? 0 : errno;
   if (error == 0) {
     lay_out(file, time);
-    error = give_name(file, hidden.text);
+    error = give_name(file, folder, hidden.text);
     if (error == 0) return 0;
-    unlink(hidden.text);
+    unlinkat(folder, hidden.text, 0);
   }
   munmap(file.map, file_bytes);
   file.map = nullptr;
   return error;
+}
+
+void cut(const File &file, off_t bytes) {
+  const int descriptor = openat(open_folder(), name_of(file.number).text, O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
+  if (descriptor < 0) return;
+  [[maybe_unused]] const int no_matter = ftruncate(descriptor, bytes);
+  close(descriptor);
 }
 
 // The file with the smallest number from a number on, of those there are; null when there is none.
@@ -283,7 +256,7 @@ File *next_file(uint64_t time) {
     file_limit = count;
     if (count != 0) {
       char consequence[64];
-      std::snprintf(consequence, sizeof consequence, "the trace stays at %u file%s", count, count == 1 ? "" : "s");
+      append(append(append(consequence, "the trace stays at "), count), count == 1 ? " file" : " files");
       complain(settings().folder, error, consequence);
     }
   }
@@ -300,6 +273,14 @@ File *next_file(uint64_t time) {
              next_number == 0 ? "this process is not traced" : "this process is traced no more");
   }
   return nullptr;
+}
+
+OfProcess *find_page_of_process() {
+  const auto bytes = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  void *const page = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (page == MAP_FAILED) return &without_page;
+  madvise(page, bytes, MADV_WIPEONFORK);
+  return static_cast<OfProcess *>(page);
 }
 
 bool has_room(const File *file, uint32_t cells) {
@@ -327,26 +308,30 @@ void prepare_ring() {
   file_limit = file_count;
   head_bytes = (1 + kShortNoteCells + cells_for(kSchemaNoteLength) + kShortNoteCells) * kCellBytes;
   cells_in_file = (file_bytes - head_bytes) / kCellBytes;
+  of_process = find_page_of_process();
+  of_process->is_known = true;
+  open_folder();
 }
 
 bool advance(uint32_t cells, uint64_t time) {
   if (off.load(std::memory_order_relaxed)) return false;
   const Turn mine;
-  if (has_room(current_file.load(std::memory_order_relaxed), cells)) return true;
+  if (has_room(current_file(std::memory_order_relaxed), cells)) return true;
   File *const next = next_file(time);
   if (next == nullptr) return false;
   open_for_use(*next);
-  current_file.store(next, std::memory_order_release);
+  of_process->current_file.store(next, std::memory_order_release);
   return true;
 }
 
-bool open_ring() { return current_file.load(std::memory_order_relaxed) != nullptr || advance(1, clock_now()); }
+bool open_ring() { return current_file(std::memory_order_relaxed) != nullptr || advance(1, clock_now()); }
 
 void close_ring() {
+  if (current_file(std::memory_order_relaxed) == nullptr) return;
   const Turn mine;
-  File *const file = current_file.load(std::memory_order_relaxed);
+  File *const file = current_file(std::memory_order_relaxed);
   uint32_t first_free = 0;
-  if (file == nullptr || file->map == nullptr) return;
+  if (file->map == nullptr) return;
   bool is_shut = false;
   // A thread that is filling cells needs some hundred nanoseconds; one that never comes back keeps the file as it is.
   for (int tries = 0; !is_shut && tries < 100; ++tries) {
@@ -355,21 +340,25 @@ void close_ring() {
   }
   if (!is_shut) return;
   if (first_free < cells_in_file) {
-    const off_t used = head_bytes + static_cast<off_t>(first_free) * kCellBytes;
-    [[maybe_unused]] const int no_matter = truncate(path_of(file->number).text, used);
+    cut(*file, head_bytes + static_cast<off_t>(first_free) * kCellBytes);
   }
   file->map = nullptr;  // it stays mapped for those who still have a status to store, but is no more used
   file->use.store(cells_in_file << kHolderBits, std::memory_order_release);
 }
 
 void restart_ring(bool interrupted) {
-  pthread_mutex_init(&turn, nullptr);
-  current_file.store(nullptr, std::memory_order_relaxed);
+  restart_turns();
+  of_process->current_file.store(nullptr, std::memory_order_relaxed);
+  of_process->is_known = true;
   next_number = 0;
   file_limit = file_count;
   off.store(interrupted, std::memory_order_relaxed);
-  if (interrupted) return;
   for (File &file : files) {
+    if (file.map != nullptr && interrupted) {
+      mmap(file.map, file_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED | MAP_NORESERVE, -1,
+           0);
+      continue;
+    }
     if (file.map != nullptr) munmap(file.map, file_bytes);
     file.map = nullptr;
     ++file.generation;

@@ -43,8 +43,8 @@ struct Place {
 // Sets the ring up; files come later.
 void prepare_ring();
 
-// In a child after fork(): leaves the parent's ring to the parent. A child of a signal handler that has interrupted
-// the recorder goes on with what was interrupted, on the parent's memory; it is not traced.
+// In a child: leaves the parent's ring to the parent. A child of a signal handler that has interrupted the recorder
+// goes on with what was interrupted, on memory of its own; it is not traced.
 void restart_ring(bool interrupted);
 
 // Makes the first file unless there is one. Returns whether there is.
@@ -56,8 +56,17 @@ void close_ring();
 // What the note of this name says at the start of every file from now on; 0: no note.
 void set_unwrapped(uint32_t count);
 
-extern std::atomic<File *> current_file;
+// In a page that is empty in a child, by whatever call it was made, unless restart_ring() was there.
+struct OfProcess {
+  std::atomic<File *> current_file;
+  bool is_known;
+};
+extern OfProcess *of_process;
 extern uint32_t cells_in_file;
+
+inline File *current_file(std::memory_order order) { return of_process->current_file.load(order); }
+
+inline bool is_unknown_child() { return current_file(std::memory_order_relaxed) == nullptr && !of_process->is_known; }
 
 // Goes on to another file, which begins at this time, unless the current one has so many cells left. Returns whether
 // there is one.
@@ -68,7 +77,7 @@ bool advance(uint32_t cells, uint64_t time);
 template <class Plan>
 bool reserve(uint32_t least, uint64_t time, Plan plan, Place &place) {
   for (;;) {
-    File *const file = current_file.load(std::memory_order_acquire);
+    File *const file = current_file(std::memory_order_acquire);
     if (file != nullptr) {
       uint32_t use = file->use.load(std::memory_order_relaxed);
       while (use >> kHolderBits != kShut) {
@@ -89,8 +98,9 @@ bool reserve(uint32_t least, uint64_t time, Plan plan, Place &place) {
 
 inline void release(const Place &place) { place.file->use.fetch_sub(1, std::memory_order_release); }
 
-// Holds the file of a place once more. Returns false when it is used for something else by now.
+// Holds the file of a place once more. Returns false when it is used for something else by now, or the parent's.
 inline bool hold(const Place &place) {
+  if (current_file(std::memory_order_relaxed) == nullptr) return false;
   uint32_t use = place.file->use.load(std::memory_order_relaxed);
   do {
     if (use >> kHolderBits == kShut || (use & kMostHolders) == kMostHolders) return false;

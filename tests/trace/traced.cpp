@@ -1,73 +1,119 @@
-// A process to be traced: traced SCENARIO [NUMBER]. Fails when it does not get from the bus what the bus gives. What it
-// sends and delivers holds a stream's number, the number in that stream, and bytes that follow from it.
+// A process to be traced: traced SCENARIO [NUMBER].
+#include "traced.h"
+
 #include <endian.h>
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
-
-#include "drix_bus.h"
-#include "tiny_bus.h"
+#include <utility>
 
 namespace {
 
-constexpr uint32_t kId = 0x48CDB5CB;       // of fib6Sync.ipv6FwdUpdateMsg
-constexpr uint32_t kOtherId = 0xE679B47A;  // of fib6Sync.balanceModeData
-constexpr uint32_t kDecoded = 23;
-
-void require(bool condition, int line) {
-  if (condition) return;
-  std::fprintf(stderr, "traced: line %d\n", line);
-  std::_Exit(1);
-}
-#define REQUIRE(condition) require(condition, __LINE__)
+constexpr int kOwnErrno = 5;
 
 // Some decoders tell of bad buffers.
-uint32_t decode(const uint8_t *, uint32_t length, void *) { return length < 8 ? 0 : kDecoded; }
+uint32_t decode(const uint8_t *, uint32_t length, void *) {
+  if (length >= 8) REQUIRE(errno == kOwnErrno);
+  return length < 8 ? 0 : kDecoded;
+}
 void release(void *) {}
 
-std::vector<uint8_t> make_payload(uint32_t stream, uint32_t number, std::size_t length) {
-  std::vector<uint8_t> payload(length);
-  for (std::size_t i = 0; i < length; ++i) payload[i] = static_cast<uint8_t>(number + i);
-  std::memcpy(payload.data(), &stream, 4);
-  std::memcpy(payload.data() + 4, &number, 4);
-  return payload;
+std::size_t page_bytes() { return static_cast<std::size_t>(sysconf(_SC_PAGESIZE)); }
+
+void go_on_after_fault(int, siginfo_t *info, void *) {
+  const int error = errno;
+  auto *const page = reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(info->si_addr) & ~(page_bytes() - 1));
+  if (in_fault == nullptr || mprotect(page, page_bytes(), PROT_READ | PROT_WRITE) != 0) std::_Exit(1);
+  in_fault();
+  errno = error;
+}
+
+}  // namespace
+
+void (*in_fault)() = nullptr;
+void (*in_turn)() = nullptr;
+
+extern "C" __attribute__((visibility("default"))) int renameat2(int old_folder, const char *old_name, int folder,
+                                                                const char *name, unsigned flags) noexcept {
+  if (in_turn != nullptr) std::exchange(in_turn, nullptr)();
+  return static_cast<int>(syscall(SYS_renameat2, old_folder, old_name, folder, name, flags));
+}
+
+void require(bool condition, const char *file, int line) {
+  if (condition) return;
+  std::fprintf(stderr, "%s:%d\n", file, line);
+  std::_Exit(1);
+}
+
+void fill_payload(uint8_t *bytes, std::size_t length, uint32_t stream, uint32_t number) {
+  for (std::size_t i = 0; i < length; ++i) bytes[i] = static_cast<uint8_t>(number + i);
+  std::memcpy(bytes, &stream, 4);
+  std::memcpy(bytes + 4, &number, 4);
 }
 
 void send(uint32_t id, uint32_t handle, uint32_t stream, uint32_t first, uint32_t count, std::size_t length,
-          uint32_t destination = 0) {
+          uint32_t destination) {
   std::vector<std::vector<uint8_t>> payloads;
   std::vector<DrixSendDescriptor> descriptors;
   for (uint32_t i = 0; i < count; ++i) {
-    payloads.push_back(make_payload(stream, first + i, length + 4 * i));
+    payloads.emplace_back(length + 4 * i);
+    fill_payload(payloads[i].data(), payloads[i].size(), stream, first + i);
     descriptors.push_back(
         {reinterpret_cast<uintptr_t>(payloads[i].data()), id, static_cast<uint32_t>(payloads[i].size())});
   }
-  errno = 0;
+  errno = kOwnErrno;
   const int32_t status = destination == 0 ? DRIX_SendMsg(handle, descriptors.data(), count)
                                           : DRIX_SendToMsg(handle, descriptors.data(), count, destination);
-  REQUIRE(status == -static_cast<int32_t>(handle) && errno == kBusErrno);
+  REQUIRE(status == -static_cast<int32_t>(handle) && errno == kBusErrno && errno_found() == kOwnErrno);
 }
 
+void send_one(uint32_t stream, uint32_t number) { send(kId, 0, stream, number, 1, 40); }
+
 void receive(uint32_t id, uint32_t stream, uint32_t number, std::size_t length) {
-  const std::vector<uint8_t> payload = make_payload(stream, number, length);
-  REQUIRE(deliver(id, payload.data(), static_cast<uint32_t>(payload.size())) == kDecoded);
+  std::vector<uint8_t> payload(length);
+  fill_payload(payload.data(), length, stream, number);
+  errno = kOwnErrno;
+  REQUIRE(deliver(id, payload.data(), static_cast<uint32_t>(length)) == kDecoded);
 }
 
 void register_decoder(uint32_t id) {
   errno = 0;
   REQUIRE(DRIX_RegIDLFuncHook(id, decode, release) == static_cast<int32_t>(id % 5) && errno == kBusErrno);
+}
+
+void send_many(uint32_t messages) {
+  for (uint32_t i = 0; i < messages;) {
+    const uint32_t batch = 1 + i % 300;
+    send(kId, 0, 1, i, batch, 8 + i % 400);
+    i += batch;
+  }
+}
+
+void send_faulting(uint32_t stream, uint32_t number, uint32_t count) {
+  struct sigaction action = {};
+  action.sa_sigaction = go_on_after_fault;
+  action.sa_flags = SA_SIGINFO;
+  sigaction(SIGSEGV, &action, nullptr);
+  auto *const page =
+      static_cast<uint8_t *>(mmap(nullptr, page_bytes(), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+  std::vector<DrixSendDescriptor> descriptors;
+  for (uint32_t i = 0; i < count; ++i) {
+    fill_payload(page + 40 * i, 40, stream, number + i);
+    descriptors.push_back({reinterpret_cast<uintptr_t>(page + 40 * i), kId, 40});
+  }
+  mprotect(page, page_bytes(), PROT_NONE);
+  REQUIRE(DRIX_SendMsg(7, descriptors.data(), count) == -7);
+  munmap(page, page_bytes());
 }
 
 void calls(uint32_t) {
@@ -87,69 +133,24 @@ void odd(uint32_t) {
   REQUIRE(DRIX_SendMsg(3, bad, 2) == -3);
   REQUIRE(DRIX_SendMsg(3, nullptr, 2) == -3);
   REQUIRE(DRIX_SendMsg(3, bad, 0) == -3);
+  errno = kOwnErrno;
   REQUIRE(deliver(kId, nullptr, 50) == kDecoded);
   send(kId, 7, 1, 1, 1, 8);
 }
 
-void many(uint32_t messages) {
-  for (uint32_t i = 0; i < messages;) {
-    const uint32_t batch = 1 + i % 300;
-    send(kId, 0, 1, i, batch, 8 + i % 400);
-    i += batch;
-  }
-}
+void many(uint32_t messages) { send_many(messages); }
 
 void decoders(uint32_t count) {
-  for (uint32_t id = 1; id <= count; ++id) register_decoder(id);
+  for (int round = 0; round < 2; ++round) {
+    for (uint32_t id = 1; id <= count; ++id) register_decoder(id);
+  }
   for (uint32_t id = 1; id <= count; ++id) receive(id, 2, id - 1, 40);
 }
 
-void children(uint32_t) {
-  send(kId, 0, 1, 0, 2, 40);
-  for (uint32_t child = 0; child < 2; ++child) {
-    const pid_t process = fork();
-    if (process == 0) {
-      if (child == 1) send(kId, 0, 3, 0, 3, 40);
-      std::exit(0);
-    }
-    int status = 0;
-    REQUIRE(waitpid(process, &status, 0) == process && status == 0);
-  }
-  REQUIRE(std::system("true") == 0);
-  send(kId, 0, 1, 2, 1, 40);
-}
-
 void deleted(uint32_t) {
-  send(kId, 0, 1, 0, 1, 40);
+  send_one(1, 0);
   REQUIRE(std::system("rm -f \"$QUOPA_TRACE_DIR\"/*") == 0);
-  many(20000);
-}
-
-// Decoders that stay where they are hold the files that their messages are in. With all files held nothing can be
-// written; what is lost is told when they are free.
-std::mutex stay;
-std::atomic<uint32_t> staying{0};
-uint32_t decode_slowly(const uint8_t *, uint32_t length, void *) {
-  if (length > 4) ++staying;  // it is no trial of the bus
-  const std::lock_guard<std::mutex> until_unlocked(stay);
-  return kDecoded;
-}
-
-void held(uint32_t files) {
-  register_decoder(kId);
-  DRIX_RegIDLFuncHook(kOtherId, decode_slowly, release);
-  stay.lock();
-  std::vector<std::thread> threads;
-  uint32_t number = 0;
-  for (uint32_t file = 0; file < files; ++file) {
-    threads.emplace_back([=] { receive(kOtherId, 2, file, 20); });
-    while (staying != file + 1) usleep(1000);
-    // A little more than a file of the smallest ring holds.
-    for (uint32_t i = 0; i < 470; ++i) send(kId, 0, 1, number++, 1, 20);
-  }
-  stay.unlock();
-  for (std::thread &thread : threads) thread.join();
-  send(kId, 0, 3, 0, 1, 20);
+  send_many(20000);
 }
 
 // Sends and receives in several threads for ever, and counts in a file what is done, little-endian.
@@ -175,13 +176,32 @@ void load(uint32_t longest) {
   for (std::thread &thread : threads) thread.join();
 }
 
-const std::map<std::string, void (*)(uint32_t)> kScenarios = {
-    {"calls", calls},       {"odd", odd},         {"many", many}, {"decoders", decoders},
-    {"children", children}, {"deleted", deleted}, {"held", held}, {"load", load}};
-
-}  // namespace
-
 int main(int argc, char **argv) {
-  kScenarios.at(argc > 1 ? argv[1] : "")(argc > 2 ? static_cast<uint32_t>(std::atoi(argv[2])) : 0);
+  const std::map<std::string, Scenario *> scenarios = {{"calls", calls},
+                                                       {"cancelled", cancelled},
+                                                       {"children", children},
+                                                       {"closed", closed},
+                                                       {"decoders", decoders},
+                                                       {"deleted", deleted},
+                                                       {"fork_in_decoder", fork_in_decoder},
+                                                       {"fork_in_thread", fork_in_thread},
+                                                       {"held", held},
+                                                       {"interrupted_child", interrupted_child},
+                                                       {"left_decoders", left_decoders},
+                                                       {"left_sends", left_sends},
+                                                       {"load", load},
+                                                       {"many", many},
+                                                       {"moved", moved},
+                                                       {"no_more_room", no_more_room},
+                                                       {"odd", odd},
+                                                       {"redirected", redirected},
+                                                       {"signal", signalled},
+                                                       {"slow_decoders", slow_decoders},
+                                                       {"small_stack", small_stack},
+                                                       {"turning_child", turning_child},
+                                                       {"unknown_child", unknown_child},
+                                                       {"unknown_child_in_send", unknown_child_in_send}};
+  alarm(100);  // one that hangs ends with a signal
+  scenarios.at(argc > 1 ? argv[1] : "")(argc > 2 ? static_cast<uint32_t>(std::atoi(argv[2])) : 0);
   return 0;
 }

@@ -12,6 +12,7 @@
 namespace {
 
 std::string file_name;
+uint32_t process = 0;  // the file's
 std::vector<uint8_t> bytes;
 
 [[noreturn]] void fail(std::size_t at, const char *what) {
@@ -71,13 +72,14 @@ void walk_packet(std::size_t at, std::size_t end) {
   if (kind == 2) {
     const std::string text(bytes.begin() + static_cast<std::ptrdiff_t>(payload),
                            bytes.begin() + static_cast<std::ptrdiff_t>(header + captured));
+    if (text.rfind("program ", 0) == 0) process = little(header + 28);
     std::printf("note handle=%u %s\n", little(header + 8), text.c_str());
     return;
   }
-  std::printf("%s id=%08X handle=%u destination=%u status=%d message=%u/%u captured=%u/%u",
+  std::printf("%s id=%08X handle=%u destination=%u status=%d thread=%s message=%u/%u captured=%u/%u",
               kind == 0 ? "sent" : "received", little(header + 4), little(header + 8), little(header + 12),
-              static_cast<int32_t>(little(header + 16)), little(header + 20), little(header + 24), captured - 32,
-              original - 32);
+              static_cast<int32_t>(little(header + 16)), little(header + 28) == process ? "main" : "other",
+              little(header + 20), little(header + 24), captured - 32, original - 32);
   if (captured < 40) {
     std::puts("");
   } else {
