@@ -30,6 +30,13 @@ void release(void *) {}
 
 std::size_t page_bytes() { return static_cast<std::size_t>(sysconf(_SC_PAGESIZE)); }
 
+void send_messages(uint32_t handle, DrixSendDescriptor *descriptors, uint32_t count, uint32_t destination) {
+  errno = kOwnErrno;
+  const int32_t status = destination == 0 ? DRIX_SendMsg(handle, descriptors, count)
+                                          : DRIX_SendToMsg(handle, descriptors, count, destination);
+  REQUIRE(status == -static_cast<int32_t>(handle) && errno == kBusErrno && errno_found() == kOwnErrno);
+}
+
 void go_on_after_fault(int, siginfo_t *info, void *) {
   const int error = errno;
   auto *const page = reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(info->si_addr) & ~(page_bytes() - 1));
@@ -71,13 +78,15 @@ void send(uint32_t id, uint32_t handle, uint32_t stream, uint32_t first, uint32_
     descriptors.push_back(
         {reinterpret_cast<uintptr_t>(payloads[i].data()), id, static_cast<uint32_t>(payloads[i].size())});
   }
-  errno = kOwnErrno;
-  const int32_t status = destination == 0 ? DRIX_SendMsg(handle, descriptors.data(), count)
-                                          : DRIX_SendToMsg(handle, descriptors.data(), count, destination);
-  REQUIRE(status == -static_cast<int32_t>(handle) && errno == kBusErrno && errno_found() == kOwnErrno);
+  send_messages(handle, descriptors.data(), count, destination);
 }
 
-void send_one(uint32_t stream, uint32_t number) { send(kId, 0, stream, number, 1, 40); }
+void send_one(uint32_t stream, uint32_t number, uint32_t id) {
+  uint8_t payload[40];
+  fill_payload(payload, sizeof payload, stream, number);
+  DrixSendDescriptor descriptor = {reinterpret_cast<uintptr_t>(payload), id, sizeof payload};
+  send_messages(0, &descriptor, 1, 0);
+}
 
 void receive(uint32_t id, uint32_t stream, uint32_t number, std::size_t length) {
   std::vector<uint8_t> payload(length);

@@ -22,7 +22,7 @@ void fill_payload(uint8_t *bytes, std::size_t length, uint32_t stream, uint32_t 
 // They fail when they do not get from the bus what the bus gives, or the bus not what they give.
 void send(uint32_t id, uint32_t handle, uint32_t stream, uint32_t first, uint32_t count, std::size_t length,
           uint32_t destination = 0);
-void send_one(uint32_t stream, uint32_t number);
+void send_one(uint32_t stream, uint32_t number, uint32_t id = kId);  // as a signal handler may, too
 void receive(uint32_t id, uint32_t stream, uint32_t number, std::size_t length);
 void register_decoder(uint32_t id);
 

@@ -81,11 +81,17 @@ const char *folder() { return std::getenv("QUOPA_TRACE_DIR"); }
 
 // Handlers that send while the thread is recording, in a turn and elsewhere.
 void signalled(uint32_t) {
-  std::signal(SIGUSR1, [](int) { send_one(5, 0); });
+  std::signal(SIGUSR1, [](int) {
+    const int error = errno;
+    send_one(5, 0);
+    errno = error;
+  });
   in_turn = [] { std::raise(SIGUSR1); };
+  register_decoder(kOtherId);
   in_fault = [] {
+    register_decoder(kOtherId);
     send_one(5, 1);
-    send(kOtherId, 0, 5, 2, 1, 40);
+    send_one(5, 2, kOtherId);
   };
   send_one(1, 0);
   send_faulting(1, 1, 1);
