@@ -1,5 +1,6 @@
 #include "trace/recorder.h"
 
+#include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -124,9 +125,18 @@ bool write_note(const char *name, uint32_t number, uint64_t time) {
   if (count != 0 && !write_note(TRACE_NOTE_LOST, count, time)) lost.fetch_add(count, std::memory_order_relaxed);
 }
 
-// A child that was made without telling anybody, as _Fork() and clone() do.
-inline void restart_in_unknown_child() {
-  if (is_unknown_child()) restart_recorder();
+void restart(bool interrupted) {
+  this_thread.id = 0;
+  lost.store(0, std::memory_order_relaxed);
+  restart_ring(interrupted);
+}
+
+// In a child that was made without telling anybody, as _Fork() and clone() do. One of its threads does it.
+[[gnu::cold]] [[gnu::noinline]] void restart_unknown_child() {
+  const Busy busy;
+  uint32_t state = kUnknown;
+  if (of_process->state.compare_exchange_strong(state, kStarting)) restart(false);
+  while (of_process->state.load(std::memory_order_acquire) != kKnown) sched_yield();
 }
 
 template <class After>
@@ -135,7 +145,7 @@ void record(const Header &header, const DrixSendDescriptor *messages, uint32_t c
     lost.fetch_add(count_wanted(header.kind, messages, count), std::memory_order_relaxed);
     return;
   }
-  restart_in_unknown_child();
+  if (is_unknown_child()) restart_unknown_child();
   const Busy busy;
   const uint64_t time = clock_now();
   if (lost.load(std::memory_order_relaxed) != 0) note_lost(time);
@@ -155,15 +165,11 @@ bool start_recorder() {
   return true;
 }
 
-void restart_recorder() {
-  this_thread.id = 0;
-  lost.store(0, std::memory_order_relaxed);
-  restart_ring(this_thread.busy);
-}
+void restart_recorder() { restart(this_thread.busy); }
 
 void open_trace() {
   if (this_thread.busy) return;
-  restart_in_unknown_child();
+  if (is_unknown_child()) restart_unknown_child();
   const Busy busy;
   open_ring();
 }

@@ -309,7 +309,7 @@ void prepare_ring() {
   head_bytes = (1 + kShortNoteCells + cells_for(kSchemaNoteLength) + kShortNoteCells) * kCellBytes;
   cells_in_file = (file_bytes - head_bytes) / kCellBytes;
   of_process = find_page_of_process();
-  of_process->is_known = true;
+  of_process->state.store(kKnown, std::memory_order_relaxed);
   open_folder();
 }
 
@@ -349,7 +349,6 @@ void close_ring() {
 void restart_ring(bool interrupted) {
   restart_turns();
   of_process->current_file.store(nullptr, std::memory_order_relaxed);
-  of_process->is_known = true;
   next_number = 0;
   file_limit = file_count;
   off.store(interrupted, std::memory_order_relaxed);
@@ -364,6 +363,7 @@ void restart_ring(bool interrupted) {
     ++file.generation;
     file.use.store(kShut << kHolderBits, std::memory_order_relaxed);
   }
+  of_process->state.store(kKnown, std::memory_order_release);
 }
 
 void set_unwrapped(uint32_t count) { unwrapped.store(count, std::memory_order_relaxed); }

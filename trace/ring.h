@@ -56,17 +56,21 @@ void close_ring();
 // What the note of this name says at the start of every file from now on; 0: no note.
 void set_unwrapped(uint32_t count);
 
-// In a page that is empty in a child, by whatever call it was made, unless restart_ring() was there.
+// In a page that is empty in a child, by whatever call it was made, until restart_ring() has been there.
+enum ProcessState : uint32_t { kUnknown, kStarting, kKnown };
 struct OfProcess {
   std::atomic<File *> current_file;
-  bool is_known;
+  std::atomic<uint32_t> state;
 };
 extern OfProcess *of_process;
 extern uint32_t cells_in_file;
 
 inline File *current_file(std::memory_order order) { return of_process->current_file.load(order); }
 
-inline bool is_unknown_child() { return current_file(std::memory_order_relaxed) == nullptr && !of_process->is_known; }
+inline bool is_unknown_child() {
+  return current_file(std::memory_order_relaxed) == nullptr &&
+         of_process->state.load(std::memory_order_acquire) != kKnown;
+}
 
 // Goes on to another file, which begins at this time, unless the current one has so many cells left. Returns whether
 // there is one.

@@ -263,7 +263,7 @@ case $group in
 	cancelled
 	  1 stream=2 
 	  1 stream=1 
-	small_stack 8
+	small_stack 3
 	  0 lost 
 	  1 stream=1 
 	moved 20000

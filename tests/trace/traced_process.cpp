@@ -52,7 +52,6 @@ void run_with_stack(std::size_t bytes) {
 // With a page below that nobody may touch.
 void handle_with_stack(std::size_t bytes) {
   const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-  bytes = (bytes + page - 1) / page * page;
   auto *const memory =
       static_cast<uint8_t *>(mmap(nullptr, page + bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
   mprotect(memory + page, bytes, PROT_READ | PROT_WRITE);
@@ -118,11 +117,11 @@ void cancelled(uint32_t) {
   send_one(1, 0);
 }
 
-// kibibytes: of the stack of a signal handler.
+// kibibytes: of the stack of a signal handler, beyond what the signal takes.
 void small_stack(uint32_t kibibytes) {
   fill_payload(payload, sizeof payload, 2, 0);
   run_with_stack(static_cast<std::size_t>(kStackFactor * sysconf(_SC_THREAD_STACK_MIN)));
-  handle_with_stack(static_cast<std::size_t>(kStackFactor) * 1024 * kibibytes);
+  handle_with_stack(static_cast<std::size_t>(sysconf(_SC_MINSIGSTKSZ) + kStackFactor * 1024 * kibibytes));
   send_one(1, 0);
 }
 
