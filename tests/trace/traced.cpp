@@ -210,7 +210,7 @@ int main(int argc, char **argv) {
                                                        {"turning_child", turning_child},
                                                        {"unknown_child", unknown_child},
                                                        {"unknown_child_in_send", unknown_child_in_send}};
-  alarm(100);  // one that hangs ends with a signal
+  alarm(50);  // one that hangs ends with a signal
   scenarios.at(argc > 1 ? argv[1] : "")(argc > 2 ? static_cast<uint32_t>(std::atoi(argv[2])) : 0);
   return 0;
 }

@@ -84,13 +84,15 @@ void fork_in_thread(uint32_t) {
 // What makes a child without telling libraries.
 void unknown_child(uint32_t) {
   send_one(1, 0);
-  process = _Fork();
-  if (process == 0) {
-    register_decoder(kId);
-    send(kId, 0, 3, 0, 3, 40);
-    std::exit(0);
+  for (uint32_t stream = 3; stream < 5; ++stream) {
+    process = _Fork();
+    if (process == 0) {
+      if (stream == 4) register_decoder(kId);
+      send(kId, 0, stream, 0, 3, 40);
+      std::exit(0);
+    }
+    wait_for(process);
   }
-  wait_for(process);
   send_one(1, 1);
 }
 
