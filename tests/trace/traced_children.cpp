@@ -1,4 +1,5 @@
 // Processes that make others, at every moment.
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -72,6 +73,7 @@ void fork_in_thread(uint32_t) {
   while (!is_in_turn) usleep(1000);
   process = fork();
   if (process == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // should it hang
     register_decoder(kId);
     send_one(3, 0);
     std::_Exit(0);  // what the other thread has allocated is no leak
