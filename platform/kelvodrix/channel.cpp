@@ -1,17 +1,29 @@
-// Channels: their handles, their destinations, and what is called after the last of them.
+// Channels: their handles and destinations, the thread that writes what sends leave, and what there is to do after the
+// last channel, at exit and at fork.
+#include <pthread.h>
+#include <signal.h>
+
 #include <algorithm>
+#include <atomic>
+#include <list>
 #include <memory>
-#include <mutex>
+#include <system_error>
+#include <thread>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "link.h"
+#include "process.h"
 #include "status.h"
 
 namespace kelvodrix {
 
+std::mutex process_mutex;
+
 namespace {
 
+using namespace std::chrono_literals;
 using std::chrono::milliseconds;
 
 constexpr kelvodrix_options kDefaultOptions = KELVODRIX_OPTIONS_DEFAULT;
@@ -28,8 +40,9 @@ struct Channel {
 };
 
 struct Channels {
-  std::mutex mutex;  // guards what follows; never held while anything waits
   std::unordered_map<uint32_t, Channel> open;
+  std::list<std::unordered_map<uint32_t, Channel>> former;  // of the processes that this one was forked from
+  bool pumped = false;                                      // there is a thread that writes what sends leave
   // Handles and destinations share one sequence of numbers, so that neither passes for the other.
   uint32_t last_number = 0;
   std::vector<DrixResourceCleanFunc> clean_hooks;
@@ -51,11 +64,75 @@ Channels &all() {
   return instance;
 }
 
+std::vector<std::shared_ptr<Link>> all_links() {
+  std::vector<std::shared_ptr<Link>> links;
+  std::lock_guard lock(process_mutex);
+  for (const auto &[handle, channel] : all().open)
+    for (const auto &[destination, link] : channel.links) links.push_back(link);
+  return links;
+}
+
+std::atomic<int> pump_wanted = 0;
+
+// The one thread of a sending process: writes what sends have left, to gather more or for want of room.
+void *pump(void *) {
+  for (bool left = false;;) {
+    if (!left) pump_wanted.wait(0);
+    std::this_thread::sleep_for(left ? 1ms : 100us);
+    pump_wanted = 0;
+    left = false;
+    const auto write = [&]() -> int32_t {
+      for (const auto &link : all_links()) left |= link->write_left();
+      return KELVODRIX_OK;
+    };
+    left |= guarded(write) != KELVODRIX_OK;
+  }
+}
+
+// With the lock held.
+void start_pump() {
+  if (all().pumped) return;
+  sigset_t every, former;  // signals are for the process's own threads
+  sigfillset(&every);
+  pthread_sigmask(SIG_SETMASK, &every, &former);
+  pthread_t thread;
+  const int error = pthread_create(&thread, nullptr, pump, nullptr);
+  pthread_sigmask(SIG_SETMASK, &former, nullptr);
+  if (error != 0) throw std::system_error(error, std::generic_category());
+  pthread_detach(thread);
+  all().pumped = true;
+}
+
+void before_fork() { process_mutex.lock(); }
+void in_parent() { process_mutex.unlock(); }
+
+// The parent's channels are left as they are: threads that are gone here may hold their locks.
+void in_child() {
+  guarded([]() -> int32_t {
+    all().former.emplace_back().swap(all().open);
+    return KELVODRIX_OK;
+  });
+  all().pumped = false;
+  process_mutex.unlock();
+}
+
+__attribute__((constructor)) void at_load() {
+  all();
+  pthread_atfork(before_fork, in_parent, in_child);
+}
+
+__attribute__((destructor)) void at_exit() {
+  guarded([start = Clock::now()]() -> int32_t {
+    for (const auto &link : all_links()) link->finish(start);
+    return KELVODRIX_OK;
+  });
+}
+
 int32_t send(uint32_t handle, const DrixSendDescriptor *descriptors, uint32_t count, uint32_t destination) {
   return guarded([&]() -> int32_t {
     std::shared_ptr<Link> link;
     {
-      std::lock_guard lock(all().mutex);
+      std::lock_guard lock(process_mutex);
       const Channel *channel = all().find(handle);
       if (channel == nullptr) return KELVODRIX_ERR_HANDLE;
       if (count == 0) return KELVODRIX_OK;
@@ -64,7 +141,10 @@ int32_t send(uint32_t handle, const DrixSendDescriptor *descriptors, uint32_t co
       if (found == channel->links.end()) return KELVODRIX_ERR_DESTINATION;
       link = found->second;
     }
-    return link->send({descriptors, count});
+    bool left = false;
+    const int32_t status = link->send({descriptors, count}, left);
+    if (left && pump_wanted.exchange(1) == 0) pump_wanted.notify_one();
+    return status;
   });
 }
 
@@ -77,7 +157,7 @@ int32_t flush(uint32_t handle, uint32_t timeout_ms, uint64_t *undelivered, bool 
     for (const auto &[number, link] : links) link->settle(until, close && until == Deadline(), total);
   };
   {
-    std::lock_guard lock(all().mutex);
+    std::lock_guard lock(process_mutex);
     const Channel *channel = all().find(handle);
     if (channel == nullptr) return KELVODRIX_ERR_HANDLE;
     links = channel->links;
@@ -87,7 +167,7 @@ int32_t flush(uint32_t handle, uint32_t timeout_ms, uint64_t *undelivered, bool 
 
   std::vector<DrixResourceCleanFunc> hooks;
   if (close) {
-    std::lock_guard lock(all().mutex);
+    std::lock_guard lock(process_mutex);
     Channel *channel = all().find(handle);
     if (channel == nullptr) return KELVODRIX_ERR_HANDLE;
     links.swap(channel->links);
@@ -123,7 +203,8 @@ int32_t kelvodrix_open(const char *endpoint, const kelvodrix_options *options, u
     Endpoint parsed;
     if (const int32_t status = parse_endpoint(endpoint, parsed); status != KELVODRIX_OK) return status;
     Channel channel{chosen, {{kDefaultDestination, std::make_shared<Link>(parsed, chosen)}}};
-    std::lock_guard lock(all().mutex);
+    std::lock_guard lock(process_mutex);
+    start_pump();
     const uint32_t number = all().next_number();
     all().open.emplace(number, std::move(channel));
     *handle = number;
@@ -136,7 +217,7 @@ int32_t kelvodrix_destination(uint32_t handle, const char *endpoint, uint32_t *d
     if (destination == nullptr) return KELVODRIX_ERR_INVALID;
     Endpoint parsed;
     if (const int32_t status = parse_endpoint(endpoint, parsed); status != KELVODRIX_OK) return status;
-    std::lock_guard lock(all().mutex);
+    std::lock_guard lock(process_mutex);
     Channel *channel = all().find(handle);
     if (channel == nullptr) return KELVODRIX_ERR_HANDLE;
     const uint32_t number = all().next_number();
@@ -157,7 +238,7 @@ int32_t kelvodrix_close(uint32_t handle, uint32_t timeout_ms, uint64_t *undelive
 int32_t DRIX_RegIDLResorceCleanFuncHook(DrixResourceCleanFunc clean) {
   return guarded([&]() -> int32_t {
     if (clean == nullptr) return KELVODRIX_ERR_INVALID;
-    std::lock_guard lock(all().mutex);
+    std::lock_guard lock(process_mutex);
     std::vector<DrixResourceCleanFunc> &hooks = all().clean_hooks;
     if (std::find(hooks.begin(), hooks.end(), clean) == hooks.end()) hooks.push_back(clean);
     return KELVODRIX_OK;

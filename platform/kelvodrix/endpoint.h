@@ -3,6 +3,8 @@
 #define KELVODRIX_ENDPOINT_H
 
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <string>
@@ -33,21 +35,17 @@ class Fd {
 };
 
 struct Endpoint {
-  sockaddr_storage address{};
+  sockaddr_un address{};
   socklen_t length = 0;
 
   const sockaddr *get() const { return reinterpret_cast<const sockaddr *>(&address); }
-  std::string path() const;  // empty unless it is an ipc endpoint
+  std::string path() const { return address.sun_path; }  // empty for an inproc endpoint
 };
 
 int32_t parse_endpoint(const char *text, Endpoint &endpoint);
 
-// Connects, with a socket of its own making when there is none yet. Returns 0 or what is wrong; EINPROGRESS and
-// EALREADY when it has to be called again to learn.
+// Returns 0, with a connection to somebody who may be talked to, or what is wrong.
 int connect(const Endpoint &endpoint, Fd &fd);
-
-// Whether to talk to the other end at all.
-bool trusted(const Fd &fd);
 
 // The status for an error of the operating system while a socket was made ready.
 int32_t status_of(int error, int32_t otherwise);
@@ -68,8 +66,10 @@ class Listener {
  private:
   int32_t take_path(const Endpoint &endpoint);
 
-  std::string path_;  // of the socket file once it is ours
-  Fd lock_, socket_;
+  std::string path_, lock_path_;
+  struct stat file_ {
+  }, lock_file_{};  // what we have made there; somebody may since have removed it, and another receiver come
+  Fd socket_, lock_;
 };
 
 }  // namespace kelvodrix

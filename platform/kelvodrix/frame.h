@@ -2,7 +2,8 @@
 //
 //   sender to receiver: frames     u32 length of the whole frame, u32 magic, u64 number, u32 count,
 //                                  then count times: u32 id, u32 length, length bytes
-//   receiver to sender: u64        the number up to which all frames of this connection are handled
+//   receiver to sender: u64        the number up to which all frames of this connection are handled; the kernel takes
+//                                  so few bytes whole or not at all
 //
 // The frames of a connection are numbered 1, 2, 3, ...
 #ifndef KELVODRIX_FRAME_H

@@ -1,4 +1,4 @@
-/* libkelvodrix: a stand-in for the platform's message bus, over plain stream sockets.
+/* libkelvodrix: a stand-in for the platform's message bus between the processes of one host, over plain stream sockets.
  *
  * It provides the four functions that libdrix_fib6 imports (drix_bus.h) and, declared here, what a process needs beside
  * them: channels to send on and receivers to receive with.
@@ -8,8 +8,6 @@
  *   ipc://PATH, or PATH with a slash   between a user's processes (and root's) on one host; a socket file with a lock
  *                                      file beside it, which go with the receiver
  *   NAME                               the same in a folder of the user's own, /tmp/kelvodrix-UID
- *   tcp://ADDRESS:PORT                 on one host, to any of its users: ADDRESS is 127.x.x.x or [::1]
- *   tcp-open://ADDRESS:PORT            between hosts, readable and writable by anybody who can reach the port
  *   inproc://NAME                      inside a process
  *
  * Delivery. One DRIX_SendMsg or DRIX_SendToMsg call travels as one frame, whole or not at all. Frames to one endpoint
@@ -20,14 +18,19 @@
  * when it ends, because the receiver was destroyed or killed, stays counted as undelivered. The next send connects
  * again. Nothing is sent twice.
  *
+ * A process that ends with open channels, by exit() or the return of main, still gives to the operating system what its
+ * sends have left, and waits for room as long as a send on the channel would. What is then handled nobody counts; only
+ * a flush or kelvodrix_close tells. A process that is killed, or calls _exit or exec, leaves such frames unsent.
+ *
  * Bounds. A channel keeps at most its window of unacknowledged frames and bytes per endpoint, a receiver at most one
- * unfinished frame per connection, and no frame is larger than KELVODRIX_MAX_FRAME_BYTES or holds more than
- * KELVODRIX_MAX_FRAME_MESSAGES, which also bounds what its decoding may log. A peer that sends anything malformed is
- * disconnected.
+ * unfinished frame per connection and 256 KiB for an idle one, and no frame is larger than
+ * KELVODRIX_MAX_FRAME_BYTES or holds more than KELVODRIX_MAX_FRAME_MESSAGES, which also bounds what its decoding may
+ * log. A peer that sends anything malformed is disconnected.
  *
  * All functions may be called from any thread; none but kelvodrix_run is a cancellation point. A process that opens a
- * channel gets one thread, which takes no signals. Channels and receivers do not survive fork(): a child opens its own,
- * and keeps its parent's endpoints taken until it ends or calls exec.
+ * channel gets one thread, which takes no signals; the library cannot be unloaded. Channels and receivers do not
+ * survive fork(): a child, which may be made at any time, knows none of its parent's channels, opens its own, and keeps
+ * its parent's endpoints taken until it ends or calls exec.
  */
 #ifndef KELVODRIX_H
 #define KELVODRIX_H
@@ -50,8 +53,8 @@ typedef enum kelvodrix_status {
   KELVODRIX_ERR_INVALID = -2,     /* a null or out-of-range argument */
   KELVODRIX_ERR_HANDLE = -3,      /* no such open channel */
   KELVODRIX_ERR_DESTINATION = -4, /* the channel has no such destination */
-  KELVODRIX_ERR_ENDPOINT = -5,    /* malformed endpoint, host name, port above 65535, unknown transport */
-  KELVODRIX_ERR_BIND = -6,        /* the endpoint cannot be bound: no such directory, not writable, no such address */
+  KELVODRIX_ERR_ENDPOINT = -5,    /* malformed endpoint or unknown transport */
+  KELVODRIX_ERR_BIND = -6,        /* the endpoint cannot be bound: no such directory, not writable, another file */
   KELVODRIX_ERR_IN_USE = -7,      /* another receiver is bound to the endpoint */
   KELVODRIX_ERR_NO_RECEIVER = -8, /* nobody was connected within the send timeout; nothing was queued */
   KELVODRIX_ERR_WINDOW = -9,      /* window or connection stayed full for the send timeout; nothing was queued */
@@ -61,9 +64,8 @@ typedef enum kelvodrix_status {
   KELVODRIX_ERR_BUSY = -13,       /* the receiver's loop is running */
   KELVODRIX_ERR_NO_MEMORY = -14,  /* out of memory */
   KELVODRIX_ERR_SYSTEM = -15,     /* the operating system failed, or its file descriptors are used up */
-  KELVODRIX_ERR_OPEN = -16,       /* tcp:// beyond the host; tcp-open:// says that it is meant */
-  KELVODRIX_ERR_PATH = -17,       /* the endpoint's path or name is too long for a socket */
-  KELVODRIX_ERR_FOLDER = -18      /* the folder of named endpoints is another user's or open to others */
+  KELVODRIX_ERR_PATH = -16,       /* the endpoint's path or name is too long for a socket */
+  KELVODRIX_ERR_FOLDER = -17      /* the folder of named endpoints is another user's or open to others */
 } kelvodrix_status;
 
 /* A status in words: static text, also for numbers that are no status. */

@@ -1,16 +1,10 @@
 #include "link.h"
 
 #include <poll.h>
-#include <pthread.h>
-#include <signal.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <set>
-#include <system_error>
-#include <thread>
 
 namespace kelvodrix {
 
@@ -19,81 +13,21 @@ namespace {
 using namespace std::chrono_literals;
 using std::chrono::milliseconds;
 
-// A frame is written at once unless so many are under way: then it waits for others, up to so many bytes or until the
-// pump comes along.
+// A frame is written at once unless so many are under way: then it waits for others, up to so many bytes or until
+// somebody writes what is left.
 constexpr size_t kFramesToGather = 8;
 constexpr size_t kBytesToGather = 16 << 10;
 // While so many bytes wait for room in the connection, a send waits too: they are still in the caches when they are
 // written.
 constexpr size_t kMostUnwritten = 256 << 10;
+// A link that has written everything keeps no more memory.
+constexpr size_t kMostKept = 1 << 20;
 constexpr milliseconds kLookInterval(1), kRetryInterval(20);
 constexpr milliseconds kLongestWait(50);  // then a send looks whether its channel has been closed
 
 }  // namespace
 
-// The one thread of a sending process: writes what sends have left unwritten, to gather more or for want of room.
-class Pump {
- public:
-  // Of this process; lives for good.
-  static Pump &get() {
-    static std::mutex mutex;
-    static Pump *pump;
-    static pid_t owner;
-    std::lock_guard lock(mutex);
-    if (owner != getpid()) {  // also after fork(), which leaves threads behind
-      pump = new Pump;
-      owner = getpid();
-    }
-    return *pump;
-  }
-
-  // Has all links pumped soon, and again while one has more to write.
-  void wake() {
-    if (wanted_.exchange(1) == 0) wanted_.notify_one();
-  }
-
-  std::mutex mutex;  // guards the next; held while links are pumped
-  std::set<Link *> links;
-
- private:
-  Pump() {
-    sigset_t every, former;  // signals are for the process's own threads
-    sigfillset(&every);
-    pthread_sigmask(SIG_SETMASK, &every, &former);
-    pthread_t thread;
-    const int error = pthread_create(&thread, nullptr, run, this);
-    pthread_sigmask(SIG_SETMASK, &former, nullptr);
-    if (error != 0) throw std::system_error(error, std::generic_category());
-    pthread_detach(thread);
-  }
-
-  static void *run(void *self) {
-    auto &pump = *static_cast<Pump *>(self);
-    for (bool left = false;;) {
-      if (!left) pump.wanted_.wait(0);
-      std::this_thread::sleep_for(left ? 1ms : 100us);
-      pump.wanted_ = 0;
-      left = false;
-      std::lock_guard lock(pump.mutex);
-      for (Link *link : pump.links) left |= link->pump();
-    }
-  }
-
-  std::atomic<int> wanted_ = 0;
-};
-
-Link::Link(const Endpoint &endpoint, const kelvodrix_options &options)
-    : endpoint_(endpoint), options_(options), pump_(Pump::get()) {
-  std::lock_guard lock(pump_.mutex);
-  pump_.links.insert(this);
-}
-
-Link::~Link() {
-  std::lock_guard lock(pump_.mutex);
-  pump_.links.erase(this);
-}
-
-int32_t Link::send(std::span<const DrixSendDescriptor> messages) {
+int32_t Link::send(std::span<const DrixSendDescriptor> messages, bool &left) {
   const size_t limit = std::min(KELVODRIX_MAX_FRAME_BYTES, options_.window_bytes);
   size_t frame_bytes = kHeaderBytes;
   if (messages.size() > KELVODRIX_MAX_FRAME_MESSAGES) return KELVODRIX_ERR_TOO_BIG;
@@ -115,7 +49,7 @@ int32_t Link::send(std::span<const DrixSendDescriptor> messages) {
       undelivered_ -= messages.size();  // nobody will handle what was not written whole
       status = KELVODRIX_ERR_NO_RECEIVER;
     }
-    if (status == KELVODRIX_OK && unwritten() != 0) pump_.wake();
+    left = unwritten() != 0;
     if (status != KELVODRIX_ERR_NO_RECEIVER && status != KELVODRIX_ERR_WINDOW) return status;
     if (connected && !fd_ && std::exchange(again, false)) continue;  // to a receiver that was restarted
     if (Clock::now() >= deadline) return status;
@@ -123,9 +57,15 @@ int32_t Link::send(std::span<const DrixSendDescriptor> messages) {
   }
 }
 
-bool Link::pump() {
+bool Link::write_left() {
   std::lock_guard lock(mutex_);
   return !closed_ && write_out() == KELVODRIX_ERR_WINDOW;
+}
+
+void Link::finish(Deadline start) {
+  const Deadline deadline = start + milliseconds(options_.send_timeout_ms);
+  std::unique_lock lock(mutex_);
+  while (!closed_ && write_out() == KELVODRIX_ERR_WINDOW && Clock::now() < deadline) wait(lock, deadline);
 }
 
 void Link::settle(Deadline until, bool close, Undelivered &total) {
@@ -140,22 +80,17 @@ void Link::settle(Deadline until, bool close, Undelivered &total) {
   total.pending |= !in_flight_.empty();
 }
 
-int32_t Link::connect() {
-  if (fd_ && !connecting_) return KELVODRIX_OK;
-  if (!fd_) fd_ = std::make_shared<Fd>();
-  const int error = kelvodrix::connect(endpoint_, *fd_);
-  connecting_ = error == EINPROGRESS || error == EALREADY;
-  if (error == 0 && trusted(*fd_)) return KELVODRIX_OK;
-  if (!connecting_) fd_.reset();
-  return status_of(error, KELVODRIX_ERR_NO_RECEIVER);
-}
-
 void Link::disconnect() {
   fd_.reset();
   in_flight_.clear();
   in_flight_bytes_ = 0;
-  out_.clear();
-  sent_ = written_ = in_bytes_ = 0;
+  sent_ = 0;
+  drop_out();
+}
+
+void Link::drop_out() {
+  std::vector<uint8_t>().swap(out_);
+  written_ = 0;
 }
 
 bool Link::fits(size_t frame_bytes) const {
@@ -165,8 +100,12 @@ bool Link::fits(size_t frame_bytes) const {
 
 // Makes the frame one to be written when there are a connection and room.
 int32_t Link::append(std::span<const DrixSendDescriptor> messages, size_t frame_bytes) {
-  const int32_t status = connect();
-  if (status != KELVODRIX_OK) return status;
+  if (!fd_) {
+    auto fd = std::make_shared<Fd>();
+    const int error = connect(endpoint_, *fd);
+    if (error != 0) return status_of(error, KELVODRIX_ERR_NO_RECEIVER);
+    fd_ = fd;
+  }
   if (!fits(frame_bytes)) write_out();  // what is not written is not acknowledged either
   if (!fits(frame_bytes) || Clock::now() - last_look_ > kLookInterval) take_in();
   if (!fd_) return KELVODRIX_ERR_NO_RECEIVER;
@@ -207,24 +146,22 @@ int32_t Link::write_out() {
       return KELVODRIX_ERR_NO_RECEIVER;
     }
   }
+  if (out_.capacity() > kMostKept) drop_out();
   return KELVODRIX_OK;
 }
 
 // Reads acknowledgements. Ends the connection when the peer has, or when it acknowledges what it cannot have.
 void Link::take_in() {
   last_look_ = Clock::now();
-  for (bool more = fd_ && !connecting_; more;) {
-    const ssize_t count = recv(fd_->get(), &in_[in_bytes_], in_.size() - in_bytes_, MSG_DONTWAIT);
-    if (count < 0 && errno == EAGAIN) return;
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return disconnect();
-    in_bytes_ += static_cast<size_t>(count);
-    more = in_bytes_ == in_.size();
-    size_t at = 0;
-    for (; in_bytes_ - at >= kAcknowledgementBytes; at += kAcknowledgementBytes)
-      if (!acknowledge(load<uint64_t>(&in_[at]))) return disconnect();
-    in_bytes_ -= at;
-    std::memmove(in_.data(), &in_[at], in_bytes_);
+  uint8_t in[64 * kAcknowledgementBytes];
+  for (bool more = fd_ != nullptr; more;) {
+    const ssize_t count = recv(fd_->get(), in, sizeof(in), MSG_DONTWAIT);
+    if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
+    const size_t bytes = static_cast<size_t>(std::max<ssize_t>(count, 0));
+    if (bytes == 0 || bytes % kAcknowledgementBytes != 0) return disconnect();
+    for (size_t at = 0; at < bytes; at += kAcknowledgementBytes)
+      if (!acknowledge(load<uint64_t>(&in[at]))) return disconnect();
+    more = bytes == sizeof(in);
   }
 }
 
@@ -232,8 +169,10 @@ bool Link::acknowledge(uint64_t number) {
   const uint64_t before = sent_ - in_flight_.size();
   if (number <= before || number > sent_) return false;
   for (uint64_t left = number - before; left != 0; --left) {
-    undelivered_ -= in_flight_.front().messages;
-    in_flight_bytes_ -= in_flight_.front().bytes;
+    const Sent &frame = in_flight_.front();
+    if (in_flight_bytes_ - frame.bytes < unwritten()) return false;  // it is not even written whole
+    undelivered_ -= frame.messages;
+    in_flight_bytes_ -= frame.bytes;
     in_flight_.pop_front();
   }
   return true;
@@ -241,7 +180,7 @@ bool Link::acknowledge(uint64_t number) {
 
 void Link::wait(std::unique_lock<std::mutex> &lock, Deadline deadline) {
   const std::shared_ptr<Fd> fd = fd_;  // stays open, whatever others do meanwhile
-  const short events = connecting_ || unwritten() != 0 ? POLLIN | POLLOUT : POLLIN;
+  const short events = unwritten() != 0 ? POLLIN | POLLOUT : POLLIN;
   pollfd item = {fd ? fd->get() : -1, events, 0};  // without a connection it is time that has to pass
   const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now());
   lock.unlock();

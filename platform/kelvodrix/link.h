@@ -3,7 +3,6 @@
 #ifndef KELVODRIX_LINK_H
 #define KELVODRIX_LINK_H
 
-#include <array>
 #include <chrono>
 #include <deque>
 #include <memory>
@@ -24,23 +23,22 @@ struct Undelivered {
   bool pending = false;   // some of them may still be
 };
 
-class Pump;
-
 class Link {
  public:
-  Link(const Endpoint &endpoint, const kelvodrix_options &options);
-  ~Link();
-  Link(const Link &) = delete;
-  Link &operator=(const Link &) = delete;
+  Link(const Endpoint &endpoint, const kelvodrix_options &options) : endpoint_(endpoint), options_(options) {}
 
-  int32_t send(std::span<const DrixSendDescriptor> messages);
+  // Tells whether there is something left to be written.
+  int32_t send(std::span<const DrixSendDescriptor> messages, bool &left);
 
   // Writes and reads what there is until everything is acknowledged or lost, or until then. Adds what is not
   // acknowledged to the total. To close it means that it sends nothing from now on.
   void settle(Deadline until, bool close, Undelivered &total);
 
-  // For the pump: writes what there is; true while that is not all.
-  bool pump();
+  // Writes what there is; true while that is not all.
+  bool write_left();
+
+  // Writes all that there is, unless the receiver leaves no room for it for as long as a send may wait.
+  void finish(Deadline start);
 
  private:
   struct Sent {
@@ -49,8 +47,8 @@ class Link {
   };
 
   // All of these are called with the mutex locked.
-  int32_t connect();
   void disconnect();
+  void drop_out();
   int32_t append(std::span<const DrixSendDescriptor> messages, size_t frame_bytes);
   int32_t write_out();
   void take_in();
@@ -61,21 +59,17 @@ class Link {
 
   const Endpoint endpoint_;
   const kelvodrix_options options_;
-  Pump &pump_;
 
   std::mutex mutex_;  // guards what follows; let go while somebody waits
   bool closed_ = false;
-  std::shared_ptr<Fd> fd_;  // shared with those who wait; null: not connected
-  bool connecting_ = false;
+  std::shared_ptr<Fd> fd_;      // shared with those who wait; null: not connected
   uint64_t sent_ = 0;           // number of the last frame for this connection
   std::deque<Sent> in_flight_;  // the frames up to there that are not acknowledged
   size_t in_flight_bytes_ = 0;
   uint64_t undelivered_ = 0;  // messages, those of former connections included
   std::vector<uint8_t> out_;  // the last frames, and how much of them is written
   size_t written_ = 0;
-  std::array<uint8_t, 64 * kAcknowledgementBytes> in_;
-  size_t in_bytes_ = 0;  // of an acknowledgement that has not arrived whole
-  Deadline last_look_;   // for acknowledgements
+  Deadline last_look_;  // for acknowledgements
 };
 
 }  // namespace kelvodrix

@@ -16,6 +16,7 @@
 
 #include "endpoint.h"
 #include "frame.h"
+#include "process.h"
 #include "status.h"
 
 namespace kelvodrix {
@@ -23,6 +24,7 @@ namespace kelvodrix {
 namespace {
 
 constexpr size_t kChunkBytes = 64 << 10;
+constexpr size_t kMostKept = 256 << 10;      // bytes of memory for a connection that waits for its next frame
 constexpr uint64_t kMaxUnacknowledged = 64;  // frames
 // How long a receiver without file descriptors to spare leaves new connections to the kernel.
 constexpr int kAcceptAgainMs = 100;
@@ -37,24 +39,14 @@ struct Subscription {
   void *context = nullptr;
 };
 
-// By message ID. Thread safe.
 template <typename Value>
-class Table {
- public:
-  void set(uint32_t id, Value value) {
-    std::lock_guard lock(mutex_);
-    values_[id] = value;
-  }
-  Value get(uint32_t id) const {
-    std::lock_guard lock(mutex_);
-    const auto found = values_.find(id);
-    return found != values_.end() ? found->second : Value{};
-  }
+using Table = std::unordered_map<uint32_t, Value>;  // by message ID
 
- private:
-  mutable std::mutex mutex_;
-  std::unordered_map<uint32_t, Value> values_;
-};
+template <typename Value>
+Value look_up(const Table<Value> &table, uint32_t id) {
+  const auto found = table.find(id);
+  return found != table.end() ? found->second : Value{};
+}
 
 // Never destroyed: threads may still be receiving while the process exits.
 Table<Decoder> &decoders() {
@@ -62,12 +54,26 @@ Table<Decoder> &decoders() {
   return instance;
 }
 
+// Counts the changes of all tables, so that a loop looks into them no more often than it has to.
+std::atomic<uint32_t> changes = 1;
+
+template <typename Value>
+void change(Table<Value> &table, uint32_t id, Value value) {
+  std::lock_guard lock(process_mutex);
+  table[id] = value;
+  ++changes;
+}
+
+// What the loop does with the messages that have an ID, as of so many changes.
+struct Handling : Decoder, Subscription {
+  uint32_t id = 0, changes = 0;
+};
+
 struct Connection {
   Fd fd;
   std::vector<uint8_t> rest;  // what has arrived and is not handled: less than a frame unless the loop was stopped
   uint64_t handled = 0;       // frames
-  uint64_t acknowledged = 0;  // the last number that was given to the connection
-  size_t unwritten = 0;       // bytes of it
+  uint64_t acknowledged = 0;  // frames
 };
 
 }  // namespace
@@ -92,7 +98,7 @@ struct kelvodrix_receiver {
     } running{running_};
     cancel_state_ = cancel_state;
 
-    for (Connection &each : connections_) handle(each);  // what a stop has left
+    for (Connection &each : connections_) handle(each, each.rest);  // what a stop has left
     std::vector<pollfd> items;
     for (bool full = false; !stopped_;) {
       std::erase_if(connections_, [](const Connection &each) { return !each.fd; });
@@ -104,6 +110,8 @@ struct kelvodrix_receiver {
         if (poll(items.data(), items.size(), full ? kAcceptAgainMs : -1) < 0 && errno != EINTR)
           return KELVODRIX_ERR_SYSTEM;
       }
+      uint64_t count;  // a stop may write after the loop that it has ended
+      [[maybe_unused]] const ssize_t got = items[0].revents != 0 ? read(wake_up_.get(), &count, sizeof(count)) : 0;
       size_t at = 2;
       for (Connection &each : connections_) {
         const short events = items[at++].revents;
@@ -112,8 +120,6 @@ struct kelvodrix_receiver {
       }
       full = items[1].revents != 0 && !accept();
     }
-    uint64_t count;
-    [[maybe_unused]] const ssize_t got = read(wake_up_.get(), &count, sizeof(count));
     stopped_ = false;
     return KELVODRIX_OK;
   }
@@ -128,7 +134,7 @@ struct kelvodrix_receiver {
 
   bool running() const { return running_; }
 
-  Table<Subscription> subscriptions;
+  void subscribe(uint32_t id, Subscription subscription) { change(subscriptions_, id, subscription); }
 
   kelvodrix_counters counters() const {
     std::lock_guard lock(mutex_);
@@ -143,20 +149,29 @@ struct kelvodrix_receiver {
   }
 
   void receive(Connection &from) {
-    const ssize_t count = recv(from.fd.get(), chunk_.data(), chunk_.size(), MSG_DONTWAIT);
+    std::vector<uint8_t> &rest = from.rest;
+    // A large frame is taken in alone, into as much memory as it needs.
+    const size_t whole = rest.size() >= sizeof(uint32_t) ? load<uint32_t>(rest.data()) : 0;
+    const size_t most = whole > kMostKept ? std::min(whole - rest.size(), chunk_.size()) : chunk_.size();
+    const ssize_t count = recv(from.fd.get(), chunk_.data(), most, MSG_DONTWAIT);
     if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
     if (count <= 0) return from.fd.reset();  // an unfinished frame goes with its connection
     const int32_t status = guarded([&]() -> int32_t {
-      from.rest.insert(from.rest.end(), chunk_.begin(), chunk_.begin() + count);
+      const std::span<const uint8_t> arrived(chunk_.data(), static_cast<size_t>(count));
+      if (rest.empty()) {
+        handle(from, arrived);
+      } else {
+        rest.reserve(std::max(whole, rest.size() + arrived.size()));
+        rest.insert(rest.end(), arrived.begin(), arrived.end());
+        handle(from, rest);
+      }
       return KELVODRIX_OK;
     });
-    if (status != KELVODRIX_OK) return from.fd.reset();  // what it has not acknowledged stays counted at the sender
-    handle(from);
+    if (status != KELVODRIX_OK) from.fd.reset();  // what it has not acknowledged stays counted at the sender
   }
 
-  // Handles the whole frames that there are.
-  void handle(Connection &from) {
-    std::span<const uint8_t> bytes = from.rest;
+  // Handles the whole frames among the bytes and keeps what is left.
+  void handle(Connection &from, std::span<const uint8_t> bytes) {
     while (!stopped_ && from.fd && bytes.size() >= sizeof(uint32_t)) {
       const auto length = load<uint32_t>(bytes.data());
       const bool possible = length >= kHeaderBytes && length <= KELVODRIX_MAX_FRAME_BYTES;
@@ -167,10 +182,13 @@ struct kelvodrix_receiver {
       if (++from.handled - from.acknowledged == kMaxUnacknowledged) acknowledge(from);
     }
     acknowledge(from);
-    if (bytes.empty())
-      from.rest = {};  // may have been large
+    std::vector<uint8_t> &rest = from.rest;
+    if (bytes.size() == rest.size()) return;
+    if (rest.empty())
+      rest.assign(bytes.begin(), bytes.end());
     else
-      from.rest.erase(from.rest.begin(), from.rest.end() - static_cast<ptrdiff_t>(bytes.size()));
+      rest.erase(rest.begin(), rest.end() - static_cast<ptrdiff_t>(bytes.size()));
+    if (rest.capacity() > kMostKept) rest.shrink_to_fit();
   }
 
   static bool well_formed(std::span<const uint8_t> frame, uint64_t number) {
@@ -193,20 +211,28 @@ struct kelvodrix_receiver {
 
   // Returns the counter for what became of the message.
   uint64_t &deliver(uint32_t id, const uint8_t *bytes, uint32_t length) {
-    const auto [decode, release] = decoders().get(id);
-    if (decode == nullptr) return tally_.unknown_id;
-    const auto [subscriber, context] = subscriptions.get(id);
-    if (subscriber == nullptr) return tally_.no_subscriber;
+    const Handling &handling = look_up(id);
+    if (handling.decode == nullptr) return tally_.unknown_id;
+    if (handling.subscriber == nullptr) return tally_.no_subscriber;
     // The decoder leaves the record alone when it rejects the message, and it has to be fit for the release function
     // then as well.
     std::memset(record_.data(), 0, record_bytes_);
-    record_bytes_ = std::min(decode(bytes, length, record_.data()), KELVODRIX_MAX_RECORD_BYTES);
-    const std::unique_ptr<void, DrixReleaseFunc> record(record_.data(), release);
-    const auto call = [&, subscriber = subscriber, context = context]() -> int32_t {
-      subscriber(context, id, record.get(), record_bytes_);
+    record_bytes_ = std::min(handling.decode(bytes, length, record_.data()), KELVODRIX_MAX_RECORD_BYTES);
+    const std::unique_ptr<void, DrixReleaseFunc> record(record_.data(), handling.release);
+    const auto call = [&]() -> int32_t {
+      handling.subscriber(handling.context, id, record.get(), record_bytes_);
       return KELVODRIX_OK;
     };
     return guarded(call, cancel_state_) == KELVODRIX_OK ? tally_.delivered : tally_.failed;
+  }
+
+  const Handling &look_up(uint32_t id) {
+    const uint32_t now = changes;
+    if (id != handling_.id || now != handling_.changes) {
+      std::lock_guard lock(process_mutex);
+      handling_ = {kelvodrix::look_up(decoders(), id), kelvodrix::look_up(subscriptions_, id), id, now};
+    }
+    return handling_;
   }
 
   // Ends the connection for a reason that has a counter.
@@ -217,21 +243,16 @@ struct kelvodrix_receiver {
     from.fd.reset();
   }
 
-  static bool owes(const Connection &to) { return to.unwritten != 0 || to.acknowledged != to.handled; }
+  static bool owes(const Connection &to) { return to.acknowledged != to.handled; }
 
   // What a slow sender leaves no room for is written later; one that is gone shows when it is read from.
   static void acknowledge(Connection &to) {
+    uint8_t bytes[kAcknowledgementBytes];
+    store(bytes, to.handled);
     while (owes(to)) {
-      if (to.unwritten == 0) {
-        to.acknowledged = to.handled;
-        to.unwritten = kAcknowledgementBytes;
-      }
-      uint8_t bytes[kAcknowledgementBytes];
-      const uint8_t *const end = store(bytes, to.acknowledged);
-      const ssize_t count = send(to.fd.get(), end - to.unwritten, to.unwritten, MSG_DONTWAIT | MSG_NOSIGNAL);
+      const ssize_t count = send(to.fd.get(), bytes, sizeof(bytes), MSG_DONTWAIT | MSG_NOSIGNAL);
       if (count < 0 && errno == EAGAIN) return;
-      if (count < 0 && errno != EINTR) to.unwritten = 0;
-      if (count > 0) to.unwritten -= static_cast<size_t>(count);
+      if (count >= 0 || errno != EINTR) to.acknowledged = to.handled;
     }
   }
 
@@ -246,10 +267,12 @@ struct kelvodrix_receiver {
 
   mutable std::mutex mutex_;  // guards the next
   kelvodrix_counters counters_{};
+  Table<Subscription> subscriptions_;  // guarded by the process's lock
 
   // The loop's own.
   int cancel_state_ = PTHREAD_CANCEL_ENABLE;
   std::list<Connection> connections_;
+  Handling handling_;  // of the last message
   kelvodrix_counters tally_{};
   uint32_t record_bytes_ = KELVODRIX_MAX_RECORD_BYTES;  // of the last record
   alignas(std::max_align_t) std::array<uint8_t, KELVODRIX_MAX_RECORD_BYTES> record_;
@@ -273,7 +296,7 @@ int32_t kelvodrix_receiver_create(const char *endpoint, kelvodrix_receiver **rec
 int32_t kelvodrix_subscribe(kelvodrix_receiver *receiver, uint32_t id, kelvodrix_subscriber subscriber, void *context) {
   return guarded([&]() -> int32_t {
     if (receiver == nullptr) return KELVODRIX_ERR_INVALID;
-    receiver->subscriptions.set(id, {subscriber, context});
+    receiver->subscribe(id, {subscriber, context});
     return KELVODRIX_OK;
   });
 }
@@ -302,7 +325,7 @@ int32_t kelvodrix_receiver_destroy(kelvodrix_receiver *receiver) {
 int32_t DRIX_RegIDLFuncHook(uint32_t id, DrixDecodeFunc decode, DrixReleaseFunc release) {
   return guarded([&]() -> int32_t {
     if (decode == nullptr || release == nullptr) return KELVODRIX_ERR_INVALID;
-    decoders().set(id, {decode, release});
+    change(decoders(), id, {decode, release});
     return KELVODRIX_OK;
   });
 }

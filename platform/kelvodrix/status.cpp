@@ -20,7 +20,6 @@ const char *kelvodrix_strerror(int32_t status) {
       "receive loop running",
       "out of memory",
       "system failure",
-      "tcp beyond this host is open to anybody: say tcp-open:// if that is meant",
       "path of the endpoint too long",
       "the folder of named endpoints belongs to somebody else or is open to others",
   };

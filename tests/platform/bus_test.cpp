@@ -1,6 +1,10 @@
 // The bus between threads, between processes, and against peers that break its rules.
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
+#include <malloc.h>
+#include <pthread.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -10,13 +14,16 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fstream>
 #include <functional>
 #include <map>
 #include <memory>
+#include <new>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -41,6 +48,12 @@ struct Record {
 std::atomic<int> live_records;
 int hook_calls;
 kelvodrix_receiver *stopped_by_signal;
+std::atomic<size_t> heap_bytes, heap_peak;  // that the program holds and has held, the library included
+// Set in a thread: it tells when it is about to write, and waits until it may.
+struct Gate {
+  std::atomic<bool> reached = false, open = false;
+};
+thread_local Gate *gate;
 
 uint32_t decode(const uint8_t *buffer, uint32_t length, void *to) {
   auto *record = static_cast<Record *>(to);
@@ -54,11 +67,10 @@ void release(void *of) {
   if (static_cast<Record *>(of)->decoded != nullptr) --*static_cast<Record *>(of)->decoded;
 }
 
-// Below the ports that the kernel gives to connecting sockets; tests that run at the same time differ.
-std::string endpoint(const std::string &transport, uint16_t number = 0) {
-  const int port = 10000 + getpid() % 2500 * 8 + number;
-  if (transport == "tcp") return "tcp://127.0.0.1:" + std::to_string(port);
-  return transport + "://" + (transport == "ipc" ? testing::TempDir() : "") + "kelvodrix_" + std::to_string(port);
+// Tests that run at the same time differ.
+std::string endpoint(const std::string &transport, int number = 0) {
+  const std::string name = "kelvodrix_" + std::to_string(getpid()) + '_' + std::to_string(number);
+  return transport + "://" + (transport == "ipc" ? testing::TempDir() : "") + name;
 }
 
 Numbers range(uint32_t from, uint32_t to) {
@@ -116,6 +128,21 @@ struct Receiver {
     kelvodrix_get_counters(receiver, &now);
     return now;
   }
+  // Whether the loop, with nothing to do, takes processor time as this thread does.
+  bool spins() {
+    clockid_t clocks[2];
+    EXPECT_EQ(pthread_getcpuclockid(loop.native_handle(), &clocks[0]), 0);
+    EXPECT_EQ(pthread_getcpuclockid(pthread_self(), &clocks[1]), 0);
+    const auto used_ms = [&](int clock) {
+      timespec now;
+      clock_gettime(clocks[clock], &now);
+      return now.tv_sec * 1000 + now.tv_nsec / 1000000;
+    };
+    const auto loop_before = used_ms(0), before = used_ms(1);
+    while (used_ms(1) < before + 100) {
+    }
+    return used_ms(0) > loop_before + 20;
+  }
   // AddressSanitizer does not see a cancelled function's variables go.
   __attribute__((no_sanitize("address"))) static void note(void *context, uint32_t, const void *of, uint32_t size) {
     EXPECT_EQ(size, sizeof(Record));
@@ -138,24 +165,11 @@ int32_t create(const std::string &at) {
   return kelvodrix_receiver_create(at.c_str(), &none);
 }
 
-// How many ends of connections find out by themselves that the other host is gone.
-int count_watched() {
-  int count = 0;
-  for (int fd = 0; fd < 1024; ++fd) {
-    int alive = 0;
-    sockaddr_storage peer;
-    socklen_t size = sizeof(alive), peer_size = sizeof(peer);
-    count += getpeername(fd, reinterpret_cast<sockaddr *>(&peer), &peer_size) == 0 &&
-             getsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &alive, &size) == 0 && alive != 0;
-  }
-  return count;
-}
-
 class Transport : public testing::TestWithParam<const char *> {
  protected:
   const std::string at = endpoint(GetParam()), elsewhere = endpoint(GetParam(), 1);
 };
-INSTANTIATE_TEST_SUITE_P(Bus, Transport, testing::Values("inproc", "ipc", "tcp"));
+INSTANTIATE_TEST_SUITE_P(Bus, Transport, testing::Values("inproc", "ipc"));
 
 TEST_P(Transport, DeliversInOrderAndKeepsDestinationsApart) {
   Receiver receiver(at), other(elsewhere);
@@ -169,7 +183,6 @@ TEST_P(Transport, DeliversInOrderAndKeepsDestinationsApart) {
   EXPECT_EQ(sender.send({2}, destination), KELVODRIX_OK);
   EXPECT_EQ(stranger.send({3}, destination), KELVODRIX_ERR_DESTINATION);
   EXPECT_EQ(sender.flush(), kAllDelivered);
-  EXPECT_EQ(count_watched(), at.starts_with("tcp") ? 4 : 0);
   std::vector<std::thread> threads;
   for (uint32_t thread = 1; thread < 5; ++thread)
     threads.emplace_back([&, thread] {
@@ -195,6 +208,8 @@ TEST_P(Transport, SlowReceiverFillsTheWindowAndARestartedOneAnswersForItself) {
   EXPECT_EQ(sender.send({99}), KELVODRIX_ERR_WINDOW);
   EXPECT_EQ(sender.flush(20), Undelivered(KELVODRIX_ERR_PENDING, 4));
   EXPECT_EQ(small.send(Numbers(10, 7)), KELVODRIX_ERR_TOO_BIG);
+  DrixSendDescriptor huge = {message.address, kId, UINT32_MAX - 20};
+  EXPECT_EQ(DRIX_SendMsg(small.handle, &huge, 1), KELVODRIX_ERR_TOO_BIG);
   first->start();
   // Also what was not written yet arrives without a further call.
   EXPECT_TRUE(eventually([&] { return first->counters().delivered == 4; }));
@@ -244,25 +259,108 @@ struct Child {
 };
 
 TEST(Bus, PausedReceiverLosesNothingAndAKilledOneLeavesItsMessagesCounted) {
-  for (const std::string transport : {"ipc", "tcp"}) {
-    const std::string at = endpoint(transport);
-    auto first = std::make_unique<Child>(at);
-    Sender sender(at, {kLong, 64, 1 << 20});
-    EXPECT_EQ(sender.send({0, 1}), KELVODRIX_OK);
-    EXPECT_EQ(sender.flush(), kAllDelivered);
-    kill(first->pid, SIGSTOP);
-    for (uint32_t i = 0; i < 60; ++i) EXPECT_EQ(sender.send(Numbers(1000)), KELVODRIX_OK);
-    EXPECT_EQ(sender.flush(transport == "tcp" ? 4000 : 20), Undelivered(KELVODRIX_ERR_PENDING, 60000));
-    kill(first->pid, SIGCONT);
-    EXPECT_EQ(sender.flush(), kAllDelivered);
-    EXPECT_EQ(sender.send({4, 5}), KELVODRIX_OK);  // it hangs in that
-    EXPECT_EQ(sender.send({6}), KELVODRIX_OK);
-    EXPECT_EQ(sender.flush(20), Undelivered(KELVODRIX_ERR_PENDING, 3));
-    first.reset();
-    EXPECT_EQ(sender.flush(), Undelivered(KELVODRIX_ERR_LOST, 3));
-    const Child second(at);  // an ipc one replaces what the first has left
-    EXPECT_EQ(sender.send({7}), KELVODRIX_OK);
-    EXPECT_EQ(sender.flush(), Undelivered(KELVODRIX_ERR_LOST, 3));
+  const std::string at = endpoint("ipc");
+  auto first = std::make_unique<Child>(at);
+  Sender sender(at, {kLong, 64, 1 << 20});
+  EXPECT_EQ(sender.send({0, 1}), KELVODRIX_OK);
+  EXPECT_EQ(sender.flush(), kAllDelivered);
+  kill(first->pid, SIGSTOP);
+  for (uint32_t i = 0; i < 60; ++i) EXPECT_EQ(sender.send(Numbers(1000)), KELVODRIX_OK);
+  EXPECT_EQ(sender.flush(20), Undelivered(KELVODRIX_ERR_PENDING, 60000));
+  kill(first->pid, SIGCONT);
+  EXPECT_EQ(sender.flush(), kAllDelivered);
+  EXPECT_EQ(sender.send({4, 5}), KELVODRIX_OK);  // it hangs in that
+  EXPECT_EQ(sender.send({6}), KELVODRIX_OK);
+  EXPECT_EQ(sender.flush(20), Undelivered(KELVODRIX_ERR_PENDING, 3));
+  first.reset();
+  EXPECT_EQ(sender.flush(), Undelivered(KELVODRIX_ERR_LOST, 3));
+  const Child second(at);  // it replaces what the first has left
+  EXPECT_EQ(sender.send({7}), KELVODRIX_OK);
+  EXPECT_EQ(sender.flush(), Undelivered(KELVODRIX_ERR_LOST, 3));
+}
+
+TEST(Bus, ForkLeavesAChildABusThatWorks) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "ThreadSanitizer bears no threads in such children";
+#endif
+  const std::string at = endpoint("ipc");
+  Receiver receiver(at);
+  const Sender sender(at);
+  std::atomic<bool> done = false;
+  std::vector<std::thread> threads;
+  for (const std::function<int32_t()> &call : std::initializer_list<std::function<int32_t()>>{
+           [&] { return sender.send({1}); },
+           [] { return DRIX_RegIDLFuncHook(kOtherId, decode, release); },
+           // Does little else than to hold the lock.
+           [] { return DRIX_SendMsg(~0u, nullptr, 0) == KELVODRIX_ERR_HANDLE ? KELVODRIX_OK : -1; },
+       })
+    threads.emplace_back([&done, call] {
+      while (!done) ASSERT_EQ(call(), KELVODRIX_OK);
+    });
+  int status = 0;
+  for (int i = 0; i < 100 && status == 0; ++i) {
+    const pid_t child = fork();
+    if (child == 0) {
+      alarm(kLong / 1000);  // should it hang
+      const kelvodrix_options options = {kLong, 256, 1 << 20};
+      uint32_t handle = 0, number = 2;
+      DrixSendDescriptor message = {reinterpret_cast<uintptr_t>(&number), kId, sizeof(number)};
+      const bool works = DRIX_SendMsg(sender.handle, &message, 1) == KELVODRIX_ERR_HANDLE &&
+                         DRIX_RegIDLFuncHook(kOtherId, decode, release) == KELVODRIX_OK &&
+                         kelvodrix_open(at.c_str(), &options, &handle) == KELVODRIX_OK && handle != sender.handle &&
+                         DRIX_SendMsg(handle, &message, 1) == KELVODRIX_OK &&
+                         kelvodrix_close(handle, kLong, nullptr) == KELVODRIX_OK;
+      _exit(works ? 0 : 1);
+    }
+    waitpid(child, &status, 0);
+  }
+  EXPECT_EQ(status, 0);
+  done = true;
+  for (std::thread &thread : threads) thread.join();
+  EXPECT_EQ(sender.flush(), kAllDelivered);
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(kLong / 1000);
+    const Sender own(at);
+    for (uint32_t i = 0; i < 40; ++i) own.send({i}, 0, kUnknownId);
+    for (;;) pause();  // others have to write what is left
+  }
+  EXPECT_TRUE(eventually([&] { return receiver.counters().unknown_id == 40; }));
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+}
+
+TEST(Bus, ExitWritesWhatSendsHaveLeftAndWaitsNoLongerThanASend) {
+  for (uint32_t timeout_ms : {0u, kLong}) {
+    Receiver receiver(endpoint("ipc"), false);
+    static int exiting[2];
+    ASSERT_EQ(pipe(exiting), 0);
+    const std::string at = endpoint("ipc");
+    const pid_t child = fork();
+    if (child == 0) {
+      const Sender sender(at, {timeout_ms, 256, 16 << 20});
+      std::vector<uint8_t> large(4 << 20);  // more than a socket takes
+      DrixSendDescriptor message = {reinterpret_cast<uintptr_t>(large.data()), kId, 4 << 20};
+      int32_t status = KELVODRIX_OK;
+      for (uint32_t i = 1; i <= 40; ++i) status |= sender.send({i});
+      status |= DRIX_SendMsg(sender.handle, &message, 1);
+      atexit([] { close(exiting[1]); });
+      exit(status == KELVODRIX_OK ? 0 : 1);
+    }
+    close(exiting[1]);
+    char none;
+    int status = -1;
+    EXPECT_EQ(read(exiting[0], &none, 1), 0);  // it exits, and has room for no more
+    if (timeout_ms == 0) waitpid(child, &status, 0);
+    receiver.start();
+    if (timeout_ms != 0) waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    const uint64_t whole = timeout_ms == 0 ? 40 : 41;
+    EXPECT_TRUE(eventually([&] { return receiver.counters().delivered == whole; }));
+    receiver.stop();
+    receiver.numbers.resize(40);
+    EXPECT_EQ(receiver.numbers, range(1, 41));
+    close(exiting[0]);
   }
 }
 
@@ -294,6 +392,38 @@ TEST(Bus, CountsWhatBecameOfEachMessage) {
   EXPECT_EQ(std::memcmp(&counters, &expected, sizeof(expected)), 0);
   receiver.stop();
   EXPECT_EQ(receiver.numbers, (Numbers{1, kThrow, 3, 0, 0}));  // the rejected ones read as zero
+}
+
+TEST(Bus, RegistrationsHoldFromTheNextMessageOn) {
+  Receiver receiver(endpoint("ipc"));
+  const Sender sender(endpoint("ipc"));
+  static std::atomic<uint64_t> seen;
+  const auto other = [](void *context, uint32_t id, const void *of, uint32_t) {
+    seen = seen * 10 + static_cast<const Record *>(of)->number;
+    if (static_cast<const Record *>(of)->number == 3)
+      kelvodrix_subscribe(static_cast<kelvodrix_receiver *>(context), id, nullptr, nullptr);
+  };
+  EXPECT_EQ(DRIX_RegIDLFuncHook(kOtherId, decode, release), KELVODRIX_OK);
+  EXPECT_EQ(kelvodrix_subscribe(receiver.receiver, kOtherId, other, receiver.receiver), KELVODRIX_OK);
+  receiver.on_number = [](uint32_t number) {
+    const auto decode_nine = [](const uint8_t *, uint32_t, void *to) -> uint32_t {
+      *static_cast<Record *>(to) = {9, nullptr};
+      return sizeof(Record);
+    };
+    if (number == 5) DRIX_RegIDLFuncHook(kId, decode_nine, release);
+  };
+  // One frame: each number with its type.
+  std::vector<std::pair<uint32_t, uint32_t>> sent = {{kId, 1},        {kOtherId, 2}, {kOtherId, 3}, {kOtherId, 4},
+                                                     {kUnknownId, 4}, {kId, 5},      {kId, 6}};
+  std::vector<DrixSendDescriptor> messages;
+  for (auto &[id, number] : sent) messages.push_back({reinterpret_cast<uintptr_t>(&number), id, sizeof(number)});
+  EXPECT_EQ(DRIX_SendMsg(sender.handle, messages.data(), static_cast<uint32_t>(messages.size())), KELVODRIX_OK);
+  EXPECT_EQ(sender.flush(), kAllDelivered);
+  const kelvodrix_counters counters = receiver.counters(), expected = {1, 7, 5, 0, 1, 1, 0};
+  EXPECT_EQ(std::memcmp(&counters, &expected, sizeof(expected)), 0);
+  receiver.stop();
+  EXPECT_EQ(receiver.numbers, (Numbers{1, 5, 9}));
+  EXPECT_EQ(seen, 23u);
 }
 
 TEST(Bus, SubscriberMayEndItsThread) {
@@ -331,7 +461,7 @@ struct RawPeer {
     unlink(path.c_str());
   }
   // The other end may hang up at any time.
-  void send(const std::string &bytes) const {
+  void send(std::string_view bytes) const {
     ssize_t count = 1;
     for (size_t at = 0; at < bytes.size() && count > 0; at += static_cast<size_t>(count))
       count = ::send(fd, &bytes[at], bytes.size() - at, MSG_NOSIGNAL);
@@ -341,6 +471,11 @@ struct RawPeer {
     std::string bytes(size, '\0');
     const ssize_t count = recv(fd, bytes.data(), size, MSG_WAITALL);
     return bytes.substr(0, static_cast<size_t>(std::max<ssize_t>(count, 0)));
+  }
+  // Whether the other end has taken in all that was sent.
+  bool taken() const {
+    int left = 1;
+    return ioctl(fd, SIOCOUTQ, &left) == 0 && left == 0;
   }
   const std::string path = endpoint("ipc").substr(6);
   int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -383,7 +518,7 @@ TEST(Bus, HandlesWhatIsGoodAndDisconnectsWhoeverSendsAnythingMalformed) {
   for (const std::string &third : bad) {
     RawPeer peer, cut_short;
     cut_short.send(good.substr(0, handled++ % good.size()));  // ends without having said anything
-    for (char byte : frame(1, message(0)) + frame(2, message(0))) peer.send({byte});
+    for (char byte : frame(1, message(0)) + frame(2, message(0))) peer.send({&byte, 1});
     for (std::string last; last != little_endian(2, 8);) ASSERT_NE(last = peer.receive(8), "");
     peer.send(third);
     EXPECT_EQ(peer.receive(1), "");
@@ -392,22 +527,92 @@ TEST(Bus, HandlesWhatIsGoodAndDisconnectsWhoeverSendsAnythingMalformed) {
   EXPECT_EQ(receiver.counters().messages, 400 + 2 * handled);
 }
 
+TEST(Bus, HoldsOneFrameOfAConnectionAndNoMoreThanThat) {
+  constexpr size_t kMiB = 1 << 20, kPeers = 3;
+  Receiver receiver(endpoint("ipc"));
+  const std::string large((16 << 20) - 28, '\0');
+  const std::string whole = frame(1, little_endian(kUnknownId, 4) + little_endian(large.size(), 4) + large);
+  const std::string_view first = std::string_view(whole).substr(0, 3);
+  {
+    const Sender sender(endpoint("ipc"), {kLong, 256, 16 << 20});
+    const size_t before = heap_bytes;
+    DrixSendDescriptor message = {reinterpret_cast<uintptr_t>(large.data()), kUnknownId, 12 << 20};
+    EXPECT_EQ(DRIX_SendMsg(sender.handle, &message, 1), KELVODRIX_OK);
+    EXPECT_EQ(sender.flush(), kAllDelivered);
+    EXPECT_TRUE(eventually([&] { return heap_bytes < before + 2 * kMiB; }));  // nor does the sender
+  }
+  const RawPeer peers[kPeers];
+  const size_t before = heap_bytes;
+  heap_peak = before;
+  for (const RawPeer &peer : peers) {
+    peer.send(first);
+    EXPECT_TRUE(eventually([&] { return peer.taken(); }));
+    peer.send(std::string_view(whole).substr(first.size(), whole.size() - first.size() - 1));
+    EXPECT_TRUE(eventually([&] { return peer.taken(); }));
+  }
+  for (const RawPeer &peer : peers) {
+    peer.send(whole.back() + std::string(first));
+    EXPECT_EQ(peer.receive(8), little_endian(1, 8));
+  }
+  EXPECT_TRUE(eventually([&] { return heap_bytes < before + kMiB; }));
+  EXPECT_LT(heap_peak, before + kPeers * 16 * kMiB + kMiB);
+}
+
 TEST(Bus, SenderBelievesOnlyGoodAcknowledgements) {
-  for (const std::string &bad : {little_endian(0, 8), little_endian(2, 8), std::string(8, '\xFF'), std::string()}) {
+  {
+    RawPeer peer(true);
+    const Sender sender(endpoint("ipc"), {kLong, 256, 16 << 20});
+    const std::vector<uint8_t> large(12 << 20);
+    DrixSendDescriptor message = {reinterpret_cast<uintptr_t>(large.data()), kId, 12 << 20};
+    EXPECT_EQ(sender.send({1}), KELVODRIX_OK);
+    EXPECT_EQ(DRIX_SendMsg(sender.handle, &message, 1), KELVODRIX_OK);
+    peer.accept();
+    peer.send(little_endian(1, 8) + little_endian(2, 8));  // of which it cannot have seen the end
+    EXPECT_EQ(sender.flush(), Undelivered(KELVODRIX_ERR_LOST, 1));
+  }
+  for (const std::string &bad :
+       {little_endian(0, 8), little_endian(2, 8), std::string(8, '\xFF'), little_endian(3, 7), std::string()}) {
     RawPeer peer(true);
     Sender sender(endpoint("ipc"));
     EXPECT_EQ(sender.send({1, 2}), KELVODRIX_OK);
     EXPECT_EQ(sender.send({3, 4, 5}), KELVODRIX_OK);
     peer.accept();
     EXPECT_EQ(peer.receive(44 + 56).substr(8, 8), little_endian(1, 8));
-    peer.send(little_endian(1, 8) + little_endian(2, 3));
+    peer.send(little_endian(1, 8));
     EXPECT_TRUE(eventually([&] { return sender.flush(1) == Undelivered(KELVODRIX_ERR_PENDING, 3); }));
-    peer.send(std::string(5, '\0'));
+    peer.send(little_endian(2, 8));
     EXPECT_EQ(sender.flush(), kAllDelivered);
     EXPECT_EQ(sender.send({6}), KELVODRIX_OK);
     peer.send(bad.empty() ? little_endian(3, 8) : bad);
     EXPECT_EQ(sender.flush(), bad.empty() ? kAllDelivered : Undelivered(KELVODRIX_ERR_LOST, 1));
   }
+}
+
+TEST(Bus, SendThatFindsTheReceiverGoneCountsForNothing) {
+  for (int i = 0; i < 50; ++i) {  // mostly before the sender has looked
+    RawPeer peer(true);
+    const Sender sender(endpoint("ipc"), {0, 256, 1 << 20});
+    EXPECT_EQ(sender.send({1}), KELVODRIX_OK);
+    peer.accept();
+    if (i % 2 == 0) peer.send(little_endian(1, 8));
+    shutdown(peer.fd, SHUT_RDWR);
+    EXPECT_EQ(sender.send({2, 3}), KELVODRIX_ERR_NO_RECEIVER);
+    EXPECT_EQ(sender.flush(), i % 2 == 0 ? kAllDelivered : Undelivered(KELVODRIX_ERR_LOST, 1));
+  }
+}
+
+TEST(Bus, LeavesSignalsToTheProcess) {
+  const Sender sender(endpoint("ipc"));
+  sigset_t user, former, pending;
+  sigemptyset(&user);
+  sigaddset(&user, SIGUSR1);
+  pthread_sigmask(SIG_BLOCK, &user, &former);
+  kill(getpid(), SIGUSR1);
+  sigpending(&pending);
+  EXPECT_TRUE(sigismember(&pending, SIGUSR1));  // and has not ended the process through another thread
+  int signal = 0;
+  sigwait(&user, &signal);
+  pthread_sigmask(SIG_SETMASK, &former, nullptr);
 }
 
 TEST(Bus, SurvivesTheLimitOfOpenFiles) {
@@ -421,9 +626,8 @@ TEST(Bus, SurvivesTheLimitOfOpenFiles) {
   std::vector<int> used;
   for (int fd; (fd = dup(0)) >= 0;) used.push_back(fd);
   receiver.start();
-  const std::clock_t before = std::clock();
-  EXPECT_EQ(sender.flush(500), Undelivered(KELVODRIX_ERR_PENDING, 1));
-  EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 5);  // it does not spin
+  EXPECT_FALSE(receiver.spins());
+  EXPECT_EQ(sender.flush(0), Undelivered(KELVODRIX_ERR_PENDING, 1));
   EXPECT_EQ(late.send({2}), KELVODRIX_ERR_SYSTEM);
   EXPECT_EQ(create(endpoint("ipc", 1)), KELVODRIX_ERR_SYSTEM);
   for (int fd : used) close(fd);
@@ -438,18 +642,15 @@ TEST(Bus, RefusesEndpointsThatCannotServe) {
   const std::string file = folder + "_file", own = "/tmp/kelvodrix-" + std::to_string(geteuid());
   ASSERT_EQ(mkdir(folder.c_str(), 0755), 0);
   std::ofstream(file) << "precious";
-  Receiver receiver(endpoint("ipc")), inside(endpoint("inproc")), near(endpoint("tcp"));
+  Receiver receiver(endpoint("ipc")), inside(endpoint("inproc"));
   Receiver named("test" + std::to_string(getpid()));
   EXPECT_EQ(chmod(own.c_str(), 0711), 0);
   const std::map<int32_t, std::vector<std::string>> cases = {
-      {KELVODRIX_ERR_BIND, {folder + "/missing/x", file, "tcp-open://203.0.113.1:1234"}},
-      {KELVODRIX_ERR_IN_USE, {endpoint("ipc"), endpoint("inproc"), endpoint("tcp")}},
+      {KELVODRIX_ERR_BIND, {folder + "/missing/x", file}},
+      {KELVODRIX_ERR_IN_USE, {endpoint("ipc"), endpoint("inproc")}},
       {KELVODRIX_ERR_PATH, {"ipc:///tmp/" + std::string(103, 'x')}},
-      {KELVODRIX_ERR_OPEN, {"tcp://0.0.0.0:1234", "tcp://[::]:1234"}},
       {KELVODRIX_ERR_FOLDER, {"name"}},
-      {KELVODRIX_ERR_ENDPOINT,
-       {"ipc://", "", "pgm://x", "tcp://127.0.0.1", "tcp://127.0.0.1:", "tcp://127.0.0.1:0", "tcp://127.0.0.1:65536",
-        "tcp://[::1]:12x", "tcp://::1:1234", "tcp://:1234", "tcp://localhost:1234"}},
+      {KELVODRIX_ERR_ENDPOINT, {"ipc://", "inproc://", "", "pgm://x", "tcp://127.0.0.1:1234"}},
   };
   for (const auto &[status, endpoints] : cases)
     for (const std::string &each : endpoints) {
@@ -485,7 +686,18 @@ TEST(Bus, IpcIsForItsUserAndLeavesNoFilesBehind) {
     unlink(path.c_str());  // the lock still holds
     EXPECT_EQ(create(path), KELVODRIX_ERR_IN_USE);
   }
-  Receiver(path).stop();
+  auto first = std::make_unique<Receiver>(path);
+  unlink(path.c_str());
+  unlink((path + ".lock").c_str());
+  {
+    const Receiver second(path);
+    first.reset();  // leaves the second's alone
+    EXPECT_EQ(stat((path + ".lock").c_str(), &found), 0);
+    const Sender sender(path);
+    EXPECT_EQ(sender.send({1}), KELVODRIX_OK);
+    EXPECT_EQ(sender.flush(), kAllDelivered);
+    EXPECT_EQ(create(path), KELVODRIX_ERR_IN_USE);
+  }
   EXPECT_NE(stat(path.c_str(), &found), 0);
   EXPECT_NE(stat((path + ".lock").c_str(), &found), 0);
 }
@@ -513,6 +725,24 @@ TEST(Bus, StopsFromEverywhere) {
   EXPECT_EQ(receiver.numbers, range(1, 3));  // the whole frame, and no more
 }
 
+TEST(Bus, LateStopEndsNoFurtherLoopAndLeavesItAsleep) {
+  Receiver receiver(endpoint("inproc"));
+  const Sender sender(endpoint("inproc"));
+  Gate late;
+  std::thread stopping([&] {
+    gate = &late;
+    kelvodrix_stop(receiver.receiver);
+  });
+  ASSERT_TRUE(eventually([&] { return late.reached.load(); }));
+  EXPECT_EQ(sender.send({1}), KELVODRIX_OK);  // wakes it up
+  receiver.loop.join();
+  late.open = true;
+  stopping.join();
+  receiver.start();
+  EXPECT_EQ(sender.flush(), kAllDelivered);
+  EXPECT_FALSE(receiver.spins());
+}
+
 TEST(Bus, CallsCleanHooksAfterTheLastChannel) {
   EXPECT_EQ(DRIX_RegIDLResorceCleanFuncHook(nullptr), KELVODRIX_ERR_INVALID);
   for (int i = 0; i < 2; ++i) EXPECT_EQ(DRIX_RegIDLResorceCleanFuncHook([] { ++hook_calls; }), KELVODRIX_OK);
@@ -527,3 +757,34 @@ TEST(Bus, CallsCleanHooksAfterTheLastChannel) {
 }
 
 }  // namespace
+
+// The program's own functions come before the C and C++ libraries', for the bus too.
+
+void *operator new(size_t size) {
+  void *const block = std::malloc(size);
+  if (block == nullptr) throw std::bad_alloc();
+  const size_t now = heap_bytes += malloc_usable_size(block);
+  if (now > heap_peak) heap_peak = now;
+  return block;
+}
+
+void operator delete(void *block) noexcept {
+  heap_bytes -= malloc_usable_size(block);
+  std::free(block);
+}
+
+void operator delete(void *block, size_t) noexcept { operator delete(block); }
+
+extern "C" {
+
+ssize_t write(int fd, const void *bytes, size_t size) {
+  if (gate != nullptr) {
+    gate->reached = true;
+    while (!gate->open) std::this_thread::yield();
+  }
+  return syscall(SYS_write, fd, bytes, size);
+}
+
+// Children of processes with several threads have threads of their own here.
+const char *__tsan_default_options() { return "die_after_fork=0"; }
+}

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <string>
@@ -47,6 +49,17 @@ TEST(Services, WriteOneLinePerLogCall) {
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2) << text;
   EXPECT_NE(text.find("Z level=2 code=22 MODULE some_function(:77): [QUOPA]:bad value 5 of x\n"), text.npos) << text;
   EXPECT_NE(text.find(" level=2 code=12 - -(:78): yyy"), text.npos) << text;
+  EXPECT_EQ(text.find('\0'), text.npos);
+}
+
+TEST(Services, LogWithoutAWordToErrno) {
+  const int kept = dup(STDERR_FILENO);
+  close(STDERR_FILENO);
+  errno = ENOTTY;
+  PXR_OsalLogWrite(nullptr, 2, 12, nullptr, 79, nullptr, nullptr);
+  EXPECT_EQ(errno, ENOTTY);
+  dup2(kept, STDERR_FILENO);
+  close(kept);
 }
 
 }  // namespace
