@@ -65,7 +65,7 @@ show other.pcapng --bare --type $update >found && same found
 show other.pcapng -w - | show - --bare --type $update >found && same found
 
 # Bad captures: what can be read, one line, status 1.
-head -c 100 /dev/urandom >noise.pcapng
+seq 50 >noise.pcapng
 : >empty.pcapng
 spoil() { perl -0777 -pe "$2" good.pcapng >"$1.pcapng"; }
 spoil foreign 's/\x93\x00\x00\x00/\x01\x00\x00\x00/'
@@ -116,6 +116,26 @@ for case in '--where f1|"f1" is not MEMBER=VALUE' '--where f99=1|.* has no membe
   '--type nothing.*|no type matches "nothing.\*"' '--sent --received|.*excludes' '--json -w x|.*excludes' '-w good.pcapng|good.pcapng is read' '-f|good.pcapng: not a file that the recorder'; do
   # shellcheck disable=SC2086
   expect $([[ $case == -f* ]] && echo 1 || echo 2) '' "^quopa: (--where )?${case#*|}" '' trace good.pcapng ${case%%|*}
+done
+
+# What is read is not written, by whatever name: PATHS|OUTPUT. Standard input and output are kept.pcapng.
+cp good.pcapng kept.pcapng && ln -s kept.pcapng link.pcapng && mkdir linked && ln kept.pcapng linked/hard.pcapng
+for case in '-|kept.pcapng' '-|link.pcapng' '-|-' 'kept.pcapng|link.pcapng' 'linked|kept.pcapng' 'linked|-' 'linked -f|linked/quopa-x-1.0.pcapng' \
+  'linked/quopa-x-1.0.pcapng -f|linked/quopa-x-1.1.pcapng'; do
+  # shellcheck disable=SC2086
+  timeout 60 "${quopa[@]}" trace ${case%|*} -w "${case#*|}" <kept.pcapng >>kept.pcapng 2>errors
+  [ $? -eq 2 ] && grep -q ' is read, so it cannot be written$' errors && cmp kept.pcapng good.pcapng || complain "-w $case: $(cat errors)"
+done
+[ "$(ls linked)" = hard.pcapng ] || complain "-w leaves $(ls linked)"
+# But a folder may get a new one.
+mkdir enlarged && cp good.pcapng enlarged && show enlarged -w enlarged/out.pcapng && show enlarged/out.pcapng --json >said && same said || complain 'a new file in the folder that is read'
+show folder -w folder/out.pcapng 2>errors && complain 'an empty folder is read'
+[ -z "$(ls folder)" ] || complain "a failure leaves $(ls folder)"
+# What is read twice is no pipe.
+mkdir pipes && mkfifo pipes/pipe.pcapng
+for paths in 'good.pcapng -' '- good.pcapng' - 'good.pcapng pipes/pipe.pcapng' 'pipes good.pcapng'; do
+  # shellcheck disable=SC2086
+  expect 2 '' '^quopa: (standard input|pipes/pipe.pcapng): is compared, so it must be a file' '' compare $paths
 done
 expect 2 '' '--speed is a factor' '' replay good.pcapng --to x --speed 0
 expect 1 '' 'libc.so.6: not the stand-in bus' '' replay good.pcapng --to x --bus libc.so.6
