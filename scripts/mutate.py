@@ -33,24 +33,32 @@ LIST = pathlib.Path("tests/mutation/faults")
 WORK = PROJECT / "build/mutation"
 
 
+class Failure(Exception):
+    """One line for the user."""
+
+
 @dataclasses.dataclass(frozen=True)
 class Room:
-    """Folders, what is built to judge them, and the tests that do. Only tests that judge alike every time."""
+    """Folders or files, what is built to judge them, and the tests that do: only those that judge alike every time. The
+    first room that a file is in counts."""
     folders: tuple
     targets: tuple
     tests: str
 
 
-READERS = ("quopa", "make_capture", "fuzz_quopa_text", "fuzz_quopa_capture", "campaign")
+COMMANDS = ("quopa", "make_capture", "telling_bus")
+READERS = COMMANDS + ("fuzz_quopa_text", "fuzz_quopa_capture", "campaign")
 ROOMS = (
     Room(("runtime/", "bus/", "packages/", "include/"),
          ("drix_fib6", "test_codec", "test_send", "test_binding", "campaign", "fuzz_round_trip"),
          r"Codec|Images|Send|Binding|campaign\.sample|fuzz\.(seeds|replay_round_trip)|abi\.shared"),
     Room(("trace/",), ("quopa_trace", "traced", "walk_trace"), r"trace\."),
-    Room(("capture/",), READERS, r"Capture|quopa\.captures|fuzz\.replay_quopa"),
+    Room(("capture/",), READERS, r"Capture|quopa\.(calls|captures)|fuzz\.replay_quopa"),
     Room(("inspect/", "describe/"), READERS + ("test_inspect", "fuzz_round_trip"),
-         r"Json|Compatibility|campaign\.sample|quopa\.(commands|captures)|fuzz\.replay_(quopa|round_trip)"),
-    Room(("tools/quopa/",), READERS, r"quopa\.(commands|captures|dissector)|fuzz\.replay_quopa"),
+         r"Json|Compatibility|campaign\.sample|quopa\.(commands|calls|captures)|fuzz\.replay_(quopa|round_trip)"),
+    Room(tuple(f"tools/quopa/{name}.cpp" for name in ("trace", "stats", "compare", "replay", "selection")), COMMANDS,
+         r"quopa\.(calls|captures)"),
+    Room(("tools/quopa/",), READERS, r"quopa\.(commands|calls|captures|dissector)|fuzz\.replay_quopa"),
     Room(("platform/",), ("test_platform",), r"Bus|Services"),
 )
 
@@ -77,15 +85,10 @@ class Fault:
     def room(self):
         return next((room for room in ROOMS if self.file.startswith(room.folders)), None)
 
-    def planted(self):
-        content = pathlib.Path(self.file).read_text(encoding="utf-8")
+    def planted(self, content):
         if not self.text or content.count(self.text) != 1:
-            fail(f"not exactly once in {self.file}: {self.text}")
+            raise Failure(f"not exactly once in {self.file}: {self.text}")
         return content.replace(self.text, self.replacement)
-
-
-def fail(message):
-    sys.exit(f"mutate.py: {message}")
 
 
 def read_list():
@@ -100,9 +103,9 @@ def read_list():
             fault = Fault(line)
             faults.append(fault)
             if not os.path.isfile(line) or fault.room is None:
-                fail(f"{LIST}:{number}: no such file, or none that tests are known for: {line}")
+                raise Failure(f"{LIST}:{number}: no such file, or none that tests are known for: {line}")
         elif fault is None:
-            fail(f"{LIST}:{number}: no file before this line")
+            raise Failure(f"{LIST}:{number}: no file before this line")
         elif mark == "- ":
             fault.text += ("\n" if fault.text else "") + rest
         elif mark == "+ ":
@@ -110,12 +113,14 @@ def read_list():
         else:
             fault.expected, _, fault.reason = rest.partition(": ")
             if fault.expected not in ("survives", "refused"):
-                fail(f"{LIST}:{number}: {fault.expected}?")
+                raise Failure(f"{LIST}:{number}: {fault.expected}?")
     return faults
 
 
 def project_files():
-    names = subprocess.run(["git", "ls-files", "-z"], check=True, capture_output=True, text=True).stdout
+    """What git knows or would add."""
+    git = ["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard", "--deduplicate"]
+    names = subprocess.run(git, check=True, capture_output=True, text=True).stdout
     return [name for name in names.split("\0") if os.path.isfile(name)]
 
 
@@ -147,12 +152,14 @@ class Copy:
         self.rooms = rooms
         self.folder = WORK / str(number)
         self.tree = self.folder / "tree"
-        self.build_folder = self.folder / "build"
+        self.build_folder = self.tree / "build/release"
         self.log = self.folder / "log"
+        self.tree.mkdir(parents=True, exist_ok=True)
+        self.write_tree()
 
     async def run(self, *command):
-        # Compiled alike in every copy, so that they share what a compiler cache has.
-        environment = os.environ | {"CCACHE_BASEDIR": str(self.folder)}
+        # Compiled alike wherever it stands, so that all share what a compiler cache has.
+        environment = os.environ | {"CCACHE_BASEDIR": str(self.tree)}
         with open(self.log, "w", encoding="utf-8") as log:
             process = await asyncio.create_subprocess_exec(*command, cwd=self.tree, env=environment, stdout=log,
                                                            stderr=log, start_new_session=True)
@@ -166,9 +173,9 @@ class Copy:
                 with contextlib.suppress(ProcessLookupError):
                     os.killpg(process.pid, signal.SIGKILL)
 
-    async def build(self, rooms):
+    async def build(self, rooms, jobs=1):
         targets = dict.fromkeys(target for room in rooms for target in room.targets)
-        return await self.run("ninja", "-C", self.build_folder, "-j", "1", *targets)
+        return await self.run("ninja", "-C", self.build_folder, "-j", str(jobs), *targets)
 
     async def passes(self, rooms):
         tests = "^(" + "|".join(room.tests for room in rooms) + ")"
@@ -183,27 +190,27 @@ class Copy:
             if not copy.exists() or copy.read_bytes() != pathlib.Path(name).read_bytes():
                 copy.parent.mkdir(parents=True, exist_ok=True)
                 shutil.copy(name, copy)
-        for path in self.tree.rglob("*"):
-            if not path.is_dir() and str(path.relative_to(self.tree)) not in files:
-                path.unlink()
+        for top in self.tree.iterdir():
+            for path in [] if top.name == "build" else [top, *top.rglob("*")]:
+                if not path.is_dir() and str(path.relative_to(self.tree)) not in files:
+                    path.unlink()
 
-    async def prepare(self):
-        self.tree.mkdir(parents=True, exist_ok=True)
-        self.write_tree()
+    async def prepare(self, jobs):
         options = ["-DDRIX_BUILD_EXAMPLES=OFF", "-DDRIX_WARNINGS_AS_ERRORS=OFF", "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON"]
         if shutil.which("ccache"):
             options += [f"-DCMAKE_{language}_COMPILER_LAUNCHER=ccache" for language in ("C", "CXX")]
-        if not await self.run("cmake", "--preset", "release", "-B", self.build_folder, *options):
-            fail(f"does not configure, see {self.log}")
-        if not await self.build(self.rooms):
-            fail(f"does not build, see {self.log}")
+        if not await self.run("cmake", "--preset", "release", *options):
+            raise Failure(f"does not configure, see {self.log}")
+        if not await self.build(self.rooms, jobs):
+            raise Failure(f"does not build, see {self.log}")
         if not await self.passes(self.rooms):
-            fail(f"the tests fail without a fault, see {self.log}")
+            raise Failure(f"the tests fail without a fault, see {self.log}")
 
     async def judge(self, fault):
         """Returns what becomes of a fault."""
         file = self.tree / fault.file
-        file.write_text(fault.planted(), encoding="utf-8")
+        content = file.read_text(encoding="utf-8")
+        file.write_text(fault.planted(content), encoding="utf-8")
         try:
             if not await self.build([fault.room]):
                 # A crash while tests are listed is a test that fails.
@@ -211,23 +218,25 @@ class Copy:
                 return "refused" if refused else "caught"
             return "survives" if await self.passes([fault.room]) else "caught"
         finally:
-            shutil.copy(fault.file, file)
-
-
-async def work_off(copy, numbered, total, results):
-    """Judges one fault after another, as long as the copies have not judged all."""
-    await copy.prepare()
-    for number, fault in numbered:
-        start = time.monotonic()
-        result = await copy.judge(fault)
-        results.add(fault, result)
-        print(f"{number:3}/{total} {time.monotonic() - start:4.0f} s  {result:8} {fault}", flush=True)
+            file.write_text(content, encoding="utf-8")
 
 
 async def judge_all(faults, jobs, results):
     rooms = list(dict.fromkeys(fault.room for fault in faults))
-    numbered = iter([(number, fault) for number, fault in enumerate(faults, 1) if fault.key not in results.found])
-    await asyncio.gather(*(work_off(Copy(job, rooms), numbered, len(faults), results) for job in range(jobs)))
+    left = iter([(number, fault) for number, fault in enumerate(faults, 1) if fault.key not in results.found])
+    preparing = asyncio.Lock()  # one copy after the other, so that a compiler cache has it for the second
+
+    async def work_off(copy):
+        async with preparing:
+            await copy.prepare(jobs)
+        for number, fault in left:
+            start = time.monotonic()
+            result = await copy.judge(fault)
+            results.add(fault, result)
+            print(f"{number:3}/{len(faults)} {time.monotonic() - start:4.0f} s  {result:8} {fault}", flush=True)
+
+    copies = [Copy(job, rooms) for job in range(jobs)]
+    await asyncio.gather(*map(work_off, copies))
 
 
 class Options(argparse.ArgumentParser):
@@ -253,9 +262,9 @@ def main():
     faults = [fault for fault in read_list()
               if any(options.only in part for part in (fault.file, fault.text, fault.replacement))]
     for fault in faults:
-        fault.planted()
+        fault.planted(pathlib.Path(fault.file).read_text(encoding="utf-8"))
     if not faults:
-        fail(f"no fault contains {options.only}")
+        raise Failure(f"no fault contains {options.only}")
     print(f"mutate.py: {len(faults)} faults", flush=True)
     if options.check:
         return
@@ -281,4 +290,7 @@ if __name__ == "__main__":
     os.chdir(PROJECT)
     for number in (signal.SIGINT, signal.SIGTERM):
         signal.signal(number, lambda number, _: sys.exit(128 + number))
-    main()
+    try:
+        main()
+    except Failure as failure:
+        sys.exit(f"mutate.py: {failure}")

@@ -31,7 +31,7 @@ class Comparison {
     expect_files(options_.sender);
     expect_files(options_.receiver);
     tell_overwritten(options_.sender);
-    tell_overwritten(options_.receiver);
+    if (options_.receiver != options_.sender) tell_overwritten(options_.receiver);
     for_each(options_.receiver, TRACE_RECEIVED, true, [&](const Message &message) {
       ++received_;
       same_[key_of(message)].arrivals.push_back(message.time);
