@@ -53,13 +53,14 @@ ROOMS = (
          ("drix_fib6", "test_codec", "test_send", "test_binding", "campaign", "fuzz_round_trip"),
          r"Codec|Images|Send|Binding|campaign\.sample|fuzz\.(seeds|replay_round_trip)|abi\.shared"),
     Room(("trace/",), ("quopa_trace", "traced", "walk_trace"), r"trace\."),
-    Room(("capture/",), READERS, r"Capture|quopa\.(calls|captures)|fuzz\.replay_quopa"),
+    Room(("capture/",), READERS + ("test_capture",), r"Capture|quopa\.(calls|captures)|fuzz\.replay_quopa"),
     Room(("inspect/", "describe/"), READERS + ("test_inspect", "fuzz_round_trip"),
-         r"Json|Compatibility|campaign\.sample|quopa\.(commands|calls|captures)|fuzz\.replay_(quopa|round_trip)"),
+         r"Catalog|Compatibility|Json|Labels|Printable|inspect\.|campaign\.sample|quopa\.(commands|calls|captures)|"
+         r"fuzz\.replay_(quopa|round_trip)"),
     Room(tuple(f"tools/quopa/{name}.cpp" for name in ("trace", "stats", "compare", "replay", "selection")), COMMANDS,
          r"quopa\.(calls|captures)"),
     Room(("tools/quopa/",), READERS, r"quopa\.(commands|calls|captures|dissector)|fuzz\.replay_quopa"),
-    Room(("platform/",), ("test_platform",), r"Bus|Services"),
+    Room(("platform/",), ("test_platform",), r"Bus|Services|bus\."),
 )
 
 
