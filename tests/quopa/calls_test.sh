@@ -28,8 +28,8 @@ sent 2 tlv 3 status $none
 received 3 tlv 4
 received 4 tlv 5 status -1
 sent 5 balanceModeData 6 captured 3
-sent 6 0x12 9
 received 8 0x12 9
+sent 6 0x12 9
 note 0 0 lost 3
 END
 
@@ -39,7 +39,7 @@ while IFS='|' read -r numbers options; do
   "${quopa[@]}" trace calls.pcapng --json $options 2>errors | jq -r 'select(.direction) | .time * 1000 % 1000 | . - 123 | floor' | xargs >said
   [ "$(cat said)" = "$numbers" ] || complain "trace $options: $(cat said errors), not $numbers"
 done <<'END'
-0 1 2 3 4 5 6 8|
+0 1 2 3 4 5 8 6|
 0 1 2 5 6|--sent
 3 4 8|--received
 1 2 4|--failed
@@ -47,9 +47,9 @@ done <<'END'
 3 4|--type fib6Sync.tlv --received
 0 1 2 3 4|--type *.tlv
 5|--type *.balance*
-5 6 8|--type *.balance* --type 0x0000001*
+5 8 6|--type *.balance* --type 0x0000001*
 0 1 2 3 4|--type fib6Sync_tlv
-6 8|--type 0x*
+8 6|--type 0x*
 1 2 3|--where f0>1 --where f0<5 --type fib6Sync.tlv
 END
 
@@ -78,7 +78,9 @@ note 0 0 unwrapped 2
 sent 9 tlv 65539
 END
 "${quopa[@]}" trace calls.pcapng other.pcapng --json >wanted
-"${quopa[@]}" trace calls.pcapng other.pcapng -w - | "${quopa[@]}" trace - --json | diff - wanted || complain 'written anew, it is not the same'
+"${quopa[@]}" trace calls.pcapng other.pcapng -w anew.pcapng
+"${quopa[@]}" trace anew.pcapng --json | diff - wanted || complain 'written anew, it is not the same'
+"${quopa[@]}" trace anew.pcapng -w - | cmp - anew.pcapng || complain 'written anew again, it is not the same'
 [ "$(jq -c '[.program, .record.f0, .note != null] | select(.[0] == "q" and (.[1] or .[2]))' wanted | xargs)" = '[q,2,false] [q,null,true] [q,3,false]' ] ||
   complain "other types: $(cat wanted)"
 says 0 trace calls.pcapng --bare --failed <<'END'

@@ -17,7 +17,7 @@ show good.pcapng --json >said.wanted
 show big.pcapng --json >said && same said
 show - --json <good.pcapng >said && same said
 show good.pcapng -w - | show - --json >said && same said
-mkdir parts && show good.pcapng --sent -w parts/b.pcapng && show good.pcapng --received -w parts/a.pcap && show parts --json >said && same said
+mkdir parts && : >parts/b.pcapng && show good.pcapng --sent -w parts/b.pcapng && show good.pcapng --received -w parts/a.pcap && show parts --json >said && same said
 [ "$(wc -l <said)" -eq 3000 ] || complain 'messages are missing'
 
 # Conditions find what jq finds: TYPE|TERM|CONDITION.
@@ -119,14 +119,15 @@ for case in '--where f1|"f1" is not MEMBER=VALUE' '--where f99=1|.* has no membe
 done
 
 # What is read is not written, by whatever name: PATHS|OUTPUT. Standard input and output are kept.pcapng.
-cp good.pcapng kept.pcapng && ln -s kept.pcapng link.pcapng && mkdir linked && ln kept.pcapng linked/hard.pcapng
-for case in '-|kept.pcapng' '-|link.pcapng' '-|-' 'kept.pcapng|link.pcapng' 'linked|kept.pcapng' 'linked|-' 'linked -f|linked/quopa-x-1.0.pcapng' \
-  'linked/quopa-x-1.0.pcapng -f|linked/quopa-x-1.1.pcapng'; do
+cp good.pcapng kept.pcapng && ln -s kept.pcapng link.pcapng && mkdir linked ring && ln kept.pcapng linked/hard.pcapng
+cp good.pcapng ring/quopa-x-1.0.pcapng && ln -s ring/quopa-x-1.0.pcapng ring.pcapng
+for case in '-|kept.pcapng' '-|link.pcapng' '-|-' 'kept.pcapng|link.pcapng' 'linked|kept.pcapng' 'linked|-' 'ring -f|ring/quopa-x-1.1.pcapng' \
+  'ring/quopa-x-1.0.pcapng -f|ring/quopa-x-2.0.pcapng' 'ring -f|ring.pcapng'; do
   # shellcheck disable=SC2086
   timeout 60 "${quopa[@]}" trace ${case%|*} -w "${case#*|}" <kept.pcapng >>kept.pcapng 2>errors
   [ $? -eq 2 ] && grep -q ' is read, so it cannot be written$' errors && cmp kept.pcapng good.pcapng || complain "-w $case: $(cat errors)"
 done
-[ "$(ls linked)" = hard.pcapng ] || complain "-w leaves $(ls linked)"
+[ "$(echo linked/* ring/*)" = 'linked/hard.pcapng ring/quopa-x-1.0.pcapng' ] || complain "-w leaves $(echo linked/* ring/*)"
 # But a folder may get a new one.
 mkdir enlarged && cp good.pcapng enlarged && show enlarged -w enlarged/out.pcapng && show enlarged/out.pcapng --json >said && same said || complain 'a new file in the folder that is read'
 show folder -w folder/out.pcapng 2>errors && complain 'an empty folder is read'
