@@ -173,9 +173,11 @@ sent 11 0xA 19 captured 4
 sent 12 0xB 20 call 0 2
 sent 12 0xC 21 call 1 2 handle 2
 sent 13 0xD 22 call 0 2
+sent 13 0x12 27 call 0 2
 sent 14 0xE 23 call 1 2
 sent 15 0xF 24 call 0 2
 received 25 0x10 25
+received 26 0x11 26 status -1
 END
 "$make_capture" table little >calls/q.pcapng <<'END'
 note 64 2 program q
@@ -185,7 +187,7 @@ END
 preload=$bus
 replay() { says "$1" replay "$2" --to "$3" --bus "$bus" "${@:4}"; }
 replay 1 calls x <<'END'
-sent 15 messages in 11 calls, all acknowledged
+sent 16 messages in 12 calls, all acknowledged
 1 left out: their own send had failed
 1 left out: cut by the recorder
 send 1:10
@@ -202,6 +204,7 @@ send B:20
 send C:21
 pause 1000 us
 send D:22
+send 12:27
 pause 1000 us
 send E:23
 pause 1000 us
@@ -212,13 +215,15 @@ sent 2 messages in 1 calls, all acknowledged
 send 20:30 21:31
 END
 replay 0 calls x --received <<'END'
-sent 1 messages in 1 calls, all acknowledged
+sent 2 messages in 2 calls, all acknowledged
 send 10:25
+pause 1000 us
+send 11:26
 END
 "$make_capture" table little >spaced.pcapng <<'END'
 sent 1000 0x1 10
 sent 3500 0x2 11
-sent 3000 0x3 12
+sent 500 0x3 12
 END
 replay 0 spaced.pcapng x --speed 2 <<'END'
 sent 3 messages in 3 calls, all acknowledged
