@@ -243,10 +243,8 @@ send 1:10
 send 2:11
 quopa: full: full; 2 messages were sent, 0 of them undelivered
 END
-replay 1 spaced.pcapng deaf --speed max <<'END'
-send 1:10
-send 2:11
-send 3:12
-quopa: deaf: late; 3 messages were sent, 3 of them undelivered
+replay 1 calls/q.pcapng deaf --speed max <<'END'
+send 20:30 21:31
+quopa: deaf: late; 2 messages were sent, 2 of them undelivered
 END
 exit $((failures > 0))
