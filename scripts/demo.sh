@@ -112,7 +112,8 @@ ended() {
   [ "$2" -ne 0 ] || return 0
   [ "$2" -ne 141 ] || exit 141 # nobody reads the output any more
   if [ "$1" = sender ]; then
-    sleep 0.2 # a receiver that is about to end is why the sender failed
+    # When a receiver is about to end, that is why the sender failed.
+    ! grep -q undelivered "$work/errors" || timeout 5 tail --pid="$receiver" -s 0.1 -f /dev/null || true
     if ! kill -0 "$receiver" 2>/dev/null; then
       local status=0
       wait "$receiver" || status=$?

@@ -5,7 +5,7 @@
 #
 # Usage: scripts/test-packages.sh [--packages DIR] [--mirror URL]
 #   --packages DIR  test these (default: what scripts/packages.sh makes)
-#   --mirror URL    where Debian comes from (default: http://deb.debian.org/debian)
+#   --mirror URL    where Debian comes from (default: where this machine's apt has it from)
 set -euo pipefail
 start=$PWD
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -13,7 +13,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 . scripts/lib/packages.sh
 
 packages=
-mirror=http://deb.debian.org/debian
+mirror=
 while [ $# -gt 0 ]; do
   case $1 in
     --packages | --mirror) [ $# -gt 1 ] || wrong_usage "$1 needs a value" ;;&
@@ -33,6 +33,9 @@ if [ -z "$packages" ]; then
   packages=build/packages
 fi
 require_packages debootstrap dpkg-dev
+[ -n "$mirror" ] || mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' 'Origin: Debian' \
+  'Codename: bookworm' 'Component: main' | sed -n 1p)
+[ -n "$mirror" ] || fail "apt knows no Debian bookworm; --mirror names where it comes from, or apt-get update helps"
 log=$PWD/build/test-packages.log
 : >"$log"
 

@@ -265,6 +265,7 @@ TEST(Bus, PausedReceiverLosesNothingAndAKilledOneLeavesItsMessagesCounted) {
   EXPECT_EQ(sender.send({0, 1}), KELVODRIX_OK);
   EXPECT_EQ(sender.flush(), kAllDelivered);
   kill(first->pid, SIGSTOP);
+  waitpid(first->pid, nullptr, WUNTRACED);
   for (uint32_t i = 0; i < 60; ++i) EXPECT_EQ(sender.send(Numbers(1000)), KELVODRIX_OK);
   EXPECT_EQ(sender.flush(20), Undelivered(KELVODRIX_ERR_PENDING, 60000));
   kill(first->pid, SIGCONT);

@@ -1,8 +1,11 @@
 // Makes captures for the tests of what reads them, in either byte order: random records of all types, in both layouts,
 // as they are or with one byte spoiled; or as a sender and a
-// receiver saw them.
+// receiver saw them; or what a table says.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <iostream>
+#include <sstream>
 #include <string>
 
 #include "capture/format.h"
@@ -12,6 +15,17 @@
 namespace {
 
 using reference::Bytes;
+
+struct Packet {
+  uint64_t time;
+  TraceKind kind;
+  uint32_t id;
+  uint32_t handle = 1;
+  int32_t status = 0;
+  uint32_t index = 0;
+  uint32_t count = 1;
+  uint32_t thread = 7;
+};
 
 class File {
  public:
@@ -29,13 +43,18 @@ class File {
     block(TRACE_INTERFACE_BLOCK, interface);
   }
 
-  void packet(uint64_t time, TraceKind kind, uint32_t id, const Bytes &payload) {
+  // Of the payload so much was captured.
+  void packet(const Packet &packet, Bytes payload, std::size_t captured = SIZE_MAX) {
     Bytes body;
+    const auto length = static_cast<uint32_t>(TRACE_HEADER_BYTES + payload.size());
+    payload.resize(std::min(payload.size(), captured));
     const auto size = static_cast<uint32_t>(TRACE_HEADER_BYTES + payload.size());
-    for (const uint32_t word : {0u, static_cast<uint32_t>(time >> 32), static_cast<uint32_t>(time), size, size})
+    for (const uint32_t word :
+         {0u, static_cast<uint32_t>(packet.time >> 32), static_cast<uint32_t>(packet.time), size, length})
       put(body, word);
-    body.insert(body.end(), {'Q', 'T', TRACE_VERSION, static_cast<uint8_t>(kind)});
-    for (const uint32_t word : {id, 1u, 0u, 0u, 0u, 1u, 7u}) {
+    body.insert(body.end(), {'Q', 'T', TRACE_VERSION, static_cast<uint8_t>(packet.kind)});
+    for (const uint32_t word : {packet.id, packet.handle, 0u, static_cast<uint32_t>(packet.status), packet.index,
+                                packet.count, packet.thread}) {
       for (uint32_t shift = 0; shift < 32; shift += 8) body.push_back(static_cast<uint8_t>(word >> shift));
     }
     body.insert(body.end(), payload.begin(), payload.end());
@@ -61,10 +80,61 @@ class File {
   bool big_endian_;
 };
 
+constexpr uint64_t kStart = 1764061000123456789u;
+constexpr uint64_t kMillisecond = 1000000;
+
+// A line a packet: "note HANDLE THREAD TEXT", or "sent" or "received", milliseconds, the type's name in fib6Sync or a
+// message ID, a number for the first member, and what is not as usual: status N, call INDEX COUNT, thread N, handle N,
+// captured BYTES.
+void write_table(std::istream &table, File &file) {
+  std::string line;
+  while (std::getline(table, line)) {
+    std::istringstream row(line);
+    Packet packet = {kStart, TRACE_NOTE, 0, 0};
+    std::string way;
+    row >> way;
+    if (way == "note") {
+      std::string text;
+      std::getline(row >> packet.handle >> packet.thread >> std::ws, text);
+      file.packet(packet, Bytes(text.begin(), text.end()));
+      continue;
+    }
+    uint64_t milliseconds = 0;
+    uint32_t number = 0;
+    std::string name;
+    row >> milliseconds >> name >> number;
+    packet = {kStart + milliseconds * kMillisecond, way == "sent" ? TRACE_SENT : TRACE_RECEIVED, 0};
+    std::size_t captured = SIZE_MAX;
+    for (std::string what; row >> what;) {
+      if (what == "status") row >> packet.status;
+      if (what == "call") row >> packet.index >> packet.count;
+      if (what == "thread") row >> packet.thread;
+      if (what == "handle") row >> packet.handle;
+      if (what == "captured") row >> captured;
+    }
+    if (name.starts_with("0x")) {
+      packet.id = static_cast<uint32_t>(std::stoul(name, nullptr, 16));
+      file.packet(packet, Bytes(number), captured);
+    } else {
+      const reference::Type &type = reference::find("fib6Sync", name);
+      packet.id = type.message_id();
+      Bytes record(type.record_size);
+      records::store_number(record.data(), sizeof number, number);
+      file.packet(packet, reference::pack(type, record.data()), captured);
+    }
+  }
+}
+
 }  // namespace
 
+// make_capture table little|big <TABLE
 // make_capture RECORDS good|spoiled|exchanged little|big [MESSAGE OF fib6Sync]
 int main(int argc, char **argv) {
+  if (argc == 3) {
+    File file(std::string(argv[2]) == "big");
+    write_table(std::cin, file);
+    return 0;
+  }
   if (argc < 4) return 2;
   const bool spoiled = std::string(argv[2]) == "spoiled";
   const bool exchanged = std::string(argv[2]) == "exchanged";
@@ -81,15 +151,15 @@ int main(int argc, char **argv) {
     if (spoiled)
       payload[random.below(static_cast<uint32_t>(payload.size()))] ^= static_cast<uint8_t>(1u << random.below(8));
     if (spoiled && random.below(4) == 0) payload.resize(random.below(static_cast<uint32_t>(payload.size())));
-    const uint64_t time = 1764061000123456789u + i * 1000000;
+    const uint64_t time = kStart + i * kMillisecond;
     if (!exchanged) {
-      file.packet(time, i % 2 == 0 ? TRACE_SENT : TRACE_RECEIVED, type.message_id(), payload);
+      file.packet({time, i % 2 == 0 ? TRACE_SENT : TRACE_RECEIVED, type.message_id()}, payload);
       continue;
     }
     // Every tenth message is lost, every 25th arrives twice, the first of all was never sent.
-    if (i > 0) file.packet(time, TRACE_SENT, type.message_id(), payload);
+    if (i > 0) file.packet({time, TRACE_SENT, type.message_id()}, payload);
     for (int k = 0; k < (i % 10 == 9 ? 0 : i % 25 == 24 ? 2 : 1); ++k) {
-      file.packet(time + 1000 * (i + 1), TRACE_RECEIVED, type.message_id(), payload);
+      file.packet({time + 1000 * (i + 1), TRACE_RECEIVED, type.message_id()}, payload);
     }
   }
 }

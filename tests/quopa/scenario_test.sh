@@ -28,12 +28,12 @@ mkdir sender receiver
 follower=$!
 receive receiver >received &
 receiver=$!
-(send --repeat 20) >sent || complain "the sender: $(cat sent)"
+(send --repeat 20 --timeout 60) >sent || complain "the sender: $(cat sent)"
 wait $receiver || complain "the receiver: $(cat received)"
 "$quopa" compare sender receiver >compared || complain "$(tail -n 3 compared)"
 grep -qE '^([0-9]+) sent, \1 received: 0 not received, 0 received again, 0 received but not sent$' compared || complain "$(cat compared)"
 "$quopa" trace sender receiver --bare | sort >followed.wanted
-for ((i = 0; i < 100 && $(wc -l <followed) < $(wc -l <followed.wanted); i++)); do sleep 0.1; done
+for ((i = 0; i < 600 && $(wc -l <followed) < $(wc -l <followed.wanted); i++)); do sleep 0.1; done
 kill $follower
 sort followed | cmp - followed.wanted || complain 'the follower saw something else'
 

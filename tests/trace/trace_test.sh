@@ -314,11 +314,9 @@ case $group in
       head -c 4096 /dev/zero >done
       settings=("${plain[@]}" QUOPA_TRACE_SIZE=128M)
       run load $longest 2>errors &
-      for ((tries = 0; tries < 500; ++tries)); do
-        if in_order trace | grep -q .; then break; fi
-        sleep 0.01
-      done
-      sleep "0.0$((RANDOM % 10))"
+      until in_order trace | grep -q . || ! kill -0 $!; do sleep 0.01; done
+      pause=0.0$((RANDOM % 10))
+      sleep $pause
       kill -KILL $! && wait $! 2>/dev/null
       [ ! -s errors ] || complain "killed: $(cat errors)"
       walk trace killed
@@ -336,7 +334,7 @@ case $group in
         END {
           for (stream in done) if (seen[stream] < done[stream] || seen[stream] > done[stream] + 5) { print "stream " stream " has " seen[stream] " of " done[stream]; bad = 1 }
           exit bad
-        }' streams packets || complain "killed, up to $longest bytes"
+        }' streams packets || complain "killed $pause s after the first file, up to $longest bytes"
     done
     ;;
 esac

@@ -1,5 +1,6 @@
 // quopa compare: what became of the messages of a sender at a receiver.
 #include <algorithm>
+#include <filesystem>
 #include <iostream>
 #include <unordered_map>
 
@@ -27,8 +28,10 @@ class Comparison {
       : options_(options), styles_(read_labels(options.labels), options.ipv6) {}
 
   int run() {
+    expect_files(options_.sender);
+    expect_files(options_.receiver);
     tell_overwritten(options_.sender);
-    tell_overwritten(options_.receiver);
+    if (options_.receiver != options_.sender) tell_overwritten(options_.receiver);
     for_each(options_.receiver, TRACE_RECEIVED, true, [&](const Message &message) {
       ++received_;
       same_[key_of(message)].arrivals.push_back(message.time);
@@ -50,6 +53,16 @@ class Comparison {
   static std::string key_of(const Message &message) {
     std::string key(reinterpret_cast<const char *>(&message.id), sizeof message.id);
     return key.append(message.text());
+  }
+
+  // Captures are read twice, so none may be a pipe.
+  static void expect_files(const std::string &path) {
+    for (const std::string &file : capture::captures_in(path)) {
+      std::error_code error;
+      const auto status = std::filesystem::status(file, error);
+      if (file == "-" || (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)))
+        throw BadUsage(name_of(file) + ": is compared, so it must be a file or a folder of files");
+    }
   }
 
   // What stood in files that were written anew is missing for no fault of the bus.

@@ -1,4 +1,7 @@
 // quopa trace: the messages of captures, chosen and shown, or written to another capture.
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <filesystem>
 #include <iostream>
@@ -6,6 +9,7 @@
 #include <thread>
 
 #include "capture/follower.h"
+#include "capture/ring_file.h"
 #include "capture/timeline.h"
 #include "capture/writer.h"
 #include "tools/quopa/command.h"
@@ -17,13 +21,20 @@
 namespace quopa {
 namespace {
 
+namespace fs = std::filesystem;
+
 constexpr std::chrono::milliseconds kPause{20};  // between looks for what a process has sent
 
 class Output {
  public:
   explicit Output(const TraceOptions &options)
-      : options_(options), styles_(read_labels(options.selection.labels), options.ipv6), selection_(options.selection) {
-    if (!options.output.empty()) writer_.emplace(options.output);
+      : options_(options),
+        styles_(read_labels(options.selection.labels), options.ipv6),
+        selection_(options.selection) {}
+
+  // Creates what is written. To be called when it is settled what is read.
+  void open() {
+    if (!options_.output.empty()) writer_.emplace(options_.output);
   }
 
   void take(const Message &message) {
@@ -61,21 +72,43 @@ class Output {
   std::optional<capture::Writer> writer_;
 };
 
-// A capture that is read must not be overwritten.
+// Whether both are one regular file; "-" is a standard stream.
+bool is_same_file(const std::string &input, const std::string &output) {
+  const auto look = [](const std::string &path, int stream, struct stat &file) {
+    return (path == "-" ? ::fstat(stream, &file) : ::stat(path.c_str(), &file)) == 0 && S_ISREG(file.st_mode);
+  };
+  struct stat in, out;
+  return look(input, STDIN_FILENO, in) && look(output, STDOUT_FILENO, out) && in.st_dev == out.st_dev &&
+         in.st_ino == out.st_ino;
+}
+
+// Whether a file, which need not be there yet, would be followed.
+bool is_followed(const fs::path &path, const fs::path &output) {
+  std::error_code error;
+  const fs::path file = fs::weakly_canonical(output, error);
+  const fs::path folder = fs::is_directory(path, error) ? path : fs::absolute(path, error).parent_path();
+  return capture::ring_file(file.filename()) && fs::equivalent(folder, file.parent_path(), error);
+}
+
+// A capture that is read must not be overwritten, nor what is written be read.
 void expect_other_output(const TraceOptions &options) {
-  if (options.output.empty() || options.output == "-") return;
+  const std::string &output = options.output;
+  if (output.empty()) return;
+  bool is_read = false;
   for (const std::string &path : options.selection.paths) {
-    for (const std::string &file : capture::captures_in(path)) {
-      std::error_code error;
-      if (std::filesystem::equivalent(file, options.output, error))
-        throw BadUsage(options.output + " is read, so it cannot be written");
+    if (options.follow) {
+      is_read = is_read || is_followed(path, output);
+      continue;
     }
+    for (const std::string &file : capture::captures_in(path)) is_read = is_read || is_same_file(file, output);
   }
+  if (is_read) throw BadUsage((output == "-" ? "standard output" : output) + " is read, so it cannot be written");
 }
 
 [[noreturn]] void follow(const TraceOptions &options, Output &output) {
   output.expect_fitting();  // nobody would see an end at which to tell
   capture::Follower follower(options.selection.paths, complain);
+  output.open();
   while (true) {
     while (const Message *message = follower.next()) output.take(*message);
     output.flush();
@@ -87,10 +120,11 @@ void expect_other_output(const TraceOptions &options) {
 }  // namespace
 
 int trace(const TraceOptions &options) {
-  if (!options.follow) expect_other_output(options);
+  expect_other_output(options);
   Output output(options);
   if (options.follow) follow(options, output);
   capture::Timeline timeline(options.selection.paths, complain);
+  output.open();
   while (const Message *message = timeline.next()) output.take(*message);
   output.flush();
   output.expect_fitting();
