@@ -5,6 +5,7 @@
 
 #include "capture/ring_file.h"
 #include "capture/timeline.h"
+#include "describe/printable.h"
 #include "tools/quopa/command.h"
 #include "tools/quopa/input.h"
 #include "tools/quopa/show.h"
@@ -59,7 +60,7 @@ class Comparison {
       if (!in_ring || in_ring->number == 0) continue;
       const std::string former = in_ring->ring + '.' + std::to_string(in_ring->number - 1) + TRACE_FILE_SUFFIX;
       if (std::filesystem::exists(file_path.parent_path() / former)) continue;
-      std::cerr << "quopa: " << file
+      std::cerr << "quopa: " << drix::describe::printable(file)
                 << ": the ring's files before this one were written anew, so messages of that time are missing\n";
     }
   }

@@ -5,13 +5,14 @@
 #include <iostream>
 
 #include "capture/message.h"
+#include "describe/printable.h"
 #include "tools/quopa/command.h"
 #include "tools/quopa/command_line.h"
 
 namespace {
 
 int complain(const std::string &what, int status) {
-  std::cerr << "quopa: " << what << '\n';
+  std::cerr << "quopa: " << drix::describe::printable(what) << '\n';
   return status;
 }
 
