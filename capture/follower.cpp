@@ -11,6 +11,7 @@
 #include <optional>
 
 #include "capture/ring_file.h"
+#include "describe/printable.h"
 #include "runtime/wire.h"
 
 namespace capture {
@@ -81,7 +82,8 @@ class Follower::Ring {
     if (!least) return false;
     const uint64_t lost = *least - number + was_taken_away;
     if (lost > 0)
-      std::cerr << "quopa: " << name_ << ": " << lost << " files were written anew before they were read to the end\n";
+      std::cerr << "quopa: " << drix::describe::printable(name_) << ": " << lost
+                << " files were written anew before they were read to the end\n";
     number_ = *least;
     descriptor_ = ::open(path_of(number_).c_str(), O_RDONLY | O_CLOEXEC);
     if (descriptor_ < 0 || ::fstat(descriptor_, &opened_) != 0) return false;

@@ -4,6 +4,8 @@
 #include <filesystem>
 #include <iostream>
 
+#include "describe/printable.h"
+
 namespace capture {
 
 std::vector<std::string> captures_in(const std::string &path) {
@@ -51,7 +53,7 @@ void Timeline::complain(const std::string &what) {
   whole_ = false;
   if (once_more_) return;
   std::cout.flush();
-  std::cerr << "quopa: " << what << '\n';
+  std::cerr << "quopa: " << drix::describe::printable(what) << '\n';
 }
 
 const Message *Timeline::next() {
