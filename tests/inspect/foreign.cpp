@@ -263,9 +263,16 @@ std::string differs(const std::string &what, const std::string &got, const std::
 }
 
 std::string judge_accepted(quopa::Look &look, const Model &model, const JsonStyle &style, Random &random) {
-  std::ostringstream json, text;
+  std::ostringstream json, text, line_of_json;
   write_json(json, *look.type(), look.record(), style);
   show_text(text, look, style);
+  show_json(line_of_json, look, style);
+  const capture::Message &message = look.message();
+  const std::string line_before =
+      R"({"time":1.000000002,"program":"a \"program\\ ","process":3,"direction":"received","type":")" +
+      look.type()->name() + "\",\"id\":" + std::to_string(message.id) +
+      R"(,"handle":0,"destination":0,"status":0,"index":0,"count":1,"thread":0,"length":)" +
+      std::to_string(message.length) + ",\"record\":";
   const std::string line = text.str().substr(text.str().find(" <- "));
   const auto again = drix::inspect::read_json(json.str(), *look.type(), style.labels);
   std::ostringstream json_again;
@@ -287,6 +294,7 @@ struct Counts {
 std::string judge(const Type &type, const capture::Origin &origin, const Bytes &payload, Random &random,
                   Counts &counts) {
   capture::Message message = {};
+  message.time = 1000000002;
   message.kind = TRACE_RECEIVED;
   message.id = type.message_id();
   message.count = 1;
@@ -331,6 +339,8 @@ int main(int argc, char **argv) {
     const Schema schema(i, random);
     const drix::describe::Catalog catalog(drix::describe::parse_schema(schema.text()));
     capture::Origin origin;
+    origin.program = "a \"program\\\t";
+    origin.process = 3;
     origin.types = &catalog;
     for (unsigned long k = 0; k < messages; ++k) {
       const Type &type = schema.any(random);

@@ -56,7 +56,7 @@ expect 1 ',"f43":\[0,0,0,0\]\}\]\}$' 'rejected at 920: f1\[1\].f44 has a count o
 for case in '{"f9":1}|f9: fib6Sync.ipv6FwdKey has no such member' \
   '{"f3":256}|f3: a whole number from 0 to 255 is wanted, not 256' '{"f3":-1}|f3: a whole' '{"f3":1.5}|f3: a whole' \
   '{"f0":"x"}|f0: a whole' '{"f2":[1,2]}|f2: 4 elements are wanted, not 2' '{"f2":[1,2,3,-4]}|f2\[3\]: a whole' \
-  '{"f2":"fe80::%1"}|f2: "fe80::%1" is no IPv6 address' '{"f4":"0a0b"}|f4: 3 bytes are wanted, not 2' \
+  '{"f2":"fe80::%1"}|f2: "fe80::%1" is no IPv6 address' '{"f2":"::1\\u0000"}|f2: "::1.u0000" is no' '{"f4":"0a0b"}|f4: 3 bytes are wanted, not 2' \
   '{"f4":"0a0b0"}|f4: "0a0b0" is not pairs' '{"f2":1}|f2: an IPv6 address or an array' '[]|the record: an object is' \
   '{"f0":1,"f0":2}|"f0": given twice' '{"f0":1,\n"f1" 2}|parse error at line 2, column ' '[[[[[|the record: nested too deep' \
   '{"f0":1}}|parse error at line 1, column 9' '\0377|parse error' '{"f0":1e999}|number overflow'; do
@@ -66,6 +66,8 @@ expect 1 '' 'input: f1\[1\].f45: a whole number' '{"f1":[{},{"f45":true}]}' enco
 expect 1 '' 'input: route.flags: "UX" has a letter without a label$' '{"route":{"flags":"UX"}}' encode $msg --hex --labels "$routes"
 expect 1 '' 'input: f1.flags: given twice, as f2 and by label$' '{"f1":{"flags":"U","f2":1}}' encode $msg --hex --labels "$routes"
 expect 1 '' '^quopa: standard input:2:3: pairs of hexadecimal digits are wanted$' '00\n00x' decode $param --hex
+expect 1 '' '^quopa: standard input:1:2: pairs' '0 0' decode $param --hex
+expect 1 '' '^quopa: standard input:1:3: pairs' '00\000' decode $param --hex
 expect 1 '' 'the last pair of hexadecimal digits is cut off$' '000' decode $param --hex
 expect 1 '' '^quopa: missing: No such file or directory$' '' decode $param missing
 expect 1 '' '^quopa: /dev/zero: longer than 16 MiB$' '' annotate $param /dev/zero
