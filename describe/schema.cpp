@@ -1,7 +1,6 @@
 #include "describe/schema.h"
 
 #include <algorithm>
-#include <cctype>
 #include <charconv>
 #include <cstdio>
 
@@ -11,6 +10,7 @@ namespace drix::describe {
 namespace {
 
 constexpr std::string_view kHeading = "# quopa schema 1";
+constexpr std::size_t kLongestIdentifier = 63;
 
 // How a C compiler lays out a record whose pointers have a size that may not be this processor's.
 struct Layout {
@@ -105,31 +105,38 @@ class Line {
     return {of_4, take("/") ? number() : of_4};
   }
 
-  std::string name() {
-    const auto end = std::find_if(rest_.begin(), rest_.end(),
-                                  [](unsigned char c) { return std::isalnum(c) == 0 && c != '_' && c != '.'; });
+  // Of C, as long as compilers tell such names apart.
+  std::string identifier() {
+    const auto is_letter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_'; };
+    const auto end =
+        std::find_if(rest_.begin(), rest_.end(), [=](char c) { return !is_letter(c) && (c < '0' || c > '9'); });
     const std::string name(rest_.begin(), end);
-    if (name.empty()) fail("a name");
+    if (name.empty() || !is_letter(name[0]) || name.size() > kLongestIdentifier) fail("a name of C");
     rest_.remove_prefix(name.size());
     return name;
   }
 
+  // What follows is of this slot.
+  void start_slot(std::size_t slot) { where_ = slot_text(slot); }
+
   [[noreturn]] void fail(const std::string &wanted) const {
-    throw std::invalid_argument(wanted + " is wanted" +
+    throw std::invalid_argument(where_ + wanted + " is wanted" +
                                 (rest_.empty() ? " at the end" : " at \"" + std::string(rest_.substr(0, 20)) + '"'));
   }
 
  private:
   std::string_view rest_;
+  std::string where_;
 };
 
+// The kinds that a member of a record can have, see runtime/slots.h.
 SchemaSlot parse_slot(Line &line) {
   SchemaSlot slot = {};
   if (line.take("bytes")) {
     slot.kind = Kind::bytes;
   } else if (const bool is_table = line.take("table("); is_table || line.take("vector(")) {
     slot.kind = is_table ? Kind::table : Kind::vector;
-    slot.inner = line.name();
+    slot.inner = line.identifier();
     line.expect(")");
   } else {
     line.expect("u");
@@ -138,7 +145,9 @@ SchemaSlot parse_slot(Line &line) {
     slot.width = bits / 8;
     slot.kind = line.take("[") ? Kind::array : Kind::scalar;
     if (slot.kind == Kind::array) {
+      if (bits == 16) line.fail("an array of u8 or u32");
       slot.elements = line.number();
+      if (slot.elements == 0 || slot.elements > UINT16_MAX) line.fail("an array of 1 to 65535 elements");
       line.expect("]");
     }
   }
@@ -149,7 +158,9 @@ SchemaSlot parse_slot(Line &line) {
 
 SchemaType parse_type(Line line) {
   SchemaType type = {};
-  type.name = line.name();
+  type.name = line.identifier();
+  line.expect(".");
+  type.name += '.' + line.identifier();
   line.expect(" 0x");
   type.id = line.number(16);
   if (!line.take(" variable")) {
@@ -162,11 +173,12 @@ SchemaType parse_type(Line line) {
   if (type.fixed_length != 0) type.compact_most = line.number();
   line.expect(" record=");
   type.record_size = line.by_pointer();
-  while (!line.empty()) {
+  do {
+    line.start_slot(type.slots.size());
+    if (type.slots.size() == kMaxSlots) line.fail("the line's end");
     line.expect(" ");
     type.slots.push_back(parse_slot(line));
-  }
-  if (type.slots.size() > kMaxSlots) line.fail("at most " + std::to_string(kMaxSlots) + " slots: the line's end");
+  } while (!line.empty());
   return type;
 }
 
@@ -178,6 +190,8 @@ Schema current_schema() {
   std::sort(schema.begin(), schema.end(), [](const auto &a, const auto &b) { return a.name < b.name; });
   return schema;
 }
+
+std::string slot_text(std::size_t slot) { return "slot " + std::to_string(slot) + ": "; }
 
 std::string kind_text(const SchemaSlot &slot) { return kind_text(slot.kind, slot.width, slot.elements, slot.inner); }
 

@@ -51,12 +51,16 @@ std::string to_text(const Schema &schema);
 std::string to_text(const SchemaType &type);
 std::string kind_text(const SchemaSlot &slot);
 
-// Of text that is no schema.
+// What a message about a slot begins with.
+std::string slot_text(std::size_t slot);
+
+// Of text that is no schema, or describes what no record can be.
 struct SchemaError : std::runtime_error {
   SchemaError(std::size_t in_line, const std::string &what) : std::runtime_error(what), line(in_line) {}
   std::size_t line;  // from 1
 };
 
+// The text may be hostile. What types say of each other is not looked at, see Catalog. Throws SchemaError.
 Schema parse_schema(std::string_view text);
 
 }  // namespace drix::describe

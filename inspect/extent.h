@@ -23,28 +23,33 @@ struct Extent {
 Extent extent_of(const Verdict &verdict);
 
 // Calls visit(place, slot, record of the place's table) for each member that was decoded and is no table or vector
-// itself, in order; members of an absent table and elements' too.
+// itself, in order, members of an absent table and elements' too, until it returns false.
 template <class Visit>
 void for_each_member(const describe::Type &type, const uint8_t *record, const Extent &extent, Visit visit) {
   const auto visit_table = [&](const Place &place, const uint8_t *table, std::size_t slots) {
-    for (std::size_t i = 0; i < place.type->slots.size() && i < slots; ++i) visit(place, i, table);
+    for (std::size_t i = 0; i < place.type->slots.size() && i < slots; ++i) {
+      if (!visit(place, i, table)) return false;
+    }
+    return true;
   };
   for (std::size_t i = 0; i < type.slots.size() && i <= extent.root_slots; ++i) {
     const describe::Slot &slot = type.slots[i];
     const bool whole = i < extent.root_slots;
     const auto outer = static_cast<uint32_t>(i);
     if (slot.kind == Kind::table && (whole || extent.has_inner)) {
-      visit_table({slot.inner, outer, Place::kNone}, record + slot.member, whole ? Extent::kAll : extent.inner_slots);
+      const std::size_t slots = whole ? Extent::kAll : extent.inner_slots;
+      if (!visit_table({slot.inner, outer, Place::kNone}, record + slot.member, slots)) return;
     } else if (slot.kind == Kind::vector) {
       const auto *const first = member<const uint8_t *>(record, slot.member);
       const std::size_t elements = whole ? member<uint32_t>(record, slot.length_member) : extent.elements;
       const std::size_t begun = elements + (!whole && extent.has_inner);
       for (std::size_t k = 0; k < begun; ++k) {
-        visit_table({slot.inner, outer, static_cast<uint32_t>(k)}, first + k * slot.inner->record_size,
-                    k < elements ? Extent::kAll : extent.inner_slots);
+        const Place place = {slot.inner, outer, static_cast<uint32_t>(k)};
+        const std::size_t slots = k < elements ? Extent::kAll : extent.inner_slots;
+        if (!visit_table(place, first + k * slot.inner->record_size, slots)) return;
       }
     } else if (slot.kind != Kind::table && whole) {
-      visit(Place{&type, Place::kNone, Place::kNone}, i, record);
+      if (!visit(Place{&type, Place::kNone, Place::kNone}, i, record)) return;
     }
   }
 }

@@ -17,39 +17,60 @@ using nlohmann::json;
   throw JsonError((path.empty() ? "the record" : path) + ": " + what);
 }
 
-std::string short_text(const json &value) {
-  const std::string text = value.dump(-1, ' ', true, json::error_handler_t::replace);
-  return text.size() <= 40 ? text : text.substr(0, 37) + "...";
+std::string shortened(const std::string &text, std::size_t most = 40) {
+  return text.size() <= most ? text : text.substr(0, most - 3) + "...";
 }
 
-// Refuses what no record has: values nested deeper than an element's array, and members given twice.
-class ParseGuard {
+std::string short_text(const json &value) {
+  return shortened(value.dump(-1, ' ', true, json::error_handler_t::replace));
+}
+
+// Refuses what no record has: values nested deeper than an element's array, and members given twice. Not as a callback
+// of the parser, which then looks through all elements behind each.
+class Guard final : public nlohmann::json_sax<json> {
  public:
-  bool operator()(int depth, json::parse_event_t event, const json &parsed) {
-    constexpr int kDeepest = 4;
-    if (event == json::parse_event_t::object_start || event == json::parse_event_t::array_start) {
-      if (depth >= kDeepest) fail("", "nested too deep");
-      keys_.emplace_back();
-    } else if (event == json::parse_event_t::object_end || event == json::parse_event_t::array_end) {
-      keys_.pop_back();
-    } else if (event == json::parse_event_t::key && !keys_.back().insert(parsed.get<std::string>()).second) {
-      fail(short_text(parsed), "given twice");
-    }
+  bool null() override { return true; }
+  bool boolean(bool) override { return true; }
+  bool number_integer(number_integer_t) override { return true; }
+  bool number_unsigned(number_unsigned_t) override { return true; }
+  bool number_float(number_float_t, const string_t &) override { return true; }
+  bool string(string_t &) override { return true; }
+  bool binary(binary_t &) override { return true; }
+  bool start_object(std::size_t) override { return open(); }
+  bool end_object() override { return close(); }
+  bool start_array(std::size_t) override { return open(); }
+  bool end_array() override { return close(); }
+
+  bool key(string_t &name) override {
+    if (!keys_.back().insert(name).second) fail(short_text(name), "given twice");
     return true;
   }
 
+  bool parse_error(std::size_t, const std::string &, const json::exception &error) override {
+    const std::string what = error.what();
+    throw JsonError(shortened(what.substr(what.find("] ") + 2), 200));  // without the number that the library gives it
+  }
+
  private:
+  bool open() {
+    constexpr std::size_t kDeepest = 4;
+    if (keys_.size() == kDeepest) fail("", "nested too deep");
+    keys_.emplace_back();
+    return true;
+  }
+
+  bool close() {
+    keys_.pop_back();
+    return true;
+  }
+
   std::vector<std::set<std::string>> keys_;  // of the objects that are open
 };
 
 json parse(std::string_view text) {
-  ParseGuard guard;
-  try {
-    return json::parse(text, std::ref(guard));
-  } catch (const json::exception &error) {  // besides what it cannot parse, numbers beyond all of its types
-    const std::string what = error.what();
-    throw JsonError(what.substr(what.find("] ") + 2));  // without the number that the library gives it
-  }
+  Guard guard;
+  json::sax_parse(text, &guard);
+  return json::parse(text);
 }
 
 class Reader {
@@ -60,7 +81,7 @@ class Reader {
     if (!object.is_object()) fail(path, "an object is wanted, not " + short_text(object));
     std::set<std::size_t> given;
     for (const auto &[name, value] : object.items()) {
-      const std::string member_path = path.empty() ? name : path + '.' + name;
+      const std::string member_path = path.empty() ? shortened(name) : path + '.' + shortened(name);
       const std::optional<std::size_t> slot = labels_.slot(type, name);
       if (!slot) fail(member_path, type.name() + " has no such member");
       if (!given.insert(*slot).second) fail(member_path, "given twice, as f" + std::to_string(*slot) + " and by label");

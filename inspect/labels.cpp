@@ -28,7 +28,10 @@ std::string_view take_word(std::string_view &text) {
 
 [[noreturn]] void fail(const std::string &what) { throw std::invalid_argument(what); }
 
-std::string quoted(std::string_view text) { return '"' + std::string(text) + '"'; }
+std::string quoted(std::string_view text) {
+  constexpr std::size_t kMost = 40;
+  return '"' + (text.size() <= kMost ? std::string(text) : std::string(text.substr(0, kMost - 3)) + "...") + '"';
+}
 
 bool is_word(std::string_view text) {
   return !text.empty() && std::all_of(text.begin(), text.end(), [](unsigned char c) {
@@ -76,8 +79,8 @@ void parse_meaning(std::string_view text, const Slot &slot, Label &label) {
     }
     const uint32_t value = parse_number(item.substr(equals + 1), slot.width);
     if (label.is_flags && value == 0) fail(quoted(item) + " has no bit");
-    for (const auto &[other, other_value] : label.meaning) {
-      if (other == word || other_value == value) fail(quoted(item) + " is there already");
+    if (!label.values.emplace(word, value).second || !label.places.emplace(value, label.meaning.size()).second) {
+      fail(quoted(item) + " is there already");
     }
     label.meaning.emplace_back(word, value);
   }
@@ -87,32 +90,33 @@ void parse_meaning(std::string_view text, const Slot &slot, Label &label) {
 }  // namespace
 
 std::optional<std::string> Label::text_of(uint32_t value) const {
+  if (!is_flags) {
+    const auto found = places.find(value);
+    return found == places.end() ? std::nullopt : std::optional(meaning[found->second].first);
+  }
   std::string letters;
   uint32_t shown = 0;
-  for (const auto &[word, number] : meaning) {
-    if (!is_flags && number == value) return word;
-    if (!is_flags || (value & number) != number) continue;
-    letters += word;
-    shown |= number;
+  for (const auto &[letter, bits] : meaning) {
+    if ((value & bits) != bits) continue;
+    letters += letter;
+    shown |= bits;
   }
-  if (!is_flags || shown != value) return std::nullopt;
+  if (shown != value) return std::nullopt;
   return letters;
 }
 
-std::optional<uint32_t> Label::value_of(std::string_view text) const {
-  if (is_flags) {
-    uint32_t value = 0;
-    for (const char letter : text) {
-      const auto found =
-          std::find_if(meaning.begin(), meaning.end(), [=](const auto &m) { return m.first[0] == letter; });
-      if (found == meaning.end()) return std::nullopt;
-      value |= found->second;
-    }
-    return value;
+std::optional<uint32_t> Label::value_of(const std::string &text) const {
+  if (!is_flags) {
+    const auto found = values.find(text);
+    return found == values.end() ? std::nullopt : std::optional(found->second);
   }
-  const auto found = std::find_if(meaning.begin(), meaning.end(), [=](const auto &m) { return m.first == text; });
-  if (found == meaning.end()) return std::nullopt;
-  return found->second;
+  uint32_t value = 0;
+  for (const char letter : text) {
+    const auto found = values.find(std::string(1, letter));
+    if (found == values.end()) return std::nullopt;
+    value |= found->second;
+  }
+  return value;
 }
 
 Labels::Labels(std::string_view file) {
@@ -145,7 +149,7 @@ Labels Labels::carried_over(std::span<const Type *const> types) const {
     const Type *const own = describe::find(type->name());
     const auto found = own == nullptr ? types_.end() : types_.find(own);
     if (found == types_.end()) continue;
-    std::vector<Label> &labels = carried.types_[type];
+    auto &labels = carried.types_[type];
     labels.resize(type->slots.size());
     for (std::size_t i = 0; i < std::min(type->slots.size(), own->slots.size()); ++i) {
       if (describe::kind_text(type->slots[i]) == describe::kind_text(own->slots[i])) labels[i] = found->second[i];
@@ -168,7 +172,8 @@ void Labels::parse_member(const Type &type, std::string_view line) {
   if (other && *other != *index) fail(quoted(name) + " is a member already");
 
   const Slot &slot = type.slots[*index];
-  Label label = {.name = std::string(name), .meaning = {}};
+  Label label;
+  label.name = name;
   const std::string_view what = take_word(rest);
   if (what == "ipv6") {
     if (slot.kind != Kind::array || slot.width != 4 || slot.elements != 4) {
@@ -185,14 +190,13 @@ void Labels::parse_member(const Type &type, std::string_view line) {
   } else if (!what.empty()) {
     fail(quoted(what) + " is neither ipv6 nor enum nor flags");
   }
-  if (!types_[&type][*index].name.empty()) fail(std::string(member) + " has a label already");
-  types_[&type][*index] = std::move(label);
+  if (types_[&type][*index] != nullptr) fail(std::string(member) + " has a label already");
+  types_[&type][*index] = std::make_shared<const Label>(std::move(label));
 }
 
 const Label *Labels::find(const Type &type, std::size_t slot) const {
   const auto found = types_.find(&type);
-  if (found == types_.end() || found->second[slot].name.empty()) return nullptr;
-  return &found->second[slot];
+  return found == types_.end() ? nullptr : found->second[slot].get();
 }
 
 std::string Labels::name(const Type &type, std::size_t slot) const {

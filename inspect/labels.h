@@ -15,11 +15,13 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "describe/type.h"
@@ -30,11 +32,13 @@ struct Label {
   std::string name;
   bool ipv6 = false;
   bool is_flags = false;                                  // or an enumeration
-  std::vector<std::pair<std::string, uint32_t>> meaning;  // words or letters with their values
+  std::vector<std::pair<std::string, uint32_t>> meaning;  // words or letters with their values, in the file's order
+  std::unordered_map<std::string, uint32_t> values;       // of the same words or letters
+  std::unordered_map<uint32_t, std::size_t> places;       // of values in meaning
 
   // The word or letters for a value, if it has them all; and the inverse.
   std::optional<std::string> text_of(uint32_t value) const;
-  std::optional<uint32_t> value_of(std::string_view text) const;
+  std::optional<uint32_t> value_of(const std::string &text) const;
 };
 
 // Of text that is no label file.
@@ -63,7 +67,7 @@ class Labels {
  private:
   void parse_member(const describe::Type &type, std::string_view line);
 
-  std::map<const describe::Type *, std::vector<Label>> types_;
+  std::map<const describe::Type *, std::vector<std::shared_ptr<const Label>>> types_;  // by slot, null: no label
 };
 
 }  // namespace drix::inspect

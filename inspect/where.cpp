@@ -189,8 +189,9 @@ bool Where::holds(const Type &type, const uint8_t *record, const Extent &extent,
   if (!resolved) return false;
   bool held = false;
   for_each_member(type, record, extent, [&](const Place &place, std::size_t index, const uint8_t *table) {
-    if (index != resolved->slot || place.outer != resolved->outer || held) return;
-    held = member_holds(*resolved, place.type->slots[index], table);
+    const bool is_asked = index == resolved->slot && place.outer == resolved->outer;
+    held = is_asked && member_holds(*resolved, place.type->slots[index], table);
+    return !held;
   });
   return held;
 }

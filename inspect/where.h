@@ -1,6 +1,7 @@
 // Conditions on what records hold: f1.f3=2001:db8::/32, route.metric>=10.
 //
-// A member is named by f<I> or by its label. In an array or a vector any element may fulfil the condition. A value is
+// A member is named by f<I> or by its label. In an array or a vector any element may fulfil the condition, of several
+// conditions each another one. A value is
 //   for scalars                a number, decimal or 0x hexadecimal, or a word or letters that a label has
 //   for u32[4]                 an IPv6 address, or with = and != a prefix that contains it; a number for any element
 //   for other arrays of u32    a number, for any element

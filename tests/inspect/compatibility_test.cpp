@@ -35,6 +35,9 @@ TEST(Compatibility, IsToldBySlot) {
       {"8/16 u8[8]@0", "8/16 bytes@4/8",
        "p.m slot 0: u8[8] became bytes: wire incompatible: peers give the record up\n"
        "p.m slot 0: member moved from 0 to 4 (64-bit 8): binary interface incompatible: new SONAME\n"},
+      {"8/16 bytes@4/8", "8/16 u8[8]@0",
+       "p.m slot 0: bytes became u8[8]: wire incompatible: peers give the record up\n"
+       "p.m slot 0: member moved from 4 (64-bit 8) to 0: binary interface incompatible: new SONAME\n"},
       {"8 table(tlv)@0", "8 table(other)@0",
        "p.m slot 0: table(tlv) became table(other): wire compatible: the bytes are the same\n"
        "p.m slot 0: member changed its type: binary interface incompatible: new SONAME\n"},

@@ -79,7 +79,8 @@ spoil kind 's/QT\x01\x00/QT\x01\x03/'
 spoil short 's/(\x00{4}.{8})(.{4})(.{4})QT/$1\x10\0\0\0\x10\0\0\0QT/s'
 spoil block 's/\x06\x00\x00\x00..\x00\x00/\x06\x00\x00\x00\xFF\xFF\xFF\x7F/s'
 schemas=0
-for case in 'fixed=72|u99[4]|line ' 'u32@0|xxx@0|line ' 'table(tlv)|table(tlw)|line [0-9]+ of the schema: fib6Sync.* holds fib6Sync.tlw, which is missing' '# quopa|# quota|line 1 of the schema'; do
+for case in 'fixed=72|u99[4]|line ' 'u32@0|xxx@0|line ' 'table(tlv)|table(tlw)|line [0-9]+ of the schema: slot 0: fib6Sync.tlw is missing' \
+  'u32[4]@8|u16[4]@8|line [0-9]+ of the schema: slot 2: an array of u8 or u32' $'fixed=72|\e[2J\x9b|line .* is wanted at .*\\\\x1b\\[2J\\\\x9b' '# quopa|# quota|line 1 of the schema'; do
   name=schema$((schemas += 1))
   rest=${case#*|}
   FROM=${case%%|*} TO=${rest%%|*} perl -0777 -pe 's/\Q$ENV{FROM}\E/substr($ENV{TO} . " " x 9, 0, length $ENV{FROM})/e' own.pcapng >$name.pcapng

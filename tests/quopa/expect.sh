@@ -12,14 +12,16 @@ complain() {
 }
 
 # expect STATUS OUTPUT ERRORS INPUT ARGUMENT...: a line that matches in standard output and the only line of standard
-# error; an empty pattern stands for no output at all, * for any. INPUT may have escapes as for printf.
+# error, which never has anything that a terminal obeys; an empty pattern stands for no output at all, * for any. INPUT
+# may have escapes as for printf.
 expect() {
   local status=$1 output=$2 errors=$3 input=$4 got=0
   shift 4
   printf '%b' "$input" | timeout 60 "${quopa[@]}" "$@" >output 2>errors || got=$?
-  if [ $got -ne "$status" ] || ! matches "$output" output || ! matches "$errors" errors; then
+  if [ $got -ne "$status" ] || ! matches "$output" output || ! matches "$errors" errors ||
+    LC_ALL=C grep -qa '[^ -~]' errors; then
     complain "quopa $* (status $got)"
-    tail -n 5 output errors
+    tail -n 5 output errors | cut -c 1-500 | cat -v
   fi
 }
 matches() {

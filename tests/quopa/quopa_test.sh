@@ -56,7 +56,7 @@ expect 1 ',"f43":\[0,0,0,0\]\}\]\}$' 'rejected at 920: f1\[1\].f44 has a count o
 for case in '{"f9":1}|f9: fib6Sync.ipv6FwdKey has no such member' \
   '{"f3":256}|f3: a whole number from 0 to 255 is wanted, not 256' '{"f3":-1}|f3: a whole' '{"f3":1.5}|f3: a whole' \
   '{"f0":"x"}|f0: a whole' '{"f2":[1,2]}|f2: 4 elements are wanted, not 2' '{"f2":[1,2,3,-4]}|f2\[3\]: a whole' \
-  '{"f2":"fe80::%1"}|f2: "fe80::%1" is no IPv6 address' '{"f4":"0a0b"}|f4: 3 bytes are wanted, not 2' \
+  '{"f2":"fe80::%1"}|f2: "fe80::%1" is no IPv6 address' '{"f2":"::1\\u0000"}|f2: "::1.u0000" is no' '{"f4":"0a0b"}|f4: 3 bytes are wanted, not 2' \
   '{"f4":"0a0b0"}|f4: "0a0b0" is not pairs' '{"f2":1}|f2: an IPv6 address or an array' '[]|the record: an object is' \
   '{"f0":1,"f0":2}|"f0": given twice' '{"f0":1,\n"f1" 2}|parse error at line 2, column ' '[[[[[|the record: nested too deep' \
   '{"f0":1}}|parse error at line 1, column 9' '\0377|parse error' '{"f0":1e999}|number overflow'; do
@@ -66,21 +66,38 @@ expect 1 '' 'input: f1\[1\].f45: a whole number' '{"f1":[{},{"f45":true}]}' enco
 expect 1 '' 'input: route.flags: "UX" has a letter without a label$' '{"route":{"flags":"UX"}}' encode $msg --hex --labels "$routes"
 expect 1 '' 'input: f1.flags: given twice, as f2 and by label$' '{"f1":{"flags":"U","f2":1}}' encode $msg --hex --labels "$routes"
 expect 1 '' '^quopa: standard input:2:3: pairs of hexadecimal digits are wanted$' '00\n00x' decode $param --hex
+expect 1 '' '^quopa: standard input:1:2: pairs' '0 0' decode $param --hex
+expect 1 '' '^quopa: standard input:1:3: pairs' '00\000' decode $param --hex
 expect 1 '' 'the last pair of hexadecimal digits is cut off$' '000' decode $param --hex
 expect 1 '' '^quopa: missing: No such file or directory$' '' decode $param missing
 expect 1 '' '^quopa: /dev/zero: longer than 16 MiB$' '' annotate $param /dev/zero
-for case in 'f0 = a|1: a section' '[no.such]|1: no type "no.such"' "[$key]\nf5 = a|2: fib6Sync.ipv6FwdKey has no member \"f5\"" \
-  "[$key]\n# c\nf0 = a ipv6|3: ipv6 is for u32\[4\], and f0 is u32" "[$key]\nf2 = a enum x=1|2: enum is for scalars" \
-  "[$key]\nf3 = a enum x=256|2: \"256\" is not a number from 0 to 255" "[$key]\nf0 = f1|2: \"f1\" would be taken" \
-  "[$key]\nf0 = a\nf1 = a|3: \"a\" is a member already" "[$key]\nf0 = a flags UG=1|2: \"UG=1\" is not LETTER=NUMBER" \
-  "[$key]\nf0 = a enum x=1 y=1|2: \"y=1\" is there already" "[$key]\nf0 = a\nf0 = b|3: f0 has a label already"; do
-  printf '%b' "${case%%|*}" >bad.labels
-  expect 1 '' "^quopa: bad.labels:${case#*|}" '' decode $key --labels bad.labels
-done
+printf '%b' "[$key]\nf0 = a\nf1 = a" >bad.labels
+expect 1 '' '^quopa: bad.labels:3: "a" is a member already$' '' decode $key --labels bad.labels
 sed 's/ u8@24 / u16@24 /' "$project/describe/baseline.schema" >old.schema
 expect 1 '^fib6Sync.ipv6FwdKey slot 3: u16 became u8: wire incompatible: peers read a wrong value$' '' '' types --check old.schema
 expect 1 '' '^quopa: standard input:1: "# quopa schema 1" is wanted$' 'x' types --check -
+expect 1 '' '^quopa: standard input:2: slot 1: an array of u8 or u32 is wanted at "2\]@0"$' \
+  '# quopa schema 1\np.m 0x1 variable compact=8.. record=8 u8@0 u16[2]@0\n' types --check -
 expect 1 '' '^quopa: output/none: ' '{}' encode $param -o output/none
+
+# Nothing that a terminal would obey comes back, whoever wrote it, and nothing without end.
+escape=$'\e[31m' shown='\\x1b\[31m'
+printf '%s' "[$key]"$'\n'"f0 = $escape" >bad.labels
+expect 1 '' "^quopa: none$shown: No such file" '' decode $key "none$escape"
+expect 1 '' "^quopa: bad.labels:2: \"$shown\" is no name$" '' decode $key --labels bad.labels
+expect 1 '' "^quopa: standard input: f0.$shown: fib6Sync.tlv has no" '{"f0":{"\\u001b[31m":1}}' encode $msg --hex
+expect 1 '' "^quopa: standard input:2: .* is wanted at \".*$shown\"$" "# quopa schema 1\np.m$escape" types --check -
+expect 1 '' '^quopa: standard input: parse error' "{\"f0\": \"$escape\x9b\xc2\x9b\"}" encode $key --hex
+expect 2 '' "^quopa: no type \"$shown\"" '' decode "$escape"
+cp /dev/null "empty$escape" && expect 1 '*' "^quopa: empty$shown: rejected at 0" '' decode $param "empty$escape"
+expect 1 '' '^quopa: standard input: x{37}\.\.\.: fib6Sync.* no such member$' "{\"$(printf '%05000d' 0 | tr 0 x)\":1}" encode $key --hex
+
+# A second for a million elements and for 300,000 words, as long as either takes time in proportion; and a file of any size.
+{ echo '{"f1":[{}' && seq 999999 | sed 's/.*/,{}/' && echo ']}'; } >many.json
+expect 0 '' '' '' encode korBrokerFib6.nhp6DelMsg many.json -o many
+{ printf '[%s]\nf0 = a enum' $key && seq 300000 | sed 's/.*/ w&=&/' | tr -d '\n' && echo ' w2=2'; } >many.labels
+expect 1 '' '^quopa: many.labels:2: "w2=2" is there already$' '' decode $key --labels many.labels
+truncate -s 3G large && expect 1 '' '^quopa: large: longer than 16 MiB$' '' decode $param large
 
 # Wrong usage.
 expect 2 '' '^quopa: A subcommand is required$' ''

@@ -190,7 +190,7 @@ void append_slot(Type &type, Slot slot) {
   type.slots.push_back(slot);
 }
 
-void append_type(const std::string &package, const Row &row) {
+const Type &append_type(const std::string &package, const Row &row) {
   Type type{.package = package, .message = row.message, .slots = {}, .listed = row.listed, .listed_offsets = {}};
   std::istringstream slots(row.slots), offsets(row.offsets);
   for (std::string text; slots >> text;) {
@@ -201,7 +201,7 @@ void append_type(const std::string &package, const Row &row) {
   }
   for (uint32_t offset; offsets >> offset;) type.listed_offsets.push_back(offset);
   place_member(type, 0, type.record_alignment);
-  storage().push_back(type);
+  return storage().emplace_back(type);
 }
 
 void add_rows(const std::string &package, std::span<const Row> rows) {
@@ -250,6 +250,8 @@ std::vector<const Type *> types_of(const std::string &package) {
     if (type.package == package) types.push_back(&type);
   return types;
 }
+
+const Type &add(const std::string &package, const Row &row) { return append_type(package, row); }
 
 const Type &find(const std::string &package, const std::string &message) {
   add_own_rows_once();

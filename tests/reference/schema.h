@@ -57,6 +57,9 @@ const std::vector<const Type *> &all_types();
 // All types of one package in row order. "probe" holds shapes beyond those of the library.
 std::vector<const Type *> types_of(const std::string &package);
 
+// Adds a type to any package, for as long as the process lives.
+const Type &add(const std::string &package, const Row &row);
+
 // Throws std::invalid_argument for an unknown name.
 const Type &find(const std::string &package, const std::string &message);
 

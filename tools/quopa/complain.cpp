@@ -2,11 +2,13 @@
 
 #include <iostream>
 
+#include "describe/printable.h"
+
 namespace quopa {
 
 void complain(const std::string &line) {
   std::cout.flush();
-  std::cerr << "quopa: " << line << '\n';
+  std::cerr << "quopa: " << drix::describe::printable(line) << '\n';
 }
 
 }  // namespace quopa

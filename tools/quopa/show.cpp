@@ -1,5 +1,6 @@
 #include "tools/quopa/show.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 
@@ -22,10 +23,9 @@ const char *arrow(const Message &message) { return message.is_sent() ? "->" : me
 
 bool is_zero(const Slot &slot, const uint8_t *table) {
   if (slot.kind == Kind::bytes) return drix::inspect::member<uint32_t>(table, slot.length_member) == 0;
-  for (uint32_t i = 0; i < std::max<uint32_t>(slot.elements, 1); ++i) {
-    if (drix::inspect::number_at(table + slot.member + std::size_t{i} * slot.width, slot.width) != 0) return false;
-  }
-  return true;
+  const uint8_t *const value = table + slot.member;
+  const std::size_t size = slot.width * std::max<std::size_t>(slot.elements, 1);
+  return std::all_of(value, value + size, [](uint8_t byte) { return byte == 0; });
 }
 
 std::string value_text(const Slot &slot, const uint8_t *table, const Label *label, bool ipv6) {
@@ -48,30 +48,35 @@ std::string value_text(const Slot &slot, const uint8_t *table, const Label *labe
   return text + ']';
 }
 
+// How many more there are than a line takes is not told: a short message may have millions.
 void show_members(std::ostream &out, Look &look, const JsonStyle &style) {
   const uint8_t *const record = look.record();
   std::size_t members = 0;
-  for_each_member(*look.type(), record, look.extent(),
-                  [&](const Place &place, std::size_t index, const uint8_t *table) {
-                    const Slot &slot = place.type->slots[index];
-                    if (is_zero(slot, table) || ++members > kMostMembers) return;
-                    out << ' ';
-                    if (place.outer != Place::kNone) {
-                      out << style.labels.name(*look.type(), place.outer);
-                      if (place.element != Place::kNone) out << '[' << place.element << ']';
-                      out << '.';
-                    }
-                    out << style.labels.name(*place.type, index) << '='
-                        << value_text(slot, table, style.labels.find(*place.type, index), style.ipv6);
-                  });
-  if (members > kMostMembers) out << " ... " << members - kMostMembers << " more";
+  const auto show = [&](const Place &place, std::size_t index, const uint8_t *table) {
+    const Slot &slot = place.type->slots[index];
+    if (is_zero(slot, table)) return true;
+    if (++members > kMostMembers) {
+      out << " ... more";
+      return false;
+    }
+    out << ' ';
+    if (place.outer != Place::kNone) {
+      out << style.labels.name(*look.type(), place.outer);
+      if (place.element != Place::kNone) out << '[' << place.element << ']';
+      out << '.';
+    }
+    out << style.labels.name(*place.type, index) << '='
+        << value_text(slot, table, style.labels.find(*place.type, index), style.ipv6);
+    return true;
+  };
+  for_each_member(*look.type(), record, look.extent(), show);
 }
 
 // The status where it is not good.
 std::string status_text(const Message &message) {
   if (message.status == 0) return {};
-  if (message.is_received()) return "GIVEN UP";
-  return message.status == TRACE_NO_ANSWER ? "NO ANSWER" : "FAILED " + std::to_string(message.status);
+  if (message.status == TRACE_NO_ANSWER) return "NO ANSWER";
+  return message.is_received() ? "GIVEN UP" : "FAILED " + std::to_string(message.status);
 }
 
 std::string quoted(const std::string &text) {

@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "tools/quopa/command.h"
+#include "tools/quopa/complain.h"
 #include "tools/quopa/decoder_log.h"
 #include "tools/quopa/input.h"
 
@@ -14,8 +15,8 @@ int report(const drix::inspect::Verdict &verdict, const drix::describe::Type &ty
   std::cout.flush();
   const std::string log = decoder_log(type, buffer);
   if (!log.empty()) std::cerr << log << '\n';
-  std::cerr << "quopa: " << name_of(path) << ": rejected at " << verdict.culprit.at << ": " << explain(verdict)
-            << (verdict.logged() ? "\n" : " (not logged)\n");
+  complain(name_of(path) + ": rejected at " + std::to_string(verdict.culprit.at) + ": " + explain(verdict) +
+           (verdict.logged() ? "" : " (not logged)"));
   return kBad;
 }
 

@@ -1,0 +1,358 @@
+// Messages of random types that the library does not have, good and damaged, read by the schema that a capture would
+// bring along: a simple model says whether each is accepted, what is shown of it and which conditions it fulfils.
+//
+//   foreign SCHEMAS MESSAGES [SEED]    MESSAGES for each of SCHEMAS
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+
+#include "codec.h"
+#include "inspect/where.h"
+#include "tools/quopa/show.h"
+
+namespace {
+
+using drix::inspect::JsonStyle;
+using drix::inspect::Where;
+using records::Kind;
+using records::Random;
+using reference::Bytes;
+using reference::Slot;
+using reference::Type;
+
+// Types without tables, of which the first own nothing, then types that hold them; in the order of their names, which
+// puts the latter in front.
+class Schema {
+ public:
+  Schema(unsigned number, Random &random) : package_("p" + std::to_string(number)) {
+    constexpr uint32_t kPlain = 2, kFlat = 3;
+    for (uint32_t i = 0; i < kFlat; ++i) {
+      Slots slots(random);
+      while (slots.want_more()) slots.add_flat(i >= kPlain);
+      add("t" + std::to_string(i), slots.text());
+    }
+    for (int i = 0; i < 2; ++i) {
+      Slots slots(random);
+      std::size_t memory = 0;  // for each 4 bytes of a message, of which a schema has its bound
+      while (slots.want_more()) {
+        const uint32_t way = random.below(6);
+        const uint32_t inner = random.below(way == 0 ? kFlat : kPlain);
+        const std::string name = 't' + std::to_string(inner);
+        if (way == 1) memory += reference::find(package_, name).record_size;
+        if (way == 0) {
+          slots.add(name);
+        } else if (way == 1 && memory <= 768) {
+          slots.add(name + "[]");
+        } else {
+          slots.add_flat(random.below(8) == 0);
+        }
+      }
+      add("h" + std::to_string(i), slots.text());
+    }
+    std::sort(types_.begin(), types_.end(), [](const Type *a, const Type *b) { return a->message < b->message; });
+  }
+
+  const Type &any(Random &random) const { return *types_[random.below(static_cast<uint32_t>(types_.size()))]; }
+
+  std::string text() const {
+    std::string text = "# quopa schema 1\n";
+    for (const Type *type : types_) {
+      char id[16];
+      std::snprintf(id, sizeof id, " 0x%08X", type->message_id());
+      text += type->package + '.' + type->message + id + " variable compact=8.. record=8";
+      for (const Slot &slot : type->slots) text += ' ' + kind_of(slot) + "@0";
+      text += '\n';
+    }
+    return text;
+  }
+
+ private:
+  // The slots of a type, in the reference's words.
+  class Slots {
+   public:
+    explicit Slots(Random &random)
+        : random_(random), left_(random.below(10) == 0 ? 40 + random.below(9) : 1 + random.below(8)) {}
+
+    bool want_more() const { return left_ > 0; }
+    const std::string &text() const { return text_; }
+
+    void add(const std::string &kind) {
+      text_ += kind + ' ';
+      --left_;
+    }
+
+    void add_flat(bool may_own) {
+      static constexpr const char *kKinds[] = {"u8", "u16", "u32", "u32[4]", "u8[", "u32[", "bytes"};
+      const uint32_t kind = random_.below(may_own ? 7 : 6);
+      const bool is_array = kind == 4 || kind == 5;
+      const uint32_t elements = random_.below(20) == 0 ? 50 : 1 + random_.below(6);
+      add(is_array ? kKinds[kind] + std::to_string(left_ > 10 ? 1 : elements) + ']' : kKinds[kind]);
+    }
+
+   private:
+    Random &random_;
+    uint32_t left_;
+    std::string text_;
+  };
+
+  void add(const std::string &message, const std::string &slots) {
+    types_.push_back(&reference::add(package_, {message.c_str(), slots.c_str()}));
+  }
+
+  static std::string kind_of(const Slot &slot) {
+    const std::string number = "u" + std::to_string(8 * slot.width);
+    if (slot.kind == Kind::bytes) return "bytes";
+    if (slot.kind == Kind::table) return "table(" + slot.type->message + ')';
+    if (slot.kind == Kind::vector) return "vector(" + slot.type->message + ')';
+    return slot.kind == Kind::scalar ? number : number + '[' + std::to_string(slot.count) + ']';
+  }
+
+  std::string package_;
+  std::vector<const Type *> types_;
+};
+
+// What there is to tell of a record that was decoded.
+class Model {
+ public:
+  Model(const Type &type, const Bytes &record, bool ipv6) : ipv6_(ipv6) { json_ = table("", type, record.data()); }
+
+  const std::string &json() const { return json_; }
+
+  std::string members() const {
+    std::string text;
+    for (std::size_t i = 0; i < members_.size() && i < 40; ++i) text += ' ' + members_[i];
+    return members_.size() <= 40 ? text : text + " ... more";
+  }
+
+  // The numbers that a path like f1.f3 leads to.
+  struct Numbers {
+    std::string path;
+    uint32_t value;
+  };
+  const std::vector<Numbers> &numbers() const { return numbers_; }
+
+ private:
+  std::string table(const std::string &path, const Type &type, const uint8_t *record) {
+    std::string json;
+    for (std::size_t i = 0; i < type.slots.size(); ++i) {
+      const std::string name = 'f' + std::to_string(i);
+      json += (i == 0 ? "\"" : ",\"") + name + "\":" + slot(path + name, type.slots[i], record);
+    }
+    return '{' + json + '}';
+  }
+
+  std::string slot(const std::string &path, const Slot &slot, const uint8_t *record) {
+    const uint8_t *const at = record + slot.member;
+    if (slot.kind == Kind::table) return table(path + '.', *slot.type, at);
+    if (slot.kind == Kind::vector) {
+      std::string json;
+      for (uint32_t k = 0; k < slot.length_in(record); ++k) {
+        const uint8_t *const element = slot.block_in(record) + k * slot.type->record_size;
+        json += (k == 0 ? "" : ",") + table(path + '[' + std::to_string(k) + "].", *slot.type, element);
+      }
+      return '[' + json + ']';
+    }
+    if (slot.kind == Kind::bytes) return octets(path, slot.block_in(record), slot.length_in(record), true);
+    if (slot.kind == Kind::array && slot.width == 1) return octets(path, at, slot.count, false);
+    return words(path, slot, at);
+  }
+
+  // Text has them up to the 32nd.
+  std::string octets(const std::string &path, const uint8_t *bytes, std::size_t size, bool empty_is_zero) {
+    std::string text;
+    for (std::size_t i = 0; i < size; ++i) {
+      char digits[3];
+      std::snprintf(digits, sizeof digits, "%02x", bytes[i]);
+      text += digits;
+    }
+    const bool is_zero = empty_is_zero ? size == 0 : text.find_first_not_of('0') == std::string::npos;
+    const std::string rest = size > 32 ? "...(" + std::to_string(size) + " bytes)" : "";
+    if (!is_zero) members_.push_back(path + '=' + text.substr(0, 64) + rest);
+    return '"' + text + '"';
+  }
+
+  std::string words(const std::string &path, const Slot &slot, const uint8_t *at) {
+    std::string list, condition_path;
+    bool is_zero = true;
+    for (std::size_t i = 0, end = 0; i < path.size(); i = end) {  // without [2]
+      end = std::min(path.find('[', i), path.size());
+      condition_path += path.substr(i, end - i);
+      if (end < path.size()) end = path.find(']', end) + 1;
+    }
+    uint32_t network_order[4] = {};
+    for (uint32_t i = 0; i < slot.count; ++i) {
+      uint32_t value = 0;
+      for (uint32_t k = 0; k < slot.width; ++k) {
+        const uint32_t place = std::endian::native == std::endian::little ? slot.width - 1 - k : k;
+        value = value << 8 | at[i * slot.width + place];
+      }
+      if (i < 4) network_order[i] = htonl(value);
+      is_zero = is_zero && value == 0;
+      list += (i == 0 ? "" : ",") + std::to_string(value);
+      numbers_.push_back({condition_path, value});
+    }
+    if (slot.kind == Kind::array) list = '[' + list + ']';
+    char address[INET6_ADDRSTRLEN];
+    const bool is_address = ipv6_ && slot.kind == Kind::array && slot.count == 4;
+    if (is_address) list = inet_ntop(AF_INET6, network_order, address, sizeof address);
+    if (!is_zero) members_.push_back(path + '=' + list);
+    return is_address ? '"' + list + '"' : list;
+  }
+
+  bool ipv6_;
+  std::string json_;
+  std::vector<std::string> members_;
+  std::vector<Numbers> numbers_;
+};
+
+Bytes random_message(const Type &type, Random &random) {
+  records::Arena arena;
+  Bytes record(type.record_size);
+  const records::Mix mix = {
+      .zeros = 25 * random.below(4), .most_bytes = random.below(8) == 0 ? 40u : 4u, .most_elements = random.below(6)};
+  records::fill_random(type, record.data(), random, mix, arena);
+  const bool fixed = type.is_fixed() && random.below(2) == 0;
+  return fixed ? reference::build_fixed(type, record.data()) : reference::pack(type, record.data());
+}
+
+void damage(Bytes &message, Random &random) {
+  const auto size = static_cast<uint32_t>(message.size());
+  const uint32_t at = random.below(size);
+  switch (random.below(4)) {
+    case 0:
+      message.resize(at);
+      break;
+    case 1:
+      message[at] ^= static_cast<uint8_t>(1u << random.below(8));
+      break;
+    case 2:
+      message[at] = static_cast<uint8_t>(random.below(size));
+      break;
+    default:
+      message[at] = 0;
+  }
+}
+
+// One number of the record, or one beside it, is compared with what records have there.
+std::string judge_condition(quopa::Look &look, const Model &model, Random &random) {
+  if (model.numbers().empty()) return {};
+  const auto &asked = model.numbers()[random.below(static_cast<uint32_t>(model.numbers().size()))];
+  const uint32_t value = asked.value + random.below(2);
+  const struct {
+    const char *sign;
+    bool (*holds)(uint32_t, uint32_t);
+  } signs[] = {
+      {"=", [](uint32_t a, uint32_t b) { return a == b; }}, {"!=", [](uint32_t a, uint32_t b) { return a != b; }},
+      {"<", [](uint32_t a, uint32_t b) { return a < b; }},  {"<=", [](uint32_t a, uint32_t b) { return a <= b; }},
+      {">", [](uint32_t a, uint32_t b) { return a > b; }},  {">=", [](uint32_t a, uint32_t b) { return a >= b; }}};
+  const auto &[sign, holds] = signs[random.below(6)];
+  const bool expected =
+      std::any_of(model.numbers().begin(), model.numbers().end(), [&, compares = holds](const Model::Numbers &number) {
+        return number.path == asked.path && compares(number.value, value);
+      });
+  Where where(asked.path + sign + std::to_string(value));
+  const bool got = where.holds(*look.type(), look.record(), look.extent(), {});
+  return got == expected ? "" : asked.path + sign + std::to_string(value) + " is told wrong";
+}
+
+std::string differs(const std::string &what, const std::string &got, const std::string &expected) {
+  return got == expected ? "" : what + " is\n  " + got + "\nand not\n  " + expected;
+}
+
+std::string judge_accepted(quopa::Look &look, const Model &model, const JsonStyle &style, Random &random) {
+  std::ostringstream json, text, line_of_json;
+  write_json(json, *look.type(), look.record(), style);
+  show_text(text, look, style);
+  show_json(line_of_json, look, style);
+  const capture::Message &message = look.message();
+  const std::string line_before =
+      R"({"time":1.000000002,"program":"a \"program\\ ","process":3,"direction":"received","type":")" +
+      look.type()->name() + "\",\"id\":" + std::to_string(message.id) +
+      R"(,"handle":0,"destination":0,"status":0,"index":0,"count":1,"thread":0,"length":)" +
+      std::to_string(message.length) + ",\"record\":";
+  const std::string line = text.str().substr(text.str().find(" <- "));
+  const auto again = drix::inspect::read_json(json.str(), *look.type(), style.labels);
+  std::ostringstream json_again;
+  write_json(json_again, *look.type(), again.data(), style);
+  const std::string faults[] = {
+      differs("JSON", json.str(), model.json()), differs("JSON read again", json_again.str(), model.json()),
+      differs("text", line, " <- " + look.type()->name() + model.members()), judge_condition(look, model, random)};
+  for (const std::string &fault : faults) {
+    if (!fault.empty()) return fault;
+  }
+  return {};
+}
+
+struct Counts {
+  unsigned accepted = 0;
+  unsigned refused = 0;
+};
+
+std::string judge(const Type &type, const capture::Origin &origin, const Bytes &payload, Random &random,
+                  Counts &counts) {
+  capture::Message message = {};
+  message.time = 1000000002;
+  message.kind = TRACE_RECEIVED;
+  message.id = type.message_id();
+  message.count = 1;
+  message.length = static_cast<uint32_t>(payload.size());
+  message.payload = payload;
+  message.origin = &origin;
+  quopa::Look look(message);
+  if (look.type() == nullptr) return "no type";
+
+  const uint8_t none = 0;
+  Bytes record(type.record_size);
+  reference::Trace trace;
+  const bool accepted =
+      reference::decode(type, payload.empty() ? &none : payload.data(), message.length, record.data(), trace);
+  ++(accepted ? counts.accepted : counts.refused);
+  std::string fault;
+  if (accepted == look.is_rejected()) {
+    fault = "the verdict is: " + explain(look.verdict());
+  } else if (accepted) {
+    const JsonStyle style = {.labels = {}, .ipv6 = random.below(2) == 0};
+    fault = judge_accepted(look, Model(type, record, style.ipv6), style, random);
+  } else {
+    std::ostringstream shown;
+    show_text(shown, look, {});
+    if (shown.str().find(" REJECTED at ") == std::string::npos) fault = "no rejection in " + shown.str();
+    show_json(shown, look, {});
+  }
+  if (accepted) reference::release(type, record.data(), trace);
+  return fault;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  if (argc < 3) return 2;
+  const unsigned long schemas = std::strtoul(argv[1], nullptr, 10);
+  const unsigned long messages = std::strtoul(argv[2], nullptr, 10);
+  const unsigned long seed = argc > 3 ? std::strtoul(argv[3], nullptr, 10) : 1;
+  Random random(seed);
+  Counts counts;
+  for (unsigned i = 0; i < schemas; ++i) {
+    const Schema schema(i, random);
+    const drix::describe::Catalog catalog(drix::describe::parse_schema(schema.text()));
+    capture::Origin origin;
+    origin.program = "a \"program\\\t";
+    origin.process = 3;
+    origin.types = &catalog;
+    for (unsigned long k = 0; k < messages; ++k) {
+      const Type &type = schema.any(random);
+      Bytes message = random_message(type, random);
+      if (random.below(2) == 0) damage(message, random);
+      const std::string fault = judge(type, origin, message, random, counts);
+      if (fault.empty()) continue;
+      std::printf("seed %lu, schema %u, message %lu of %s: %s\n%s", seed, i, k, type.prefix().c_str(), fault.c_str(),
+                  schema.text().c_str());
+      return 1;
+    }
+  }
+  std::printf("seed %lu: %u accepted and %u refused messages agree\n", seed, counts.accepted, counts.refused);
+  return counts.accepted > 0 && counts.refused > 0 ? 0 : 1;
+}
