@@ -60,7 +60,7 @@ ROOMS = (
     Room(tuple(f"tools/quopa/{name}.cpp" for name in ("trace", "stats", "compare", "replay", "selection")), COMMANDS,
          r"quopa\.(calls|captures)"),
     Room(("tools/quopa/",), READERS, r"quopa\.(commands|calls|captures|dissector)|fuzz\.replay_quopa"),
-    Room(("platform/",), ("test_platform",), r"Bus|Services|bus\."),
+    Room(("platform/",), ("test_platform", "bus_kills"), r"Bus|Services|bus\."),
 )
 
 
