@@ -273,13 +273,14 @@ std::string judge_accepted(quopa::Look &look, const Model &model, const JsonStyl
       look.type()->name() + "\",\"id\":" + std::to_string(message.id) +
       R"(,"handle":0,"destination":0,"status":0,"index":0,"count":1,"thread":0,"length":)" +
       std::to_string(message.length) + ",\"record\":";
-  const std::string line = text.str().substr(text.str().find(" <- "));
+  const std::string members = text.str().substr(text.str().find(" <- "));
   const auto again = drix::inspect::read_json(json.str(), *look.type(), style.labels);
   std::ostringstream json_again;
   write_json(json_again, *look.type(), again.data(), style);
   const std::string faults[] = {
       differs("JSON", json.str(), model.json()), differs("JSON read again", json_again.str(), model.json()),
-      differs("text", line, " <- " + look.type()->name() + model.members()), judge_condition(look, model, random)};
+      differs("the line of JSON", line_of_json.str(), line_before + model.json() + '}'),
+      differs("text", members, " <- " + look.type()->name() + model.members()), judge_condition(look, model, random)};
   for (const std::string &fault : faults) {
     if (!fault.empty()) return fault;
   }

@@ -29,7 +29,7 @@ show good.pcapng --json --ipv6 >addresses
 update=fib6Sync.ipv6FwdUpdateMsg
 for case in "$update|f1.f4<=7|.f1.f4 <= 7" "$update|f1.f4!=0|.f1.f4 != 0" "$update|f1.f0>=0x100|.f1.f0 >= 256" "$update|f1.f0<9|.f1.f0 < 9" \
   "$update|f1.f3>1000::|.f1.f3 | test(\"^[1-9a-f]...:\")" "$update|f1.f3=::/16|.f1.f3 | test(\"^(::|0:)\")" "$update|f1.f3!=::/0|false" \
-  "$update|f1.f3=::/1|.f1.f3 | test(\"^[89a-f]...:\") | not" "$update|f1.f3=::|.f1.f3 == \"::\"" \
+  "$update|f1.f3=::/12|.f1.f3 | test(\"^(::|[0-9a-f]:)\")" "$update|f1.f3=::|.f1.f3 == \"::\"" \
   'fib6Sync.svcCtxMsg|f1>0x10000000|any(.f1[]; . > 268435456)' 'fib6_cfg.query_fib6_rec|f1.f0>100|any(.f1[]; .f0 > 100)' \
   'fib6_cfg.query_fib6_rec|f1.f45=0|any(.f1[]; .f45 == 0)' 'fib6_cfg.query_comm_param|f2=|.f2 == ""' \
   'fib6_cfg.query_comm_param|f2>=05|.f2 >= "05"' 'fib6Sync.ipv6FwdKey|f4!=000000|.f4 != "000000"'; do

@@ -25,6 +25,10 @@ expect 0 '^ +48 .* route.flags = UG \(0x3\)$' '' '' annotate $msg route --labels
 expect 0 $'\033\\[32m +48 ' '' '' annotate $msg route --color always
 expect 0 '^ +\.\.\.  232 bytes more +--full shows them$' '' "$(printf '{"f2":"%0512d"}' 0 |
   "${quopa[@]}" encode $param --hex)" annotate $param --hex
+# What elements share is told once.
+"${quopa[@]}" encode korBrokerFib6.nhp6DelMsg --hex <<<'{"f1":[{"f0":1},{"f0":1}]}' | sed 's/0e00000018000000/0e0000000a000000/' >shared
+expect 0 '^ +42  01 00 00 00 +f1\[0\].f0 = 1$' '' '' annotate korBrokerFib6.nhp6DelMsg shared --hex
+grep -q 'f1\[1\]\.f0' output && complain 'a shared element is told twice'
 expect 0 '^fib6Sync.tlv, message ID 0x' '' '' types fib6Sync.tlv
 expect 0 '^\{"type":"fib6_cfg.query_comm_param".*"record_size":\[16,24\]' '' '' types fib6_cfg --json
 expect 0 '^[0-9]+ types, no difference$' '' '' types --check "$project/describe/baseline.schema"
@@ -73,7 +77,7 @@ expect 1 '' '^quopa: missing: No such file or directory$' '' decode $param missi
 expect 1 '' '^quopa: /dev/zero: longer than 16 MiB$' '' annotate $param /dev/zero
 printf '%b' "[$key]\nf0 = a\nf1 = a" >bad.labels
 expect 1 '' '^quopa: bad.labels:3: "a" is a member already$' '' decode $key --labels bad.labels
-sed 's/ u8@24 / u16@24 /' "$project/describe/baseline.schema" >old.schema
+sed 's/ u8@24 / u16@24 /; $d' "$project/describe/baseline.schema" >old.schema
 expect 1 '^fib6Sync.ipv6FwdKey slot 3: u16 became u8: wire incompatible: peers read a wrong value$' '' '' types --check old.schema
 expect 1 '' '^quopa: standard input:1: "# quopa schema 1" is wanted$' 'x' types --check -
 expect 1 '' '^quopa: standard input:2: slot 1: an array of u8 or u32 is wanted at "2\]@0"$' \
