@@ -54,7 +54,7 @@ ROOMS = (
          r"Codec|Images|Send|Binding|campaign\.sample|fuzz\.(seeds|replay_round_trip)|abi\.shared"),
     Room(("trace/",), ("quopa_trace", "traced", "walk_trace"), r"trace\."),
     Room(("capture/",), READERS + ("test_capture",), r"Capture|quopa\.(calls|captures)|fuzz\.replay_quopa"),
-    Room(("inspect/", "describe/"), READERS + ("test_inspect", "fuzz_round_trip"),
+    Room(("inspect/", "describe/"), READERS + ("test_inspect", "foreign", "fuzz_round_trip"),
          r"Catalog|Compatibility|Json|Labels|Printable|inspect\.|campaign\.sample|quopa\.(commands|calls|captures)|"
          r"fuzz\.replay_(quopa|round_trip)"),
     Room(tuple(f"tools/quopa/{name}.cpp" for name in ("trace", "stats", "compare", "replay", "selection")), COMMANDS,
