@@ -52,7 +52,8 @@ ROOMS = (
     Room(("runtime/", "bus/", "packages/", "include/"),
          ("drix_fib6", "test_codec", "test_send", "test_binding", "campaign", "fuzz_round_trip"),
          r"Codec|Images|Send|Binding|campaign\.sample|fuzz\.(seeds|replay_round_trip)|abi\.shared"),
-    Room(("trace/",), ("quopa_trace", "traced", "walk_trace"), r"trace\."),
+    Room(("trace/",), ("quopa_trace", "traced", "walk_trace"),
+         r"trace\.(calls|loaded|ring|children|process)"),
     Room(("capture/",), READERS + ("test_capture",), r"Capture|quopa\.(calls|captures)|fuzz\.replay_quopa"),
     Room(("inspect/", "describe/"), READERS + ("test_inspect", "foreign", "fuzz_round_trip"),
          r"Catalog|Compatibility|Json|Labels|Printable|inspect\.|campaign\.sample|quopa\.(commands|calls|captures)|"
