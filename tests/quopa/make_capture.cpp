@@ -1,6 +1,5 @@
 // Makes captures for the tests of what reads them, in either byte order: random records of all types, in both layouts,
-// as they are or with one byte spoiled; or as a sender and a
-// receiver saw them; or what a table says.
+// as they are or with one byte spoiled; or what a table says.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -128,7 +127,7 @@ void write_table(std::istream &table, File &file) {
 }  // namespace
 
 // make_capture table little|big <TABLE
-// make_capture RECORDS good|spoiled|exchanged little|big [MESSAGE OF fib6Sync]
+// make_capture RECORDS good|spoiled little|big [MESSAGE OF fib6Sync]
 int main(int argc, char **argv) {
   if (argc == 3) {
     File file(std::string(argv[2]) == "big");
@@ -137,7 +136,6 @@ int main(int argc, char **argv) {
   }
   if (argc < 4) return 2;
   const bool spoiled = std::string(argv[2]) == "spoiled";
-  const bool exchanged = std::string(argv[2]) == "exchanged";
   File file(std::string(argv[3]) == "big");
   records::Random random(1);
   const auto &all = reference::all_types();
@@ -152,14 +150,6 @@ int main(int argc, char **argv) {
       payload[random.below(static_cast<uint32_t>(payload.size()))] ^= static_cast<uint8_t>(1u << random.below(8));
     if (spoiled && random.below(4) == 0) payload.resize(random.below(static_cast<uint32_t>(payload.size())));
     const uint64_t time = kStart + i * kMillisecond;
-    if (!exchanged) {
-      file.packet({time, i % 2 == 0 ? TRACE_SENT : TRACE_RECEIVED, type.message_id()}, payload);
-      continue;
-    }
-    // Every tenth message is lost, every 25th arrives twice, the first of all was never sent.
-    if (i > 0) file.packet({time, TRACE_SENT, type.message_id()}, payload);
-    for (int k = 0; k < (i % 10 == 9 ? 0 : i % 25 == 24 ? 2 : 1); ++k) {
-      file.packet({time + 1000 * (i + 1), TRACE_RECEIVED, type.message_id()}, payload);
-    }
+    file.packet({time, i % 2 == 0 ? TRACE_SENT : TRACE_RECEIVED, type.message_id()}, payload);
   }
 }
