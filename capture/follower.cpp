@@ -35,15 +35,16 @@ void Follower::discover() {
       least = std::min(least, file.number);
       largest = std::max(largest, file.number);
     });
-    for (const auto &[name, numbers] : found) {
-      const auto is_it = [&](const auto &ring) { return ring->is(place.folder, name); };
-      auto ring = std::find_if(rings_.begin(), rings_.end(), is_it);
-      if (ring == rings_.end()) {
-        ring = rings_.insert(ring, std::make_unique<Ring>(place.folder, name, numbers.first, complain_, patience_));
-      }
-      (*ring)->expect(numbers.second);
-    }
+    for (const auto &[name, numbers] : found) ring(place.folder, name, numbers.first).expect(numbers.second);
   }
+}
+
+// The ring of this name, which begins with this number unless it is followed already.
+Ring &Follower::ring(const std::string &folder, const std::string &name, uint64_t first) {
+  const auto known =
+      std::find_if(rings_.begin(), rings_.end(), [&](const auto &ring) { return ring->is(folder, name); });
+  if (known != rings_.end()) return **known;
+  return *rings_.emplace_back(std::make_unique<Ring>(folder, name, first, complain_, patience_));
 }
 
 const Message *Follower::next() {

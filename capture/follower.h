@@ -30,6 +30,7 @@ class Follower {
   };
 
   void discover();
+  Ring &ring(const std::string &folder, const std::string &name, uint64_t first);
 
   Complaint complain_;
   Patience patience_;

@@ -25,7 +25,8 @@ constexpr uint32_t kEndOption = 0;
 constexpr uint32_t kResolutionOption = 9;
 constexpr uint32_t kBeginOption = 14;
 
-// Longer ones are damage: no message is longer than 256 KiB.
+// Longer ones are damage. Neither the recorder nor what else writes captures has longer packets.
+constexpr uint32_t kLongestPacket = 256u << 10;
 constexpr uint32_t kLongestBlock = 16u << 20;
 
 constexpr uint8_t kMicrosecondsDefault = 6;
@@ -102,9 +103,8 @@ BlockParser::Found BlockParser::look_at_header() {
 BlockParser::Found BlockParser::look_at_record() {
   if (bytes_.size() < kRecordHeader) return need(kRecordHeader);
   const uint32_t captured = word(8);
-  if (captured > kLongestBlock) return damage("a packet of " + std::to_string(captured) + " bytes");
   size_ = kRecordHeader + captured;
-  if (bytes_.size() < size_) return Found::unfinished;
+  if (captured <= kLongestPacket && bytes_.size() < size_) return Found::unfinished;
   Interface from = interfaces_[0];
   from.begin = word(0);
   return take_packet(kRecordHeader, captured, word(12), size_, from, word(4));
@@ -173,6 +173,7 @@ BlockParser::Found BlockParser::take_interface() {
 
 BlockParser::Found BlockParser::take_packet(std::size_t at, uint32_t captured, uint32_t length, std::size_t end,
                                             const Interface &from, uint64_t ticks) {
+  if (captured > kLongestPacket) return damage("a packet of " + std::to_string(captured) + " bytes");
   if (captured > end - at) return damage("a packet that is longer than its block");
   packet_ = {from.begin * kSecond + nanoseconds(ticks, from.resolution), length, from.link_type,
              bytes_.subspan(at, captured)};

@@ -40,7 +40,7 @@ Timeline::Timeline(const std::vector<std::string> &paths, Complaint complain) : 
       // What comes from a pipe cannot be opened again for its first message.
       Part part = {file, parts_.size(), nullptr, nullptr, 0};
       if (!advance(part)) continue;
-      if (std::filesystem::is_regular_file(file)) part.file = nullptr;
+      if (file != "-" && std::filesystem::is_regular_file(file)) part.file = nullptr;
       parts_.push_back(std::move(part));
     }
   }

@@ -115,12 +115,16 @@ TEST(CaptureFile, IsReadInEitherByteOrderAndEveryUnitOfTime) {
 TEST(CaptureFile, HasSectionsInterfacesAndMuchToPassOver) {
   Maker first(false);
   first.section().interface().interface(Maker(false).u16(9).u16(1).add({0, 0, 0, 0}).bytes);
-  first.packet(5, make_message(1), 1).block(0x80000051, Bytes(20)).block(0x80000051, Bytes(20), 999).block(4, Bytes(8));
+  first.packet(5, make_message(1), 1)
+      .packet(6, make_message(4, (256 << 10) - 32), 1)
+      .block(0x80000051, Bytes(20))
+      .block(0x80000051, Bytes(20), 999)
+      .block(4, Bytes(8));
   Maker second(true);
   second.section().interface({}, kUser0 + 15).packet(6, make_message(2)).packet(7, make_message(3, 0));
   Bytes both = first.bytes;
   both.insert(both.end(), second.bytes.begin(), second.bytes.end());
-  EXPECT_EQ(read(both), "1@5000000000 2@6000 3@7000 ");
+  EXPECT_EQ(read(both), "1@5000000000 4@6000000000 2@6000 3@7000 ");
 }
 
 TEST(CaptureFile, IsDamagedAtOnePlace) {
@@ -138,7 +142,8 @@ TEST(CaptureFile, IsDamagedAtOnePlace) {
       {Maker(false).u32(6).u32(0x01000004).bytes, behind + "a block of 16777220 bytes"},
       {Maker(false).block(6, packet(0, 40), 76).bytes, behind + "a block whose two lengths differ"},
       {Maker(false).block(6, packet(0, 41)).bytes, behind + "a packet that is longer than its block"},
-      {Maker(false).block(6, packet(0, UINT32_MAX)).bytes, behind + "a packet that is longer than its block"},
+      {Maker(false).block(6, packet(0, UINT32_MAX)).bytes, behind + "a packet of 4294967295 bytes"},
+      {Maker(false).packet(0, make_message(2, (256 << 10) - 31)).bytes, behind + "a packet of 262145 bytes"},
       {Maker(false).block(6, packet(1, 40)).bytes, behind + "a packet of an interface that is not described"},
       {Maker(false).block(6, Bytes(16)).bytes, behind + "a packet block of 28 bytes"},
       {Maker(false).block(3, Bytes(40)).bytes, behind + "a packet block of type 3, which no trace has"},
@@ -171,8 +176,7 @@ TEST(CaptureFile, IsDamagedAtOnePlace) {
   EXPECT_EQ(read({}), ": no capture file: it is empty");
   EXPECT_EQ(read(Bytes(40)), ": no capture file: neither pcap nor pcapng");
   Maker pcap = Maker(true).u32(0xA1B2C3D4).u16(2).u16(4).u32(0).u32(0).u32(0).u32(kUser0).u32(0).u32(0);
-  EXPECT_EQ(read(pcap.u32(0x01000001).u32(5).bytes),
-            ": damaged behind packet 0, at byte 24: a packet of 16777217 bytes");
+  EXPECT_EQ(read(pcap.u32(262145).u32(5).bytes), ": damaged behind packet 0, at byte 24: a packet of 262145 bytes");
 }
 
 TEST(CaptureFile, HasWhatTheHeaderAndTheNotesSay) {

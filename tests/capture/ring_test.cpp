@@ -104,6 +104,7 @@ TEST(CaptureRing, IsOneOfThoseInItsFolder) {
   older.write(2);
   another.begin("quopa-a.b-8.0.pcapng");
   another.write(9);
+  std::filesystem::copy(folder / "quopa-a.b-7.9.pcapng", folder / "quopa-a.b-7.11.backup");
   EXPECT_EQ(numbers(folder / "quopa-a.b-7.10.pcapng"), "1 2 3 4 ");
   EXPECT_EQ(numbers(folder.path()), "1 2 9 3 4 ");
   EXPECT_THROW(numbers(folder / "quopa-a.b-7.pcapng"), capture::BadCapture);

@@ -152,6 +152,7 @@ done <<'END'
 1|received.pcapng|0,"failed":0,"received":1,"not_received":0,"received_again":0,"not_sent":1,"latency_ns":\[
 1|mixed|2,"failed":0,"received":2,"not_received":1,"received_again":1,"not_sent":0,"latency_ns":\[24000000,24000000,24000000,24000000,24000000,24000000
 END
+[ "$("${quopa[@]}" compare mixed 2>&1 | grep -c 'not recorded$')" -eq 1 ] || complain 'what is sender and receiver is told of twice'
 mkdir late && cp receiver/quopa-r-3.1.pcapng late
 for paths in 'sent.pcapng late' late; do
   # shellcheck disable=SC2086

@@ -79,10 +79,12 @@ class Comparison {
 
   template <class Take>
   void for_each(const std::string &path, TraceKind kind, bool first_time, Take take) {
+    // Of what is sender and receiver at once, everything has been told the first time.
+    const bool tells = first_time && (kind == TRACE_RECEIVED || options_.sender != options_.receiver);
     capture::Timeline timeline(
-        {path}, first_time ? complain : [](const std::string &) {});
+        {path}, tells ? complain : [](const std::string &) {});
     while (const Message *message = timeline.next()) {
-      if (message->kind == TRACE_NOTE && first_time) show_note(std::cerr, *message, false);
+      if (message->kind == TRACE_NOTE && tells) show_note(std::cerr, *message, false);
       if (message->kind != kind) continue;
       if (!message->is_cut()) {
         take(*message);
