@@ -8,8 +8,7 @@ void File::fail(const std::string &what) const {
 
 const Message *File::next() {
   using Found = Blocks::Found;
-  if (is_packet_taken_) blocks_.pass();
-  is_packet_taken_ = false;
+  if (packets_ > 0) blocks_.pass();
   Found found = blocks_.look();
   for (; found == Found::filler; found = blocks_.look()) blocks_.pass();
   if (found == Found::end && blocks_.knows_format()) return nullptr;
@@ -20,7 +19,6 @@ const Message *File::next() {
     fail("damaged behind packet " + std::to_string(packets_) + ", at byte " + std::to_string(blocks_.position()) +
          ": " + what);
   }
-  is_packet_taken_ = true;
   ++packets_;
   try {
     message_ = take_packet(blocks_.packet(), origin_);

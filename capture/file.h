@@ -25,7 +25,6 @@ class File {
 
   std::string path_;
   Blocks blocks_;
-  bool is_packet_taken_ = false;
   uint64_t packets_ = 0;
   Origin origin_;
   Message message_ = {};

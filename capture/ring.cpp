@@ -125,7 +125,7 @@ bool Ring::pass_filler() {
   if (wait_.at != at || wait_.number != number_) wait_ = {number_, at, now + patience_.message, std::nullopt, false};
   if (wait_.deadline && now < *wait_.deadline) return false;
   const bool full = is_full();
-  const bool looks_far = full || wait_.deadline || now >= wait_.far_look;
+  const bool looks_far = wait_.deadline || now >= wait_.far_look;
   const bool has_more = find_more_before(looks_far ? UINT64_MAX : at + kNear);
   if (blocks_->position() == at && has_more) return true;
   if (wait_.deadline && has_more == wait_.has_more) {

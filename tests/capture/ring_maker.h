@@ -1,4 +1,4 @@
-// Files of a ring, made of the blocks that the recorder makes.
+// A folder that goes with the test, and files of a ring in it, made of the blocks that the recorder makes.
 #pragma once
 
 #include <fcntl.h>
@@ -7,13 +7,27 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <vector>
 
-#include "folder.h"
 #include "trace/block.h"
 
 using trace::kCellBytes;
+
+class Folder {
+ public:
+  Folder() : path_(::mkdtemp(("/tmp/capture_test.XXXXXX" + std::string()).data())) {}
+  Folder(const Folder &) = delete;
+  Folder &operator=(const Folder &) = delete;
+  ~Folder() { std::filesystem::remove_all(path_); }
+
+  const std::string &path() const { return path_; }
+  std::string operator/(const std::string &name) const { return path_ + '/' + name; }
+
+ private:
+  std::string path_;
+};
 
 // The payload of a message follows from its number, so that bytes of another one show.
 inline std::vector<uint8_t> payload_of(uint32_t number, uint32_t length) {
