@@ -6,9 +6,9 @@
 
 namespace quopa {
 
-void complain(const std::string &line) {
+void complain(const std::string &what) {
   std::cout.flush();
-  std::cerr << "quopa: " << drix::describe::printable(line) << '\n';
+  std::cerr << "quopa: " << drix::describe::printable(what) << '\n';
 }
 
 }  // namespace quopa

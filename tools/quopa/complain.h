@@ -5,7 +5,7 @@
 
 namespace quopa {
 
-// Writes "quopa: " and the line to standard error, behind what stands on standard output by then.
-void complain(const std::string &line);
+// Writes "quopa: " and a line to standard error, behind what stands on standard output by then.
+void complain(const std::string &what);
 
 }  // namespace quopa
