@@ -56,7 +56,7 @@ ROOMS = (
          r"trace\.(calls|loaded|ring|children|process)"),
     Room(("capture/",), READERS + ("test_capture",), r"Capture|quopa\.(calls|captures)|fuzz\.replay_quopa"),
     Room(("inspect/", "describe/"), READERS + ("test_inspect", "foreign", "fuzz_round_trip"),
-         r"Catalog|Compatibility|Json|Labels|Printable|inspect\.|campaign\.sample|quopa\.(commands|calls|captures)|"
+         r"Catalog|Compatibility|Json|Labels|Printable|Walk|inspect\.|campaign\.sample|quopa\.(commands|calls|captures)|"
          r"fuzz\.replay_(quopa|round_trip)"),
     Room(tuple(f"tools/quopa/{name}.cpp" for name in ("trace", "stats", "compare", "replay", "selection")), COMMANDS,
          r"quopa\.(calls|captures)"),
