@@ -369,7 +369,7 @@ TEST(CaptureRing, NoOrderIsExpectedOfWhatOneReadCopies) {
       const uint32_t number = blocks.packet().bytes[TRACE_HANDLE_AT];
       const auto payload = blocks.packet().bytes.subspan(TRACE_HEADER_BYTES);
       const auto expected = payload_of(number, static_cast<uint32_t>(payload.size()));
-      EXPECT_TRUE(std::equal(expected.begin(), expected.end(), payload.begin())) << what << ": message " << number;
+      EXPECT_TRUE(std::equal(expected.begin(), expected.end(), payload.begin())) << number;
       blocks.pass();
       return std::to_string(number) + ' ' + (blocks.look() == Found::filler ? "filler" : "something else");
     };
