@@ -22,17 +22,18 @@ typedef uint32_t (*DrixDecodeFunc)(const uint8_t *buffer, uint32_t length, void 
 /* Releases what decoding allocated for a record. */
 typedef void (*DrixReleaseFunc)(void *record);
 
+/* Frees what sending has kept between calls. */
 typedef void (*DrixResourceCleanFunc)(void);
 
-/* Send count described messages to the handle's default destination, or to the given one. They return the bus's status
- * and have taken what they need from the buffers by the time they return. */
+/* Send count described messages to the handle's default destination, or to the given one. Both return the bus's status;
+ * on return it needs neither descriptors nor messages any more. */
 int32_t DRIX_SendMsg(uint32_t handle, DrixSendDescriptor *descriptors, uint32_t count);
 int32_t DRIX_SendToMsg(uint32_t handle, DrixSendDescriptor *descriptors, uint32_t count, uint32_t destination);
 
-/* Tells the bus how to decode and release messages with this ID. Returns 0 when accepted. */
+/* Registers how messages with this ID are decoded and released. Returns 0 when accepted, or the bus's status. */
 int32_t DRIX_RegIDLFuncHook(uint32_t id, DrixDecodeFunc decode, DrixReleaseFunc release);
 
-/* Tells the bus what to call to clean up after sending; when it does is the bus's affair. Returns the bus's status. */
+/* Registers what cleans up after sending; the bus decides when to call it. Returns the bus's status. */
 int32_t DRIX_RegIDLResorceCleanFuncHook(DrixResourceCleanFunc clean);
 
 #ifdef __cplusplus

@@ -1,53 +1,77 @@
-/* The operations that every message type of libdrix_fib6 offers.
+/* The operations of every message type of libdrix_fib6, and the functions of its packages.
  *
- * A message type X is a plain structure, the record, named after its package and message (for example
- * fib6_cfg_query_comm_param). Its members stand in slot order and are named f0, f1, ... A byte string in slot N is the
- * pair f<N>Len (number of bytes) and f<N>; a vector of records is the pair f<N>Count (number of elements) and f<N>.
+ * A message type X is a plain structure, the record, named after its package and message: fib6_cfg_query_comm_param,
+ * for example. Its members f0, f1, ... stand in slot order, and the library gives them no meaning. A byte string in
+ * slot N is the pair f<N>Len (number of bytes) and f<N>, a vector of records the pair f<N>Count (number of elements)
+ * and f<N>. A type with one of these, in its record or in one embedded there, is of variable length, and its decoded
+ * records own memory; any other type is of fixed length and owns nothing. docs/wire-format.md shows the bytes.
  *
- * DRIX_DECLARE_MESSAGE(package, message) declares the seven operations. For X they read:
+ * All functions may be called from any thread; a record belongs to one thread at a time. An operation may call the
+ * platform's log writer and allocator, which must return and must not call operations of the same package;
+ * docs/robustness.md says why.
+ *
+ * The operations of a message type X:
  *
  *   int32_t X__pack(const X *record, uint8_t *buffer, uint32_t *length);
  *     Encodes the record in the compact layout. *length is the capacity of the buffer in bytes on entry and the encoded
- *     length on success. Returns 0, or -1 for a null argument, a capacity that is too small or an encoding longer than
- *     0xFFFFFFFF bytes; *length is then unchanged. A null buffer of sufficient capacity is logged, the rest is not. The
- *     record and all that it points to stay the caller's and are only read. The buffer needs no alignment and does not
- *     overlap the record.
+ *     length on success. The record and all that it points to stay the caller's and are only read. The buffer needs no
+ *     alignment and does not overlap the record.
+ *
+ *     Returns 0, or -1 for a null argument, a capacity that is too small or an encoding longer than 0xFFFFFFFF bytes;
+ *     *length is then unchanged. A null buffer of sufficient capacity is logged, the other errors are not.
  *
  *   uint32_t X__unpack(const uint8_t *buffer, uint32_t length, X *record);
- *     Decodes a buffer of either layout, of 4 to 0x7FFFFFFF bytes, into the record, which does not overlap it. Returns
- *     sizeof(X) on every path; what became of a buffer shows in the record and partly in the platform's log:
- *     - Null arguments, another length, a root offset or a root vtable out of range: logged, and the record is not
- *       touched. In all other cases its former content is overwritten, not released.
- *     - An embedded table or an element whose place or vtable is out of range, or memory that is not to be had: logged,
- *       and decoding ends there.
- *     - A field, a count or an element out of range, or an offset that wraps past 32 bits: not logged, and decoding
- * ends there. Where decoding ends early, a type that owns nothing keeps the members decoded so far and has zeros in the
- * others; of a type that owns memory all blocks are given back, their pointers are null, and lengths and counts that
- * were read stay. Otherwise byte strings and element arrays are allocated and belong to the record until
- *     X_free__unpacked. The bytes between the members are zero in every record that was not left untouched. The buffer
- * may change meanwhile: the values are then any, but no byte out of bounds is accessed.
+ *     Decodes a buffer of 4 to 0x7FFFFFFF bytes, in either layout, into the record, which does not overlap it. Byte
+ *     strings and element arrays are allocated and belong to the record until X_free__unpacked. Unless the record is
+ *     not touched, its former content is overwritten, not released, and the bytes between its members are zero.
+ *
+ *     Returns sizeof(X) on every path. Whether the buffer was good shows in the record and partly in the platform's log:
+ *
+ *     - The buffer is rejected whole for null arguments, another length, or a root offset or root vtable out of range:
+ *       logged, and the record is not touched.
+ *     - Decoding ends at an embedded table or an element whose position or vtable is out of range, and at an allocation
+ *       that fails: logged.
+ *     - Decoding ends at a field, a count or an element out of range, and at an offset that wraps past 32 bits: not
+ *       logged.
+ *
+ *     Where decoding ends early, a type that owns nothing keeps the members decoded so far and has zeros in the others.
+ *     Of a type that owns memory all blocks are freed and their pointers null; lengths and counts that were read stay.
+ *
+ *     If the buffer changes meanwhile, the values may be any, but no byte out of bounds is accessed.
  *
  *   void X_free__unpacked(X *record);
- *     Gives back what X__unpack allocated and sets those pointers to null; lengths and counts stay. Harmless on null,
- * on a record released before and on types that own nothing. Not for records that the caller filled.
+ *     Frees what X__unpack allocated and sets those pointers to null; lengths and counts stay. Harmless on null, on a
+ *     record released before and on types that own nothing. Not for records that the caller filled.
  *
  *   int32_t X__sendmsg(uint32_t handle, const X *records, uint32_t count);
  *   int32_t X__sendtomsg(uint32_t handle, const X *records, uint32_t count, uint32_t destination);
  *     Encode count records and hand them to the bus in one call, for the default destination of the bus handle or for
- *     the given one (0: the default one). Return the bus's own status unchanged, or -1 with nothing sent: null records,
- *     count 0, out of memory, a record whose encoding is longer than 0xFFFFFFFF bytes, records that together would need
- *     an allocation of more than 0xFFFFFFFF bytes, or, when count is above 1, records of a variable-length type whose
- *     encodings together need more than 64 KiB. The records are only read, and not needed any more on return.
+ *     the given one (0: the default one). The records are only read, and not needed any more on return.
+ *
+ *     Return the bus's own status unchanged, or -1 with nothing sent: null records, count 0, out of memory, a record
+ *     whose encoding is longer than 0xFFFFFFFF bytes, records that together would need an allocation of more than
+ *     0xFFFFFFFF bytes, or, when count is above 1, records of a variable-length type whose encodings together need more
+ *     than 64 KiB.
  *
  *   int32_t X__sendsingle(uint32_t handle, const X *record, uint32_t count, uint32_t destination);
- *     Sends one record whatever count says.
+ *     As X__sendtomsg for one record, whatever count says.
  *
  *   int32_t X__sendbatch(uint32_t handle, const X *records, uint32_t count, uint32_t destination);
- *     Sends count records as X__sendtomsg does a count above 1. So the bus is called for count 0 as well, and one
- * record of a variable-length type may need no more than 64 KiB.
+ *     As X__sendtomsg for a count above 1, whatever count says: for count 0 the bus is called as well, and one record
+ *     of a variable-length type may need no more than 64 KiB.
  *
- * All operations may be called from any thread; a record belongs to one thread at a time. An operation may ask the
- * platform's services, which must return and must not call operations of the same package; docs/robustness.md says why.
+ * The functions of a package, which start with its prefix P: fib6_cfg, fib6 (korBrokerFib6) or fib6_sync (fib6Sync):
+ *
+ *   int32_t P_recv_init(void);
+ *     Registers the decoder and the release function of every message type of the package with the bus. A process that
+ *     receives calls it once, when it starts. Returns 0, or the first non-zero result of the bus; the types registered
+ *     before it stay registered.
+ *
+ *   int32_t P_send_init(void);
+ *     Registers the package's resource-clean hook with the bus and returns the bus's result.
+ *
+ *   void P__send_resource_clean(void);
+ *     That hook. Sending keeps no resources between calls, so it does nothing.
  */
 #ifndef DRIX_MESSAGE_H
 #define DRIX_MESSAGE_H
@@ -71,6 +95,7 @@ DRIX_CONSTANT_FUNCTION uint32_t drix_message_id_from(const char *rest, uint32_t 
  * FNV-1a hash of package name, full stop and message name. */
 DRIX_CONSTANT_FUNCTION uint32_t drix_message_id(const char *name) { return drix_message_id_from(name, 0x811C9DC5u); }
 
+/* Declares the operations of a message type; each package's header has it do so for every type of its list. */
 #define DRIX_DECLARE_MESSAGE(package, message)                                                                        \
   DRIX_API int32_t package##_##message##__pack(const package##_##message *record, uint8_t *buffer, uint32_t *length); \
   DRIX_API uint32_t package##_##message##__unpack(const uint8_t *buffer, uint32_t length,                             \
@@ -85,18 +110,7 @@ DRIX_CONSTANT_FUNCTION uint32_t drix_message_id(const char *name) { return drix_
   DRIX_API int32_t package##_##message##__sendbatch(uint32_t handle, const package##_##message *records,              \
                                                     uint32_t count, uint32_t destination);
 
-/* The functions of a package whose functions start with prefix:
- *
- *   int32_t prefix_recv_init(void);
- *     Registers the decoder and the release function of every message type of the package with the bus. Returns 0, or
- *     the first non-zero result of the bus; the types registered before it stay registered.
- *
- *   int32_t prefix_send_init(void);
- *     Registers the package's resource-clean hook with the bus and returns the bus's result.
- *
- *   void prefix__send_resource_clean(void);
- *     That hook. Sending keeps no resources between calls, so it does nothing.
- */
+/* Declares the functions of a package. */
 #define DRIX_DECLARE_PACKAGE(prefix)         \
   DRIX_API int32_t prefix##_recv_init(void); \
   DRIX_API int32_t prefix##_send_init(void); \

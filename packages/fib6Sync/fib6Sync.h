@@ -3,7 +3,8 @@
  * Every update and delete message is an envelope: f0 is a header of two words that the sender fills, f1 is the one
  * record that the message carries. No record of this package owns memory.
  *
- * drix_message.h explains the operations of each message type and the functions of the package. */
+ * drix_message.h explains the operations of each message type and the functions of the package, fib6_sync_recv_init and
+ * its like. */
 #ifndef FIB6SYNC_H
 #define FIB6SYNC_H
 

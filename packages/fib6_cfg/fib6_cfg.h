@@ -2,7 +2,8 @@
  *
  * A query's key pairs the common parameter with a condition, its result the common result with what was found.
  *
- * drix_message.h explains the operations of each message type and the functions of the package. */
+ * drix_message.h explains the operations of each message type and the functions of the package, fib6_cfg_recv_init and
+ * its like. */
 #ifndef FIB6_CFG_H
 #define FIB6_CFG_H
 

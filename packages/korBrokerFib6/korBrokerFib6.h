@@ -2,7 +2,8 @@
  *
  * Update and delete messages carry a leading word and any number of records.
  *
- * drix_message.h explains the operations of each message type and the functions of the package. */
+ * drix_message.h explains the operations of each message type and the functions of the package, fib6_recv_init and
+ * its like. */
 #ifndef KORBROKERFIB6_H
 #define KORBROKERFIB6_H
 

@@ -12,20 +12,19 @@
  *
  * Delivery. One DRIX_SendMsg or DRIX_SendToMsg call travels as one frame, whole or not at all. Frames to one endpoint
  * are handled in the order in which they were sent, each at most once. The receiver acknowledges a frame after it has
- * handled every message in it: a handled message was either given to its subscriber or is counted in one of the
+ * handled every message in it: a handled message was either delivered to its subscriber or is counted in one of the
  * receiver's other counters. It acknowledges all that is at hand together, at the latest every 64 frames. The channel
  * counts what it sent until it is acknowledged, so nothing is lost silently: what a connection leaves unacknowledged
  * when it ends, because the receiver was destroyed or killed, stays counted as undelivered. The next send connects
  * again. Nothing is sent twice.
  *
  * A process that ends with open channels, by exit() or the return of main, still gives to the operating system what its
- * sends have left, and waits for room as long as a send on the channel would. What is then handled nobody counts; only
- * a flush or kelvodrix_close tells. A process that is killed, or calls _exit or exec, leaves such frames unsent.
+ * sends have left, and waits for room as long as a send on the channel would. Only a flush or kelvodrix_close shows
+ * whether it was handled. A process that is killed, or calls _exit or exec, leaves such frames unsent.
  *
  * Bounds. A channel keeps at most its window of unacknowledged frames and bytes per endpoint, a receiver at most one
- * unfinished frame per connection and 256 KiB for an idle one, and no frame is larger than
- * KELVODRIX_MAX_FRAME_BYTES or holds more than KELVODRIX_MAX_FRAME_MESSAGES, which also bounds what its decoding may
- * log. A peer that sends anything malformed is disconnected.
+ * unfinished frame per connection and 256 KiB for an idle one. No frame is larger than KELVODRIX_MAX_FRAME_BYTES or
+ * holds more than KELVODRIX_MAX_FRAME_MESSAGES, which also bounds what its decoding may log. A peer that sends anything malformed is disconnected.
  *
  * All functions may be called from any thread; none but kelvodrix_run is a cancellation point. A process that opens a
  * channel gets one thread, which takes no signals; the library cannot be unloaded. Channels and receivers do not
@@ -43,9 +42,10 @@
 extern "C" {
 #endif
 
-#define KELVODRIX_MAX_FRAME_BYTES (16u << 20) /* 20 bytes, and 8 bytes plus its length for every message */
+/* A frame takes 20 bytes, and 8 bytes plus its length for every message. */
+#define KELVODRIX_MAX_FRAME_BYTES (16u << 20)
 #define KELVODRIX_MAX_FRAME_MESSAGES 65536u
-#define KELVODRIX_MAX_RECORD_BYTES (64u << 10)
+#define KELVODRIX_MAX_RECORD_BYTES (64u << 10) /* of a decoded record */
 
 /* The status of every bus function, the four of drix_bus.h included. -1 is left to the senders of libdrix_fib6. */
 typedef enum kelvodrix_status {
@@ -95,6 +95,7 @@ typedef struct kelvodrix_options {
   uint32_t window_bytes;    /* bound of unacknowledged bytes per endpoint, not 0 */
 } kelvodrix_options;
 
+/* An initialiser for kelvodrix_options. */
 #define KELVODRIX_OPTIONS_DEFAULT \
   { 1000u, 4096u, 32u << 20 }
 
@@ -120,8 +121,8 @@ int32_t kelvodrix_close(uint32_t handle, uint32_t timeout_ms, uint64_t *undelive
 
 typedef struct kelvodrix_receiver kelvodrix_receiver;
 
-/* Gets one decoded record of size bytes, which is valid until it returns. The bus cannot tell a rejected message from a
- * good one: the decoder leaves what it could not read zero. */
+/* Gets one decoded record of size bytes, which is valid until it returns. Of a rejected message too:
+ * the bus does not learn of it, and the decoder leaves what it could not read zero. */
 typedef void (*kelvodrix_subscriber)(void *context, uint32_t id, const void *record, uint32_t size);
 
 /* What happened to received messages, since the receiver was created and up to the last complete frame. */

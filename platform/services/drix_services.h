@@ -4,7 +4,7 @@
  * libdrix_fib6 finds the four service functions by name:
  *
  *   PXR_OsalLogWrite       writes one line to standard error
- *   PXR_OsalMemUseFlagGet  tells whether the platform allocator is to be used
+ *   PXR_OsalMemUseFlagGet  says whether the platform allocator is to be used
  *   PXR_OsalMemCacheAlloc  allocates a block
  *   PXR_OsalMemFree        releases it
  *
@@ -26,11 +26,14 @@ typedef struct drix_services_log_module {
   uint32_t id;
 } drix_services_log_module;
 
+/* Writes one line with the time, what the arguments say of level, code and caller, and the formatted text, in which a
+ * line break becomes a blank. module, file, function and format may be null; errno stays. */
 void PXR_OsalLogWrite(const drix_services_log_module *module, uint32_t level, uint32_t code, const char *file,
                       uint32_t line, const char *function, const char *format, ...)
     __attribute__((format(printf, 7, 8)));
 
-/* Answers 1: it is. */
+/* Returns 1: the platform allocator is to be used. Here and below, module and function name the caller and are not
+ * looked at. */
 uint32_t PXR_OsalMemUseFlagGet(uint32_t module);
 
 /* A block of at least size bytes, aligned for any object, or null. Give it back with PXR_OsalMemFree, never free(). */
