@@ -121,8 +121,8 @@ int32_t kelvodrix_close(uint32_t handle, uint32_t timeout_ms, uint64_t *undelive
 
 typedef struct kelvodrix_receiver kelvodrix_receiver;
 
-/* Gets one decoded record of size bytes, which is valid until it returns. Of a rejected message too:
- * the bus does not learn of it, and the decoder leaves what it could not read zero. */
+/* Gets one decoded record of size bytes, which is valid until it returns. A rejected message is delivered too, as the bus
+ * does not learn of the rejection: the decoder leaves what it could not read zero. */
 typedef void (*kelvodrix_subscriber)(void *context, uint32_t id, const void *record, uint32_t size);
 
 /* What happened to received messages, since the receiver was created and up to the last complete frame. */
