@@ -25,7 +25,7 @@ function(drix_install_pc library description)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/install/${library}.pc DESTINATION ${pc_folder})
 endfunction()
 
-# drix_install_package(PACKAGE): its Config file, and the one with which find_package judges the version.
+# drix_install_package(PACKAGE): its Config file, and the one with which find_package compares the version.
 function(drix_install_package package)
   set(generated ${CMAKE_CURRENT_BINARY_DIR}/install/${package})
   configure_package_config_file(

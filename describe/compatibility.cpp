@@ -19,7 +19,7 @@ const char *text_of(Effect effect) {
     case Effect::given_up:
       break;
   }
-  return "wire incompatible: peers give the record up";
+  return "wire incompatible: peers reject the record";
 }
 
 const SchemaType *find_type(const Schema &schema, const std::string &name) {

@@ -78,7 +78,7 @@ class Receiver {
     const uint64_t refused = bus.messages - bus.delivered + bus.malformed;
 
     std::printf("%" PRIu64 " missing, %" PRIu64 " repeated, %" PRIu64 " differing, %" PRIu64
-                " logged by the decoder, %" PRIu64 " refused\n",
+                " logged by the decoder, %" PRIu64 " not delivered\n",
                 stream.missing(), stream.repeated(), stream.differing(), services.log_lines, refused);
     if (!stream.ended()) throw std::runtime_error("stopped before the end of the stream");
     if (!stream.clean() || services.log_lines != 0 || refused != 0) {

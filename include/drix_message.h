@@ -25,7 +25,7 @@
  *     strings and element arrays are allocated and belong to the record until X_free__unpacked. Unless the record is
  *     not touched, its former content is overwritten, not released, and the bytes between its members are zero.
  *
- *     Returns sizeof(X) on every path. Whether the buffer was good shows in the record and partly in the platform's log:
+ *     Returns sizeof(X) on every path. Whether the buffer was good shows in the record and partly in the log:
  *
  *     - The buffer is rejected whole for null arguments, another length, or a root offset or root vtable out of range:
  *       logged, and the record is not touched.

@@ -167,7 +167,7 @@ void Labels::parse_member(const Type &type, std::string_view line) {
   std::string_view rest = line.substr(equals + 1);
   const std::string_view name = take_word(rest);
   if (!is_word(name)) fail(quoted(name) + " is no name");
-  if (looks_positional(name) && name != member) fail(quoted(name) + " would be taken for another member");
+  if (looks_positional(name) && name != member) fail(quoted(name) + " is reserved for slots");
   const std::optional<std::size_t> other = slot(type, name);
   if (other && *other != *index) fail(quoted(name) + " is a member already");
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Judges the decoders, and quopa's walk, on every single change to good images of all message types, 33 million decodings:
+# Tests the decoders, and quopa's walk, on every single change to good images of all message types, 33 million decodings:
 # in a release build in front of a guard page and the same without the quick readers (four minutes each on one core), then
 # under AddressSanitizer and UndefinedBehaviorSanitizer one change in ten (as long again). Prints the numbers of each;
 # fails at a difference.

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Judges the tests: plants the small faults of a list one at a time in a copy of the project, builds and runs the tests
-of the release preset that judge the fault's folder, and prints which faults survive. Fails when one survives that the
+"""Mutation tests: plants the small faults of a list one at a time in a copy of the project, builds and runs the tests
+of the release preset for the fault's folder, and prints which faults survive. Fails when one survives that the
 list gives no reason for, when one with a reason is caught after all, when one does not build, and when the text of one
 does not stand exactly once in its file.
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Makes the Debian packages in build/packages, in a clean copy and without network, and has lintian judge them. Installs
+# Makes the Debian packages in build/packages, in a clean copy and without network, and has lintian check them. Installs
 # what is missing.
 #
 # Usage: scripts/packages.sh [--twice] [--output DIR]

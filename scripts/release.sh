@@ -72,7 +72,7 @@ else
   build_library "$previous" "$work/before"
   build_library HEAD "$work/now" -DDRIX_BUILD_TOOLS=ON
   old=$(sed -n 's/^project(drix_fib6 VERSION \([0-9.]*\).*/\1/p' "$work/before/source/CMakeLists.txt")
-  # differs OPTION...: whether abidiff finds anything, of which the bits 1 and 2 of its status would say that it cannot tell.
+  # differs OPTION...: whether abidiff finds anything, of which the bits 1 and 2 of its status would say that it does not know.
   differs() {
     local status=0
     abidiff "$@" "$work/before/build/libdrix_fib6.so" "$work/now/build/libdrix_fib6.so" >"$work/differences" 2>&1 || status=$?

@@ -24,7 +24,8 @@
  *
  * Bounds. A channel keeps at most its window of unacknowledged frames and bytes per endpoint, a receiver at most one
  * unfinished frame per connection and 256 KiB for an idle one. No frame is larger than KELVODRIX_MAX_FRAME_BYTES or
- * holds more than KELVODRIX_MAX_FRAME_MESSAGES, which also bounds what its decoding may log. A peer that sends anything malformed is disconnected.
+ * holds more than KELVODRIX_MAX_FRAME_MESSAGES, which also bounds what its decoding may log. A peer that sends anything
+ * malformed is disconnected.
  *
  * All functions may be called from any thread; none but kelvodrix_run is a cancellation point. A process that opens a
  * channel gets one thread, which takes no signals; the library cannot be unloaded. Channels and receivers do not
@@ -121,8 +122,8 @@ int32_t kelvodrix_close(uint32_t handle, uint32_t timeout_ms, uint64_t *undelive
 
 typedef struct kelvodrix_receiver kelvodrix_receiver;
 
-/* Gets one decoded record of size bytes, which is valid until it returns. A rejected message is delivered too, as the bus
- * does not learn of the rejection: the decoder leaves what it could not read zero. */
+/* Gets one decoded record of size bytes, which is valid until it returns. A rejected message is delivered too, as the
+ * bus does not learn of the rejection: the decoder leaves what it could not read zero. */
 typedef void (*kelvodrix_subscriber)(void *context, uint32_t id, const void *record, uint32_t size);
 
 /* What happened to received messages, since the receiver was created and up to the last complete frame. */

@@ -42,7 +42,7 @@ constexpr struct {
   const char *name;
   std::string_view log;
 } kEndings[] = {{"complete", ""},
-                {"given up silently", ""},
+                {"rejected, not logged", ""},
                 {"parameters", "[QUOPA]:Param"},
                 {"table offset", "[QUOPA]:Table"},
                 {"vtable offset", "[QUOPA]:Vtable offset"},
@@ -199,8 +199,8 @@ int main(int argc, char **argv) {
   std::string pattern = "*";
   std::string seeds;
   std::string images_path;
-  CommandLine line("campaign", "Decodes spoiled images of every message type and judges what the library does.");
-  line.option("--sample", sample, "Judge one change in so many, drawn at random; extremes always", 1);
+  CommandLine line("campaign", "Decodes spoiled images of every message type and checks what the library does.");
+  line.option("--sample", sample, "Test one change in so many, drawn at random; extremes always", 1);
   line.option("--types", pattern, "Only types whose prefix matches this shell pattern, like fib6_cfg_query*");
   line.option("--seed", seed, "For records and sample");
   line.flag("--heap", heap, "Decode from heap blocks, which sanitizers watch, instead of in front of a guard page");

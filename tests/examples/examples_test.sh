@@ -37,7 +37,7 @@ count() { grep -cE -- "$1" "$work/output"; }
 one_error_line() { [ "$(wc -l <"$work/errors")" -eq 1 ] || complain "not one line on standard error: $*"; }
 
 demo=("$project/scripts/demo.sh" --binaries "$binaries")
-clean='^0 missing, 0 repeated, 0 differing, 0 logged by the decoder, 0 refused$'
+clean='^0 missing, 0 repeated, 0 differing, 0 logged by the decoder, 0 not delivered$'
 row=' (eth|wg|lo)[0-9.]* +[0-9]+ [UGHDAnl!]+$'
 
 # expect_spoiled PROGRAMS OPTION...: the demo fails on each way to spoil a message that standard input names, with the

@@ -30,13 +30,13 @@ TEST(Compatibility, IsToldBySlot) {
        "p.m: record of 4 bytes became 8: binary interface incompatible: new SONAME\n"},
       {"4 u8@0 u8@1", "4 u8@0", "p.m slot 1: u8 removed: wire compatible: peers see zero\n"},
       {"3 u8[3]@0", "6 u8[6]@0",
-       "p.m slot 0: u8[3] became u8[6]: wire incompatible: peers give the record up\n"
+       "p.m slot 0: u8[3] became u8[6]: wire incompatible: peers reject the record\n"
        "p.m: record of 3 bytes became 6: binary interface incompatible: new SONAME\n"},
       {"8/16 u8[8]@0", "8/16 bytes@4/8",
-       "p.m slot 0: u8[8] became bytes: wire incompatible: peers give the record up\n"
+       "p.m slot 0: u8[8] became bytes: wire incompatible: peers reject the record\n"
        "p.m slot 0: member moved from 0 to 4 (64-bit 8): binary interface incompatible: new SONAME\n"},
       {"8/16 bytes@4/8", "8/16 u8[8]@0",
-       "p.m slot 0: bytes became u8[8]: wire incompatible: peers give the record up\n"
+       "p.m slot 0: bytes became u8[8]: wire incompatible: peers reject the record\n"
        "p.m slot 0: member moved from 4 (64-bit 8) to 0: binary interface incompatible: new SONAME\n"},
       {"8 table(tlv)@0", "8 table(other)@0",
        "p.m slot 0: table(tlv) became table(other): wire compatible: the bytes are the same\n"

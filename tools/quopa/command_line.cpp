@@ -16,7 +16,7 @@ void add_types(CLI::App &app, Run &run) {
   CLI::Option *json = command->add_flag("--json", options->json, "One JSON object a line");
   CLI::Option *schema = command->add_flag("--schema", options->schema, "The text to keep for a later --check");
   json->excludes(schema);
-  command->add_option("--check", options->old_schema, "Tell what changed since this schema was written")
+  command->add_option("--check", options->old_schema, "Report what changed since this schema was written")
       ->type_name("OLD.schema")
       ->excludes(which, json, schema);
   command->footer(
@@ -173,7 +173,7 @@ void add_stats(CLI::App &app, Run &run) {
 
 void add_compare(CLI::App &app, Run &run) {
   const auto options = std::make_shared<CompareOptions>();
-  CLI::App *command = app.add_subcommand("compare", "Tell what a receiver did not get of what was sent");
+  CLI::App *command = app.add_subcommand("compare", "Report what a receiver did not get of what was sent");
   command->add_option("SENDER", options->sender, "A capture, or a folder of captures, of which what was sent counts")
       ->required();
   command->add_option("RECEIVER", options->receiver, "The same, of which what was received counts; nothing: SENDER");
@@ -182,7 +182,7 @@ void add_compare(CLI::App &app, Run &run) {
   add_labels(*command, options->labels);
   command->footer(
       "Messages are the same when ID and bytes are; of several the first that was sent is the first that came.\n"
-      "Tells what was not received, received again, and received but not sent, and how long the others took.\n"
+      "Reports what was not received, received again, and received but not sent, and how long the others took.\n"
       "The status is 1 when there is a difference.\n\n"
       "Examples:\n"
       "  quopa compare sender/ receiver/\n"
@@ -203,7 +203,7 @@ void add_replay(CLI::App &app, Run &run) {
   command->add_option("--bus", options->bus, "The stand-in bus's library; nothing: libkelvodrix.so")
       ->type_name("LIBRARY");
   command->footer(
-      "What was sent in one call is sent in one call. What is not acknowledged is told, and the status is then 1.\n\n"
+      "What was sent in one call is sent in one call. What is not acknowledged is reported; the status is then 1.\n\n"
       "Examples:\n"
       "  quopa trace /dev/shm/trace --type 'fib6Sync.*' -w some.pcapng\n"
       "  quopa replay some.pcapng --to ipc:///tmp/routes --speed max");

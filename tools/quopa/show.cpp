@@ -76,7 +76,7 @@ void show_members(std::ostream &out, Look &look, const JsonStyle &style) {
 std::string status_text(const Message &message) {
   if (message.status == 0) return {};
   if (message.status == TRACE_NO_ANSWER) return "NO ANSWER";
-  return message.is_received() ? "GIVEN UP" : "FAILED " + std::to_string(message.status);
+  return message.is_received() ? "DECODER FAILED" : "FAILED " + std::to_string(message.status);
 }
 
 std::string quoted(const std::string &text) {
