@@ -12,14 +12,11 @@ FIB6SYNC_MESSAGES(DRIX_MESSAGE_CONSTANTS)
 namespace bench {
 
 template <class R>
-static void build_if_fixed(uint8_t *buffer, const R *record) {
+void build_fixed(uint8_t *buffer, const R *record) {
   if constexpr (drix::kFixedLength<R>) drix::build_fixed(drix::kEncoder<R>, buffer, record);
 }
 
-#define BENCH_BUILD_FIXED(package, message)                                                            \
-  void Subject<package##_##message>::build_fixed(uint8_t *buffer, const package##_##message *record) { \
-    build_if_fixed(buffer, record);                                                                    \
-  }
+#define BENCH_BUILD_FIXED(package, message) template void build_fixed(uint8_t *, const package##_##message *);
 
 FIB6_CFG_MESSAGES(BENCH_BUILD_FIXED)
 KORBROKERFIB6_MESSAGES(BENCH_BUILD_FIXED)

@@ -21,24 +21,23 @@ struct Set {
 template <class R>
 void register_if_fixed() {
   if constexpr (drix::kFixedLength<R>) {
-    const std::string row = std::string("fixed-length types/") + Subject<R>::name + "/";
+    const std::string row = std::string("fixed-length types/") + drix::message<R>::name + "/";
     if (!is_wanted(row)) return;
     const auto set = std::make_shared<Set<R>>();
     Generator generator(0, 0.5);
     for (R &record : set->records) {
       generator.fill(record);
       set->fixed.add([&] {
-        Subject<R>::build_fixed(output(), &record);
+        build_fixed(output(), &record);
         return drix::fixed_length<R>();
       });
     }
     for (uint32_t i = 0; i < kLearned; ++i) require_decodes(set->fixed[i], set->records[i]);
     time_in_turn(row + "copy fixed", kLearned, 1,
                  [=](uint32_t i) { copy(output(), set->fixed[i].start, set->fixed[i].size); });
-    time_in_turn(row + "fixed build", kLearned, 1,
-                 [=](uint32_t i) { Subject<R>::build_fixed(output(), &set->records[i]); });
+    time_in_turn(row + "fixed build", kLearned, 1, [=](uint32_t i) { build_fixed(output(), &set->records[i]); });
     time_in_turn(row + "fixed decode", kLearned, 1,
-                 [=](uint32_t i) { Subject<R>::unpack(set->fixed[i].start, set->fixed[i].size, &set->decoded); });
+                 [=](uint32_t i) { drix::message<R>::unpack(set->fixed[i].start, set->fixed[i].size, &set->decoded); });
   }
 }
 

@@ -143,16 +143,16 @@ class Images {
 template <class R>
 std::size_t pack(const R &record) {
   auto length = static_cast<uint32_t>(kRoom);
-  return Subject<R>::pack(&record, output(), &length) == 0 ? length : 0;
+  return drix::message<R>::pack(&record, output(), &length) == 0 ? length : 0;
 }
 
 // Ends the program unless the image decodes to the record.
 template <class R>
 void require_decodes(const Images::Image &image, const R &record) {
   R decoded;
-  Subject<R>::unpack(image.start, image.size, &decoded);
-  require(equal(record, decoded), std::string(Subject<R>::name) + ": an image does not decode to its record");
-  Subject<R>::release(&decoded);
+  drix::message<R>::unpack(image.start, image.size, &decoded);
+  require(equal(record, decoded), std::string(drix::message<R>::name) + ": an image does not decode to its record");
+  drix::message<R>::free_unpacked(&decoded);
 }
 
 }  // namespace bench

@@ -13,25 +13,26 @@ namespace {
 // length is of vectors and byte strings, longest of batches.
 template <class R>
 void register_row(const std::string &variant, uint32_t length, double zeros, uint32_t turns, uint32_t longest) {
-  const std::string row = std::string("sends/") + Subject<R>::name + variant + "/";
+  const std::string row = std::string("sends/") + drix::message<R>::name + variant + "/";
   if (!is_wanted(row)) return;
   const auto records = std::make_shared<std::vector<R>>(turns);
   const auto generator = std::make_shared<Generator>(length, zeros);
   for (R &record : *records) generator->fill(record);
   time_in_turn(row + "build", turns, 1, [=, keep = generator](uint32_t i) {
     if constexpr (drix::kFixedLength<R>) {
-      Subject<R>::build_fixed(output(), &(*records)[i]);
+      build_fixed(output(), &(*records)[i]);
     } else {
       pack((*records)[i]);
     }
   });
-  require(Subject<R>::send_single(1, &(*records)[0], 1, 0) == 0, "a record is not sent");
-  time_in_turn(row + "sendsingle", turns, 1, [=](uint32_t i) { Subject<R>::send_single(1, &(*records)[i], 1, 0); });
+  require(drix::message<R>::sendsingle(1, &(*records)[0], 1, 0) == 0, "a record is not sent");
+  time_in_turn(row + "sendsingle", turns, 1,
+               [=](uint32_t i) { drix::message<R>::sendsingle(1, &(*records)[i], 1, 0); });
   for (const uint32_t batch : {1u, 8u, 256u, 4096u}) {
     if (batch > longest) break;
-    require(Subject<R>::send_batch(1, &(*records)[0], batch, 0) == 0, "a batch is not sent");
+    require(drix::message<R>::sendbatch(1, &(*records)[0], batch, 0) == 0, "a batch is not sent");
     time_in_turn(row + "batch of " + std::to_string(batch), turns / batch, batch,
-                 [=](uint32_t i) { Subject<R>::send_batch(1, &(*records)[i * batch], batch, 0); });
+                 [=](uint32_t i) { drix::message<R>::sendbatch(1, &(*records)[i * batch], batch, 0); });
   }
 }
 

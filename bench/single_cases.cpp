@@ -23,7 +23,7 @@ struct Set {
       generator.fill(record);
       compact.add([&] { return pack(record); });
       fixed.add([&] {
-        Subject<R>::build_fixed(output(), &record);
+        build_fixed(output(), &record);
         return drix::fixed_length<R>();
       });
       plain.add([&] { return plain::write(output(), &record); });
@@ -64,8 +64,8 @@ void register_peer(const std::string &row, const char *name, const std::shared_p
 
 template <class R>
 void register_row(uint32_t turns, double zeros) {
-  const std::string row = std::string("single records/") + Subject<R>::name + (zeros > 0 ? ", half zero, " : ", ") +
-                          std::to_string(turns) + " in turn/";
+  const std::string row = std::string("single records/") + drix::message<R>::name +
+                          (zeros > 0 ? ", half zero, " : ", ") + std::to_string(turns) + " in turn/";
   if (!is_wanted(row)) return;
   const auto set = std::make_shared<Set<R>>(turns, zeros);
   const auto time_copies = [&](const char *column, const Images &images) {
@@ -73,15 +73,16 @@ void register_row(uint32_t turns, double zeros) {
                  [set, &images](uint32_t i) { copy(output(), images[i].start, images[i].size); });
   };
   const auto time_decoding = [&](const char *column, const Images &images) {
-    time_in_turn(row + column, turns, 1,
-                 [set, &images](uint32_t i) { Subject<R>::unpack(images[i].start, images[i].size, &set->decoded); });
+    time_in_turn(row + column, turns, 1, [set, &images](uint32_t i) {
+      drix::message<R>::unpack(images[i].start, images[i].size, &set->decoded);
+    });
   };
   time_in_turn(row + "copy record", turns, 1, [=](uint32_t i) { copy(output(), &set->records[i], sizeof(R)); });
   time_in_turn(row + "plain write", turns, 1, [=](uint32_t i) { plain::write(output(), &set->records[i]); });
   time_in_turn(row + "plain read", turns, 1,
                [=](uint32_t i) { plain::read(set->plain[i].start, set->plain[i].size, &set->decoded); });
   time_copies("copy fixed", set->fixed);
-  time_in_turn(row + "fixed build", turns, 1, [=](uint32_t i) { Subject<R>::build_fixed(output(), &set->records[i]); });
+  time_in_turn(row + "fixed build", turns, 1, [=](uint32_t i) { build_fixed(output(), &set->records[i]); });
   time_decoding("fixed decode", set->fixed);
   time_copies("copy compact", set->compact);
   time_in_turn(row + "pack", turns, 1, [=](uint32_t i) { pack(set->records[i]); });

@@ -73,7 +73,7 @@ void register_peer(const std::string &row, const char *name, const std::shared_p
 }
 
 void register_row(uint32_t turns, uint32_t elements, double zeros, Shape shape) {
-  using Operations = Subject<Routes>;
+  using Operations = drix::message<Routes>;
   const std::string row = "vectors/" + std::to_string(elements) + " elements, " +
                           std::to_string(static_cast<int>(zeros * 100)) + " % zero, " +
                           (shape == Shape::one ? "one shape, " : "random shapes, ") + std::to_string(turns) +
@@ -86,13 +86,13 @@ void register_row(uint32_t turns, uint32_t elements, double zeros, Shape shape) 
                [=](uint32_t i) { copy(output(), set->compact[i].start, set->compact[i].size); });
   time_in_turn(row + "plain write", turns, elements, [=](uint32_t i) { plain::write(output(), &set->records[i]); });
   time_in_turn(row + "pack", turns, elements, [=](uint32_t i) { pack(set->records[i]); });
-  require(Operations::send_single(1, &set->records[0], 1, 0) == 0, "a vector is not sent");
+  require(Operations::sendsingle(1, &set->records[0], 1, 0) == 0, "a vector is not sent");
   time_in_turn(row + "sendsingle", turns, elements,
-               [=](uint32_t i) { Operations::send_single(1, &set->records[i], 1, 0); });
+               [=](uint32_t i) { Operations::sendsingle(1, &set->records[i], 1, 0); });
   if (elements <= kLongestInBatch) {
-    require(Operations::send_batch(1, &set->records[0], kBatch, 0) == 0, "a batch is not sent");
+    require(Operations::sendbatch(1, &set->records[0], kBatch, 0) == 0, "a batch is not sent");
     time_in_turn(row + "sendbatch", turns / kBatch, kBatch * elements,
-                 [=](uint32_t i) { Operations::send_batch(1, &set->records[i * kBatch], kBatch, 0); });
+                 [=](uint32_t i) { Operations::sendbatch(1, &set->records[i * kBatch], kBatch, 0); });
   }
   time_in_turn(row + "plain read", turns, elements, [=](uint32_t i) {
     plain::read(set->plain[i].start, set->plain[i].size, &set->decoded);
@@ -100,7 +100,7 @@ void register_row(uint32_t turns, uint32_t elements, double zeros, Shape shape) 
   });
   time_in_turn(row + "decode", turns, elements, [=](uint32_t i) {
     Operations::unpack(set->compact[i].start, set->compact[i].size, &set->decoded);
-    Operations::release(&set->decoded);
+    Operations::free_unpacked(&set->decoded);
   });
   register_peer<protobuf::Codec>(row, "Protocol Buffers", set);
   register_peer<capnproto::Codec>(row, "Cap'n Proto", set);

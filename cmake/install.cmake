@@ -60,4 +60,5 @@ endif()
 
 install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} FILES_MATCHING PATTERN "*.md")
-install(FILES examples/quick_start.c examples/routes.labels DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(FILES examples/quick_start.c examples/quick_start.cpp examples/routes.labels
+        DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)

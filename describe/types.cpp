@@ -3,48 +3,22 @@
 #include <charconv>
 
 #include "describe/type.h"
-#include "fib6Sync.h"
-#include "fib6_cfg.h"
-#include "korBrokerFib6.h"
+#include "drix_message.hpp"
 #include "runtime/image.h"
-
-// Calls M(package, message) for every message type.
-#define EVERY_MESSAGE(M)    \
-  FIB6_CFG_MESSAGES(M)      \
-  KORBROKERFIB6_MESSAGES(M) \
-  FIB6SYNC_MESSAGES(M)
 
 namespace drix::describe {
 namespace {
 
-// Names and exported operations of the record type R.
-template <class R>
-struct Message;
-
-#define MESSAGE_OF(p, m)                                            \
-  template <>                                                       \
-  struct Message<p##_##m> {                                         \
-    static constexpr std::string_view package = #p;                 \
-    static constexpr std::string_view message = #m;                 \
-    static constexpr uint32_t id = drix_message_id(#p "." #m);      \
-    static constexpr auto pack = p##_##m##__pack;                   \
-    static constexpr auto unpack = p##_##m##__unpack;               \
-    static constexpr auto free_unpacked = p##_##m##_free__unpacked; \
-    static constexpr auto sendsingle = p##_##m##__sendsingle;       \
-  };
-EVERY_MESSAGE(MESSAGE_OF)
-#undef MESSAGE_OF
-
 template <class R>
 constexpr Operations kOperations = {
     .pack = [](const void *record, uint8_t *buffer,
-               uint32_t *length) { return Message<R>::pack(static_cast<const R *>(record), buffer, length); },
+               uint32_t *length) { return message<R>::pack(static_cast<const R *>(record), buffer, length); },
     .unpack = [](const uint8_t *buffer, uint32_t length,
-                 void *record) { return Message<R>::unpack(buffer, length, static_cast<R *>(record)); },
-    .free_unpacked = [](void *record) { Message<R>::free_unpacked(static_cast<R *>(record)); },
+                 void *record) { return message<R>::unpack(buffer, length, static_cast<R *>(record)); },
+    .free_unpacked = [](void *record) { message<R>::free_unpacked(static_cast<R *>(record)); },
     .sendsingle =
         [](uint32_t handle, const void *record, uint32_t count, uint32_t destination) {
-          return Message<R>::sendsingle(handle, static_cast<const R *>(record), count, destination);
+          return message<R>::sendsingle(handle, static_cast<const R *>(record), count, destination);
         },
 };
 
@@ -80,9 +54,9 @@ struct Description {
   }();
 
   static constexpr Type type = [] {
-    Type made = {.package = Message<R>::package,
-                 .message = Message<R>::message,
-                 .id = Message<R>::id,
+    Type made = {.package = message<R>::package,
+                 .message = message<R>::name + sizeof message<R>::package,  // behind the full stop
+                 .id = message<R>::id,
                  .record_size = sizeof(R),
                  .fixed_length = 0,
                  .fixed_table_size = 0,
@@ -100,7 +74,8 @@ struct Description {
 };
 
 #define ADDRESS_OF(p, m) &Description<p##_##m>::type,
-constexpr const Type *kTypes[] = {EVERY_MESSAGE(ADDRESS_OF)};
+constexpr const Type *kTypes[] = {FIB6_CFG_MESSAGES(ADDRESS_OF) KORBROKERFIB6_MESSAGES(ADDRESS_OF)
+                                      FIB6SYNC_MESSAGES(ADDRESS_OF)};
 #undef ADDRESS_OF
 
 }  // namespace

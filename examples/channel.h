@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 
+#include "drix_message.hpp"
 #include "kelvodrix.h"
 #include "process.h"
 
@@ -28,10 +29,9 @@ class Channel {
   Channel &operator=(const Channel &) = delete;
   ~Channel() { kelvodrix_close(handle_, 0, nullptr); }
 
-  // Sends records with the send operation of their type.
-  template <class Record>
-  void send(int32_t (*sendmsg)(uint32_t, const Record *, uint32_t), const Record *records, uint32_t count) {
-    const int32_t status = sendmsg(handle_, records, count);
+  // Sends a record, or a range of them in one call of the bus.
+  void send(const auto &records) {
+    const int32_t status = drix::send(handle_, records);
     if (status == KELVODRIX_OK) return;
     uint64_t undelivered = 0;
     kelvodrix_flush(handle_, 0, &undelivered);

@@ -70,7 +70,7 @@ void send_routes(Channel &channel, const Table &table, const Options &options) {
   routes::StreamStamp stamp;
   const auto send_context = [&](fib6Sync_svcCtxMsg message) {
     stamp.apply(message);
-    channel.send(fib6Sync_svcCtxMsg__sendmsg, &message, 1);
+    channel.send(message);
   };
 
   uint32_t number = 0;
@@ -87,7 +87,7 @@ void send_routes(Channel &channel, const Table &table, const Options &options) {
       message.f1.f6 = static_cast<uint16_t>(std::min(pass, 0xFFFFu));
       stamp.apply(message);
       if (batch.size() == options.batch || sent + batch.size() == total) {
-        channel.send(fib6Sync_ipv6FwdUpdateMsg__sendmsg, batch.data(), static_cast<uint32_t>(batch.size()));
+        channel.send(batch);
         sent += batch.size();
         batch.clear();
       }

@@ -6,9 +6,9 @@ check_format() {
   local files
   # What git knows or would add, so that build folders of any name are left alone; all of a copy without git's folder.
   if git rev-parse --is-inside-work-tree >/dev/null 2>&1; then
-    mapfile -d '' files < <(git ls-files -z --cached --others --exclude-standard --deduplicate '*.c' '*.h' '*.cpp')
+    mapfile -d '' files < <(git ls-files -z --cached --others --exclude-standard --deduplicate '*.c' '*.h' '*.cpp' '*.hpp')
   else
-    mapfile -d '' files < <(find . -type d -name 'build*' -prune -o -name '*.[ch]' -print0 -o -name '*.cpp' -print0)
+    mapfile -d '' files < <(find . -type d -name 'build*' -prune -o -name '*.[ch]' -print0 -o -name '*.[ch]pp' -print0)
   fi
   mapfile -d '' files < <(for file in "${files[@]}"; do [ ! -e "$file" ] || printf '%s\0' "$file"; done)
   clang-format-14 --dry-run -Werror "${files[@]}"

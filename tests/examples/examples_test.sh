@@ -53,6 +53,8 @@ expect_spoiled() {
 case $group in
   quick_start)
     expect 0 '^received 6 254 vrf-red$' '' "$binaries/quick_start"
+    expect 0 '^received 7 255 vrf$' '' "$binaries/quick_start_cpp"
+    [ "$(count '^(decoded|received) 6 254 vrf-red$')" -eq 2 ] || complain 'not decoded and received alike'
     ;;
 
   demo)

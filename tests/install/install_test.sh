@@ -55,6 +55,23 @@ consumer=(cmake -G Ninja -S "$project/tests/install/consumer" -B consumer "-DALL
 try 'find_package' "${consumer[@]}"
 try 'C99, C++11 and C++20 without a warning' cmake --build consumer
 for program in all_types_C99 all_types_CXX11 all_types_CXX20; do try $program prints "$everything" consumer/$program; done
+# The C++ header, also where only one package is installed.
+headers=$tree/include/drix_fib6
+mkdir one
+cp "$headers"/{drix_bus.h,drix_message.h,drix_message.hpp,fib6_cfg.h,kelvodrix.h} one
+while read -r compiler standard folder; do
+  command -v "$compiler" >/dev/null || { echo "left out: $compiler" && continue; }
+  try "drix_message.hpp, $compiler, C++$standard, ${folder##*/}" "$compiler" "-std=c++$standard" -Wall -Wextra -Wpedantic \
+    -Wconversion -Wshadow -Werror "-I$folder" "$tree/share/doc/drix_fib6/examples/quick_start.cpp" \
+    "-L$tree/lib" -ldrix_fib6 -lkelvodrix "-Wl,-rpath,$tree/lib" -o cpp
+  try '  runs' prints $'decoded 6 254 vrf-red\nreceived 6 254 vrf-red\nreceived 7 255 vrf' ./cpp
+done <<END
+g++ 17 $headers
+g++ 20 $headers
+clang++-14 17 $headers
+clang++-14 20 $headers
+g++ 17 one
+END
 try 'the symbol version is asked for' sh -c 'readelf -V consumer/all_types_C99 | grep DRIX_FIB6_1'
 try 'quopa' prints '{"f0":7,"f1":0}' sh -c "echo '{\"f0\":7}' | '$tree/bin/quopa' encode fib6Sync.tlv | '$tree/bin/quopa' decode fib6Sync.tlv"
 # Every option of every command stands in the command's part of the manual page.

@@ -5,7 +5,9 @@
 #include <functional>
 
 #include "codec.h"
+#include "drix_message.hpp"
 #include "fake_bus.h"
+#include "fake_platform.h"
 #include "heap_watch.h"
 #include "judge.h"
 #include "operations.h"
@@ -208,6 +210,47 @@ TEST_F(Send, HeapIsUsedOnceABatchAndNotAtAllForASingleFixedRecord) {
     heap_watch::stop();
     EXPECT_EQ(bus().quiet_calls, 1u) << "sent without memory";
   }
+}
+
+// A range whose size, cut to 32 bits, would be 1.
+struct Endless : std::vector<fib6_cfg_query_comm_param> {
+  std::size_t size() const { return SIZE_MAX / 2 + 2; }
+};
+
+TEST_F(Send, WhateverHoldsRecordsIsSentFromCppInOneCall) {
+  fib6_cfg_query_comm_param records[3] = {};
+  const std::vector<fib6_cfg_query_comm_param> two(2);
+  bus() = {.status = 17};
+  EXPECT_EQ(drix::send(5, records[0], 9), 17);
+  EXPECT_EQ(drix::send(5, records, 7), 17);
+  EXPECT_EQ(drix::send(5, two), 17);
+  EXPECT_EQ(drix::send(5, drix::span(records, 2), 8), 17);
+  EXPECT_EQ(drix::send(5, std::vector(two.begin(), two.begin())), -1);
+  EXPECT_EQ(drix::send(5, Endless{two}), -1);
+  std::vector<std::pair<std::size_t, uint32_t>> sent;
+  for (const auto &call : bus().calls) sent.emplace_back(call.messages.size(), call.destination.value_or(0));
+  EXPECT_EQ(sent, (decltype(sent){{1, 9}, {3, 7}, {2, 0}, {2, 8}}));
+}
+
+TEST_F(Send, ReceivedRecordsAreReleasedOnceWhereverTheyMove) {
+  using Query = fib6_cfg_query_comm_param;
+  uint8_t name[] = "red", buffer[64];
+  uint32_t length = sizeof buffer;
+  const Query query = {6, 254, 3, name};
+  ASSERT_EQ(drix::message<Query>::pack(&query, buffer, &length), 0);
+  fake_platform::reset();
+  {
+    drix::received<Query> first(buffer, length), last(buffer, length);
+    drix::received<Query> moved(std::move(first));
+    last = std::move(moved);
+    const std::span<const uint8_t> view = drix::span(last->f2, last->f2Len);
+    EXPECT_TRUE(std::equal(view.begin(), view.end(), name, name + 3));
+    EXPECT_TRUE(first->f2 == nullptr && moved->f2 == nullptr);
+  }
+  EXPECT_EQ(fake_platform::frees().size(), 2u);
+  EXPECT_EQ(fake_platform::live_blocks(), 0u);
+  EXPECT_EQ((*drix::received<Query>(buffer, SIZE_MAX / 2 + 1 + length)).f0, 0u) << "a length cut to 32 bits";
+  EXPECT_EQ(drix::span(static_cast<uint8_t *>(nullptr), 5).size(), 0u) << "the length of a record cut short";
 }
 
 struct Package {

@@ -2,8 +2,7 @@
 
 #include <cstring>
 
-#include "fib6_cfg.h"
-#include "korBrokerFib6.h"
+#include "drix_message.hpp"
 #include "tools/records/shape.h"
 
 namespace soak {
@@ -23,31 +22,29 @@ void fill(const records::Shape &shape, void *record, Round round, uint32_t id, r
   records::fill_random(shape, record, random, mix, arena);
 }
 
-template <class R, uint32_t kId, int32_t (*kSendmsg)(uint32_t, const R *, uint32_t)>
-constexpr Message make_message(const char *name) {
+template <class R>
+constexpr Message make_message() {
   return {
-      .name = name,
-      .id = kId,
+      .name = drix::message<R>::name,
+      .id = drix::message<R>::id,
       .send =
           [](Channel &channel, Round round) {
             records::Arena arena;
             R record;
-            fill(records::kShape<R>, &record, round, kId, arena);
-            channel.send(kSendmsg, &record, 1);
+            fill(records::kShape<R>, &record, round, drix::message<R>::id, arena);
+            channel.send(record);
           },
       .first_difference =
           [](Round round, const void *received) {
             records::Arena arena;
             R sent;
-            fill(records::kShape<R>, &sent, round, kId, arena);
+            fill(records::kShape<R>, &sent, round, drix::message<R>::id, arena);
             return records::first_difference(records::kShape<R>, &sent, received);
           },
   };
 }
 
-#define SOAK_MESSAGE(package, message)                                                                       \
-  make_message<package##_##message, drix_message_id(#package "." #message), package##_##message##__sendmsg>( \
-      #package "." #message),
+#define SOAK_MESSAGE(package, message) make_message<package##_##message>(),
 
 constexpr Message kFib6CfgMessages[] = {FIB6_CFG_MESSAGES(SOAK_MESSAGE)};
 constexpr Message kKorBrokerFib6Messages[] = {KORBROKERFIB6_MESSAGES(SOAK_MESSAGE)};

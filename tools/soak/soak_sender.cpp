@@ -24,7 +24,7 @@ struct Options {
 
 void send_mark(Channel &channel, const soak::Mark &mark) {
   const fib6Sync_svcCtxMsg message = soak::make_mark(mark);
-  channel.send(fib6Sync_svcCtxMsg__sendmsg, &message, 1);
+  channel.send(message);
 }
 
 void run(const Options &options) {
