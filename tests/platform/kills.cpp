@@ -221,11 +221,6 @@ int main(int argc, char **argv) {
                          one_of({2, 64, 4096}), one_of({1, 7, 200}),
                          one_of({8, 5000}),     static_cast<uint32_t>(random() % one_of({2000, 20000}))};
     run(round, at, totals);
-    if (account->wrong != 0)
-      std::printf(
-          "after %u kills, with receiver_dies %d one_by_one %d window %u batch %u message_bytes %u delay_us %u\n",
-          done + 1, round.receiver_dies, round.one_by_one, round.window, round.batch, round.message_bytes,
-          round.delay_us);
   }
   std::printf("%u kills: %llu messages accepted or under way, %llu handled, %llu counted as undelivered\n", done,
               static_cast<unsigned long long>(totals.sent), static_cast<unsigned long long>(totals.handled),

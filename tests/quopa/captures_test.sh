@@ -113,9 +113,5 @@ for paths in 'good.pcapng -' '- good.pcapng' - 'good.pcapng pipes/pipe.pcapng' '
 done
 expect 2 '' '--speed is a factor' '' replay good.pcapng --to x --speed 0
 expect 1 '' 'libc.so.6: not the stand-in bus' '' replay good.pcapng --to x --bus libc.so.6
-expect 0 '^fib6Sync.tlv$' '' '' __complete trace good.pcapng --type fib6Sync.t
-expect 0 '' '' '' __complete trace fib6Sync.t
-for command in trace stats compare replay; do expect 0 '^Examples:$' '' '' $command --help; done
-expect 0 '^compare$' '' '' __complete comp
 
 exit $((failures > 0))
