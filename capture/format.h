@@ -53,7 +53,7 @@ typedef enum TraceKind { TRACE_SENT = 0, TRACE_RECEIVED = 1, TRACE_NOTE = 2 } Tr
 #define TRACE_NO_ANSWER INT32_MIN
 
 /* Notes are text in UTF-8. The first word names the note, its value follows after one blank, of the schema after a line
- * feed. At the start of every file stand, in this order, program and schema.
+ * feed. At the start of every file stand, in this order, program and schema, and unwrapped or a filler in its place.
  *
  *   program NAME     the program
  *   schema\nTEXT     all message types, as quopa types --schema prints them
