@@ -60,7 +60,8 @@ ROOMS = (
          r"fuzz\.replay_(quopa|round_trip)"),
     Room(tuple(f"tools/quopa/{name}.cpp" for name in ("trace", "stats", "compare", "replay", "selection")), COMMANDS,
          r"quopa\.(calls|captures)"),
-    Room(("tools/quopa/",), READERS, r"quopa\.(commands|calls|captures|dissector)|fuzz\.replay_quopa"),
+    Room(("tools/quopa/",), READERS + ("foreign",),
+         r"inspect\.foreign|quopa\.(commands|calls|captures|dissector)|fuzz\.replay_quopa"),
     Room(("platform/",), ("test_platform", "bus_kills"), r"Bus|Services|bus\."),
 )
 
