@@ -90,7 +90,7 @@ TEST(CaptureRing, IsOneOfThoseInItsFolder) {
   RingFile one(folder, 1, 5), another(folder, 1, 4), older(folder, 1, 3);
   const auto numbers = [&](const std::string &path) {
     std::string said;
-    Follower follower({path}, [](const std::string &) {});
+    Follower follower({path}, [](const std::string &line) { ADD_FAILURE() << line; });
     while (const Message *const message = follower.next()) {
       if (message->kind != TRACE_NOTE) said += std::to_string(message->handle) + ' ';
     }

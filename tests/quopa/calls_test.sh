@@ -15,7 +15,7 @@ says() {
   local status=$1 got=0
   shift
   cat >wanted
-  LD_PRELOAD=${preload-} timeout 60 "${quopa[@]}" "$@" >said 2>errors || got=$?
+  timeout 60 env "LD_PRELOAD=${preload-}" "${quopa[@]}" "$@" >said 2>errors || got=$?
   cat errors >>said
   [ $got -eq "$status" ] && cmp -s said wanted || complain "quopa $* (status $got): $(diff said wanted)"
 }
