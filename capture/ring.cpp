@@ -25,7 +25,8 @@ const Message *Ring::message() {
       if (!advance()) return nullptr;
     } catch (const BadCapture &error) {
       complain_(error.what());
-      open_from(number_ + 1, 0);
+      blocks_.reset();
+      ++number_;
     }
   }
   return &message_;
