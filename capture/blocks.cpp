@@ -11,6 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <thread>
+#include <utility>
 
 #include "capture/format.h"
 #include "capture/message.h"
@@ -41,6 +42,8 @@ class Descriptor {
 
 }  // namespace
 
+std::string name_of(const std::string &path) { return path == "-" ? "standard input" : path; }
+
 Blocks::Blocks(const std::string &path, ReadAt read_at) : path_(path), read_at_(read_at) {
   if (path == "-") {
     source_ = Source::stream;
@@ -64,7 +67,7 @@ Blocks::~Blocks() {
   if (stream_ > STDIN_FILENO) ::close(stream_);
 }
 
-void Blocks::fail() const { throw BadCapture((path_ == "-" ? "standard input" : path_) + ": " + std::strerror(errno)); }
+void Blocks::fail() const { throw BadCapture(name_of(path_) + ": " + std::strerror(errno)); }
 
 Blocks::Found Blocks::look() {
   while (true) {

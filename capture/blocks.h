@@ -15,6 +15,9 @@ struct stat;
 
 namespace capture {
 
+// For what is said of a capture: "standard input" for "-".
+std::string name_of(const std::string &path);
+
 // A regular file is open only while something is fetched from it, so that there may be any number of them.
 //
 // A file of a ring may be written to meanwhile, and no read promises an order between the bytes that it copies. So all

@@ -2,9 +2,7 @@
 
 namespace capture {
 
-void File::fail(const std::string &what) const {
-  throw BadCapture((path_ == "-" ? "standard input" : path_) + ": " + what);
-}
+void File::fail(const std::string &what) const { throw BadCapture(name_of(path_) + ": " + what); }
 
 const Message *File::next() {
   using Found = Blocks::Found;

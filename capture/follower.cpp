@@ -7,6 +7,7 @@
 #include "capture/ring_file.h"
 
 namespace capture {
+
 Follower::Follower(const std::vector<std::string> &paths, Complaint complain, Patience patience)
     : complain_(std::move(complain)), patience_(patience) {
   for (const std::string &path : paths) {
