@@ -58,8 +58,8 @@ ROOMS = (
     Room(("inspect/", "describe/"), READERS + ("test_inspect", "foreign", "fuzz_round_trip"),
          r"Catalog|Compatibility|Json|Labels|Printable|Walk|inspect\.|campaign\.sample|quopa\.(commands|calls|captures)|"
          r"fuzz\.replay_(quopa|round_trip)"),
-    Room(tuple(f"tools/quopa/{name}.cpp" for name in ("trace", "stats", "compare", "replay", "selection")), COMMANDS,
-         r"quopa\.(calls|captures)"),
+    Room(("tools/quopa/selection.cpp",) + tuple(f"tools/quopa/commands/{name}.cpp" for name in (
+        "trace", "stats", "compare", "replay")), COMMANDS, r"quopa\.(calls|captures)"),
     Room(("tools/quopa/",), READERS + ("foreign",),
          r"inspect\.foreign|quopa\.(commands|calls|captures|dissector)|fuzz\.replay_quopa"),
     Room(("platform/",), ("test_platform", "bus_kills"), r"Bus|Services|bus\."),

@@ -1,6 +1,6 @@
 // quopa dissector: what Wireshark and tshark need to show traces. The script is the same for all types; what it goes by
 // is printed before it.
-#include "tools/quopa/dissector.h"
+#include "tools/quopa/commands/dissector_script.h"
 
 #include <cerrno>
 #include <cstdio>
