@@ -14,7 +14,7 @@
 namespace {
 
 using drix::Kind;
-using drix::describe::Slot;
+using drix::describe::SlotInfo;
 using drix::describe::Type;
 using drix::inspect::Record;
 using Buffer = std::vector<uint8_t>;
@@ -26,7 +26,7 @@ constexpr double kLimit = 20;
 // Takes the events and does nothing.
 class Ignore : public drix::inspect::Sink {
  public:
-  void take(const drix::inspect::Place &, std::span<const drix::inspect::Event> events) override {
+  void take(const drix::inspect::TablePath &, std::span<const drix::inspect::Event> events) override {
     taken_ += events.size();
   }
 
@@ -38,7 +38,7 @@ uint32_t number(records::Random &random) { return static_cast<uint32_t>(random.d
 
 // Every second scalar is zero.
 void fill(const Type &type, uint8_t *to, Record &record, records::Random &random) {
-  for (const Slot &slot : type.slots) {
+  for (const SlotInfo &slot : type.slots) {
     uint8_t *const at = to + slot.member;
     if (slot.kind == Kind::scalar) drix::inspect::set_number(at, slot.width, random.below(2) * number(random));
     for (uint32_t i = 0; i < slot.elements; ++i)

@@ -19,7 +19,7 @@ int32_t call_bus(uint32_t handle, DrixSendDescriptor *descriptors, uint32_t coun
                           : DRIX_SendMsg(handle, descriptors, count);
 }
 
-DrixSendDescriptor describe(const Encoder &encoder, const uint8_t *image, uint32_t length) {
+DrixSendDescriptor descriptor_of(const Encoder &encoder, const uint8_t *image, uint32_t length) {
   return {reinterpret_cast<uintptr_t>(image), encoder.message->id, length};
 }
 
@@ -55,7 +55,7 @@ int32_t send_fixed_batch(const Encoder &encoder, uint32_t handle, const void *re
   uint8_t *image = block.start();
   for (uint32_t i = 0; i < count; ++i, image += encoder.fixed_length) {
     build_fixed(encoder, image, record_at(encoder, records, i));
-    descriptors[i] = describe(encoder, image, encoder.fixed_length);
+    descriptors[i] = descriptor_of(encoder, image, encoder.fixed_length);
   }
   return call_bus(handle, descriptors, count, destination);
 }
@@ -81,7 +81,7 @@ int32_t send_variable_batch(const Encoder &encoder, uint32_t handle, const void 
     uint8_t *const image = block.start() + used;
     const uint32_t length = build_compact(encoder, image, kBatchArea - used, record_at(encoder, records, i));
     if (length == 0) return kFailure;
-    descriptors[i] = describe(encoder, image, length);
+    descriptors[i] = descriptor_of(encoder, image, length);
     used += length;
   }
   return call_bus(handle, descriptors, count, destination);
@@ -94,7 +94,7 @@ int32_t send_single(const Encoder &encoder, uint32_t handle, const void *record,
   if (encoder.fixed_length != 0) {
     uint8_t image[kMaxFixedLength];
     build_fixed(encoder, image, record);
-    DrixSendDescriptor descriptor = describe(encoder, image, encoder.fixed_length);
+    DrixSendDescriptor descriptor = descriptor_of(encoder, image, encoder.fixed_length);
     return call_bus(handle, &descriptor, 1, destination);
   }
   const uint32_t size = compact_size(encoder, record);
@@ -102,7 +102,7 @@ int32_t send_single(const Encoder &encoder, uint32_t handle, const void *record,
   const HeapBlock block(size);
   if (block.start() == nullptr) return kFailure;
   build(encoder, block.start(), size, record);
-  DrixSendDescriptor descriptor = describe(encoder, block.start(), size);
+  DrixSendDescriptor descriptor = descriptor_of(encoder, block.start(), size);
   return call_bus(handle, &descriptor, 1, destination);
 }
 

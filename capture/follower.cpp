@@ -13,14 +13,14 @@ Follower::Follower(const std::vector<std::string> &paths, Complaint complain, Pa
   for (const std::string &path : paths) {
     std::error_code error;
     if (std::filesystem::is_directory(path, error)) {
-      places_.push_back({path, ""});
+      watched_.push_back({path, ""});
       continue;
     }
     const std::filesystem::path file = path;
     const auto in_ring = ring_file(file.filename());
     if (error) throw BadCapture(path + ": " + error.message());
     if (!in_ring) throw BadCapture(path + ": not a file that the recorder writes, so it cannot be followed");
-    places_.push_back({file.has_parent_path() ? file.parent_path().string() : ".", in_ring->ring});
+    watched_.push_back({file.has_parent_path() ? file.parent_path().string() : ".", in_ring->ring});
   }
 }
 
@@ -28,15 +28,15 @@ void Follower::discover() {
   const auto now = std::chrono::steady_clock::now();
   if (now < next_discovery_) return;
   next_discovery_ = now + patience_.discovery;
-  for (const Place &place : places_) {
+  for (const Watched &watched : watched_) {
     std::map<std::string, std::pair<uint64_t, uint64_t>> found;  // the least and the largest number of each ring
-    for_each_ring_file(place.folder, [&](const RingFile &file) {
-      if (!place.ring.empty() && file.ring != place.ring) return;
+    for_each_ring_file(watched.folder, [&](const RingFile &file) {
+      if (!watched.ring.empty() && file.ring != watched.ring) return;
       auto &[least, largest] = found.try_emplace(file.ring, file.number, file.number).first->second;
       least = std::min(least, file.number);
       largest = std::max(largest, file.number);
     });
-    for (const auto &[name, numbers] : found) ring(place.folder, name, numbers.first).expect(numbers.second);
+    for (const auto &[name, numbers] : found) ring(watched.folder, name, numbers.first).expect(numbers.second);
   }
 }
 

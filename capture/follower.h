@@ -24,7 +24,7 @@ class Follower {
   const Message *next();
 
  private:
-  struct Place {
+  struct Watched {
     std::string folder;
     std::string ring;  // empty: all
   };
@@ -34,7 +34,7 @@ class Follower {
 
   Complaint complain_;
   Patience patience_;
-  std::vector<Place> places_;
+  std::vector<Watched> watched_;
   std::vector<std::unique_ptr<Ring>> rings_;
   Ring *taken_ = nullptr;  // whose message was given last
   std::chrono::steady_clock::time_point next_discovery_;

@@ -11,12 +11,12 @@ bool has_inner(const SchemaSlot &slot) { return slot.kind == Kind::table || slot
 
 bool is_flat(const SchemaType &type) { return std::none_of(type.slots.begin(), type.slots.end(), has_inner); }
 
-bool is_bytes(const Slot &slot) { return slot.kind == Kind::bytes; }
+bool is_bytes(const SlotInfo &slot) { return slot.kind == Kind::bytes; }
 
 bool owns_memory(const Type &type) { return std::any_of(type.slots.begin(), type.slots.end(), is_bytes); }
 
 // Beside the record, for each 4 bytes of a message: all slots' offsets may lead to the same bytes.
-uint64_t memory_of(const Slot &slot) {
+uint64_t memory_of(const SlotInfo &slot) {
   if (slot.kind == Kind::bytes) return kWord;
   if (slot.kind == Kind::vector) return slot.inner->record_size;
   if (slot.kind != Kind::table) return 0;
@@ -77,7 +77,7 @@ void Catalog::add_slot(Made &made, const SchemaSlot &slot) const {
     if (size > UINT16_MAX) fail("the record has more than 65535 bytes");
     return static_cast<uint16_t>(at);
   };
-  Slot to = {slot.kind, static_cast<uint8_t>(slot.width), static_cast<uint16_t>(slot.elements), 0, 0, nullptr};
+  SlotInfo to = {slot.kind, static_cast<uint8_t>(slot.width), static_cast<uint16_t>(slot.elements), 0, 0, nullptr};
   if (has_inner(slot)) to.inner = &inner_of(made, slot);
   const bool is_owner = slot.kind == Kind::bytes || slot.kind == Kind::vector;
   if (is_owner) to.length_member = add(sizeof(uint32_t));

@@ -39,7 +39,7 @@ class Catalog {
  private:
   struct Made {
     std::string name;
-    std::vector<Slot> slots;
+    std::vector<SlotInfo> slots;
     Type type;
     uint64_t memory;  // that records take beside themselves for each 4 bytes of a message
   };

@@ -28,7 +28,7 @@ struct Layout {
 
 Layout lay_out(const Type &type, uint32_t pointer) {
   Layout layout;
-  for (const Slot &slot : type.slots) {
+  for (const SlotInfo &slot : type.slots) {
     uint32_t bytes = slot.width * std::max<uint32_t>(slot.elements, 1);
     uint32_t alignment = slot.width;
     if (slot.kind == Kind::table) {
@@ -50,7 +50,7 @@ Layout layout_of(const Type &type, uint32_t pointer) {
   if (pointer != sizeof(void *)) return lay_out(type, pointer);
   Layout layout;
   layout.size = type.record_size;
-  for (const Slot &slot : type.slots) layout.members.push_back(slot.member);
+  for (const SlotInfo &slot : type.slots) layout.members.push_back(slot.member);
   return layout;
 }
 
@@ -60,7 +60,7 @@ SchemaType schema_of(const Type &type) {
   SchemaType made = {
       type.name(), type.id, type.fixed_length, type.compact_least, type.compact_most, {of_4.size, of_8.size}, {}};
   for (std::size_t i = 0; i < type.slots.size(); ++i) {
-    const Slot &slot = type.slots[i];
+    const SlotInfo &slot = type.slots[i];
     made.slots.push_back({slot.kind,
                           slot.width,
                           slot.elements,

@@ -28,8 +28,8 @@ struct ByPointer {
 
 struct SchemaSlot {
   Kind kind;
-  uint32_t width;     // as in Slot
-  uint32_t elements;  // as in Slot
+  uint32_t width;     // as in SlotInfo
+  uint32_t elements;  // as in SlotInfo
   std::string inner;  // message of a table or of a vector's elements
   ByPointer member;
 };

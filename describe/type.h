@@ -13,7 +13,7 @@ namespace drix::describe {
 
 struct Type;
 
-struct Slot {
+struct SlotInfo {
   Kind kind;
   uint8_t width;           // bytes of a scalar or of an array's element
   uint16_t elements;       // of an array
@@ -39,7 +39,7 @@ struct Type {
   uint32_t fixed_table_size;  // of its root table, without the gap before the vtable
   uint32_t compact_least;     // the compact layout of a record of zeros
   uint32_t compact_most;      // of a record without zeros; 0: there is no bound
-  std::span<const Slot> slots;
+  std::span<const SlotInfo> slots;
   Operations library;
 
   bool is_fixed() const { return fixed_length != 0; }
@@ -55,6 +55,6 @@ const Type *find(std::string_view name);
 
 // u16, u8[3], bytes, table(tlv), vector(tlv)
 std::string kind_text(Kind kind, uint32_t width, uint32_t elements, std::string_view inner);
-std::string kind_text(const Slot &slot);
+std::string kind_text(const SlotInfo &slot);
 
 }  // namespace drix::describe

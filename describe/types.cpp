@@ -37,10 +37,10 @@ template <class R>
 struct Description {
   static_assert(sizeof(R) <= UINT16_MAX, "members' places are kept in 16 bits");
 
-  static constexpr std::array<Slot, kSlots<R>> slots = [] {
-    std::array<Slot, kSlots<R>> list{};
+  static constexpr std::array<SlotInfo, kSlots<R>> slots = [] {
+    std::array<SlotInfo, kSlots<R>> list{};
     for_each_slot<R>([&]<class S>(S) constexpr {
-      Slot &slot = list[S::index];
+      SlotInfo &slot = list[S::index];
       slot.kind = S::kind;
       slot.elements = static_cast<uint16_t>(S::elements);
       slot.member = static_cast<uint16_t>(S::offset);
@@ -112,7 +112,7 @@ std::string kind_text(Kind kind, uint32_t width, uint32_t elements, std::string_
   return "vector(" + std::string(inner) + ')';
 }
 
-std::string kind_text(const Slot &slot) {
+std::string kind_text(const SlotInfo &slot) {
   return kind_text(slot.kind, slot.width, slot.elements, slot.inner == nullptr ? "" : slot.inner->message);
 }
 

@@ -12,14 +12,14 @@ bool in_slots(const Event &culprit) {
 
 Extent extent_of(const Verdict &verdict) {
   if (verdict.accepted()) return {};
-  const Place &place = verdict.place;
+  const TablePath &path = verdict.path;
   const Event &culprit = verdict.culprit;
   const std::size_t slot = in_slots(culprit) ? culprit.slot : 0;
-  if (place.outer == Place::kNone) {
+  if (path.outer == TablePath::kNone) {
     return {.root_slots = slot, .elements = culprit.thing == Thing::element_word ? culprit.element : 0};
   }
-  return {.root_slots = place.outer,
-          .elements = place.element == Place::kNone ? 0 : place.element,
+  return {.root_slots = path.outer,
+          .elements = path.element == TablePath::kNone ? 0 : path.element,
           .inner_slots = slot,
           .has_inner = true};
 }

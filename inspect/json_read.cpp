@@ -9,7 +9,7 @@
 namespace drix::inspect {
 namespace {
 
-using describe::Slot;
+using describe::SlotInfo;
 using describe::Type;
 using nlohmann::json;
 
@@ -91,7 +91,7 @@ class Reader {
 
  private:
   void read_member(const json &value, const Type &type, std::size_t index, uint8_t *record, const std::string &path) {
-    const Slot &slot = type.slots[index];
+    const SlotInfo &slot = type.slots[index];
     uint8_t *const to = record + slot.member;
     switch (slot.kind) {
       case Kind::scalar:
@@ -123,7 +123,7 @@ class Reader {
     return *number;
   }
 
-  void read_array(const json &value, const Slot &slot, uint8_t *to, const std::string &path) {
+  void read_array(const json &value, const SlotInfo &slot, uint8_t *to, const std::string &path) {
     if (slot.width == 1 && value.is_string()) {
       const std::vector<uint8_t> bytes = read_hex(value, path);
       if (bytes.size() != slot.elements) fail_count(bytes.size(), slot.elements, "bytes", path);
@@ -137,7 +137,7 @@ class Reader {
     }
   }
 
-  static std::string wanted(const Slot &slot) {
+  static std::string wanted(const SlotInfo &slot) {
     const std::string numbers = "an array of " + std::to_string(slot.elements) + " numbers";
     if (slot.width == 1) return "hexadecimal text or " + numbers;
     return slot.elements == 4 ? "an IPv6 address or " + numbers : numbers;
@@ -174,7 +174,7 @@ class Reader {
     for (std::size_t i = 0; i < 4; ++i) set_number(to + 4 * i, 4, ntohl(words[i]));
   }
 
-  void read_bytes(const json &value, const Slot &slot, uint8_t *record, const std::string &path) {
+  void read_bytes(const json &value, const SlotInfo &slot, uint8_t *record, const std::string &path) {
     if (!value.is_string() && !value.is_array()) {
       fail(path, "hexadecimal text or an array of numbers is wanted, not " + short_text(value));
     }
@@ -190,7 +190,7 @@ class Reader {
     std::memcpy(block, bytes.data(), bytes.size());
   }
 
-  void read_vector(const json &value, const Slot &slot, uint8_t *record, const std::string &path) {
+  void read_vector(const json &value, const SlotInfo &slot, uint8_t *record, const std::string &path) {
     if (!value.is_array()) fail(path, "an array of objects is wanted, not " + short_text(value));
     if (value.empty()) return;
     uint8_t *element = attach(slot, record, value.size(), slot.inner->record_size);
@@ -200,7 +200,7 @@ class Reader {
   }
 
   // Makes a member point to a block for count elements.
-  uint8_t *attach(const Slot &slot, uint8_t *record, std::size_t count, std::size_t size) {
+  uint8_t *attach(const SlotInfo &slot, uint8_t *record, std::size_t count, std::size_t size) {
     uint8_t *const block = record_.allocate(count * size);
     set_member(record, slot.length_member, static_cast<uint32_t>(count));
     set_member(record, slot.member, block);

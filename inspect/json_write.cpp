@@ -9,7 +9,7 @@
 namespace drix::inspect {
 namespace {
 
-using describe::Slot;
+using describe::SlotInfo;
 using describe::Type;
 
 class Writer {
@@ -30,7 +30,7 @@ class Writer {
   }
 
   void write_member(const Type &type, std::size_t index, const uint8_t *record) {
-    const Slot &slot = type.slots[index];
+    const SlotInfo &slot = type.slots[index];
     const Label *label = style_.labels.find(type, index);
     const uint8_t *const value = record + slot.member;
     write_name(type, index);
@@ -61,7 +61,7 @@ class Writer {
     is_number ? out_ << text : out_ << '"' << text << '"';
   }
 
-  void write_array(const Slot &slot, const uint8_t *value, const Label *label) {
+  void write_array(const SlotInfo &slot, const uint8_t *value, const Label *label) {
     if (slot.width == 1) return write_hex({value, slot.elements});
     if (slot.elements == 4 && (style_.ipv6 || (label != nullptr && label->ipv6))) {
       out_ << '"' << address_text(value) << '"';
@@ -85,7 +85,7 @@ class Writer {
     out_ << '}';
   }
 
-  void write_elements(const Slot &slot, const uint8_t *pointer, std::size_t count) {
+  void write_elements(const SlotInfo &slot, const uint8_t *pointer, std::size_t count) {
     const auto *const first = member<const uint8_t *>(pointer, 0);
     for (std::size_t i = 0; i < count; ++i) {
       if (i > 0) out_ << ',';
@@ -95,7 +95,7 @@ class Writer {
 
   // The slot in which decoding ended.
   void write_partial(const Type &type, const Extent &extent, const uint8_t *record) {
-    const Slot &slot = type.slots[extent.root_slots];
+    const SlotInfo &slot = type.slots[extent.root_slots];
     const uint8_t *const value = record + slot.member;
     if (slot.kind == Kind::table && extent.has_inner) {
       write_name(type, extent.root_slots);

@@ -7,7 +7,7 @@
 namespace drix::inspect {
 namespace {
 
-using describe::Slot;
+using describe::SlotInfo;
 using describe::Type;
 
 constexpr std::string_view kBlanks = " \t\r";
@@ -69,7 +69,7 @@ uint32_t parse_number(std::string_view text, uint32_t width) {
 }
 
 // WORD=NUMBER or LETTER=NUMBER, until the line's end.
-void parse_meaning(std::string_view text, const Slot &slot, Label &label) {
+void parse_meaning(std::string_view text, const SlotInfo &slot, Label &label) {
   while (!trim(text).empty()) {
     const std::string_view item = take_word(text);
     const std::size_t equals = item.rfind('=');
@@ -79,7 +79,7 @@ void parse_meaning(std::string_view text, const Slot &slot, Label &label) {
     }
     const uint32_t value = parse_number(item.substr(equals + 1), slot.width);
     if (label.is_flags && value == 0) fail(quoted(item) + " has no bit");
-    if (!label.values.emplace(word, value).second || !label.places.emplace(value, label.meaning.size()).second) {
+    if (!label.values.emplace(word, value).second || !label.indices.emplace(value, label.meaning.size()).second) {
       fail(quoted(item) + " is there already");
     }
     label.meaning.emplace_back(word, value);
@@ -91,8 +91,8 @@ void parse_meaning(std::string_view text, const Slot &slot, Label &label) {
 
 std::optional<std::string> Label::text_of(uint32_t value) const {
   if (!is_flags) {
-    const auto found = places.find(value);
-    return found == places.end() ? std::nullopt : std::optional(meaning[found->second].first);
+    const auto found = indices.find(value);
+    return found == indices.end() ? std::nullopt : std::optional(meaning[found->second].first);
   }
   std::string letters;
   uint32_t shown = 0;
@@ -171,7 +171,7 @@ void Labels::parse_member(const Type &type, std::string_view line) {
   const std::optional<std::size_t> other = slot(type, name);
   if (other && *other != *index) fail(quoted(name) + " is a member already");
 
-  const Slot &slot = type.slots[*index];
+  const SlotInfo &slot = type.slots[*index];
   Label label;
   label.name = name;
   const std::string_view what = take_word(rest);

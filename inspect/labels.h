@@ -34,7 +34,7 @@ struct Label {
   bool is_flags = false;                                  // or an enumeration
   std::vector<std::pair<std::string, uint32_t>> meaning;  // words or letters with their values, in the file's order
   std::unordered_map<std::string, uint32_t> values;       // of the same words or letters
-  std::unordered_map<uint32_t, std::size_t> places;       // of values in meaning
+  std::unordered_map<uint32_t, std::size_t> indices;      // of values in meaning
 
   // The word or letters for a value, if it has them all; and the inverse.
   std::optional<std::string> text_of(uint32_t value) const;

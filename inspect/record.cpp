@@ -7,7 +7,7 @@
 
 namespace drix::inspect {
 
-using describe::Slot;
+using describe::SlotInfo;
 
 // calloc, so that the kernel brings the memory of a vast vector only where elements are written.
 uint8_t *Record::allocate(std::size_t size) {
@@ -31,23 +31,23 @@ void set_number(uint8_t *address, uint32_t width, uint32_t value) {
   if (width == 4) set_member(address, 0, value);
 }
 
-void RecordBuilder::take(const Place &place, std::span<const Event> events) {
-  uint8_t *const record = table_record(place);
-  for (const Event &event : events) set(event, *place.type, record);
+void RecordBuilder::take(const TablePath &path, std::span<const Event> events) {
+  uint8_t *const record = table_record(path);
+  for (const Event &event : events) set(event, *path.type, record);
 }
 
-uint8_t *RecordBuilder::table_record(const Place &place) {
-  if (place.outer == Place::kNone) return record_.data();
-  const Slot &outer = record_.type().slots[place.outer];
+uint8_t *RecordBuilder::table_record(const TablePath &path) {
+  if (path.outer == TablePath::kNone) return record_.data();
+  const SlotInfo &outer = record_.type().slots[path.outer];
   if (outer.kind == Kind::table) return record_.data() + outer.member;
-  return member<uint8_t *>(record_.data(), outer.member) + std::size_t{place.element} * place.type->record_size;
+  return member<uint8_t *>(record_.data(), outer.member) + std::size_t{path.element} * path.type->record_size;
 }
 
 void RecordBuilder::set(const Event &event, const describe::Type &type, uint8_t *record) {
   const bool wanted = event.thing == Thing::scalar || event.thing == Thing::count || event.thing == Thing::elements ||
                       event.thing == Thing::element_word;
   if (!wanted) return;
-  const Slot &slot = type.slots[event.slot];
+  const SlotInfo &slot = type.slots[event.slot];
   uint8_t *const to = record + slot.member;
   if (event.thing == Thing::scalar) {
     set_number(to, slot.width, event.value);

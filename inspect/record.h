@@ -57,11 +57,11 @@ class RecordBuilder final : public Sink {
  public:
   RecordBuilder(const describe::Type &type, const uint8_t *buffer) : record_(type), buffer_(buffer) {}
 
-  void take(const Place &place, std::span<const Event> events) override;
+  void take(const TablePath &path, std::span<const Event> events) override;
   Record &record() { return record_; }
 
  private:
-  uint8_t *table_record(const Place &place);
+  uint8_t *table_record(const TablePath &path);
   void set(const Event &event, const describe::Type &type, uint8_t *record);
 
   Record record_;

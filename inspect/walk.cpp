@@ -9,7 +9,7 @@
 namespace drix::inspect {
 namespace {
 
-using describe::Slot;
+using describe::SlotInfo;
 using describe::Type;
 
 constexpr uint16_t kNoSlot = 0;
@@ -22,8 +22,8 @@ class Walk {
         length_(length),
         sink_(sink),
         coverage_(length),
-        place_{&type, Place::kNone, Place::kNone},
-        verdict_{.reason = Reason::accepted, .place = place_, .culprit = {}, .target = 0, .length = length} {}
+        path_{&type, TablePath::kNone, TablePath::kNone},
+        verdict_{.reason = Reason::accepted, .path = path_, .culprit = {}, .target = 0, .length = length} {}
 
   Verdict run() {
     const uint32_t position = load<uint32_t>(buffer_);
@@ -72,12 +72,12 @@ class Walk {
   }
 
   [[gnu::noinline]] void flush() {
-    if (sink_ != nullptr && next_ != pending_.data()) sink_->take(place_, {pending_.data(), next_});
+    if (sink_ != nullptr && next_ != pending_.data()) sink_->take(path_, {pending_.data(), next_});
     next_ = pending_.data();
   }
 
   [[gnu::cold]] bool reject(Reason reason, const Event &culprit, uint64_t target) {
-    verdict_ = {reason, place_, culprit, target, length_};
+    verdict_ = {reason, path_, culprit, target, length_};
     coverage_.add(culprit.at, culprit.size);
     return false;
   }
@@ -115,7 +115,7 @@ class Walk {
     uint32_t at = vtable + 2;
     std::size_t slots = 0;
     if (size >= kVtableHeader) {
-      slots = std::min<std::size_t>((size - kVtableHeader) / 2, place_.type->slots.size());
+      slots = std::min<std::size_t>((size - kVtableHeader) / 2, path_.type->slots.size());
       write(to++, Thing::table_size, kNoSlot, at, 2, load<uint16_t>(buffer_ + at));
       at += 2;
     }
@@ -129,7 +129,7 @@ class Walk {
 
   // A table that stands before its vtable as the fixed layout puts it has a gap between and one behind.
   void tell_unwritten(uint32_t table, uint32_t vtable, uint32_t vtable_size) {
-    const Type &type = *place_.type;
+    const Type &type = *path_.type;
     if (!type.is_fixed() || vtable != table + round_up(type.fixed_table_size, 4)) return;
     if (vtable_size != vtable_length(type.slots.size())) return;
     tell_gap(table + type.fixed_table_size, vtable);
@@ -149,7 +149,7 @@ class Walk {
       const uint32_t entry = vtable + vtable_length(i);
       const uint32_t offset = load<uint16_t>(buffer_ + entry);
       if (offset == 0) continue;
-      const Slot &slot = place_.type->slots[i];
+      const SlotInfo &slot = path_.type->slots[i];
       const uint64_t target = uint64_t{table} + offset;
       const uint32_t size = slot.kind == Kind::scalar ? slot.width : kWord;
       if (!holds(target, size)) {
@@ -169,8 +169,8 @@ class Walk {
     return true;
   }
 
-  bool follow_word(const Slot &slot, const Event &word) {
-    if (slot.kind == Kind::table) return walk_inner(word, {slot.inner, word.slot, Place::kNone});
+  bool follow_word(const SlotInfo &slot, const Event &word) {
+    if (slot.kind == Kind::table) return walk_inner(word, {slot.inner, word.slot, TablePath::kNone});
     return walk_counted(slot, word);
   }
 
@@ -180,20 +180,20 @@ class Walk {
     return load<uint32_t>(buffer_ + at);
   }
 
-  bool walk_inner(const Event &word, const Place &inner) {
+  bool walk_inner(const Event &word, const TablePath &inner) {
     const uint64_t position = uint64_t{word.at} + word.value;
     if (!reach_table(position, word)) return false;
     flush();
-    const Place outer = place_;
-    place_ = inner;
+    const TablePath outer = path_;
+    path_ = inner;
     const bool good = walk_table(static_cast<uint32_t>(position));
     flush();
-    place_ = outer;
+    path_ = outer;
     return good;
   }
 
   // An array, byte string or vector.
-  bool walk_counted(const Slot &slot, const Event &word) {
+  bool walk_counted(const SlotInfo &slot, const Event &word) {
     const uint64_t target = uint64_t{word.at} + word.value;
     if (target > UINT32_MAX) return reject(Reason::offset_wraps, word, target);
     if (!holds(target, kWord)) return reject(Reason::count_past_end, word, target);
@@ -229,36 +229,36 @@ class Walk {
   uint32_t length_;
   Sink *sink_;
   Coverage coverage_;
-  Place place_;
+  TablePath path_;
   Verdict verdict_;
   std::array<Event, kPending> pending_;
   Event *next_ = pending_.data();
 };
 
-std::string whose(const Place &place) {
-  const std::string path = path_of(place);
-  return path.empty() ? "the root table" : path;
+std::string whose(const TablePath &path) {
+  const std::string text = path_text(path);
+  return text.empty() ? "the root table" : text;
 }
 
 }  // namespace
 
 Verdict walk(const Type &type, const uint8_t *buffer, uint32_t length, Sink *sink) {
   if (length >= kWord && length <= INT32_MAX) return Walk(type, buffer, length, sink).run();
-  const Place root = {&type, Place::kNone, Place::kNone};
+  const TablePath root = {&type, TablePath::kNone, TablePath::kNone};
   const Event whole = {Thing::unreached, kNoSlot, 0, length, 0, 0};
   if (sink != nullptr && length > 0) sink->take(root, {&whole, 1});
   return {Reason::length, root, whole, length, length};
 }
 
-std::string path_of(const Place &place) {
-  if (place.outer == Place::kNone) return {};
-  std::string path = "f" + std::to_string(place.outer);
-  if (place.element != Place::kNone) path += '[' + std::to_string(place.element) + ']';
-  return path;
+std::string path_text(const TablePath &path) {
+  if (path.outer == TablePath::kNone) return {};
+  std::string text = "f" + std::to_string(path.outer);
+  if (path.element != TablePath::kNone) text += '[' + std::to_string(path.element) + ']';
+  return text;
 }
 
-std::string path_of(const Place &place, uint32_t slot) {
-  const std::string outer = path_of(place);
+std::string path_text(const TablePath &path, uint32_t slot) {
+  const std::string outer = path_text(path);
   return (outer.empty() ? outer : outer + '.') + 'f' + std::to_string(slot);
 }
 
@@ -266,7 +266,7 @@ std::string explain(const Verdict &verdict) {
   const Event &culprit = verdict.culprit;
   const std::string target = std::to_string(verdict.target);
   const std::string value = std::to_string(culprit.value);
-  const std::string field = path_of(verdict.place, culprit.slot);
+  const std::string field = path_text(verdict.path, culprit.slot);
   const std::string length = std::to_string(verdict.length);
   const std::string past_end = ", which reaches past the end at " + length;
   switch (verdict.reason) {
@@ -279,9 +279,9 @@ std::string explain(const Verdict &verdict) {
       if (culprit.thing == Thing::offset_word) return field + " leads to a table at " + target + past_end;
       return field + '[' + std::to_string(culprit.element) + "] leads to a table at " + target + past_end;
     case Reason::vtable_position:
-      return "the distance of " + whose(verdict.place) + " puts its vtable at " + target + ", where none fits";
+      return "the distance of " + whose(verdict.path) + " puts its vtable at " + target + ", where none fits";
     case Reason::vtable_length:
-      return "the vtable of " + whose(verdict.place) + " has " + value + " bytes and would end at " + target +
+      return "the vtable of " + whose(verdict.path) + " has " + value + " bytes and would end at " + target +
              ", past the end at " + length;
     case Reason::slot_past_end:
       return field + " would be at " + target + past_end;
@@ -291,7 +291,7 @@ std::string explain(const Verdict &verdict) {
       return field + " leads to a count at " + target + past_end;
     case Reason::wrong_count:
       return field + " has " + value + " elements and is to have " +
-             std::to_string(verdict.place.type->slots[culprit.slot].elements);
+             std::to_string(verdict.path.type->slots[culprit.slot].elements);
     case Reason::elements_past_end:
       return field + " has a count of " + value + " and would end at " + target + ", past the end at " + length;
     case Reason::too_many_elements:

@@ -13,8 +13,8 @@
 
 namespace drix::inspect {
 
-// Which table of the buffer: the root, one embedded in it, or an element of one of its vectors.
-struct Place {
+// The way to a table of the buffer: the root, one embedded in it, or an element of one of its vectors.
+struct TablePath {
   static constexpr uint32_t kNone = UINT32_MAX;
 
   const describe::Type *type;  // of the table
@@ -67,7 +67,7 @@ enum class Reason : uint8_t {
 
 struct Verdict {
   Reason reason;
-  Place place;      // the table to which the culprit belongs
+  TablePath path;   // the table to which the culprit belongs
   Event culprit;    // the word whose value the decoder did not take
   uint64_t target;  // what that word leads to
   uint32_t length;  // of the buffer
@@ -81,7 +81,7 @@ struct Verdict {
 // verdict's culprit. The bytes that are neither told then nor the culprit's come last, as the root's.
 class Sink {
  public:
-  virtual void take(const Place &place, std::span<const Event> events) = 0;
+  virtual void take(const TablePath &path, std::span<const Event> events) = 0;
 
  protected:
   ~Sink() = default;
@@ -94,7 +94,7 @@ Verdict walk(const describe::Type &type, const uint8_t *buffer, uint32_t length,
 std::string explain(const Verdict &verdict);
 
 // f1[2].f3; empty for the root itself.
-std::string path_of(const Place &place);
-std::string path_of(const Place &place, uint32_t slot);
+std::string path_text(const TablePath &path);
+std::string path_text(const TablePath &path, uint32_t slot);
 
 }  // namespace drix::inspect

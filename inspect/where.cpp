@@ -12,7 +12,7 @@
 namespace drix::inspect {
 namespace {
 
-using describe::Slot;
+using describe::SlotInfo;
 using describe::Type;
 
 constexpr uint32_t kAddressBits = 128;
@@ -30,7 +30,7 @@ std::optional<uint32_t> parse_number(std::string_view text) {
   return value;
 }
 
-bool is_address(const Slot &slot) { return slot.kind == Kind::array && slot.width == 4 && slot.elements == 4; }
+bool is_address(const SlotInfo &slot) { return slot.kind == Kind::array && slot.width == 4 && slot.elements == 4; }
 
 int sign(uint32_t a, uint32_t b) { return a < b ? -1 : a > b; }
 
@@ -81,16 +81,16 @@ Where::Resolved Where::resolve_anew(const Type &type, const Labels &labels) cons
     return *slot;
   };
   const std::size_t dot = path_.find('.');
-  Resolved resolved = {Place::kNone, slot_of(type, path_.substr(0, dot)), 0, {}, false};
+  Resolved resolved = {TablePath::kNone, slot_of(type, path_.substr(0, dot)), 0, {}, false};
   const Type *table = &type;
-  const Slot &first = type.slots[resolved.slot];
+  const SlotInfo &first = type.slots[resolved.slot];
   if (dot != std::string::npos) {
     if (first.inner == nullptr) refuse(quoted(path_.substr(0, dot)) + " of " + type.name() + " has no members");
     table = first.inner;
     resolved.outer = static_cast<uint32_t>(resolved.slot);
     resolved.slot = slot_of(*table, path_.substr(dot + 1));
   }
-  const Slot &slot = table->slots[resolved.slot];
+  const SlotInfo &slot = table->slots[resolved.slot];
   if (slot.inner != nullptr) {
     refuse(quoted(path_) + " of " + type.name() + " is " + describe::kind_text(slot) + "; name a member, as in " +
            path_ + ".f0");
@@ -99,7 +99,7 @@ Where::Resolved Where::resolve_anew(const Type &type, const Labels &labels) cons
   return resolved;
 }
 
-void Where::read_value(const Slot &slot, const Label *label, Resolved &resolved) const {
+void Where::read_value(const SlotInfo &slot, const Label *label, Resolved &resolved) const {
   if (slot.kind == Kind::bytes || (slot.kind == Kind::array && slot.width == 1)) {
     for (std::size_t i = 0; i < value_.size(); i += 2) {
       const int high = hex_digit(value_[i]);
@@ -157,7 +157,7 @@ bool Where::compares(int order) const {
   return order >= 0;
 }
 
-bool Where::member_holds(const Resolved &resolved, const Slot &slot, const uint8_t *table) const {
+bool Where::member_holds(const Resolved &resolved, const SlotInfo &slot, const uint8_t *table) const {
   const uint8_t *value = table + slot.member;
   if (resolved.is_number) {
     const std::size_t elements = slot.kind == Kind::array ? slot.elements : 1;
@@ -188,9 +188,9 @@ bool Where::holds(const Type &type, const uint8_t *record, const Extent &extent,
   const std::optional<Resolved> &resolved = resolve(type, labels);
   if (!resolved) return false;
   bool held = false;
-  for_each_member(type, record, extent, [&](const Place &place, std::size_t index, const uint8_t *table) {
-    const bool is_asked = index == resolved->slot && place.outer == resolved->outer;
-    held = is_asked && member_holds(*resolved, place.type->slots[index], table);
+  for_each_member(type, record, extent, [&](const TablePath &path, std::size_t index, const uint8_t *table) {
+    const bool is_asked = index == resolved->slot && path.outer == resolved->outer;
+    held = is_asked && member_holds(*resolved, path.type->slots[index], table);
     return !held;
   });
   return held;

@@ -44,7 +44,7 @@ class Where {
 
   // The condition for one type.
   struct Resolved {
-    uint32_t outer;  // slot of the root; Place::kNone: the member is the root's
+    uint32_t outer;  // slot of the root; TablePath::kNone: the member is the root's
     std::size_t slot;
     uint32_t number;             // for scalars, and each element of an array
     std::vector<uint8_t> bytes;  // for u8[N] and byte strings
@@ -59,9 +59,9 @@ class Where {
 
   const std::optional<Resolved> &resolve(const describe::Type &type, const Labels &labels);
   Resolved resolve_anew(const describe::Type &type, const Labels &labels) const;
-  void read_value(const describe::Slot &slot, const Label *label, Resolved &resolved) const;
+  void read_value(const describe::SlotInfo &slot, const Label *label, Resolved &resolved) const;
   Prefix read_prefix() const;
-  bool member_holds(const Resolved &resolved, const describe::Slot &slot, const uint8_t *table) const;
+  bool member_holds(const Resolved &resolved, const describe::SlotInfo &slot, const uint8_t *table) const;
   bool compares(int order) const;
 
   std::string term_;

@@ -68,10 +68,10 @@ class ElementWriter {
       if constexpr (S::kind == Kind::scalar) {
         store(table + load<uint16_t>(vtable_ + kVtableHeader + 2 * S::index), value);  // a zero, onto the distance word
       } else {
-        constexpr Place kPlace = place_of_array(S::index);
-        store(end - kPlace.word, static_cast<uint32_t>(kPlace.word - kPlace.count));
-        store(end - kPlace.count, static_cast<uint32_t>(S::elements));
-        copy_elements<typename S::Element>(end - kPlace.count + kWord, value, S::elements);
+        constexpr ArrayWords kArray = words_of_array(S::index);
+        store(end - kArray.word, static_cast<uint32_t>(kArray.word - kArray.count));
+        store(end - kArray.count, static_cast<uint32_t>(S::elements));
+        copy_elements<typename S::Element>(end - kArray.count + kWord, value, S::elements);
       }
     });
     store(table, kVtableLength);
@@ -79,19 +79,19 @@ class ElementWriter {
   }
 
   // Where an array's words stand, counted back from the table's end.
-  struct Place {
+  struct ArrayWords {
     std::size_t word = 0;
     std::size_t count = 0;
   };
-  static constexpr Place place_of_array(std::size_t slot) {
-    Place place;
+  static constexpr ArrayWords words_of_array(std::size_t slot) {
+    ArrayWords array;
     for_each_slot<R>([&]<class S>(S) constexpr {
       if constexpr (S::kind == Kind::array) {
-        place.word += kWord + sizeof(typename S::Type) + (S::index < slot ? 0 : kWord);
-        place.count += S::index < slot ? 0 : kWord + sizeof(typename S::Type);
+        array.word += kWord + sizeof(typename S::Type) + (S::index < slot ? 0 : kWord);
+        array.count += S::index < slot ? 0 : kWord + sizeof(typename S::Type);
       }
     });
-    return place;
+    return array;
   }
 
   typename Zeros<R>::Shape shape_;      // of the element before, if that has zeros

@@ -54,7 +54,7 @@ int open_folder() {
   return folder;
 }
 
-Name name_of(uint32_t number) {
+Name file_name(uint32_t number) {
   Name name;
   append(append(append_start(name.text), number), TRACE_FILE_SUFFIX);
   return name;

@@ -15,7 +15,7 @@ struct Name {
   char text[128];
 };
 
-Name name_of(uint32_t number);  // of a file of this process
+Name file_name(uint32_t number);  // of a file of this process
 
 // A new one, which no reader takes for a trace.
 Name hidden_name();

@@ -54,7 +54,7 @@ uint32_t count_wanted(TraceKind kind, const DrixSendDescriptor *messages, uint32
   return wanted;
 }
 
-// Writes one message into the cells at a place, at most so many; returns how many it took.
+// Writes one message into the cells from at on, at most so many; returns how many it took.
 uint32_t write_message(uint8_t *at, uint32_t cells, uint64_t time, const Header &header, Payload payload) {
   const uint32_t needed = cells_for(payload.captured);
   if (needed > cells) {
@@ -70,7 +70,8 @@ uint32_t write_message(uint8_t *at, uint32_t cells, uint64_t time, const Header 
   return cells;
 }
 
-// after(place, messages) is called for what was written into each file. Returns how many messages could not be written.
+// after(reservation, messages) is called for what was written into each file. Returns how many messages could not be
+// written.
 template <class After>
 uint32_t write_messages(Header header, const DrixSendDescriptor *messages, uint32_t count, uint64_t time, After after) {
   const TraceKind kind = header.kind;
@@ -92,10 +93,10 @@ uint32_t write_messages(Header header, const DrixSendDescriptor *messages, uint3
       }
       return cells;
     };
-    Place place;
-    if (!reserve(first, time, as_many_as_fit, place)) return count_wanted(kind, messages + i, count - i);
-    uint8_t *at = place.at;
-    uint32_t left = place.cells;
+    Reservation reservation;
+    if (!reserve(first, time, as_many_as_fit, reservation)) return count_wanted(kind, messages + i, count - i);
+    uint8_t *at = reservation.at;
+    uint32_t left = reservation.cells;
     uint32_t done = 0;
     for (; i < end && left != 0; ++i) {
       if (!is_wanted(kind, messages[i])) continue;
@@ -106,8 +107,8 @@ uint32_t write_messages(Header header, const DrixSendDescriptor *messages, uint3
       left -= taken;
       ++done;
     }
-    release(place);
-    after(place, done);
+    release(reservation);
+    after(reservation, done);
   }
   return 0;
 }
@@ -117,7 +118,7 @@ bool write_note(const char *name, uint32_t number, uint64_t time) {
   char text[32];
   const char *const end = append(append(text, name), number);
   const DrixSendDescriptor note = {reinterpret_cast<uintptr_t>(text), 0, static_cast<uint32_t>(end - text)};
-  return write_messages({.kind = TRACE_NOTE}, &note, 1, time, [](const Place &, uint32_t) {}) == 0;
+  return write_messages({.kind = TRACE_NOTE}, &note, 1, time, [](const Reservation &, uint32_t) {}) == 0;
 }
 
 [[gnu::cold]] [[gnu::noinline]] void note_lost(uint64_t time) {
@@ -182,34 +183,34 @@ void stop_recorder() {
 
 void SentMessages::record(uint32_t handle, uint32_t destination, const DrixSendDescriptor *messages, uint32_t count) {
   trace::record({.kind = TRACE_SENT, .handle = handle, .destination = destination, .status = TRACE_NO_ANSWER}, messages,
-                count, [this](const Place &place, uint32_t written) {
-                  parts_[count_++ % kMostParts] = {place, written};
+                count, [this](const Reservation &reservation, uint32_t written) {
+                  parts_[count_++ % kMostParts] = {reservation, written};
                 });
 }
 
 void SentMessages::conclude(int32_t status) const {
   for (uint32_t i = count_ > kMostParts ? count_ - kMostParts : 0; i < count_; ++i) {
     const Part &part = parts_[i % kMostParts];
-    if (!hold(part.place)) continue;
-    uint8_t *at = part.place.at;
+    if (!hold(part.reservation)) continue;
+    uint8_t *at = part.reservation.at;
     for (uint32_t message = 0; message < part.messages; ++message) {
       put_status(at, status);
       at += block_bytes(at);
     }
-    release(part.place);
+    release(part.reservation);
   }
 }
 
 void ReceivedMessage::record(uint32_t id, const uint8_t *buffer, uint32_t length) {
   const DrixSendDescriptor message = {reinterpret_cast<uintptr_t>(buffer), id, length};
   trace::record({.kind = TRACE_RECEIVED, .status = TRACE_NO_ANSWER}, &message, 1,
-                [this](const Place &place, uint32_t) { place_ = place; });
+                [this](const Reservation &reservation, uint32_t) { reservation_ = reservation; });
 }
 
 void ReceivedMessage::conclude(int32_t status) const {
-  if (place_.file == nullptr || !hold(place_)) return;
-  put_status(place_.at, status);
-  release(place_);
+  if (reservation_.file == nullptr || !hold(reservation_)) return;
+  put_status(reservation_.at, status);
+  release(reservation_);
 }
 
 void record_unwrapped(uint32_t count) {

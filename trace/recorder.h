@@ -30,7 +30,7 @@ class SentMessages {
 
  private:
   struct Part {  // what was written into one file
-    Place place;
+    Reservation reservation;
     uint32_t messages;
   };
   static constexpr uint32_t kMostParts = 8;
@@ -45,7 +45,7 @@ class ReceivedMessage {
   void conclude(int32_t status) const;
 
  private:
-  Place place_ = {};
+  Reservation reservation_ = {};
 };
 
 // Records that so many decoders are beyond what can be seen.

@@ -140,7 +140,7 @@ void open_for_use(File &file) {
 // is not overwritten. Returns an errno value.
 int give_name(File &file, int folder, const char *from) {
   for (;; ++next_number) {
-    const Name to = name_of(next_number);
+    const Name to = file_name(next_number);
     int error = renameat2(folder, from, folder, to.text, RENAME_NOREPLACE) == 0 ? 0 : errno;
     if (error == EINVAL || error == ENOSYS) {  // of file systems that cannot look and rename at once
       if (faccessat(folder, to.text, F_OK, 0) == 0) {
@@ -197,7 +197,7 @@ int make(File &file, uint64_t time) {
 // Has a file that is shut begin anew under its next number. Returns an errno value; the file is gone then.
 int reuse(File &file, uint64_t time) {
   const int folder = open_folder();
-  const Name name = name_of(file.number);
+  const Name name = file_name(file.number);
   const Name hidden = hidden_name();
   int error = renameat(folder, name.text, folder, hidden.text) == 0 ? 0 : errno;
   if (error == 0) {
@@ -212,7 +212,7 @@ int reuse(File &file, uint64_t time) {
 }
 
 void cut(const File &file, off_t bytes) {
-  const int descriptor = openat(open_folder(), name_of(file.number).text, O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
+  const int descriptor = openat(open_folder(), file_name(file.number).text, O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
   if (descriptor < 0) return;
   [[maybe_unused]] const int no_matter = ftruncate(descriptor, bytes);
   close(descriptor);
@@ -235,7 +235,7 @@ uint32_t count_files() {
   return count;
 }
 
-File *free_slot() {
+File *unused_file() {
   for (File &file : files) {
     if (file.map == nullptr && (file.use.load(std::memory_order_relaxed) >> kHolderBits == kShut || shut(file))) {
       return &file;
@@ -249,7 +249,7 @@ File *next_file(uint64_t time) {
   int error = 0;
   const uint32_t count = count_files();
   if (count < file_limit) {
-    File *const file = free_slot();
+    File *const file = unused_file();
     if (file == nullptr) return nullptr;
     error = make(*file, time);
     if (error == 0) return file;

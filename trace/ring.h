@@ -33,7 +33,7 @@ struct File {
 };
 
 // Cells that a thread has reserved. It holds the file until it releases it.
-struct Place {
+struct Reservation {
   File *file;
   uint32_t generation;
   uint32_t cells;
@@ -77,9 +77,9 @@ inline bool is_unknown_child() {
 bool advance(uint32_t cells, uint64_t time);
 
 // Reserves at least so many cells, at most those in a file: as many as plan(room) says, when there is room for so many.
-// Returns whether there is a place.
+// Returns whether there is a reservation.
 template <class Plan>
-bool reserve(uint32_t least, uint64_t time, Plan plan, Place &place) {
+bool reserve(uint32_t least, uint64_t time, Plan plan, Reservation &reservation) {
   for (;;) {
     File *const file = current_file(std::memory_order_acquire);
     if (file != nullptr) {
@@ -91,7 +91,7 @@ bool reserve(uint32_t least, uint64_t time, Plan plan, Place &place) {
         if ((use & kMostHolders) == kMostHolders) return false;
         if (file->use.compare_exchange_weak(use, use + (cells << kHolderBits) + 1, std::memory_order_acquire,
                                             std::memory_order_relaxed)) {
-          place = {file, file->generation, cells, file->cells + std::size_t{use >> kHolderBits} * kCellBytes};
+          reservation = {file, file->generation, cells, file->cells + std::size_t{use >> kHolderBits} * kCellBytes};
           return true;
         }
       }
@@ -100,17 +100,18 @@ bool reserve(uint32_t least, uint64_t time, Plan plan, Place &place) {
   }
 }
 
-inline void release(const Place &place) { place.file->use.fetch_sub(1, std::memory_order_release); }
+inline void release(const Reservation &reservation) { reservation.file->use.fetch_sub(1, std::memory_order_release); }
 
-// Holds the file of a place once more. Returns false when it is used for something else by now, or the parent's.
-inline bool hold(const Place &place) {
+// Holds the file of a reservation once more. Returns false when it is used for something else by now, or the parent's.
+inline bool hold(const Reservation &reservation) {
   if (current_file(std::memory_order_relaxed) == nullptr) return false;
-  uint32_t use = place.file->use.load(std::memory_order_relaxed);
+  uint32_t use = reservation.file->use.load(std::memory_order_relaxed);
   do {
     if (use >> kHolderBits == kShut || (use & kMostHolders) == kMostHolders) return false;
-  } while (!place.file->use.compare_exchange_weak(use, use + 1, std::memory_order_acquire, std::memory_order_relaxed));
-  if (place.file->generation == place.generation) return true;
-  release(place);
+  } while (
+      !reservation.file->use.compare_exchange_weak(use, use + 1, std::memory_order_acquire, std::memory_order_relaxed));
+  if (reservation.file->generation == reservation.generation) return true;
+  release(reservation);
   return false;
 }
 

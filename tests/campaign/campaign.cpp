@@ -104,16 +104,16 @@ class Campaign {
     const auto sample_one = [&](const Change &change) {
       if (sample_ == 1 || random_.below(sample_) == 0) judge_one(change);
     };
-    const Places places = find_places(*subject.type, good);
+    const Positions positions = find_positions(*subject.type, good);
     for (uint32_t length = 0; length <= n; ++length) sample_one({length, 0, 0});
     for (uint32_t at = 0; at < n; ++at) {
       for (uint32_t value = 0; value < 256; ++value) sample_one({at, 1, value});
     }
-    for (const uint32_t at : places.entries) {
+    for (const uint32_t at : positions.entries) {
       for (const uint32_t value : {0u, 0x7FFFu, 0x8000u, 0xFFFFu}) judge_one({at, 2, value});
       for (uint32_t value = 0; value <= n + 4; ++value) sample_one({at, 2, value});
     }
-    for (const uint32_t at : places.words) {
+    for (const uint32_t at : positions.words) {
       for (const uint32_t value : {0u, 1u, 0x3FFFFFFFu, 0x40000000u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu}) {
         judge_one({at, 4, value});
       }

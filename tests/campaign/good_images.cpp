@@ -2,7 +2,7 @@
 
 using reference::Bytes;
 using reference::Kind;
-using reference::Slot;
+using reference::RecordSlot;
 using reference::Type;
 
 namespace {
@@ -13,26 +13,26 @@ uint32_t read(const Bytes &image, uint32_t at, uint32_t width) {
   return value;
 }
 
-void find_places(const Type &type, const Bytes &image, uint32_t table, Places &places) {
+void find_positions(const Type &type, const Bytes &image, uint32_t table, Positions &positions) {
   const uint32_t vtable = table - read(image, table, 4);
-  places.words.push_back(table);
-  for (uint32_t at = vtable; at < vtable + read(image, vtable, 2); at += 2) places.entries.push_back(at);
+  positions.words.push_back(table);
+  for (uint32_t at = vtable; at < vtable + read(image, vtable, 2); at += 2) positions.entries.push_back(at);
   for (uint32_t i = 0; i < type.slots.size(); ++i) {
-    const Slot &slot = type.slots[i];
+    const RecordSlot &slot = type.slots[i];
     const uint32_t entry = read(image, vtable + 4 + 2 * i, 2);
     if (entry == 0 || slot.kind == Kind::scalar) continue;
     const uint32_t word = table + entry;
     const uint32_t target = word + read(image, word, 4);
-    places.words.push_back(word);
+    positions.words.push_back(word);
     if (slot.kind == Kind::table) {
-      find_places(*slot.type, image, target, places);
+      find_positions(*slot.type, image, target, positions);
       continue;
     }
-    places.words.push_back(target);
+    positions.words.push_back(target);
     for (uint32_t k = 0; slot.kind == Kind::vector && k < read(image, target, 4); ++k) {
       const uint32_t element = target + 4 + 4 * k;
-      places.words.push_back(element);
-      find_places(*slot.type, image, element + read(image, element, 4), places);
+      positions.words.push_back(element);
+      find_positions(*slot.type, image, element + read(image, element, 4), positions);
     }
   }
 }
@@ -55,8 +55,8 @@ std::vector<Bytes> good_images(const Type &type, records::Random &random) {
   return images;
 }
 
-Places find_places(const Type &type, const Bytes &image) {
-  Places places = {.entries = {}, .words = {0}};
-  find_places(type, image, read(image, 0, 4), places);
-  return places;
+Positions find_positions(const Type &type, const Bytes &image) {
+  Positions positions = {.entries = {}, .words = {0}};
+  find_positions(type, image, read(image, 0, 4), positions);
+  return positions;
 }

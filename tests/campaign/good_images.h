@@ -1,4 +1,4 @@
-// Good images of any message type, and the places in them that decide where a decoder reads.
+// Good images of any message type, and the positions in them that decide where a decoder reads.
 #pragma once
 
 #include <cstdint>
@@ -11,9 +11,9 @@
 std::vector<reference::Bytes> good_images(const reference::Type &type, records::Random &random);
 
 // Where an image says where things are.
-struct Places {
+struct Positions {
   std::vector<uint32_t> entries;  // the vtables' words, of 2 bytes
   std::vector<uint32_t> words;    // offset words, distances to vtables and counts, of 4 bytes
 };
 
-Places find_places(const reference::Type &type, const reference::Bytes &image);
+Positions find_positions(const reference::Type &type, const reference::Bytes &image);

@@ -47,12 +47,12 @@ class Island {
 class Scribbler {
  public:
   Scribbler(const reference::Type &type, const Bytes &good, uint8_t *buffer)
-      : thread_([this, &good, buffer, places = find_places(type, good)] {
+      : thread_([this, &good, buffer, positions = find_positions(type, good)] {
           records::Random random(good.size());
           records::RandomContent content(random, {.zeros = 10});
           while (!stopped_.load(std::memory_order_relaxed)) {
             const uint32_t width = random.below(3) == 0 ? 4 : 2;
-            const auto &of_width = width == 4 ? places.words : places.entries;
+            const auto &of_width = width == 4 ? positions.words : positions.entries;
             const uint32_t at = of_width[random.below(static_cast<uint32_t>(of_width.size()))];
             uint8_t number[4];
             records::store_number(number, width, content.number(width));

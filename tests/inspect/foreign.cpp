@@ -20,7 +20,7 @@ using drix::inspect::Where;
 using records::Kind;
 using records::Random;
 using reference::Bytes;
-using reference::Slot;
+using reference::RecordSlot;
 using reference::Type;
 
 // Types without tables, of which the first own nothing, then types that hold them; in the order of their names, which
@@ -63,7 +63,7 @@ class Schema {
       char id[16];
       std::snprintf(id, sizeof id, " 0x%08X", type->message_id());
       text += type->package + '.' + type->message + id + " variable compact=8.. record=8";
-      for (const Slot &slot : type->slots) text += ' ' + kind_of(slot) + "@0";
+      for (const RecordSlot &slot : type->slots) text += ' ' + kind_of(slot) + "@0";
       text += '\n';
     }
     return text;
@@ -102,7 +102,7 @@ class Schema {
     types_.push_back(&reference::add(package_, {message.c_str(), slots.c_str()}));
   }
 
-  static std::string kind_of(const Slot &slot) {
+  static std::string kind_of(const RecordSlot &slot) {
     const std::string number = "u" + std::to_string(8 * slot.width);
     if (slot.kind == Kind::bytes) return "bytes";
     if (slot.kind == Kind::table) return "table(" + slot.type->message + ')';
@@ -144,7 +144,7 @@ class Model {
     return '{' + json + '}';
   }
 
-  std::string slot(const std::string &path, const Slot &slot, const uint8_t *record) {
+  std::string slot(const std::string &path, const RecordSlot &slot, const uint8_t *record) {
     const uint8_t *const at = record + slot.member;
     if (slot.kind == Kind::table) return table(path + '.', *slot.type, at);
     if (slot.kind == Kind::vector) {
@@ -174,7 +174,7 @@ class Model {
     return '"' + text + '"';
   }
 
-  std::string words(const std::string &path, const Slot &slot, const uint8_t *at) {
+  std::string words(const std::string &path, const RecordSlot &slot, const uint8_t *at) {
     std::string list, condition_path;
     bool is_zero = true;
     for (std::size_t i = 0, end = 0; i < path.size(); i = end) {  // without [2]

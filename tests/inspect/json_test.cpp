@@ -19,7 +19,7 @@ Labels labels_for_all() {
     file += '[' + type->name() + "]\n";
     for (std::size_t i = 0; i < type->slots.size(); ++i) {
       const std::string name = 'f' + std::to_string(i);
-      const drix::describe::Slot &slot = type->slots[i];
+      const drix::describe::SlotInfo &slot = type->slots[i];
       std::string what;
       if (slot.kind == drix::Kind::scalar)
         what = i % 2 == 0 ? "enum one=1 two-and-a-half=25 three=3" : "flags U=1 !=6 '=8";

@@ -17,9 +17,9 @@ class Told : public drix::inspect::Sink {
   Told(const drix::describe::Type &type, const uint8_t *buffer, uint32_t length)
       : builder(type, buffer), bytes_(length) {}
 
-  void take(const drix::inspect::Place &place, std::span<const Event> events) override {
+  void take(const drix::inspect::TablePath &path, std::span<const Event> events) override {
     for (const Event &event : events) add(event);
-    if (!outside_) builder.take(place, events);
+    if (!outside_) builder.take(path, events);
   }
 
   void add(const Event &event) {

@@ -23,10 +23,10 @@ void set(void *record, size_t place, uint32_t width, uint32_t value) {
   records::store_number(static_cast<uint8_t *>(record) + place, width, value);
 }
 
-const uint8_t *inside(const void *record, const Slot &slot) {
+const uint8_t *inside(const void *record, const RecordSlot &slot) {
   return static_cast<const uint8_t *>(record) + slot.member;
 }
-uint8_t *inside(void *record, const Slot &slot) { return static_cast<uint8_t *>(record) + slot.member; }
+uint8_t *inside(void *record, const RecordSlot &slot) { return static_cast<uint8_t *>(record) + slot.member; }
 
 // The wire, byte by byte.
 void put(Bytes &out, uint32_t value, uint32_t width) {
@@ -45,7 +45,7 @@ uint32_t read(const uint8_t *buffer, uint32_t at, uint32_t width) {
 
 uint32_t vtable_length(const Type &type) { return static_cast<uint32_t>(4 + 2 * type.slots.size()); }
 
-bool in_compact_layout(const Slot &slot, const void *record) {
+bool in_compact_layout(const RecordSlot &slot, const void *record) {
   switch (slot.kind) {
     case Kind::scalar:
       return get(record, slot.member, slot.width) != 0;
@@ -71,7 +71,7 @@ uint32_t append_table(const Type &type, const void *record, Bytes &out) {
   const auto point = [&](size_t word, size_t target) { put_at(out, word, static_cast<uint32_t>(target - word), 4); };
 
   for (size_t i = 0; i < type.slots.size(); ++i) {
-    const Slot &slot = type.slots[i];
+    const RecordSlot &slot = type.slots[i];
     if (slot.kind != Kind::scalar || !in_compact_layout(slot, record)) continue;
     start_field(i);
     put(out, get(record, slot.member, slot.width), slot.width);
@@ -82,7 +82,7 @@ uint32_t append_table(const Type &type, const void *record, Bytes &out) {
     put(out, 0, 4);
   }
   for (size_t i = 0; i < type.slots.size(); ++i) {
-    const Slot &slot = type.slots[i];
+    const RecordSlot &slot = type.slots[i];
     if (slot.kind == Kind::scalar || slot.kind == Kind::table || !in_compact_layout(slot, record)) continue;
     point(words[i], out.size());
     const uint32_t count = slot.kind == Kind::array ? slot.count : slot.length_in(record);
@@ -99,11 +99,11 @@ uint32_t append_table(const Type &type, const void *record, Bytes &out) {
   put_at(out, vtable, vtable_length(type), 2);
   put_at(out, vtable + 2, static_cast<uint32_t>(out.size() - table), 2);
   for (size_t i = 0; i < type.slots.size(); ++i) {
-    const Slot &slot = type.slots[i];
+    const RecordSlot &slot = type.slots[i];
     if (slot.kind == Kind::table) point(words[i], append_table(*slot.type, inside(record, slot), out));
   }
   for (size_t i = 0; i < type.slots.size(); ++i) {
-    const Slot &slot = type.slots[i];
+    const RecordSlot &slot = type.slots[i];
     if (slot.kind != Kind::vector || !in_compact_layout(slot, record)) continue;
     for (uint32_t k = 0; k < slot.length_in(record); ++k) {
       point(words[i] + 4 * k, append_table(*slot.type, slot.block_in(record) + k * slot.type->record_size, out));
@@ -126,7 +126,7 @@ void append_fixed(const Type &type, const void *record, Bytes &out, std::vector<
   std::vector<uint32_t> offsets;
   emit(4, 4);
   emit(0, 4);
-  for (const Slot &slot : type.slots) {
+  for (const RecordSlot &slot : type.slots) {
     offsets.push_back(static_cast<uint32_t>(out.size() - table));
     if (slot.kind == Kind::table) {
       append_fixed(*slot.type, inside(record, slot), out, written);
@@ -211,7 +211,7 @@ class Decoding {
     return static_cast<uint8_t *>(std::calloc(1, size));
   }
 
-  bool decode_slot(const Slot &slot, uint32_t p, const std::string &name, void *record) {
+  bool decode_slot(const RecordSlot &slot, uint32_t p, const std::string &name, void *record) {
     if (slot.kind == Kind::scalar) {
       if (!fits(p, slot.width)) return false;
       set(record, slot.member, slot.width, read(buffer_, p, slot.width));
@@ -304,7 +304,7 @@ bool decode(const Type &type, const uint8_t *buffer, uint32_t length, void *reco
 }
 
 void release(const Type &type, void *record, Trace &trace) {
-  for (const Slot &slot : type.slots) {
+  for (const RecordSlot &slot : type.slots) {
     if (slot.kind == Kind::table) release(*slot.type, inside(record, slot), trace);
     if (slot.kind != Kind::bytes && slot.kind != Kind::vector) continue;
     if (slot.block_in(record) != nullptr) {

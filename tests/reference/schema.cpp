@@ -159,7 +159,7 @@ const Type *lookup(const std::string &package, const std::string &message) {
 }
 
 // Reads "name", "name[]" or "name[N]".
-Slot parse_slot(const std::string &package, const std::string &text) {
+RecordSlot parse_slot(const std::string &package, const std::string &text) {
   const size_t bracket = text.find('[');
   const std::string name = text.substr(0, bracket);
   const std::string inside = bracket == text.npos ? "" : text.substr(bracket + 1, text.find(']') - bracket - 1);
@@ -178,7 +178,7 @@ size_t place_member(Type &type, size_t size, size_t alignment) {
   return place;
 }
 
-void append_slot(Type &type, Slot slot) {
+void append_slot(Type &type, RecordSlot slot) {
   if (slot.kind == Kind::scalar || slot.kind == Kind::array) {
     slot.member = place_member(type, slot.width * slot.count, slot.width);
   } else if (slot.kind == Kind::table) {
@@ -195,7 +195,7 @@ const Type &append_type(const std::string &package, const Row &row) {
   std::istringstream slots(row.slots), offsets(row.offsets);
   for (std::string text; slots >> text;) {
     const size_t star = text.find('*');
-    const Slot slot = parse_slot(package, text.substr(0, star));
+    const RecordSlot slot = parse_slot(package, text.substr(0, star));
     for (auto times = star == text.npos ? 1 : std::stoul(text.substr(star + 1)); times > 0; --times)
       append_slot(type, slot);
   }
@@ -222,7 +222,7 @@ void add_own_rows_once() {
 }  // namespace
 
 bool Type::is_fixed() const {
-  return std::all_of(slots.begin(), slots.end(), [](const Slot &slot) {
+  return std::all_of(slots.begin(), slots.end(), [](const RecordSlot &slot) {
     return slot.kind != Kind::bytes && slot.kind != Kind::vector && (slot.kind != Kind::table || slot.type->is_fixed());
   });
 }

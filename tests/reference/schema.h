@@ -35,12 +35,12 @@ struct Row {
 using records::Kind;
 
 struct Type;
-using Slot = records::Slot<Type>;
+using RecordSlot = records::RecordSlot<Type>;
 
 struct Type {
   std::string package;
   std::string message;
-  std::vector<Slot> slots;
+  std::vector<RecordSlot> slots;
   Constants listed;
   std::vector<uint32_t> listed_offsets;
   size_t record_size = 0;

@@ -19,18 +19,18 @@ Outcome outcome;
 reference::Trace trace;
 Observer other_reader = nullptr;
 
-std::string describe(const reference::LogCall &call) {
+std::string line_of(const reference::LogCall &call) {
   return std::to_string(call.code) + " " + call.function + ": " + call.text;
 }
 
-std::string describe(const reference::MemoryCall &call) {
+std::string line_of(const reference::MemoryCall &call) {
   return std::to_string(call.size) + " bytes by " + call.function;
 }
 
 template <class Call>
 std::string text(const std::vector<Call> &calls) {
   std::string lines;
-  for (const Call &call : calls) lines += "\n    " + describe(call);
+  for (const Call &call : calls) lines += "\n    " + line_of(call);
   return lines.empty() ? "\n    none" : lines;
 }
 

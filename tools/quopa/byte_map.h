@@ -9,7 +9,7 @@
 namespace quopa {
 
 struct Entry {
-  drix::inspect::Place place;
+  drix::inspect::TablePath path;
   drix::inspect::Event event;
 };
 
@@ -18,7 +18,7 @@ class ByteMap : public drix::inspect::Sink {
  public:
   explicit ByteMap(uint32_t length) : taken_(length) {}
 
-  void take(const drix::inspect::Place &place, std::span<const drix::inspect::Event> events) override;
+  void take(const drix::inspect::TablePath &path, std::span<const drix::inspect::Event> events) override;
 
   // Adds the word that was not taken, unless it is there.
   void add_culprit(const drix::inspect::Verdict &verdict);

@@ -9,10 +9,10 @@ namespace quopa {
 namespace {
 
 using drix::Kind;
-using drix::describe::Slot;
+using drix::describe::SlotInfo;
 using drix::inspect::Event;
 using drix::inspect::Label;
-using drix::inspect::Place;
+using drix::inspect::TablePath;
 using drix::inspect::Thing;
 
 std::string offset_text(const Event &word) {
@@ -46,22 +46,22 @@ std::string characters(const uint8_t *bytes, uint32_t size) {
 
 }  // namespace
 
-std::string Meaning::table_name(const Place &place) const {
-  if (place.outer == Place::kNone) return {};
-  std::string name = style_.labels.name(root_, place.outer);
-  if (place.element != Place::kNone) name += '[' + std::to_string(place.element) + ']';
+std::string Meaning::table_name(const TablePath &path) const {
+  if (path.outer == TablePath::kNone) return {};
+  std::string name = style_.labels.name(root_, path.outer);
+  if (path.element != TablePath::kNone) name += '[' + std::to_string(path.element) + ']';
   return name;
 }
 
-std::string Meaning::slot_name(const Place &place, uint32_t slot) const {
-  const std::string table = table_name(place);
-  return (table.empty() ? table : table + '.') + style_.labels.name(*place.type, slot);
+std::string Meaning::slot_name(const TablePath &path, uint32_t slot) const {
+  const std::string table = table_name(path);
+  return (table.empty() ? table : table + '.') + style_.labels.name(*path.type, slot);
 }
 
 std::string Meaning::text(const Entry &entry, uint32_t from, uint32_t size) const {
-  const auto &[place, event] = entry;
+  const auto &[path, event] = entry;
   if (from > event.at && event.thing != Thing::elements) return {};
-  const std::string table = table_name(place);
+  const std::string table = table_name(path);
   const std::string of_table = table.empty() ? "" : " of " + table;
   switch (event.thing) {
     case Thing::root_offset:
@@ -73,23 +73,22 @@ std::string Meaning::text(const Entry &entry, uint32_t from, uint32_t size) cons
     case Thing::table_size:
       return "table" + of_table + ": " + std::to_string(event.value) + " bytes";
     case Thing::slot_entry:
-      return slot_name(place, event.slot) +
+      return slot_name(path, event.slot) +
              (event.value == 0 ? " is absent" : " is at table + " + std::to_string(event.value));
     case Thing::more_entries:
       return "vtable" + of_table + ": entries of slots unknown here";
     case Thing::scalar:
-      return slot_name(place, event.slot) + " = " +
-             number_text(event.value, style_.labels.find(*place.type, event.slot));
+      return slot_name(path, event.slot) + " = " + number_text(event.value, style_.labels.find(*path.type, event.slot));
     case Thing::offset_word:
-      return slot_name(place, event.slot) + ": " + offset_text(event);
+      return slot_name(path, event.slot) + ": " + offset_text(event);
     case Thing::count:
-      return slot_name(place, event.slot) +
-             (place.type->slots[event.slot].kind == Kind::bytes ? ": length " : ": count ") +
+      return slot_name(path, event.slot) +
+             (path.type->slots[event.slot].kind == Kind::bytes ? ": length " : ": count ") +
              std::to_string(event.value);
     case Thing::elements:
       return elements_text(entry, from, size);
     case Thing::element_word:
-      return slot_name(place, event.slot) + '[' + std::to_string(event.element) + "]: " + offset_text(event);
+      return slot_name(path, event.slot) + '[' + std::to_string(event.element) + "]: " + offset_text(event);
     case Thing::unwritten:
       return "left unwritten by the fixed layout";
     case Thing::unreferenced:
@@ -101,14 +100,14 @@ std::string Meaning::text(const Entry &entry, uint32_t from, uint32_t size) cons
 }
 
 std::string Meaning::elements_text(const Entry &entry, uint32_t from, uint32_t size) const {
-  const auto &[place, event] = entry;
-  const Slot &slot = place.type->slots[event.slot];
-  const std::string name = slot_name(place, event.slot);
+  const auto &[path, event] = entry;
+  const SlotInfo &slot = path.type->slots[event.slot];
+  const std::string name = slot_name(path, event.slot);
   if (slot.kind == Kind::bytes || slot.width == 1) {
     const std::string text = characters(buffer_ + from, size);
     return from > event.at ? text : name + (text.empty() ? ": bytes" : " = " + text);
   }
-  const Label *label = style_.labels.find(*place.type, event.slot);
+  const Label *label = style_.labels.find(*path.type, event.slot);
   if (slot.elements == 4 && (style_.ipv6 || (label != nullptr && label->ipv6))) {
     if (from > event.at) return {};
     uint8_t words[16];

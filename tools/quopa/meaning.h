@@ -19,8 +19,8 @@ class Meaning {
   std::string text(const Entry &entry, uint32_t from, uint32_t size) const;
 
  private:
-  std::string table_name(const drix::inspect::Place &place) const;
-  std::string slot_name(const drix::inspect::Place &place, uint32_t slot) const;
+  std::string table_name(const drix::inspect::TablePath &path) const;
+  std::string slot_name(const drix::inspect::TablePath &path, uint32_t slot) const;
   std::string elements_text(const Entry &entry, uint32_t from, uint32_t size) const;
 
   const drix::describe::Type &root_;

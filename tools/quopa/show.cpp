@@ -10,10 +10,10 @@ namespace quopa {
 namespace {
 
 using drix::Kind;
-using drix::describe::Slot;
+using drix::describe::SlotInfo;
 using drix::inspect::JsonStyle;
 using drix::inspect::Label;
-using drix::inspect::Place;
+using drix::inspect::TablePath;
 
 constexpr uint64_t kSecond = 1000000000;
 constexpr std::size_t kMostMembers = 40;  // of a line of text
@@ -21,14 +21,14 @@ constexpr std::size_t kMostBytes = 32;    // of a byte string in it
 
 const char *arrow(const Message &message) { return message.is_sent() ? "->" : message.is_received() ? "<-" : "--"; }
 
-bool is_zero(const Slot &slot, const uint8_t *table) {
+bool is_zero(const SlotInfo &slot, const uint8_t *table) {
   if (slot.kind == Kind::bytes) return drix::inspect::member<uint32_t>(table, slot.length_member) == 0;
   const uint8_t *const value = table + slot.member;
   const std::size_t size = slot.width * std::max<std::size_t>(slot.elements, 1);
   return std::all_of(value, value + size, [](uint8_t byte) { return byte == 0; });
 }
 
-std::string value_text(const Slot &slot, const uint8_t *table, const Label *label, bool ipv6) {
+std::string value_text(const SlotInfo &slot, const uint8_t *table, const Label *label, bool ipv6) {
   const uint8_t *value = table + slot.member;
   if (slot.kind == Kind::scalar) return drix::inspect::scalar_text(drix::inspect::number_at(value, slot.width), label);
   std::string text;
@@ -52,21 +52,21 @@ std::string value_text(const Slot &slot, const uint8_t *table, const Label *labe
 void show_members(std::ostream &out, Look &look, const JsonStyle &style) {
   const uint8_t *const record = look.record();
   std::size_t members = 0;
-  const auto show = [&](const Place &place, std::size_t index, const uint8_t *table) {
-    const Slot &slot = place.type->slots[index];
+  const auto show = [&](const TablePath &path, std::size_t index, const uint8_t *table) {
+    const SlotInfo &slot = path.type->slots[index];
     if (is_zero(slot, table)) return true;
     if (++members > kMostMembers) {
       out << " ... more";
       return false;
     }
     out << ' ';
-    if (place.outer != Place::kNone) {
-      out << style.labels.name(*look.type(), place.outer);
-      if (place.element != Place::kNone) out << '[' << place.element << ']';
+    if (path.outer != TablePath::kNone) {
+      out << style.labels.name(*look.type(), path.outer);
+      if (path.element != TablePath::kNone) out << '[' << path.element << ']';
       out << '.';
     }
-    out << style.labels.name(*place.type, index) << '='
-        << value_text(slot, table, style.labels.find(*place.type, index), style.ipv6);
+    out << style.labels.name(*path.type, index) << '='
+        << value_text(slot, table, style.labels.find(*path.type, index), style.ipv6);
     return true;
   };
   for_each_member(*look.type(), record, look.extent(), show);

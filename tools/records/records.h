@@ -2,7 +2,7 @@
 //
 // Both walk a description of the type. Where that comes from is the caller's choice: shape.h has it from the compiler,
 // the tests have one of their own that was typed in. A description is a class Type with the members slots, a random
-// access range of Slot<Type>, and record_size.
+// access range of RecordSlot<Type>, and record_size.
 #pragma once
 
 #include <array>
@@ -18,7 +18,7 @@ namespace records {
 enum class Kind : uint8_t { scalar, array, bytes, table, vector };
 
 template <class Type>
-struct Slot {
+struct RecordSlot {
   Kind kind = Kind::scalar;
   uint32_t width = 0;             // bytes of a scalar or of an array's element
   uint32_t count = 0;             // elements of an array; 1 for a scalar
@@ -86,7 +86,7 @@ struct Extent {
 //   void start_element(uint32_t i);
 template <class Type, class Content>
 void fill(const Type &type, void *record, Content &content, Arena &arena) {
-  for (const Slot<Type> &slot : type.slots) {
+  for (const RecordSlot<Type> &slot : type.slots) {
     uint8_t *const member = static_cast<uint8_t *>(record) + slot.member;
     if (slot.kind == Kind::table) {
       fill(*slot.type, member, content, arena);
@@ -198,7 +198,7 @@ std::string first_difference(const Type &type, const void *a, const void *b) {
   };
   std::size_t end = 0;  // of the member before
   for (std::size_t i = 0; i < type.slots.size(); ++i) {
-    const Slot<Type> &slot = type.slots[i];
+    const RecordSlot<Type> &slot = type.slots[i];
     const auto name = [i] { return "f" + std::to_string(i); };
     if (slot.is_owner()) {
       if (differ(end, slot.length_member)) return "padding before " + name();

@@ -10,16 +10,16 @@
 namespace records {
 
 struct Shape {
-  std::span<const Slot<Shape>> slots;
+  std::span<const RecordSlot<Shape>> slots;
   std::size_t record_size;
 };
 
 template <class R>
 struct ShapeOf {
-  static constexpr std::array<Slot<Shape>, drix::kSlots<R>> slots = [] {
-    std::array<Slot<Shape>, drix::kSlots<R>> list{};
+  static constexpr std::array<RecordSlot<Shape>, drix::kSlots<R>> slots = [] {
+    std::array<RecordSlot<Shape>, drix::kSlots<R>> list{};
     drix::for_each_slot<R>([&]<class S>(S) constexpr {
-      Slot<Shape> &slot = list[S::index];
+      RecordSlot<Shape> &slot = list[S::index];
       slot.length_member = S::length_offset;
       slot.member = S::offset;
       if constexpr (S::kind == drix::Kind::scalar) {

@@ -23,8 +23,8 @@ class Soak {
     for (const soak::Package &package : soak::packages()) {
       Tally &tally = tallies_.emplace_back(Tally{.package = package.name});
       for (const soak::Message &message : package.messages) {
-        places_.push_back({*this, message, tally, places_.size() + 1});
-        receiver_.subscribe(message.id, take_record, &places_.back());
+        expected_.push_back({*this, message, tally, expected_.size() + 1});
+        receiver_.subscribe(message.id, take_record, &expected_.back());
       }
     }
   }
@@ -50,8 +50,8 @@ class Soak {
     Clock::duration time = {};  // since the message before each record was done
   };
 
-  // A message type and its place in a round.
-  struct Place {
+  // A message type and its turn in a round.
+  struct Expected {
     Soak &soak;
     const soak::Message &message;
     Tally &tally;
@@ -59,8 +59,8 @@ class Soak {
   };
 
   static void take_record(void *context, uint32_t, const void *record, uint32_t) {
-    const Place &place = *static_cast<const Place *>(context);
-    place.soak.take(place, record);
+    const Expected &expected = *static_cast<const Expected *>(context);
+    expected.soak.take(expected, record);
   }
 
   static void print(const Tally &tally, const std::string &what) {
@@ -68,19 +68,19 @@ class Soak {
     std::printf("received%s %s\n", what.c_str(), format_rate(tally.records, "records", seconds).c_str());
   }
 
-  void take(const Place &place, const void *record) {
-    if (place.message.id == soak::kMarkMessageId) {
+  void take(const Expected &expected, const void *record) {
+    if (expected.message.id == soak::kMarkMessageId) {
       if (const auto mark = soak::read_mark(*static_cast<const fib6Sync_svcCtxMsg *>(record))) return take(*mark);
     }
-    const std::string member = place.message.first_difference(round_, record);
-    const uint64_t number = number_of(place.index);
-    if (!member.empty()) report(place, "differs in " + member);
-    if (number != account_.last() + 1) report(place, "is out of turn");
+    const std::string member = expected.message.first_difference(round_, record);
+    const uint64_t number = number_of(expected.index);
+    if (!member.empty()) report(expected, "differs in " + member);
+    if (number != account_.last() + 1) report(expected, "is out of turn");
     account_.take(number, !member.empty());
-    ++place.tally.records;
+    ++expected.tally.records;
     progress_.report(number);
     const Clock::time_point now = Clock::now();
-    place.tally.time += now - last_;
+    expected.tally.time += now - last_;
     last_ = now;
   }
 
@@ -94,17 +94,17 @@ class Soak {
     }
   }
 
-  void report(const Place &place, const std::string &fault) {
+  void report(const Expected &expected, const std::string &fault) {
     if (++reports_ > kMaxReports) return;
-    std::printf("%s %s, round %u of seed %u\n", place.message.name, fault.c_str(), round_.number, round_.seed);
+    std::printf("%s %s, round %u of seed %u\n", expected.message.name, fault.c_str(), round_.number, round_.seed);
   }
 
   // The number of a message of this round in the stream.
-  uint64_t number_of(uint64_t index) const { return uint64_t{round_.number - 1} * (places_.size() + 1) + index + 1; }
+  uint64_t number_of(uint64_t index) const { return uint64_t{round_.number - 1} * (expected_.size() + 1) + index + 1; }
 
   Receiver &receiver_;
-  std::deque<Tally> tallies_;  // one a package; neither these nor the places move
-  std::deque<Place> places_;
+  std::deque<Tally> tallies_;  // one a package; neither these nor what is expected moves
+  std::deque<Expected> expected_;
   StreamAccount account_;
   uint32_t reports_ = 0;
   Progress progress_{"soak_receiver", "messages"};

@@ -16,7 +16,7 @@ namespace quopa {
 namespace {
 
 using drix::Kind;
-using drix::describe::Slot;
+using drix::describe::SlotInfo;
 using drix::describe::Type;
 using drix::inspect::Label;
 
@@ -57,7 +57,7 @@ void print_label(std::ostream &out, const Label &label) {
 void print_type(std::ostream &out, const Type &type, const drix::inspect::Labels &labels) {
   out << "  [" << id_text(type.id) << "] = {name = \"" << type.name() << "\",\n";
   for (std::size_t i = 0; i < type.slots.size(); ++i) {
-    const Slot &slot = type.slots[i];
+    const SlotInfo &slot = type.slots[i];
     out << "    {\"" << kind_name(slot.kind) << "\", " << unsigned{slot.width} << ", " << slot.elements << ", "
         << (slot.inner == nullptr ? "nil" : id_text(slot.inner->id));
     if (const Label *label = labels.find(type, i)) print_label(out, *label);

@@ -37,7 +37,7 @@ class BlankGaps : public drix::inspect::Sink {
  public:
   explicit BlankGaps(uint8_t *buffer) : buffer_(buffer) {}
 
-  void take(const drix::inspect::Place &, std::span<const Event> events) override {
+  void take(const drix::inspect::TablePath &, std::span<const Event> events) override {
     for (const Event &event : events) {
       if (event.thing == drix::inspect::Thing::unwritten) std::memset(buffer_ + event.at, 0, event.size);
     }
