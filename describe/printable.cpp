@@ -1,7 +1,6 @@
 #include "describe/printable.h"
 
 #include <algorithm>
-#include <cstddef>
 #include <cstdint>
 #include <iterator>
 
@@ -62,5 +61,11 @@ std::string printable(std::string_view text) {
   }
   return shown;
 }
+
+std::string shortened(std::string_view text, std::size_t most) {
+  return text.size() <= most ? std::string(text) : std::string(text.substr(0, most - 3)) + "...";
+}
+
+std::string quoted(std::string_view text) { return '"' + shortened(text) + '"'; }
 
 }  // namespace drix::describe

@@ -4,7 +4,7 @@
 
 #include "describe/type.h"
 #include "drix_message.hpp"
-#include "runtime/image.h"
+#include "runtime/encode.h"
 
 namespace drix::describe {
 namespace {
@@ -21,17 +21,6 @@ constexpr Operations kOperations = {
           return message<R>::sendsingle(handle, static_cast<const R *>(record), count, destination);
         },
 };
-
-// A table of the compact layout with its vtable, for a record of zeros.
-template <class R>
-constexpr std::size_t least_size() {
-  std::size_t size = vtable_length(kSlots<R>) + kWord;
-  for_each_slot<R>([&]<class S>(S) {
-    if constexpr (S::kind == Kind::array) size += kOffsetAndCount + sizeof(typename S::Type);
-    if constexpr (S::kind == Kind::table) size += kWord + least_size<typename S::Type>();
-  });
-  return size;
-}
 
 template <class R>
 struct Description {
@@ -60,7 +49,7 @@ struct Description {
                  .record_size = sizeof(R),
                  .fixed_length = 0,
                  .fixed_table_size = 0,
-                 .compact_least = kWord + least_size<R>(),
+                 .compact_least = kWord + least_nested_size<R>(),
                  .compact_most = 0,
                  .slots = slots,
                  .library = kOperations<R>};

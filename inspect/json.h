@@ -22,6 +22,11 @@ namespace drix::inspect {
 struct JsonStyle {
   Labels labels;
   bool ipv6 = false;  // show every u32[4] as an address
+
+  // Whether an array of such a slot is shown as an address.
+  bool shows_address(const describe::SlotInfo &slot, const Label *label) const {
+    return slot.width == 4 && slot.elements == 4 && (ipv6 || (label != nullptr && label->ipv6));
+  }
 };
 
 // Writes one line, without its end. Of a record that was built from a rejected buffer, only what was decoded before.

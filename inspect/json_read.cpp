@@ -3,22 +3,20 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
-#include "inspect/hex.h"
+#include "describe/printable.h"
+#include "inspect/digits.h"
 #include "inspect/json.h"
 
 namespace drix::inspect {
 namespace {
 
+using describe::shortened;
 using describe::SlotInfo;
 using describe::Type;
 using nlohmann::json;
 
 [[noreturn]] void fail(const std::string &path, const std::string &what) {
   throw JsonError((path.empty() ? "the record" : path) + ": " + what);
-}
-
-std::string shortened(const std::string &text, std::size_t most = 40) {
-  return text.size() <= most ? text : text.substr(0, most - 3) + "...";
 }
 
 std::string short_text(const json &value) {
@@ -154,15 +152,9 @@ class Reader {
   }
 
   static std::vector<uint8_t> read_hex(const json &value, const std::string &path) {
-    const auto &text = value.get_ref<const std::string &>();
-    std::vector<uint8_t> bytes;
-    for (std::size_t i = 0; i < text.size(); i += 2) {
-      const int high = hex_digit(text[i]);
-      const int low = i + 1 < text.size() ? hex_digit(text[i + 1]) : -1;
-      if (high < 0 || low < 0) fail(path, short_text(value) + " is not pairs of hexadecimal digits");
-      bytes.push_back(static_cast<uint8_t>(high << 4 | low));
-    }
-    return bytes;
+    const auto bytes = parse_hex(value.get_ref<const std::string &>());
+    if (!bytes) fail(path, short_text(value) + " is not pairs of hexadecimal digits");
+    return *bytes;
   }
 
   static void read_address(const json &value, uint8_t *to, const std::string &path) {

@@ -2,8 +2,8 @@
 
 #include <array>
 
+#include "inspect/digits.h"
 #include "inspect/extent.h"
-#include "inspect/hex.h"
 #include "inspect/json.h"
 
 namespace drix::inspect {
@@ -63,7 +63,7 @@ class Writer {
 
   void write_array(const SlotInfo &slot, const uint8_t *value, const Label *label) {
     if (slot.width == 1) return write_hex({value, slot.elements});
-    if (slot.elements == 4 && (style_.ipv6 || (label != nullptr && label->ipv6))) {
+    if (style_.shows_address(slot, label)) {
       out_ << '"' << address_text(value) << '"';
       return;
     }

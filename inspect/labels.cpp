@@ -4,9 +4,13 @@
 #include <cctype>
 #include <charconv>
 
+#include "describe/printable.h"
+#include "inspect/digits.h"
+
 namespace drix::inspect {
 namespace {
 
+using describe::quoted;
 using describe::SlotInfo;
 using describe::Type;
 
@@ -27,11 +31,6 @@ std::string_view take_word(std::string_view &text) {
 }
 
 [[noreturn]] void fail(const std::string &what) { throw std::invalid_argument(what); }
-
-std::string quoted(std::string_view text) {
-  constexpr std::size_t kMost = 40;
-  return '"' + (text.size() <= kMost ? std::string(text) : std::string(text.substr(0, kMost - 3)) + "...") + '"';
-}
 
 bool is_word(std::string_view text) {
   return !text.empty() && std::all_of(text.begin(), text.end(), [](unsigned char c) {
@@ -56,16 +55,11 @@ bool looks_positional(std::string_view name) {
   return name.size() > 1 && name[0] == 'f' && name.find_first_not_of("0123456789", 1) == std::string_view::npos;
 }
 
-uint32_t parse_number(std::string_view text, uint32_t width) {
-  const bool hexadecimal = text.starts_with("0x");
-  const std::string_view digits = hexadecimal ? text.substr(2) : text;
-  uint32_t value = 0;
-  const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value, hexadecimal ? 16 : 10);
+uint32_t parse_value(std::string_view text, uint32_t width) {
+  const std::optional<uint32_t> value = parse_number(text);
   const uint32_t most = UINT32_MAX >> (32 - 8 * width);
-  if (error != std::errc() || end != digits.data() + digits.size() || value > most) {
-    fail(quoted(text) + " is not a number from 0 to " + std::to_string(most));
-  }
-  return value;
+  if (!value || *value > most) fail(quoted(text) + " is not a number from 0 to " + std::to_string(most));
+  return *value;
 }
 
 // WORD=NUMBER or LETTER=NUMBER, until the line's end.
@@ -77,7 +71,7 @@ void parse_meaning(std::string_view text, const SlotInfo &slot, Label &label) {
     if (equals == std::string_view::npos || !(label.is_flags ? is_letter(word) : is_word(word))) {
       fail(quoted(item) + (label.is_flags ? " is not LETTER=NUMBER" : " is not WORD=NUMBER"));
     }
-    const uint32_t value = parse_number(item.substr(equals + 1), slot.width);
+    const uint32_t value = parse_value(item.substr(equals + 1), slot.width);
     if (label.is_flags && value == 0) fail(quoted(item) + " has no bit");
     if (!label.values.emplace(word, value).second || !label.indices.emplace(value, label.meaning.size()).second) {
       fail(quoted(item) + " is there already");

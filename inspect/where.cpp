@@ -3,32 +3,22 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstring>
 
-#include "inspect/hex.h"
+#include "describe/printable.h"
+#include "inspect/digits.h"
 #include "runtime/wire.h"
 
 namespace drix::inspect {
 namespace {
 
+using describe::quoted;
 using describe::SlotInfo;
 using describe::Type;
 
 constexpr uint32_t kAddressBits = 128;
 
 [[noreturn]] void refuse(const std::string &what) { throw WhereError(what); }
-
-std::string quoted(const std::string &text) { return '"' + text + '"'; }
-
-std::optional<uint32_t> parse_number(std::string_view text) {
-  const bool hexadecimal = text.starts_with("0x");
-  if (hexadecimal) text.remove_prefix(2);
-  uint32_t value = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, hexadecimal ? 16 : 10);
-  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return value;
-}
 
 bool is_address(const SlotInfo &slot) { return slot.kind == Kind::array && slot.width == 4 && slot.elements == 4; }
 
@@ -101,12 +91,9 @@ Where::Resolved Where::resolve_anew(const Type &type, const Labels &labels) cons
 
 void Where::read_value(const SlotInfo &slot, const Label *label, Resolved &resolved) const {
   if (slot.kind == Kind::bytes || (slot.kind == Kind::array && slot.width == 1)) {
-    for (std::size_t i = 0; i < value_.size(); i += 2) {
-      const int high = hex_digit(value_[i]);
-      const int low = i + 1 < value_.size() ? hex_digit(value_[i + 1]) : -1;
-      if (high < 0 || low < 0) refuse(term_ + ": " + quoted(value_) + " is not pairs of hexadecimal digits");
-      resolved.bytes.push_back(static_cast<uint8_t>(high << 4 | low));
-    }
+    const auto bytes = parse_hex(value_);
+    if (!bytes) refuse(term_ + ": " + quoted(value_) + " is not pairs of hexadecimal digits");
+    resolved.bytes = *bytes;
     return;
   }
   if (prefix_) {

@@ -20,11 +20,18 @@ constexpr uint64_t kMostBytes = uint64_t{8} << 30;
 
 Settings read;
 
-// The message IDs that QUOPA_TRACE_TYPES chooses, each at the first free place from where its last bits say: they are
+// The message IDs that QUOPA_TRACE_TYPES chooses, each in the first free entry from where its last bits say: they are
 // hashes of names, never 0.
 bool all_selected = true;
 uint32_t selected_ids[4096];
-constexpr uint32_t kPlaces = sizeof selected_ids / sizeof selected_ids[0];
+constexpr uint32_t kEntries = sizeof selected_ids / sizeof selected_ids[0];
+
+// Where the ID is, or would be.
+uint32_t &entry_of(uint32_t id) {
+  uint32_t entry = id % kEntries;
+  while (selected_ids[entry] != 0 && selected_ids[entry] != id) entry = (entry + 1) % kEntries;
+  return selected_ids[entry];
+}
 
 void read_folder(const char *folder) {
   const size_t length = std::strlen(folder);
@@ -89,9 +96,7 @@ bool select(const char *pattern) {
     unsigned id = 0;
     if (std::sscanf(line, "%127[a-zA-Z0-9_.] 0x%X", name, &id) != 2 || fnmatch(pattern, name, 0) != 0) continue;
     any = true;
-    uint32_t place = id % kPlaces;
-    while (selected_ids[place] != 0 && selected_ids[place] != id) place = (place + 1) % kPlaces;
-    selected_ids[place] = id;
+    entry_of(id) = id;
   }
   return any;
 }
@@ -142,11 +147,6 @@ void read_settings() {
 
 const Settings &settings() { return read; }
 
-bool is_selected(uint32_t id) {
-  if (all_selected) return true;
-  uint32_t place = id % kPlaces;
-  while (selected_ids[place] != 0 && selected_ids[place] != id) place = (place + 1) % kPlaces;
-  return selected_ids[place] != 0;
-}
+bool is_selected(uint32_t id) { return all_selected || entry_of(id) != 0; }
 
 }  // namespace trace

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <memory>
 
-#include "inspect/hex.h"
+#include "inspect/digits.h"
 #include "tools/quopa/command.h"
 
 namespace quopa {
@@ -17,8 +17,9 @@ struct Close {
   }
 };
 
-[[noreturn]] void fail(const std::string &path, const std::string &what) {
-  throw BadInput(name_of(path) + ": " + what);
+// position: behind the name, as in ":LINE".
+[[noreturn]] void fail(const std::string &path, const std::string &what, const std::string &position = {}) {
+  throw BadInput(name_of(path) + position + ": " + what);
 }
 
 std::vector<uint8_t> parse_hex(const std::string &text, const std::string &path) {
@@ -30,8 +31,8 @@ std::vector<uint8_t> parse_hex(const std::string &text, const std::string &path)
     const char c = text[i];
     const int digit = drix::inspect::hex_digit(c);
     if (digit < 0 && (high >= 0 || std::strchr(" \t\r\n", c) == nullptr || c == '\0')) {
-      fail(path + ':' + std::to_string(line) + ':' + std::to_string(i - line_start + 1),
-           "pairs of hexadecimal digits are wanted");
+      fail(path, "pairs of hexadecimal digits are wanted",
+           ':' + std::to_string(line) + ':' + std::to_string(i - line_start + 1));
     }
     if (c == '\n') {
       ++line;
@@ -48,10 +49,6 @@ std::vector<uint8_t> parse_hex(const std::string &text, const std::string &path)
 }
 
 }  // namespace
-
-std::string name_of(const std::string &path) {
-  return path.starts_with('-') ? "standard input" + path.substr(1) : path;
-}
 
 std::string read_file(const std::string &path) {
   const std::unique_ptr<std::FILE, Close> file(path == "-" ? stdin : std::fopen(path.c_str(), "rb"));
@@ -77,7 +74,7 @@ drix::inspect::Labels read_labels(const std::string &path) {
   try {
     return drix::inspect::Labels(read_file(path));
   } catch (const drix::inspect::LabelError &error) {
-    fail(path + ':' + std::to_string(error.line), error.what());
+    fail(path, error.what(), ':' + std::to_string(error.line));
   }
 }
 

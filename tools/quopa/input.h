@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "capture/blocks.h"
 #include "describe/type.h"
 #include "inspect/labels.h"
 
@@ -13,8 +14,7 @@ namespace quopa {
 // A buffer, a JSON text or any other file is refused when it is longer.
 inline constexpr std::size_t kLongestInput = std::size_t{16} << 20;
 
-// For messages: "standard input" for "-".
-std::string name_of(const std::string &path);
+using capture::name_of;
 
 // A file's contents; "-" is standard input.
 std::string read_file(const std::string &path);

@@ -108,7 +108,7 @@ std::string Meaning::elements_text(const Entry &entry, uint32_t from, uint32_t s
     return from > event.at ? text : name + (text.empty() ? ": bytes" : " = " + text);
   }
   const Label *label = style_.labels.find(*path.type, event.slot);
-  if (slot.elements == 4 && (style_.ipv6 || (label != nullptr && label->ipv6))) {
+  if (style_.shows_address(slot, label)) {
     if (from > event.at) return {};
     uint8_t words[16];
     drix::copy_elements<uint32_t>(words, buffer_ + event.at, 4);

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <ctime>
 
-#include "inspect/hex.h"
+#include "inspect/digits.h"
 
 namespace quopa {
 namespace {
@@ -28,7 +28,7 @@ bool is_zero(const SlotInfo &slot, const uint8_t *table) {
   return std::all_of(value, value + size, [](uint8_t byte) { return byte == 0; });
 }
 
-std::string value_text(const SlotInfo &slot, const uint8_t *table, const Label *label, bool ipv6) {
+std::string value_text(const SlotInfo &slot, const uint8_t *table, const Label *label, const JsonStyle &style) {
   const uint8_t *value = table + slot.member;
   if (slot.kind == Kind::scalar) return drix::inspect::scalar_text(drix::inspect::number_at(value, slot.width), label);
   std::string text;
@@ -41,7 +41,7 @@ std::string value_text(const SlotInfo &slot, const uint8_t *table, const Label *
     drix::inspect::append_hex(text, {value, std::min(size, kMostBytes)});
     return size <= kMostBytes ? text : text + "...(" + std::to_string(size) + " bytes)";
   }
-  if (slot.elements == 4 && (ipv6 || (label != nullptr && label->ipv6))) return drix::inspect::address_text(value);
+  if (style.shows_address(slot, label)) return drix::inspect::address_text(value);
   for (std::size_t i = 0; i < slot.elements; ++i) {
     text += (i == 0 ? "[" : ",") + std::to_string(drix::inspect::number_at(value + i * slot.width, slot.width));
   }
@@ -66,7 +66,7 @@ void show_members(std::ostream &out, Look &look, const JsonStyle &style) {
       out << '.';
     }
     out << style.labels.name(*path.type, index) << '='
-        << value_text(slot, table, style.labels.find(*path.type, index), style.ipv6);
+        << value_text(slot, table, style.labels.find(*path.type, index), style);
     return true;
   };
   for_each_member(*look.type(), record, look.extent(), show);
@@ -79,7 +79,7 @@ std::string status_text(const Message &message) {
   return message.is_received() ? "DECODER FAILED" : "FAILED " + std::to_string(message.status);
 }
 
-std::string quoted(const std::string &text) {
+std::string json_string(const std::string &text) {
   std::string result = "\"";
   for (const char c : text) {
     if (c == '"' || c == '\\') result += '\\';
@@ -89,7 +89,7 @@ std::string quoted(const std::string &text) {
 }
 
 void show_origin_json(std::ostream &out, const Message &message) {
-  out << "{\"time\":" << seconds_text(message.time) << ",\"program\":" << quoted(message.origin->program)
+  out << "{\"time\":" << seconds_text(message.time) << ",\"program\":" << json_string(message.origin->program)
       << ",\"process\":" << message.origin->process;
 }
 
@@ -164,7 +164,7 @@ void show_json(std::ostream &out, Look &look, const JsonStyle &style) {
   if (message.is_cut()) out << ",\"captured\":" << message.payload.size();
   if (look.is_rejected()) {
     const drix::inspect::Verdict &verdict = look.verdict();
-    out << ",\"rejected\":{\"at\":" << verdict.culprit.at << ",\"reason\":" << quoted(explain(verdict))
+    out << ",\"rejected\":{\"at\":" << verdict.culprit.at << ",\"reason\":" << json_string(explain(verdict))
         << ",\"logged\":" << (verdict.logged() ? "true" : "false") << '}';
   }
   if (look.type() != nullptr) {
@@ -180,7 +180,7 @@ void show_note(std::ostream &out, const Message &note, bool json) {
   if (text.empty()) return;
   if (json) {
     show_origin_json(out, note);
-    out << ",\"note\":" << quoted(text) << "}\n";
+    out << ",\"note\":" << json_string(text) << "}\n";
   } else {
     out << time_text(note.time, false) << ' ' << note.origin->program << " -- " << text << '\n';
   }

@@ -6,7 +6,7 @@
 #include <fstream>
 #include <iostream>
 
-#include "inspect/hex.h"
+#include "inspect/digits.h"
 #include "inspect/json.h"
 #include "tools/quopa/command.h"
 #include "tools/quopa/input.h"

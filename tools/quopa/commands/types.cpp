@@ -90,7 +90,7 @@ int check(const std::string &path) {
   try {
     before = drix::describe::parse_schema(read_file(path));
   } catch (const drix::describe::SchemaError &error) {
-    throw BadInput(name_of(path + ':' + std::to_string(error.line)) + ": " + error.what());
+    throw BadInput(name_of(path) + ':' + std::to_string(error.line) + ": " + error.what());
   }
   const Schema now = drix::describe::current_schema();
   const auto differences = drix::describe::compare(before, now);
