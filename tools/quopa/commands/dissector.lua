@@ -23,7 +23,7 @@ local header = {
   id = field(ProtoField.uint32, "id", "Message ID", base.HEX, names),
   handle = field(ProtoField.uint32, "handle", "Handle"),
   destination = field(ProtoField.uint32, "destination", "Destination"),
-  status = field(ProtoField.int32, "status", "Status", base.DEC, {[NO_ANSWER] = "no answer"}),
+  status = field(ProtoField.int32, "status", "Status", base.DEC, {[0] = "OK", [NO_ANSWER] = "no answer"}),
   index = field(ProtoField.uint32, "index", "Index in the call"),
   count = field(ProtoField.uint32, "count", "Messages in the call"),
   thread = field(ProtoField.uint32, "thread", "Thread"),
