@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds with g++ at -O2 and -O3 and with clang at -O2, and measures in CPU time: the library's
 # operations beside a plain serializer, Protocol Buffers, Cap'n Proto and memcpy, on one core, then the exchange of
-# records between two processes. Prints Markdown tables, each ratio beside its aim, and leaves the results of every
-# repetition in build/bench/*.json. Wants a quiet machine with two cores, for about ten minutes.
+# records between two processes. Prints Markdown tables, each ratio beside its aim, draws their main rows as
+# build/bench/bars-*.svg, and leaves the results of every repetition in build/bench/*.json. Wants a quiet machine with two
+# cores, for about ten minutes.
 #
 # Usage: scripts/bench.sh [--quick] [--rows REGEX]
 #   --quick         g++ at -O2 only, few repetitions, no second process: a minute once built
@@ -37,7 +38,7 @@ while [ $# -gt 0 ]; do
 done
 
 require_packages "${BUILD_PACKAGES[@]}" clang-14 libbenchmark-dev protobuf-compiler libprotobuf-dev capnproto \
-  libcapnp-dev libzmq3-dev python3 util-linux
+  libcapnp-dev libzmq3-dev python3 python3-matplotlib util-linux
 
 # build NAME: of the form COMPILER-OPTIMISATION.
 build() {
@@ -86,6 +87,7 @@ for name in "${builds[@]}"; do
   arguments+=("$name=${results[$name]}")
 done
 python3 bench/tables.py "${arguments[@]}" | tee build/bench/tables.md
+if [ -z "$rows" ]; then bench/bars.py build/bench/tables.md build/bench; fi
 [ ${#batches[@]} -gt 0 ] || exit 0
 
 # Routes per second from one process to the other, acknowledged, and what ZeroMQ does with as many bytes, in turn. The two
