@@ -1,9 +1,9 @@
 #include "good_images.h"
 
+using records::Type;
 using reference::Bytes;
 using reference::Kind;
 using reference::Slot;
-using reference::Type;
 
 namespace {
 
@@ -25,14 +25,14 @@ void find_places(const Type &type, const Bytes &image, uint32_t table, Places &p
     const uint32_t target = word + read(image, word, 4);
     places.words.push_back(word);
     if (slot.kind == Kind::table) {
-      find_places(*slot.type, image, target, places);
+      find_places(*slot.inner, image, target, places);
       continue;
     }
     places.words.push_back(target);
     for (uint32_t k = 0; slot.kind == Kind::vector && k < read(image, target, 4); ++k) {
       const uint32_t element = target + 4 + 4 * k;
       places.words.push_back(element);
-      find_places(*slot.type, image, element + read(image, element, 4), places);
+      find_places(*slot.inner, image, element + read(image, element, 4), places);
     }
   }
 }
