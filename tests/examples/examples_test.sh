@@ -157,8 +157,13 @@ case $group in
 	1|--file .|.: cannot be read
 	1|--file sample --repeat 4294967295|--repeat: a stream has at most
 	1|--file sample --timeout 1|cannot send, .* no receiver
-	105|--repeat 0|--repeat: 
-	109|--no-such-option|.*--no-such-option
+	2|--repeat 0|--repeat: 
+	2|--repeat=4294967296|--repeat: 
+	2|--repeat -1|--repeat: 
+	2|--repeat 2x|--repeat: 
+	2|--repeat|--repeat needs a value
+	2|--no-such-option|.*--no-such-option
+	2|sample|.*sample
 	CASES
     expect 1 '' '^route_receiver: cannot receive at ' "$binaries/route_receiver" --endpoint "ipc://$work/none/test.ipc"
     one_error_line "endpoint that cannot be bound"
