@@ -31,7 +31,12 @@ class Channel {
 
   // Sends a record, or a range of them in one call of the bus.
   void send(const auto &records) {
-    const int32_t status = drix::send(handle_, records);
+    send_by([&](uint32_t handle) { return drix::send(handle, records); });
+  }
+
+  // Sends by an operation on the handle.
+  void send_by(const auto &operation) {
+    const int32_t status = operation(handle_);
     if (status == KELVODRIX_OK) return;
     uint64_t undelivered = 0;
     kelvodrix_flush(handle_, 0, &undelivered);

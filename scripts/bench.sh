@@ -37,8 +37,8 @@ while [ $# -gt 0 ]; do
   shift
 done
 
-require_packages "${BUILD_PACKAGES[@]}" clang-14 libbenchmark-dev protobuf-compiler libprotobuf-dev capnproto \
-  libcapnp-dev libzmq3-dev python3 python3-matplotlib util-linux
+require_packages "${BUILD_PACKAGES[@]}" "${TOOLS_PACKAGES[@]}" clang-14 libbenchmark-dev protobuf-compiler \
+  libprotobuf-dev capnproto libcapnp-dev libzmq3-dev python3 python3-matplotlib util-linux
 
 # build NAME: of the form COMPILER-OPTIMISATION.
 build() {

@@ -132,7 +132,7 @@ if [ "$first" = "$receiver" ]; then
 else
   ended sender $status
   # It succeeds once everything is acknowledged, so the receiver has seen the end of the stream by now.
-  timeout 5 tail --pid="$receiver" -f /dev/null >/dev/null || {
+  timeout 5 tail --pid="$receiver" -s 0.02 -f /dev/null >/dev/null || {
     kill "$receiver" 2>/dev/null && wait "$receiver" || true # it sums up what it saw
     fail "the receiver did not see the end of the stream"
   }

@@ -28,7 +28,7 @@ while [ $# -gt 0 ]; do
   esac
   shift
 done
-require_packages "${BUILD_PACKAGES[@]}" nlohmann-json3-dev abigail-tools dpkg-dev
+require_packages "${BUILD_PACKAGES[@]}" "${TOOLS_PACKAGES[@]}" abigail-tools dpkg-dev
 mkdir -p build/archive
 log=$PWD/build/archive.log
 : >"$log"

@@ -24,7 +24,8 @@ require_packages() {
 }
 
 # shellcheck disable=SC2034 # for those who source this
-BUILD_PACKAGES=(g++ cmake ninja-build libcli11-dev)
+BUILD_PACKAGES=(g++ cmake ninja-build)
+TOOLS_PACKAGES=(libcli11-dev nlohmann-json3-dev)
 # shellcheck disable=SC2034
-TEST_PACKAGES=(clang-14 clang-format-14 libclang-rt-14-dev g++-12-multilib googletest libgtest-dev binutils jq nlohmann-json3-dev
+TEST_PACKAGES=("${TOOLS_PACKAGES[@]}" clang-14 clang-format-14 libclang-rt-14-dev g++-12-multilib googletest libgtest-dev binutils jq
   tshark pkg-config scdoc python3-cffi)

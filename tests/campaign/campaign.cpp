@@ -222,7 +222,7 @@ int main(int argc, char **argv) {
     }
     const std::vector<Bytes> images = good_images(type, random);
     if (!seeds.empty()) {
-      write_seeds(seeds + "/" + type.package, type, numbers[type.package]++, images);
+      write_seeds(seeds + "/" + type.own_package, type, numbers[type.own_package]++, images);
       continue;
     }
     if (fnmatch(pattern.c_str(), type.prefix().c_str(), 0) != 0) continue;

@@ -1,9 +1,9 @@
 #include "good_images.h"
 
+using records::Type;
 using reference::Bytes;
 using reference::Kind;
-using reference::RecordSlot;
-using reference::Type;
+using reference::SlotInfo;
 
 namespace {
 
@@ -18,21 +18,21 @@ void find_positions(const Type &type, const Bytes &image, uint32_t table, Positi
   positions.words.push_back(table);
   for (uint32_t at = vtable; at < vtable + read(image, vtable, 2); at += 2) positions.entries.push_back(at);
   for (uint32_t i = 0; i < type.slots.size(); ++i) {
-    const RecordSlot &slot = type.slots[i];
+    const SlotInfo &slot = type.slots[i];
     const uint32_t entry = read(image, vtable + 4 + 2 * i, 2);
     if (entry == 0 || slot.kind == Kind::scalar) continue;
     const uint32_t word = table + entry;
     const uint32_t target = word + read(image, word, 4);
     positions.words.push_back(word);
     if (slot.kind == Kind::table) {
-      find_positions(*slot.type, image, target, positions);
+      find_positions(*slot.inner, image, target, positions);
       continue;
     }
     positions.words.push_back(target);
     for (uint32_t k = 0; slot.kind == Kind::vector && k < read(image, target, 4); ++k) {
       const uint32_t element = target + 4 + 4 * k;
       positions.words.push_back(element);
-      find_positions(*slot.type, image, element + read(image, element, 4), positions);
+      find_positions(*slot.inner, image, element + read(image, element, 4), positions);
     }
   }
 }

@@ -8,7 +8,7 @@
 
 // In the compact layout a record without zeros, the longest of many, and one with every second number zero; in the
 // fixed layout one without zeros.
-std::vector<reference::Bytes> good_images(const reference::Type &type, records::Random &random);
+std::vector<reference::Bytes> good_images(const records::Type &type, records::Random &random);
 
 // Where an image says where things are.
 struct Positions {
@@ -16,4 +16,4 @@ struct Positions {
   std::vector<uint32_t> words;    // offset words, distances to vtables and counts, of 4 bytes
 };
 
-Positions find_positions(const reference::Type &type, const reference::Bytes &image);
+Positions find_positions(const records::Type &type, const reference::Bytes &image);

@@ -62,7 +62,7 @@ TEST(Codec, KeepsToTheListedConstants) {
     const auto expect_listed = [](std::size_t actual, uint32_t constant, const char *what) {
       EXPECT_TRUE(constant == 0 || actual == constant) << what << " is " << actual << ", listed " << constant;
     };
-    expect_listed(type.message_id(), listed.id, "message ID");
+    expect_listed(type.id, listed.id, "message ID");
     expect_listed(packed_by_library(subject, zero.data()).size(), listed.compact_zero, "compact length of zeros");
     expect_listed(packed_by_library(subject, set.data()).size(), listed.compact_set, "full compact length");
     // A record without zeros is written by a way of its own.

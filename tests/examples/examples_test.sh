@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # Runs the example processes and the demo as a user does: examples_test.sh GROUP BINARIES SPOILING_BINARIES
+# shellcheck disable=SC2030,SC2031 # rounds that run in parallel have folders of their own
 set -uo pipefail
 group=$1 binaries=$2 spoiling_binaries=$3
 project=$(realpath "$(dirname "$0")/../..")
@@ -40,14 +41,32 @@ demo=("$project/scripts/demo.sh" --binaries "$binaries")
 clean='^0 missing, 0 repeated, 0 differing, 0 logged by the decoder, 0 not delivered$'
 row=' (eth|wg|lo)[0-9.]* +[0-9]+ [UGHDAnl!]+$'
 
-# expect_spoiled PROGRAMS OPTION...: the demo fails on each way to spoil a message that standard input names, with the
-# number of the message from 0, or the name of the first to spoil, and says so.
-expect_spoiled() {
+# in_parallel COMMAND...: the command with each line of standard input as further arguments, all at once, each with a
+# folder and an endpoint of its own.
+in_parallel() {
+  local each=() arguments
+  while read -ra arguments; do
+    (
+      failures=0 work=$work/${#each[@]}
+      endpoint=ipc://$work/test.ipc
+      mkdir "$work"
+      trap 'kill $(jobs -p) 2>/dev/null' EXIT
+      "$@" "${arguments[@]}"
+      exit $failures
+    ) </dev/null &
+    each+=($!)
+  done
+  for arguments in "${each[@]}"; do wait "$arguments" || failures=$((failures + 1)); done
+}
+
+# spoiled PROGRAMS OPTION SPOIL AT OUTPUT...: the demo fails on a way to spoil a message, which has this number, from 0,
+# or is the first of this name, and says so.
+spoiled() {
   ln -s "$binaries/$1_receiver" "$work/$1_receiver"
   ln -s "$spoiling_binaries/spoiling_$1_sender" "$work/$1_sender"
-  while read -r spoil at output; do
-    expect 1 "^$output" '_receiver: the s|^demo.sh: the receiver' env "SPOIL=$spoil" "SPOIL_AT=$at" "${demo[0]}" --binaries "$work" "${@:2}"
-  done
+  # shellcheck disable=SC2086 # several options
+  expect 1 "^${*:5}" '_receiver: the s|^demo.sh: the receiver' env "SPOIL=$3" "SPOIL_AT=$4" \
+    "${demo[0]}" --binaries "$work" --timeout 50 $2
 }
 
 case $group in
@@ -96,7 +115,7 @@ case $group in
     ;;
 
   spoiled) # one message of 12 interfaces, 267 routes and the end
-    expect_spoiled route --sample --quiet <<-'CASES'
+    in_parallel spoiled route '--sample --quiet' <<-'CASES'
 	drop 100 1 missing, 0 repeated, 0 differing, 0 logged
 	drop 5 1 missing, 0 repeated, 0 differing, 0 logged
 	drop 278 1 missing, 0 repeated, 0 differing, 0 logged
@@ -113,7 +132,7 @@ case $group in
     for line in "$clean" '^received of '{fib6_cfg,korBrokerFib6,fib6Sync}': [1-9][0-9]* records in '; do
       [ "$(count "$line")" -eq 1 ] || complain "no line $line"
     done
-    expect_spoiled soak --soak 1 <<-'CASES'
+    in_parallel spoiled soak '--soak 1' <<-'CASES'
 	drop fib6Sync.ipv6FwdUpdateMsg 1 missing, 0 repeated, 0 differing, 0 logged
 	repeat fib6Sync.ipv6FwdUpdateMsg 0 missing, 1 repeated, 0 differing, 0 logged
 	repeat fib6Sync.ipv6FwdUpdateMsg fib6Sync.ipv6FwdUpdateMsg is out of turn, round 1 of seed
@@ -157,38 +176,37 @@ case $group in
 	1|--file .|.: cannot be read
 	1|--file sample --repeat 4294967295|--repeat: a stream has at most
 	1|--file sample --timeout 1|cannot send, .* no receiver
-	105|--repeat 0|--repeat: 
-	109|--no-such-option|.*--no-such-option
+	2|--repeat 0|--repeat: 
+	2|--repeat=4294967296|--repeat: 
+	2|--repeat -1|--repeat: 
+	2|--repeat 2x|--repeat: 
+	2|--repeat|--repeat needs a value
+	2|--no-such-option|.*--no-such-option
+	2|sample|.*sample
 	CASES
     expect 1 '' '^route_receiver: cannot receive at ' "$binaries/route_receiver" --endpoint "ipc://$work/none/test.ipc"
     one_error_line "endpoint that cannot be bound"
     ;;
 
-  stopped) # the receiver goes away in the middle of a stream; all rounds at once, as senders take time to give up
+  stopped) # the receiver goes away in the middle of a stream
     stop() { # SIGNAL RECEIVER_STATUS LINES_OF_THE_SUMMARY
-      work=$work/$1
-      mkdir "$work"
-      endpoint=ipc://$work/test.ipc
-      trap 'kill $(jobs -p) 2>/dev/null' EXIT
       "$binaries/route_receiver" --endpoint "$endpoint" >"$work/summary" 2>&1 &
       local receiver=$!
-      # When it has shown routes, it receives.
+      # When it has bound its endpoint, a sender need not wait for it; when it has shown routes, it receives.
+      until [ -S "$work/test.ipc" ] || ! kill -0 $receiver; do sleep 0.02; done
       (until [ -s "$work/summary" ] || ! kill -0 $receiver; do sleep 0.02; done; kill "-$1" $receiver) &
       expect 1 '' '^route_sender: .*messages undelivered' "$binaries/route_sender" --endpoint "$endpoint" \
-        --file "$sample" --repeat 1000000 --timeout 3
+        --file "$sample" --repeat 1000000 --timeout 1
       wait $receiver
       [ $? -eq "$2" ] || complain "status of the receiver after $1"
       [ "$(grep -c 'before the end of the stream\|^received [1-9]' "$work/summary")" -eq "$3" ] ||
         complain "summary after $1: $(tail -n 3 "$work/summary")"
-      exit $failures
     }
-    rounds=()
-    for round in 'TERM 1 2' 'INT 1 2' 'KILL 137 0'; do
-      # shellcheck disable=SC2086 # three arguments
-      (stop $round) &
-      rounds+=($!)
-    done
-    for round in "${rounds[@]}"; do wait "$round" || failures=$((failures + 1)); done
+    in_parallel stop <<-'ROUNDS'
+	TERM 1 2
+	INT 1 2
+	KILL 137 0
+	ROUNDS
     ;;
 esac
 [ $failures -eq 0 ]

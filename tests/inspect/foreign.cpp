@@ -19,9 +19,9 @@ using drix::inspect::JsonStyle;
 using drix::inspect::Where;
 using records::Kind;
 using records::Random;
+using records::Type;
 using reference::Bytes;
-using reference::RecordSlot;
-using reference::Type;
+using reference::SlotInfo;
 
 // Types without tables, of which the first own nothing, then types that hold them; in the order of their names, which
 // puts the latter in front.
@@ -61,9 +61,9 @@ class Schema {
     std::string text = "# quopa schema 1\n";
     for (const Type *type : types_) {
       char id[16];
-      std::snprintf(id, sizeof id, " 0x%08X", type->message_id());
-      text += type->package + '.' + type->message + id + " variable compact=8.. record=8";
-      for (const RecordSlot &slot : type->slots) text += ' ' + kind_of(slot) + "@0";
+      std::snprintf(id, sizeof id, " 0x%08X", type->id);
+      text += type->name() + id + " variable compact=8.. record=8";
+      for (const SlotInfo &slot : type->slots) text += ' ' + kind_text(slot) + "@0";
       text += '\n';
     }
     return text;
@@ -102,14 +102,6 @@ class Schema {
     types_.push_back(&reference::add(package_, {message.c_str(), slots.c_str()}));
   }
 
-  static std::string kind_of(const RecordSlot &slot) {
-    const std::string number = "u" + std::to_string(8 * slot.width);
-    if (slot.kind == Kind::bytes) return "bytes";
-    if (slot.kind == Kind::table) return "table(" + slot.type->message + ')';
-    if (slot.kind == Kind::vector) return "vector(" + slot.type->message + ')';
-    return slot.kind == Kind::scalar ? number : number + '[' + std::to_string(slot.count) + ']';
-  }
-
   std::string package_;
   std::vector<const Type *> types_;
 };
@@ -144,19 +136,20 @@ class Model {
     return '{' + json + '}';
   }
 
-  std::string slot(const std::string &path, const RecordSlot &slot, const uint8_t *record) {
+  std::string slot(const std::string &path, const SlotInfo &slot, const uint8_t *record) {
     const uint8_t *const at = record + slot.member;
-    if (slot.kind == Kind::table) return table(path + '.', *slot.type, at);
+    if (slot.kind == Kind::table) return table(path + '.', *slot.inner, at);
     if (slot.kind == Kind::vector) {
       std::string json;
-      for (uint32_t k = 0; k < slot.length_in(record); ++k) {
-        const uint8_t *const element = slot.block_in(record) + k * slot.type->record_size;
-        json += (k == 0 ? "" : ",") + table(path + '[' + std::to_string(k) + "].", *slot.type, element);
+      for (uint32_t k = 0; k < records::length_in(record, slot); ++k) {
+        const uint8_t *const element = records::block_in(record, slot) + k * slot.inner->record_size;
+        json += (k == 0 ? "" : ",") + table(path + '[' + std::to_string(k) + "].", *slot.inner, element);
       }
       return '[' + json + ']';
     }
-    if (slot.kind == Kind::bytes) return octets(path, slot.block_in(record), slot.length_in(record), true);
-    if (slot.kind == Kind::array && slot.width == 1) return octets(path, at, slot.count, false);
+    if (slot.kind == Kind::bytes)
+      return octets(path, records::block_in(record, slot), records::length_in(record, slot), true);
+    if (slot.kind == Kind::array && slot.width == 1) return octets(path, at, slot.elements, false);
     return words(path, slot, at);
   }
 
@@ -174,7 +167,7 @@ class Model {
     return '"' + text + '"';
   }
 
-  std::string words(const std::string &path, const RecordSlot &slot, const uint8_t *at) {
+  std::string words(const std::string &path, const SlotInfo &slot, const uint8_t *at) {
     std::string list, condition_path;
     bool is_zero = true;
     for (std::size_t i = 0, end = 0; i < path.size(); i = end) {  // without [2]
@@ -183,7 +176,7 @@ class Model {
       if (end < path.size()) end = path.find(']', end) + 1;
     }
     uint32_t network_order[4] = {};
-    for (uint32_t i = 0; i < slot.count; ++i) {
+    for (uint32_t i = 0; i < records::numbers(slot); ++i) {
       uint32_t value = 0;
       for (uint32_t k = 0; k < slot.width; ++k) {
         const uint32_t place = std::endian::native == std::endian::little ? slot.width - 1 - k : k;
@@ -196,7 +189,7 @@ class Model {
     }
     if (slot.kind == Kind::array) list = '[' + list + ']';
     char address[INET6_ADDRSTRLEN];
-    const bool is_address = ipv6_ && slot.kind == Kind::array && slot.count == 4;
+    const bool is_address = ipv6_ && slot.kind == Kind::array && slot.elements == 4;
     if (is_address) list = inet_ntop(AF_INET6, network_order, address, sizeof address);
     if (!is_zero) members_.push_back(path + '=' + list);
     return is_address ? '"' + list + '"' : list;
@@ -297,7 +290,7 @@ std::string judge(const Type &type, const capture::Origin &origin, const Bytes &
   capture::Message message = {};
   message.time = 1000000002;
   message.kind = TRACE_RECEIVED;
-  message.id = type.message_id();
+  message.id = type.id;
   message.count = 1;
   message.length = static_cast<uint32_t>(payload.size());
   message.payload = payload;

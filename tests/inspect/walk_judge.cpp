@@ -57,10 +57,10 @@ std::string expected_log(const Verdict &verdict) {
 }
 
 // As the release of a record that was given up leaves it.
-void forget_blocks(const reference::Type &type, uint8_t *record) {
+void forget_blocks(const records::Type &type, uint8_t *record) {
   for (const auto &slot : type.slots) {
-    if (slot.kind == reference::Kind::table) forget_blocks(*slot.type, record + slot.member);
-    if (slot.is_owner()) slot.point(record, nullptr, slot.length_in(record));
+    if (slot.kind == reference::Kind::table) forget_blocks(*slot.inner, record + slot.member);
+    if (records::is_owner(slot)) records::point(record, slot, nullptr, records::length_in(record, slot));
   }
 }
 

@@ -207,7 +207,7 @@ TEST_P(Transport, SlowReceiverFillsTheWindowAndARestartedOneAnswersForItself) {
   auto first = std::make_unique<Receiver>(at, false);
   std::vector<uint8_t> large(12 << 20);
   DrixSendDescriptor message = {reinterpret_cast<uintptr_t>(large.data()), kId, 12u << 20};
-  Sender sender(at, {1000, 4, 13u << 20}), small(at, {0, 1, 100});
+  Sender sender(at, {100, 4, 13u << 20}), small(at, {0, 1, 100});
   for (uint32_t i = 0; i < 3; ++i) EXPECT_EQ(sender.send({i}), KELVODRIX_OK);
   EXPECT_EQ(DRIX_SendMsg(sender.handle, &message, 1), KELVODRIX_OK);  // far more than a socket takes
   EXPECT_EQ(sender.send({99}), KELVODRIX_ERR_WINDOW);

@@ -116,7 +116,7 @@ void write_table(std::istream &table, File &file) {
       file.packet(packet, Bytes(number), captured);
     } else {
       const reference::Type &type = reference::find("fib6Sync", name);
-      packet.id = type.message_id();
+      packet.id = type.id;
       Bytes record(type.record_size);
       records::store_number(record.data(), sizeof number, number);
       file.packet(packet, reference::pack(type, record.data()), captured);
@@ -150,6 +150,6 @@ int main(int argc, char **argv) {
       payload[random.below(static_cast<uint32_t>(payload.size()))] ^= static_cast<uint8_t>(1u << random.below(8));
     if (spoiled && random.below(4) == 0) payload.resize(random.below(static_cast<uint32_t>(payload.size())));
     const uint64_t time = kStart + i * kMillisecond;
-    file.packet({time, i % 2 == 0 ? TRACE_SENT : TRACE_RECEIVED, type.message_id()}, payload);
+    file.packet({time, i % 2 == 0 ? TRACE_SENT : TRACE_RECEIVED, type.id}, payload);
   }
 }

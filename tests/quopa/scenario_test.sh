@@ -52,15 +52,13 @@ calls=$("$quopa" trace sender --json | jq -c '[.time, .thread]' | sort -u | wc -
 grep -q " in $calls calls, all acknowledged\$" replayed || complain "not $calls calls: $(cat replayed)"
 "$quopa" trace receiver --bare >again.wanted
 "$quopa" trace again --bare | cmp - again.wanted || complain 'a replay brings something else'
-cp -r sender kept
-"$quopa" replay kept --to "ipc://$work/nobody" --speed max --bus "$bus" >unheard 2>&1 &
-unheard=$!
 
 # The receiver is killed under load: every file can be read to its end, and what did not arrive is named.
 rm -r sender receiver
 receive receiver >received 2>&1 &
 receiver=$!
-send --repeat 100000 --batch 16 --timeout 5 >sent 2>&1 &
+until [ -S "$work/bus" ] || ! kill -0 $receiver; do sleep 0.02; done
+send --repeat 100000 --batch 16 --timeout 2 >sent 2>&1 &
 sender=$!
 until grep -q . <("$quopa" trace receiver --bare 2>/dev/null); do sleep 0.02; done
 kill -STOP $receiver
@@ -82,7 +80,4 @@ jq -e -s --argjson last "$last" --argjson undelivered "${undelivered:-0}" '
   | $missing == [range($last + 1; $last + 1 + length)] and length > 0 and length <= $undelivered
     and $sums.not_received == length and $sums.received_again + $sums.not_sent == 0' compared >/dev/null ||
   complain "after $last, with $undelivered undelivered: $(tail -n 1 compared)"
-
-wait $unheard && complain 'nobody received the replay'
-grep -qE '^quopa: ipc://.*: no receiver connected; 0 messages were sent, ' unheard || complain "$(cat unheard)"
 exit $((failures > 0))

@@ -23,10 +23,10 @@ void set(void *record, size_t place, uint32_t width, uint32_t value) {
   records::store_number(static_cast<uint8_t *>(record) + place, width, value);
 }
 
-const uint8_t *inside(const void *record, const RecordSlot &slot) {
+const uint8_t *inside(const void *record, const SlotInfo &slot) {
   return static_cast<const uint8_t *>(record) + slot.member;
 }
-uint8_t *inside(void *record, const RecordSlot &slot) { return static_cast<uint8_t *>(record) + slot.member; }
+uint8_t *inside(void *record, const SlotInfo &slot) { return static_cast<uint8_t *>(record) + slot.member; }
 
 // The wire, byte by byte.
 void put(Bytes &out, uint32_t value, uint32_t width) {
@@ -43,9 +43,9 @@ uint32_t read(const uint8_t *buffer, uint32_t at, uint32_t width) {
   return value;
 }
 
-uint32_t vtable_length(const Type &type) { return static_cast<uint32_t>(4 + 2 * type.slots.size()); }
+uint32_t vtable_length(const records::Type &type) { return static_cast<uint32_t>(4 + 2 * type.slots.size()); }
 
-bool in_compact_layout(const RecordSlot &slot, const void *record) {
+bool in_compact_layout(const SlotInfo &slot, const void *record) {
   switch (slot.kind) {
     case Kind::scalar:
       return get(record, slot.member, slot.width) != 0;
@@ -53,12 +53,12 @@ bool in_compact_layout(const RecordSlot &slot, const void *record) {
     case Kind::table:
       return true;
     default:
-      return slot.block_in(record) != nullptr && slot.length_in(record) != 0;
+      return records::block_in(record, slot) != nullptr && records::length_in(record, slot) != 0;
   }
 }
 
 // Appends a table, vtable first, and returns the table's position.
-uint32_t append_table(const Type &type, const void *record, Bytes &out) {
+uint32_t append_table(const records::Type &type, const void *record, Bytes &out) {
   const size_t vtable = out.size();
   out.resize(vtable + vtable_length(type));
   const size_t table = out.size();
@@ -71,7 +71,7 @@ uint32_t append_table(const Type &type, const void *record, Bytes &out) {
   const auto point = [&](size_t word, size_t target) { put_at(out, word, static_cast<uint32_t>(target - word), 4); };
 
   for (size_t i = 0; i < type.slots.size(); ++i) {
-    const RecordSlot &slot = type.slots[i];
+    const SlotInfo &slot = type.slots[i];
     if (slot.kind != Kind::scalar || !in_compact_layout(slot, record)) continue;
     start_field(i);
     put(out, get(record, slot.member, slot.width), slot.width);
@@ -82,16 +82,16 @@ uint32_t append_table(const Type &type, const void *record, Bytes &out) {
     put(out, 0, 4);
   }
   for (size_t i = 0; i < type.slots.size(); ++i) {
-    const RecordSlot &slot = type.slots[i];
+    const SlotInfo &slot = type.slots[i];
     if (slot.kind == Kind::scalar || slot.kind == Kind::table || !in_compact_layout(slot, record)) continue;
     point(words[i], out.size());
-    const uint32_t count = slot.kind == Kind::array ? slot.count : slot.length_in(record);
+    const uint32_t count = slot.kind == Kind::array ? slot.elements : records::length_in(record, slot);
     put(out, count, 4);
     words[i] = out.size();
     if (slot.kind == Kind::array) {
       for (uint32_t k = 0; k < count; ++k) put(out, get(record, slot.member + k * slot.width, slot.width), slot.width);
     } else if (slot.kind == Kind::bytes) {
-      out.insert(out.end(), slot.block_in(record), slot.block_in(record) + count);
+      out.insert(out.end(), records::block_in(record, slot), records::block_in(record, slot) + count);
     } else {
       out.resize(out.size() + 4 * size_t{count});
     }
@@ -99,20 +99,21 @@ uint32_t append_table(const Type &type, const void *record, Bytes &out) {
   put_at(out, vtable, vtable_length(type), 2);
   put_at(out, vtable + 2, static_cast<uint32_t>(out.size() - table), 2);
   for (size_t i = 0; i < type.slots.size(); ++i) {
-    const RecordSlot &slot = type.slots[i];
-    if (slot.kind == Kind::table) point(words[i], append_table(*slot.type, inside(record, slot), out));
+    const SlotInfo &slot = type.slots[i];
+    if (slot.kind == Kind::table) point(words[i], append_table(*slot.inner, inside(record, slot), out));
   }
   for (size_t i = 0; i < type.slots.size(); ++i) {
-    const RecordSlot &slot = type.slots[i];
+    const SlotInfo &slot = type.slots[i];
     if (slot.kind != Kind::vector || !in_compact_layout(slot, record)) continue;
-    for (uint32_t k = 0; k < slot.length_in(record); ++k) {
-      point(words[i] + 4 * k, append_table(*slot.type, slot.block_in(record) + k * slot.type->record_size, out));
+    for (uint32_t k = 0; k < records::length_in(record, slot); ++k) {
+      point(words[i] + 4 * k,
+            append_table(*slot.inner, records::block_in(record, slot) + k * slot.inner->record_size, out));
     }
   }
   return static_cast<uint32_t>(table);
 }
 
-void append_fixed(const Type &type, const void *record, Bytes &out, std::vector<bool> &written) {
+void append_fixed(const records::Type &type, const void *record, Bytes &out, std::vector<bool> &written) {
   const auto emit = [&](uint32_t value, uint32_t width) {
     put(out, value, width);
     written.resize(out.size(), true);
@@ -126,17 +127,18 @@ void append_fixed(const Type &type, const void *record, Bytes &out, std::vector<
   std::vector<uint32_t> offsets;
   emit(4, 4);
   emit(0, 4);
-  for (const RecordSlot &slot : type.slots) {
+  for (const SlotInfo &slot : type.slots) {
     offsets.push_back(static_cast<uint32_t>(out.size() - table));
     if (slot.kind == Kind::table) {
-      append_fixed(*slot.type, inside(record, slot), out, written);
+      append_fixed(*slot.inner, inside(record, slot), out, written);
       continue;
     }
     if (slot.kind == Kind::array) {
       emit(4, 4);
-      emit(slot.count, 4);
+      emit(slot.elements, 4);
     }
-    for (uint32_t k = 0; k < slot.count; ++k) emit(get(record, slot.member + k * slot.width, slot.width), slot.width);
+    for (uint32_t k = 0; k < records::numbers(slot); ++k)
+      emit(get(record, slot.member + k * slot.width, slot.width), slot.width);
   }
   const size_t table_size = out.size() - table;
   const size_t vtable = table + (table_size + 3) / 4 * 4;
@@ -174,7 +176,7 @@ class Decoding {
     return true;
   }
 
-  bool decode_slots(const Type &type, uint32_t table, uint32_t vtable, const std::string &name, void *record) {
+  bool decode_slots(const records::Type &type, uint32_t table, uint32_t vtable, const std::string &name, void *record) {
     const uint32_t length = read(buffer_, vtable, 2);
     for (size_t i = 0; i < type.slots.size(); ++i) {
       if (length < 4 + 2 * (i + 1)) break;
@@ -211,7 +213,7 @@ class Decoding {
     return static_cast<uint8_t *>(std::calloc(1, size));
   }
 
-  bool decode_slot(const RecordSlot &slot, uint32_t p, const std::string &name, void *record) {
+  bool decode_slot(const SlotInfo &slot, uint32_t p, const std::string &name, void *record) {
     if (slot.kind == Kind::scalar) {
       if (!fits(p, slot.width)) return false;
       set(record, slot.member, slot.width, read(buffer_, p, slot.width));
@@ -220,7 +222,7 @@ class Decoding {
     uint64_t target;
     if (!follow(p, target)) return false;
     if (slot.kind == Kind::table) {
-      return decode_non_root(*slot.type, inside(record, slot), static_cast<uint32_t>(target));
+      return decode_non_root(*slot.inner, inside(record, slot), static_cast<uint32_t>(target));
     }
     if (!fits(target, 4)) return false;
     const auto q = static_cast<uint32_t>(target);
@@ -228,7 +230,7 @@ class Decoding {
     const bool words = slot.kind == Kind::vector || slot.width == 4;
     if (slot.kind != Kind::bytes && words && count >= 0x40000000) return false;
     if (slot.kind == Kind::array) {
-      if (count != slot.count || !fits(q + 4, uint64_t{count} * slot.width)) return false;
+      if (count != slot.elements || !fits(q + 4, uint64_t{count} * slot.width)) return false;
       for (uint32_t k = 0; k < count; ++k) {
         set(record, slot.member + k * slot.width, slot.width, read(buffer_, q + 4 + k * slot.width, slot.width));
       }
@@ -237,11 +239,11 @@ class Decoding {
     if (!fits(q + 4, slot.kind == Kind::bytes ? count : uint64_t{4} * count)) return false;
     set(record, slot.length_member, 4, count);
     if (count == 0) return true;
-    const uint64_t size = slot.kind == Kind::bytes ? count : uint64_t{count} * slot.type->record_size;
+    const uint64_t size = slot.kind == Kind::bytes ? count : uint64_t{count} * slot.inner->record_size;
     if (size > 0xFFFFFFFF) return false;
     uint8_t *block = allocate(static_cast<uint32_t>(size), name);
     if (block == nullptr) return false;
-    slot.point(record, block, count);
+    records::point(record, slot, block, count);
     if (slot.kind == Kind::bytes) {
       std::memcpy(block, buffer_ + q + 4, count);
       return true;
@@ -249,12 +251,13 @@ class Decoding {
     for (uint32_t k = 0; k < count; ++k) {
       uint64_t table;
       if (!follow(q + 4 + 4 * k, table)) return false;
-      if (!decode_non_root(*slot.type, block + k * slot.type->record_size, static_cast<uint32_t>(table))) return false;
+      if (!decode_non_root(*slot.inner, block + k * slot.inner->record_size, static_cast<uint32_t>(table)))
+        return false;
     }
     return true;
   }
 
-  bool decode_non_root(const Type &type, void *record, uint32_t table) {
+  bool decode_non_root(const records::Type &type, void *record, uint32_t table) {
     const std::string name = type.prefix() + "_unpack_non_root";
     uint32_t vtable;
     if (!find_vtable(table, name, vtable)) return false;
@@ -271,13 +274,13 @@ class Decoding {
 
 }  // namespace
 
-Bytes pack(const Type &type, const void *record) {
+Bytes pack(const records::Type &type, const void *record) {
   Bytes out(4);
   put_at(out, 0, append_table(type, record, out), 4);
   return out;
 }
 
-Bytes build_fixed(const Type &type, const void *record, std::vector<bool> *written) {
+Bytes build_fixed(const records::Type &type, const void *record, std::vector<bool> *written) {
   Bytes out;
   std::vector<bool> marks;
   append_fixed(type, record, out, marks);
@@ -285,7 +288,7 @@ Bytes build_fixed(const Type &type, const void *record, std::vector<bool> *writt
   return out;
 }
 
-bool decode(const Type &type, const uint8_t *buffer, uint32_t length, void *record, Trace &trace,
+bool decode(const records::Type &type, const uint8_t *buffer, uint32_t length, void *record, Trace &trace,
             size_t failing_allocation) {
   const std::string name = type.prefix() + "_unpack";
   Decoding decoding(buffer, length, trace, failing_allocation);
@@ -303,16 +306,16 @@ bool decode(const Type &type, const uint8_t *buffer, uint32_t length, void *reco
   return false;
 }
 
-void release(const Type &type, void *record, Trace &trace) {
-  for (const RecordSlot &slot : type.slots) {
-    if (slot.kind == Kind::table) release(*slot.type, inside(record, slot), trace);
+void release(const records::Type &type, void *record, Trace &trace) {
+  for (const SlotInfo &slot : type.slots) {
+    if (slot.kind == Kind::table) release(*slot.inner, inside(record, slot), trace);
     if (slot.kind != Kind::bytes && slot.kind != Kind::vector) continue;
-    if (slot.block_in(record) != nullptr) {
-      const size_t size = slot.length_in(record) * (slot.kind == Kind::bytes ? 1 : slot.type->record_size);
-      std::free(slot.block_in(record));
+    if (records::block_in(record, slot) != nullptr) {
+      const size_t size = records::length_in(record, slot) * (slot.kind == Kind::bytes ? 1 : slot.inner->record_size);
+      std::free(records::block_in(record, slot));
       trace.frees.push_back({static_cast<uint32_t>(size), type.prefix() + "_free_unpacked"});
     }
-    slot.point(record, nullptr, slot.length_in(record));
+    records::point(record, slot, nullptr, records::length_in(record, slot));
   }
 }
 

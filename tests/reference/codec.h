@@ -13,11 +13,11 @@ namespace reference {
 using Bytes = std::vector<uint8_t>;
 
 // Encodes in the compact layout.
-Bytes pack(const Type &type, const void *record);
+Bytes pack(const records::Type &type, const void *record);
 
 // Encodes a fixed-length type in the fixed layout; the bytes that the layout leaves unwritten are zero here and false
 // in written.
-Bytes build_fixed(const Type &type, const void *record, std::vector<bool> *written = nullptr);
+Bytes build_fixed(const records::Type &type, const void *record, std::vector<bool> *written = nullptr);
 
 struct LogCall {
   uint32_t code;
@@ -41,10 +41,10 @@ struct Trace {
 
 // Decodes into a record as the library is to do it. Fails the allocation with the given number, counted from 0. True
 // when every slot was decoded.
-bool decode(const Type &type, const uint8_t *buffer, uint32_t length, void *record, Trace &trace,
+bool decode(const records::Type &type, const uint8_t *buffer, uint32_t length, void *record, Trace &trace,
             size_t failing_allocation = SIZE_MAX);
 
 // Releases a record that decode filled.
-void release(const Type &type, void *record, Trace &trace);
+void release(const records::Type &type, void *record, Trace &trace);
 
 }  // namespace reference

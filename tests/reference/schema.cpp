@@ -1,4 +1,4 @@
-#include "schema.h"
+#include "codec.h"
 
 #include <algorithm>
 #include <deque>
@@ -159,49 +159,59 @@ const Type *lookup(const std::string &package, const std::string &message) {
 }
 
 // Reads "name", "name[]" or "name[N]".
-RecordSlot parse_slot(const std::string &package, const std::string &text) {
+SlotInfo parse_slot(const std::string &package, const std::string &text) {
   const size_t bracket = text.find('[');
   const std::string name = text.substr(0, bracket);
   const std::string inside = bracket == text.npos ? "" : text.substr(bracket + 1, text.find(']') - bracket - 1);
-  const uint32_t width = name == "u8" ? 1 : name == "u16" ? 2 : name == "u32" ? 4 : 0;
-  if (name == "bytes") return {.kind = Kind::bytes};
-  if (width == 0) return {.kind = bracket == text.npos ? Kind::table : Kind::vector, .type = lookup(package, name)};
-  if (bracket == text.npos) return {.kind = Kind::scalar, .width = width, .count = 1};
-  return {.kind = Kind::array, .width = width, .count = static_cast<uint32_t>(std::stoul(inside))};
+  const uint8_t width = name == "u8" ? 1 : name == "u16" ? 2 : name == "u32" ? 4 : 0;
+  if (name == "bytes") return {Kind::bytes, 0, 0, 0, 0, nullptr};
+  if (width == 0) return {bracket == text.npos ? Kind::table : Kind::vector, 0, 0, 0, 0, lookup(package, name)};
+  if (bracket == text.npos) return {Kind::scalar, width, 0, 0, 0, nullptr};
+  return {Kind::array, width, static_cast<uint16_t>(std::stoul(inside)), 0, 0, nullptr};
 }
 
 // Appends a member as the compiler would, and returns its place.
-size_t place_member(Type &type, size_t size, size_t alignment) {
+uint16_t place_member(Type &type, size_t size, size_t alignment) {
   const size_t place = (type.record_size + alignment - 1) / alignment * alignment;
-  type.record_size = place + size;
+  type.record_size = static_cast<uint32_t>(place + size);
   type.record_alignment = std::max(type.record_alignment, alignment);
-  return place;
+  return static_cast<uint16_t>(place);
 }
 
-void append_slot(Type &type, RecordSlot slot) {
+void append_slot(Type &type, SlotInfo slot) {
   if (slot.kind == Kind::scalar || slot.kind == Kind::array) {
-    slot.member = place_member(type, slot.width * slot.count, slot.width);
+    slot.member = place_member(type, slot.width * records::numbers(slot), slot.width);
   } else if (slot.kind == Kind::table) {
-    slot.member = place_member(type, slot.type->record_size, slot.type->record_alignment);
+    slot.member = place_member(type, slot.inner->record_size, static_cast<const Type *>(slot.inner)->record_alignment);
   } else {
     slot.length_member = place_member(type, sizeof(uint32_t), alignof(uint32_t));
     slot.member = place_member(type, sizeof(void *), alignof(void *));
   }
-  type.slots.push_back(slot);
+  type.own_slots.push_back(slot);
 }
 
 const Type &append_type(const std::string &package, const Row &row) {
-  Type type{.package = package, .message = row.message, .slots = {}, .listed = row.listed, .listed_offsets = {}};
+  Type &type = storage().emplace_back();
+  type.listed = row.listed;
+  type.package = type.own_package = package;
+  type.message = type.own_message = row.message;
+  type.id = 0x811C9DC5;
+  for (const char letter : type.name()) type.id = (type.id ^ static_cast<uint8_t>(letter)) * 0x01000193;
   std::istringstream slots(row.slots), offsets(row.offsets);
   for (std::string text; slots >> text;) {
     const size_t star = text.find('*');
-    const RecordSlot slot = parse_slot(package, text.substr(0, star));
+    const SlotInfo slot = parse_slot(package, text.substr(0, star));
     for (auto times = star == text.npos ? 1 : std::stoul(text.substr(star + 1)); times > 0; --times)
       append_slot(type, slot);
   }
   for (uint32_t offset; offsets >> offset;) type.listed_offsets.push_back(offset);
   place_member(type, 0, type.record_alignment);
-  return storage().emplace_back(type);
+  type.slots = type.own_slots;
+  const bool fixed = std::all_of(type.slots.begin(), type.slots.end(), [](const SlotInfo &slot) {
+    return !records::is_owner(slot) && (slot.kind != Kind::table || slot.inner->is_fixed());
+  });
+  if (fixed) type.fixed_length = static_cast<uint32_t>(build_fixed(type, Bytes(type.record_size).data()).size());
+  return type;
 }
 
 void add_rows(const std::string &package, std::span<const Row> rows) {
@@ -220,18 +230,6 @@ void add_own_rows_once() {
 }
 
 }  // namespace
-
-bool Type::is_fixed() const {
-  return std::all_of(slots.begin(), slots.end(), [](const RecordSlot &slot) {
-    return slot.kind != Kind::bytes && slot.kind != Kind::vector && (slot.kind != Kind::table || slot.type->is_fixed());
-  });
-}
-
-uint32_t Type::message_id() const {
-  uint32_t hash = 0x811C9DC5;
-  for (const char letter : package + "." + message) hash = (hash ^ static_cast<uint8_t>(letter)) * 0x01000193;
-  return hash;
-}
 
 const std::vector<const Type *> &all_types() {
   static const std::vector<const Type *> all = [] {

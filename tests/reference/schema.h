@@ -33,22 +33,15 @@ struct Row {
 };
 
 using records::Kind;
+using records::SlotInfo;
 
-struct Type;
-using RecordSlot = records::RecordSlot<Type>;
-
-struct Type {
-  std::string package;
-  std::string message;
-  std::vector<RecordSlot> slots;
+// What a row says and what follows: names, the hashed ID, size and slots of the record, and the fixed layout's length.
+struct Type : drix::describe::Type {
   Constants listed;
   std::vector<uint32_t> listed_offsets;
-  size_t record_size = 0;
   size_t record_alignment = 1;
-
-  std::string prefix() const { return package + "_" + message; }
-  bool is_fixed() const;        // owns nothing and has one encoded length in the fixed layout
-  uint32_t message_id() const;  // hashed from the names
+  std::string own_package, own_message;
+  std::vector<SlotInfo> own_slots;
 };
 
 // The 100 message types of the library, package by package, each in registration order.

@@ -49,7 +49,7 @@ void expect_sent(const fake_bus::Call &call, const reference::Type &type, Record
   const uint8_t *next = nullptr;
   for (uint32_t i = 0; i < count; ++i) {
     const fake_bus::Message &message = call.messages[i];
-    EXPECT_EQ(message.id, type.message_id());
+    EXPECT_EQ(message.id, type.id);
     EXPECT_EQ(message.bytes, records.encoded(i)) << "record " << i;
     EXPECT_TRUE(next == nullptr || message.address == next) << "a gap before record " << i;
     next = message.address + message.bytes.size();
@@ -276,7 +276,7 @@ TEST_F(Send, RegistrationGoesInOrderAndStopsAtTheFirstRefusal) {
       ASSERT_EQ(bus().registered.size(), std::min(refused + 1, types.size()));
       for (std::size_t i = 0; i < bus().registered.size(); ++i) {
         const Operations operations = operations_of(types[i]->prefix());
-        EXPECT_EQ(bus().registered[i].id, types[i]->message_id()) << types[i]->message;
+        EXPECT_EQ(bus().registered[i].id, types[i]->id) << types[i]->message;
         EXPECT_EQ(reinterpret_cast<void *>(bus().registered[i].decode), reinterpret_cast<void *>(operations.unpack));
         EXPECT_EQ(reinterpret_cast<void *>(bus().registered[i].release),
                   reinterpret_cast<void *>(operations.free_unpacked));

@@ -1,8 +1,5 @@
-// Records of any type, at run time: filling them and comparing them.
-//
-// Both walk a description of the type. Where that comes from is the caller's choice: shape.h has it from the compiler,
-// the tests have one of their own that was typed in. A description is a class Type with the members slots, a random
-// access range of RecordSlot<Type>, and record_size.
+// Records of any type, at run time: filling them and comparing them by a description of the type, be it the compiler's
+// or one that the tests have typed in.
 #pragma once
 
 #include <array>
@@ -13,44 +10,45 @@
 #include <string>
 #include <vector>
 
+#include "describe/type.h"
+
 namespace records {
 
-enum class Kind : uint8_t { scalar, array, bytes, table, vector };
+using drix::Kind;
+using drix::describe::SlotInfo;
+using drix::describe::Type;
 
-template <class Type>
-struct RecordSlot {
-  Kind kind = Kind::scalar;
-  uint32_t width = 0;             // bytes of a scalar or of an array's element
-  uint32_t count = 0;             // elements of an array; 1 for a scalar
-  const Type *type = nullptr;     // of a table or of a vector's elements
-  std::size_t length_member = 0;  // place of f<N>Len or f<N>Count in the record
-  std::size_t member = 0;         // place of f<N> in the record
+inline bool is_owner(const SlotInfo &slot) { return slot.kind == Kind::bytes || slot.kind == Kind::vector; }
 
-  bool is_owner() const { return kind == Kind::bytes || kind == Kind::vector; }
+// Of a scalar or array.
+inline uint32_t numbers(const SlotInfo &slot) { return slot.kind == Kind::array ? slot.elements : 1; }
 
-  std::size_t member_size() const {
-    if (is_owner()) return sizeof(uint8_t *);
-    return kind == Kind::table ? type->record_size : std::size_t{width} * count;
-  }
+inline std::size_t member_size(const SlotInfo &slot) {
+  if (is_owner(slot)) return sizeof(uint8_t *);
+  return slot.kind == Kind::table ? slot.inner->record_size : std::size_t{slot.width} * numbers(slot);
+}
 
-  // Of what an owner points to.
-  std::size_t element_size() const { return kind == Kind::vector ? type->record_size : 1; }
-  uint32_t length_in(const void *record) const { return load<uint32_t>(record, length_member); }
-  uint8_t *block_in(const void *record) const { return load<uint8_t *>(record, member); }
+// Of what an owner points to.
+inline std::size_t element_size(const SlotInfo &slot) {
+  return slot.kind == Kind::vector ? slot.inner->record_size : 1;
+}
 
-  void point(void *record, uint8_t *block, uint32_t length) const {
-    std::memcpy(static_cast<uint8_t *>(record) + length_member, &length, sizeof length);
-    std::memcpy(static_cast<uint8_t *>(record) + member, &block, sizeof block);
-  }
+inline uint32_t length_in(const void *record, const SlotInfo &slot) {
+  uint32_t length;
+  std::memcpy(&length, static_cast<const uint8_t *>(record) + slot.length_member, sizeof length);
+  return length;
+}
 
- private:
-  template <class T>
-  static T load(const void *record, std::size_t place) {
-    T value;
-    std::memcpy(&value, static_cast<const uint8_t *>(record) + place, sizeof value);
-    return value;
-  }
-};
+inline uint8_t *block_in(const void *record, const SlotInfo &slot) {
+  uint8_t *block;
+  std::memcpy(&block, static_cast<const uint8_t *>(record) + slot.member, sizeof block);
+  return block;
+}
+
+inline void point(void *record, const SlotInfo &slot, uint8_t *block, uint32_t length) {
+  std::memcpy(static_cast<uint8_t *>(record) + slot.length_member, &length, sizeof length);
+  std::memcpy(static_cast<uint8_t *>(record) + slot.member, &block, sizeof block);
+}
 
 // Writes a number of so many bytes in the host's order.
 inline void store_number(uint8_t *to, uint32_t width, uint32_t number) {
@@ -84,25 +82,25 @@ struct Extent {
 //   Extent extent(Kind kind);         for a byte string or a vector
 // It may also want to know where elements of a vector start:
 //   void start_element(uint32_t i);
-template <class Type, class Content>
+template <class Content>
 void fill(const Type &type, void *record, Content &content, Arena &arena) {
-  for (const RecordSlot<Type> &slot : type.slots) {
+  for (const SlotInfo &slot : type.slots) {
     uint8_t *const member = static_cast<uint8_t *>(record) + slot.member;
     if (slot.kind == Kind::table) {
-      fill(*slot.type, member, content, arena);
-    } else if (slot.is_owner()) {
+      fill(*slot.inner, member, content, arena);
+    } else if (is_owner(slot)) {
       const Extent extent = content.extent(slot.kind);
-      const std::size_t size = slot.element_size();
+      const std::size_t size = element_size(slot);
       uint8_t *const block = extent.has_block ? arena.allocate(extent.length * size) : nullptr;
       for (uint32_t i = 0; extent.has_block && i < extent.length; ++i) {
         if (slot.kind == Kind::bytes) store_number(block + i, 1, content.number(1));
         if (slot.kind != Kind::vector) continue;
         if constexpr (requires { content.start_element(i); }) content.start_element(i);
-        fill(*slot.type, block + i * size, content, arena);
+        fill(*slot.inner, block + i * size, content, arena);
       }
-      slot.point(record, block, extent.length);
+      point(record, slot, block, extent.length);
     } else {
-      for (uint32_t i = 0; i < slot.count; ++i) {
+      for (uint32_t i = 0; i < numbers(slot); ++i) {
         store_number(member + std::size_t{slot.width} * i, slot.width, content.number(slot.width));
       }
     }
@@ -181,16 +179,14 @@ class RandomContent {
   std::size_t next_ = 0;
 };
 
-template <class Type>
-void fill_random(const Type &type, void *record, Random &random, const Mix &mix, Arena &arena) {
+inline void fill_random(const Type &type, void *record, Random &random, const Mix &mix, Arena &arena) {
   RandomContent content(random, mix);
   fill(type, record, content, arena);
 }
 
 // The first member in which two records differ, such as "f1[2].f7", or empty. Padding counts, too. Pointers count by
 // what they point to and by whether they are null: a record that its decoder gave up has lengths without blocks.
-template <class Type>
-std::string first_difference(const Type &type, const void *a, const void *b) {
+inline std::string first_difference(const Type &type, const void *a, const void *b) {
   const auto *const bytes_a = static_cast<const uint8_t *>(a);
   const auto *const bytes_b = static_cast<const uint8_t *>(b);
   const auto differ = [=](std::size_t from, std::size_t to) {
@@ -198,28 +194,28 @@ std::string first_difference(const Type &type, const void *a, const void *b) {
   };
   std::size_t end = 0;  // of the member before
   for (std::size_t i = 0; i < type.slots.size(); ++i) {
-    const RecordSlot<Type> &slot = type.slots[i];
+    const SlotInfo &slot = type.slots[i];
     const auto name = [i] { return "f" + std::to_string(i); };
-    if (slot.is_owner()) {
+    if (is_owner(slot)) {
       if (differ(end, slot.length_member)) return "padding before " + name();
       end = slot.length_member + sizeof(uint32_t);
       if (differ(slot.length_member, end)) return name() + (slot.kind == Kind::bytes ? "Len" : "Count");
     }
     if (differ(end, slot.member)) return "padding before " + name();
-    end = slot.member + slot.member_size();
+    end = slot.member + member_size(slot);
     if (slot.kind == Kind::table) {
-      const std::string within = first_difference(*slot.type, bytes_a + slot.member, bytes_b + slot.member);
+      const std::string within = first_difference(*slot.inner, bytes_a + slot.member, bytes_b + slot.member);
       if (!within.empty()) return name() + "." + within;
-    } else if (slot.is_owner()) {
-      const uint8_t *const block_a = slot.block_in(a);
-      const uint8_t *const block_b = slot.block_in(b);
-      const uint32_t length = slot.length_in(a);
+    } else if (is_owner(slot)) {
+      const uint8_t *const block_a = block_in(a, slot);
+      const uint8_t *const block_b = block_in(b, slot);
+      const uint32_t length = length_in(a, slot);
       if ((block_a == nullptr) != (block_b == nullptr)) return name();
       if (block_a == nullptr) continue;
       if (slot.kind == Kind::bytes && std::memcmp(block_a, block_b, length) != 0) return name();
       for (uint32_t k = 0; slot.kind == Kind::vector && k < length; ++k) {
-        const std::size_t at = k * slot.element_size();
-        const std::string within = first_difference(*slot.type, block_a + at, block_b + at);
+        const std::size_t at = k * element_size(slot);
+        const std::string within = first_difference(*slot.inner, block_a + at, block_b + at);
         if (!within.empty()) return name() + "[" + std::to_string(k) + "]." + within;
       }
     } else if (differ(slot.member, end)) {

@@ -5,8 +5,9 @@
 #include <cstdio>
 #include <deque>
 #include <string>
+#include <string_view>
 
-#include "fib6Sync.h"
+#include "drix_message.hpp"
 #include "process.h"
 #include "receiver.h"
 #include "soak_record.h"
@@ -20,12 +21,10 @@ constexpr uint32_t kMaxReports = 10;  // the first faults are told one by one, a
 class Soak {
  public:
   explicit Soak(Receiver &receiver) : receiver_(receiver) {
-    for (const soak::Package &package : soak::packages()) {
-      Tally &tally = tallies_.emplace_back(Tally{.package = package.name});
-      for (const soak::Message &message : package.messages) {
-        expected_.push_back({*this, message, tally, expected_.size() + 1});
-        receiver_.subscribe(message.id, take_record, &expected_.back());
-      }
+    for (const soak::Type *type : drix::describe::types()) {
+      if (tallies_.empty() || tallies_.back().package != type->package) tallies_.push_back({.package = type->package});
+      expected_.push_back({*this, *type, tallies_.back(), expected_.size() + 1});
+      receiver_.subscribe(type->id, take_record, &expected_.back());
     }
   }
   Soak(const Soak &) = delete;
@@ -37,7 +36,7 @@ class Soak {
     for (const Tally &tally : tallies_) {
       total.records += tally.records;
       total.time += tally.time;
-      print(tally, std::string(" of ") + tally.package + ":");
+      print(tally, " of " + std::string(tally.package) + ":");
     }
     print(total, ":");
     receiver_.conclude(account_);
@@ -45,7 +44,7 @@ class Soak {
 
  private:
   struct Tally {
-    const char *package = nullptr;
+    std::string_view package;
     uint64_t records = 0;
     Clock::duration time = {};  // since the message before each record was done
   };
@@ -53,7 +52,7 @@ class Soak {
   // A message type and its turn in a round.
   struct Expected {
     Soak &soak;
-    const soak::Message &message;
+    const soak::Type &type;
     Tally &tally;
     uint64_t index;  // 0 is the mark
   };
@@ -69,10 +68,10 @@ class Soak {
   }
 
   void take(const Expected &expected, const void *record) {
-    if (expected.message.id == soak::kMarkMessageId) {
+    if (expected.type.id == soak::kMarkMessageId) {
       if (const auto mark = soak::read_mark(*static_cast<const fib6Sync_svcCtxMsg *>(record))) return take(*mark);
     }
-    const std::string member = expected.message.first_difference(round_, record);
+    const std::string member = soak::first_difference(expected.type, round_, record);
     const uint64_t number = number_of(expected.index);
     if (!member.empty()) report(expected, "differs in " + member);
     if (number != account_.last() + 1) report(expected, "is out of turn");
@@ -96,7 +95,8 @@ class Soak {
 
   void report(const Expected &expected, const std::string &fault) {
     if (++reports_ > kMaxReports) return;
-    std::printf("%s %s, round %u of seed %u\n", expected.message.name, fault.c_str(), round_.number, round_.seed);
+    std::printf("%s %s, round %u of seed %u\n", expected.type.name().c_str(), fault.c_str(), round_.number,
+                round_.seed);
   }
 
   // The number of a message of this round in the stream.
@@ -119,7 +119,9 @@ struct Options {
 };
 
 void run(const Options &options) {
-  for (const soak::Package &package : soak::packages()) check(package.recv_init(), "cannot register the decoders");
+  for (const auto init : {fib6_cfg_recv_init, fib6_recv_init, fib6_sync_recv_init}) {
+    check(init(), "cannot register the decoders");
+  }
   Receiver receiver(options.endpoint);
   Soak soak(receiver);
   receiver.run();

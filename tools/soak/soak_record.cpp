@@ -1,9 +1,10 @@
 #include "soak_record.h"
 
 #include <cstring>
+#include <span>
+#include <vector>
 
-#include "drix_message.hpp"
-#include "tools/records/shape.h"
+#include "tools/records/records.h"
 
 namespace soak {
 namespace {
@@ -14,53 +15,30 @@ records::Random random_of(Round round, uint32_t what) {
   return records::Random(random.draw() + what);
 }
 
-// Fills a record as it is in the round, its padding with zeros.
-void fill(const records::Shape &shape, void *record, Round round, uint32_t id, records::Arena &arena) {
-  std::memset(record, 0, shape.record_size);
-  records::Random random = random_of(round, id);
-  const records::Mix mix = {.zeros = 25 * random.below(4), .most_bytes = random.below(8) == 0 ? 1023u : 15u};
-  records::fill_random(shape, record, random, mix, arena);
-}
+// A record as it is in the round, its padding zeros.
+struct Drawn {
+  Drawn(const Type &type, Round round) : record(type.record_size) {
+    records::Random random = random_of(round, type.id);
+    const records::Mix mix = {.zeros = 25 * random.below(4), .most_bytes = random.below(8) == 0 ? 1023u : 15u};
+    records::fill_random(type, record.data(), random, mix, arena);
+  }
 
-template <class R>
-constexpr Message make_message() {
-  return {
-      .name = drix::message<R>::name,
-      .id = drix::message<R>::id,
-      .send =
-          [](Channel &channel, Round round) {
-            records::Arena arena;
-            R record;
-            fill(records::kShape<R>, &record, round, drix::message<R>::id, arena);
-            channel.send(record);
-          },
-      .first_difference =
-          [](Round round, const void *received) {
-            records::Arena arena;
-            R sent;
-            fill(records::kShape<R>, &sent, round, drix::message<R>::id, arena);
-            return records::first_difference(records::kShape<R>, &sent, received);
-          },
-  };
-}
-
-#define SOAK_MESSAGE(package, message) make_message<package##_##message>(),
-
-constexpr Message kFib6CfgMessages[] = {FIB6_CFG_MESSAGES(SOAK_MESSAGE)};
-constexpr Message kKorBrokerFib6Messages[] = {KORBROKERFIB6_MESSAGES(SOAK_MESSAGE)};
-constexpr Message kFib6SyncMessages[] = {FIB6SYNC_MESSAGES(SOAK_MESSAGE)};
-
-constexpr Package kPackages[] = {
-    {"fib6_cfg", fib6_cfg_send_init, fib6_cfg_recv_init, kFib6CfgMessages},
-    {"korBrokerFib6", fib6_send_init, fib6_recv_init, kKorBrokerFib6Messages},
-    {"fib6Sync", fib6_sync_send_init, fib6_sync_recv_init, kFib6SyncMessages},
+  std::vector<uint8_t> record;
+  records::Arena arena;
 };
 
 enum MarkKind : uint32_t { kRound = 1, kEnd = 2 };
 
 }  // namespace
 
-std::span<const Package> packages() { return kPackages; }
+void send(Channel &channel, const Type &type, Round round) {
+  const Drawn drawn(type, round);
+  channel.send_by([&](uint32_t handle) { return type.library.sendsingle(handle, drawn.record.data(), 1, 0); });
+}
+
+std::string first_difference(const Type &type, Round round, const void *received) {
+  return records::first_difference(type, Drawn(type, round).record.data(), received);
+}
 
 fib6Sync_svcCtxMsg make_mark(const Mark &mark) {
   fib6Sync_svcCtxMsg message = {};

@@ -1,8 +1,8 @@
 // The stream of the soak: records of every message type with random content, which both ends draw alike.
 //
-// The stream consists of rounds. A round is a mark and one record of every message type, in the order of packages() and
-// of the messages in them. A last mark, in the place of the next round's, ends the stream. All these are the messages
-// 1, 2, 3, ... of the stream.
+// The stream consists of rounds. A round is a mark and one record of every message type, in the order of
+// describe::types(). A last mark, in the place of the next round's, ends the stream. All these are the messages 1, 2, 3,
+// ... of the stream.
 //
 // The content of a record follows from the seed of the stream, the number of the round and the message ID, so nothing
 // needs to be sent along with it: the receiver draws the record again and compares.
@@ -16,13 +16,15 @@
 
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <string>
 
 #include "channel.h"
+#include "describe/type.h"
 #include "fib6Sync.h"
 
 namespace soak {
+
+using drix::describe::Type;
 
 inline constexpr char kDefaultEndpoint[] = "fib6_soak";
 
@@ -31,25 +33,11 @@ struct Round {
   uint32_t number;
 };
 
-struct Message {
-  const char *name;
-  uint32_t id;
+// Draws the round's record of a type and sends it.
+void send(Channel &channel, const Type &type, Round round);
 
-  // Draws the round's record and sends it.
-  void (*send)(Channel &channel, Round round);
-
-  // Compares a received record with the round's: the first member that differs, such as "f1[2].f7", or empty.
-  std::string (*first_difference)(Round round, const void *received);
-};
-
-struct Package {
-  const char *name;
-  int32_t (*send_init)();
-  int32_t (*recv_init)();
-  std::span<const Message> messages;
-};
-
-std::span<const Package> packages();
+// Compares a received record with the round's: the first member that differs, such as "f1[2].f7", or empty.
+std::string first_difference(const Type &type, Round round, const void *received);
 
 struct Mark {
   Round round;

@@ -28,7 +28,9 @@ void send_mark(Channel &channel, const soak::Mark &mark) {
 }
 
 void run(const Options &options) {
-  for (const soak::Package &package : soak::packages()) check(package.send_init(), "cannot register with the bus");
+  for (const auto init : {fib6_cfg_send_init, fib6_send_init, fib6_sync_send_init}) {
+    check(init(), "cannot register with the bus");
+  }
   Channel channel(options.channel);
   std::printf("sending random records, seed %u\n", options.seed);
   std::fflush(stdout);  // also known when a record brings this process down
@@ -37,9 +39,9 @@ void run(const Options &options) {
   uint64_t sent = 0;
   for (; round.number == 1 || seconds_since(start) < options.seconds; ++round.number) {
     send_mark(channel, {.round = round, .end = false});
-    for (const soak::Package &package : soak::packages()) {
-      for (const soak::Message &message : package.messages) message.send(channel, round);
-      sent += package.messages.size();
+    for (const soak::Type *type : drix::describe::types()) {
+      soak::send(channel, *type, round);
+      ++sent;
     }
   }
   send_mark(channel, {.round = round, .end = true});

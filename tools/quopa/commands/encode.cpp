@@ -16,7 +16,6 @@ namespace quopa {
 namespace {
 
 using drix::describe::Type;
-using drix::inspect::Event;
 using drix::inspect::Record;
 
 std::vector<uint8_t> build_compact(const Type &type, const Record &record) {
@@ -32,30 +31,12 @@ std::vector<uint8_t> build_compact(const Type &type, const Record &record) {
   }
 }
 
-// Bytes that the layout leaves unwritten, which a process sends as they come.
-class BlankGaps : public drix::inspect::Sink {
- public:
-  explicit BlankGaps(uint8_t *buffer) : buffer_(buffer) {}
-
-  void take(const drix::inspect::TablePath &, std::span<const Event> events) override {
-    for (const Event &event : events) {
-      if (event.thing == drix::inspect::Thing::unwritten) std::memset(buffer_ + event.at, 0, event.size);
-    }
-  }
-
- private:
-  uint8_t *buffer_;
-};
-
 std::vector<uint8_t> build_fixed(const Type &type, const Record &record) {
   if (!type.is_fixed()) {
     throw BadUsage(type.name() + " has variable length, so there is no fixed layout for it; leave out --layout fixed");
   }
   if (type.library.sendsingle(0, record.data(), 1, 0) != 0) throw BadInput("out of memory");
-  std::vector<uint8_t> buffer = last_sent();
-  BlankGaps blank(buffer.data());
-  drix::inspect::walk(type, buffer.data(), static_cast<uint32_t>(buffer.size()), &blank);
-  return buffer;
+  return last_sent();
 }
 
 void write_to(std::ostream &out, const std::vector<uint8_t> &buffer, bool hexadecimal) {
