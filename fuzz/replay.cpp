@@ -1,10 +1,13 @@
 // Runs a fuzz target on the files, and all files in the folders, given as arguments.
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
-#include "target.h"
+#include "entry.h"
 
 namespace {
 

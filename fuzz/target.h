@@ -8,9 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "entry.h"
 #include "judge.h"
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size);
 
 namespace fuzz {
 

@@ -136,7 +136,7 @@ for fetch in OFF ON; do
     "-DALL_TYPES=$all_types" -DFETCH=$fetch -DCMAKE_EXPORT_COMPILE_COMMANDS=ON
   try '  compiles' sh -c "cd sub$fetch && eval \"\$(jq -r '.[] | select(.file | endswith(\"all_types.c\")).command' compile_commands.json)\""
   try '  links the library' sh -c "ninja -C sub$fetch -t commands all_types | tail -n 1 | grep libdrix_fib6.so"
-  try '  builds no tools and installs nothing of it' sh -c "! ninja -C sub$fetch -t targets all | grep -E "(^|/)(lib)?quopa[^/]*:" && ! grep -r fib6Sync.h sub$fetch --include=cmake_install.cmake"
+  try '  builds no tools and installs nothing of it' sh -c "! ninja -C sub$fetch -t targets all | grep -E '(^|/)(lib)?quopa[^/]*:' && ! grep -r fib6Sync.h sub$fetch --include=cmake_install.cmake"
 done
 
 if python3 -c 'import cffi' 2>/dev/null; then
