@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Checks the code style with clang-format and looks for likely mistakes with clang-tidy, after installing what is
-# missing. Names what it finds, and at the end how many files have findings. For developers; the rest of the checks is
-# in scripts/test.sh.
+# Checks the code style with clang-format, that each source compiles alone, and looks for likely mistakes with
+# clang-tidy, after installing what is missing. Names what it finds, and at the end how many files have findings. For
+# developers; the rest of the checks is in scripts/test.sh.
 #
 # Usage: scripts/lint.sh [FILE]...   (default: the sources of the library, the stand-ins, the examples and the tools)
 set -euo pipefail
@@ -23,6 +23,7 @@ require_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" clang-tidy-14
 mkdir -p build
 : >build/lint.log
 logged build/lint.log cmake --preset clang -B build/lint -DDRIX_JOIN_SOURCES=OFF
+[ $# -gt 0 ] || logged build/lint.log cmake --build build/lint
 style=good
 check_format || style="not as clang-format-14 leaves it"
 
