@@ -285,6 +285,22 @@ TEST(CaptureRing, DamageEndsNoOtherFile) {
   }
 }
 
+TEST(CaptureRing, GoesOnBehindWhatCannotBeOpened) {
+  const Folder folder;
+  RingFile first(folder, 1), last(folder, 1);
+  first.begin("quopa-test-7.0.pcapng");
+  first.write(1);
+  for (const char *name : {"quopa-test-7.1.pcapng", "quopa-test-7.2.pcapng"}) {
+    std::filesystem::create_symlink("nothing", folder / name);
+  }
+  last.begin("quopa-test-7.3.pcapng");
+  last.write(2);
+  Following following(folder, kNone);
+  EXPECT_EQ(following.drain(), "1 2");
+  EXPECT_EQ(following.complaints(),
+            "quopa-test-7.1.pcapng: No such file or directory\nquopa-test-7.2.pcapng: No such file or directory\n");
+}
+
 TEST(CaptureRing, IsNotMixedWithWhatComesInItsPlace) {
   const Folder folder;
   RingFile file(folder, 400);
