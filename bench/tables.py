@@ -4,7 +4,7 @@
 Usage: tables.py NAME=FILE[,FILE]...   a build's name and what Google Benchmark wrote for it; the first one is shown
 
 Cases are named table/row/column. A figure is the median of all repetitions in CPU time, in nanoseconds for a record, or
-for an element of a vector.
+for an element of a vector; page faults are counted.
 """
 
 import json
@@ -52,7 +52,7 @@ def print_medians(tables):
         for row, figures in rows.items():
             groups.setdefault(tuple(figures), []).append((row, [f"{figure:.1f}" for figure in figures.values()]))
         for columns, lines in groups.items():
-            print_table(f"{table}, ns", columns, lines)
+            print_table(table if table.startswith("page faults") else f"{table}, ns", columns, lines)
 
 
 def ratios(rows, above, below):

@@ -93,7 +93,8 @@ if [ -z "$rows" ]; then bench/bars.py build/bench/tables.md build/bench; fi
 # Routes per second from one process to the other, checked and acknowledged, the same with the recorder in both, and what
 # ZeroMQ does with as many bytes, in turn. The two processes wait for each other, so this is elapsed time.
 exchange() { # BATCH TIMES, how often to send the sample
-  scripts/demo.sh --binaries "build/bench/${builds[0]}/examples" --sample --quiet --repeat "$2" --batch "$1" 2>/dev/null | sed -n 's|^sent .* s: \([0-9]*\) routes/s, all acknowledged$|\1|p'
+  scripts/demo.sh --binaries "build/bench/${builds[0]}/examples" --sample --quiet --repeat "$2" --batch "$1" \
+    2>/dev/null | sed -n 's|^sent .* s: \([0-9]*\) routes/s, all acknowledged$|\1|p'
 }
 traced_exchange() (
   trace=$(mktemp -d -p /dev/shm) # in memory
@@ -101,6 +102,7 @@ traced_exchange() (
   # The loader takes a blank in LD_PRELOAD, which the folder may have, for the end of a name.
   export QUOPA_TRACE_DIR=$trace LD_LIBRARY_PATH=$PWD/build/bench/${builds[0]}/trace LD_PRELOAD=libquopa_trace.so
   exchange "$@"
+  [ "$(find "$trace" -type f | wc -l)" -eq 16 ] || fail "no room in $trace for the traces of two processes"
 )
 declare -A library traced zeromq
 for batch in "${batches[@]}"; do
