@@ -29,21 +29,29 @@ class Generator {
     fill_members(record, [this](std::size_t) { return std::bernoulli_distribution(zeros_)(random_); });
   }
 
-  // Fills count records whose zeros are in the same members.
+  // Which scalars are zero, as many of them as the probability says.
   template <class R>
-  void fill_alike(R *records, uint32_t count) {
+  using Shape = std::array<bool, drix::kSlots<R>>;
+
+  template <class R>
+  Shape<R> draw_shape() {
     std::vector<std::size_t> scalars;
     drix::for_each_slot<R>([&](auto slot) {
       if (slot.kind == Kind::scalar) scalars.push_back(slot.index);
     });
     std::shuffle(scalars.begin(), scalars.end(), random_);
     const double share = static_cast<double>(scalars.size()) * zeros_ + std::uniform_real_distribution<>()(random_);
-    std::array<bool, drix::kSlots<R>> absent{};
-    for (std::size_t i = 0; i < static_cast<std::size_t>(share); ++i) absent[scalars[i]] = true;
-    for (uint32_t i = 0; i < count; ++i) {
-      std::memset(static_cast<void *>(&records[i]), 0, sizeof records[i]);
-      fill_members(records[i], [&](std::size_t slot) { return absent[slot]; });
-    }
+    Shape<R> shape{};
+    for (std::size_t i = 0; i < static_cast<std::size_t>(share); ++i) shape[scalars[i]] = true;
+    return shape;
+  }
+
+  // Fills a record that has one of the shapes, drawn at random.
+  template <class R>
+  void fill(R &record, const std::vector<Shape<R>> &shapes) {
+    const Shape<R> &shape = shapes[std::uniform_int_distribution<std::size_t>(0, shapes.size() - 1)(random_)];
+    std::memset(static_cast<void *>(&record), 0, sizeof record);
+    fill_members(record, [&](std::size_t slot) { return shape[slot]; });
   }
 
  private:

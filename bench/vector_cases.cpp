@@ -1,6 +1,9 @@
-// Vectors of routes, with one shape (the same members zero in all elements) and with a random shape for each element.
+// Vectors of routes. A shape is which members are zero: one for all elements of a vector, which other vectors do not
+// share; or one of a few that all vectors share, drawn for each element, as in real tables; or random for each element.
 // Decoding includes giving the elements back, for the library as for its peers.
+#include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "bench/cases.h"
@@ -14,21 +17,34 @@ namespace {
 
 constexpr uint32_t kMostElements = 1'000'000;
 
-enum class Shape { one, random };
+// How many shapes the elements of all vectors share, or one of these.
+constexpr uint32_t kOneForEachVector = 0;
+constexpr uint32_t kRandom = UINT32_MAX;
+
+std::string name_of(uint32_t shapes) {
+  if (shapes == kOneForEachVector) return "one shape";
+  if (shapes == kRandom) return "random shapes";
+  return std::to_string(shapes) + (shapes == 1 ? " shared shape" : " shared shapes");
+}
 
 // Encoding space of one batch; longer vectors are sent one by one.
 constexpr uint32_t kBatch = 8;
 constexpr uint32_t kLongestInBatch = 64;
 
 struct Set {
-  Set(uint32_t messages, uint32_t elements, double zeros, Shape shape) : routes(std::size_t{messages} * elements) {
+  Set(uint32_t messages, uint32_t elements, double zeros, uint32_t shapes) : routes(std::size_t{messages} * elements) {
     Generator generator(0, zeros);
+    std::vector<Generator::Shape<Route>> shared;
+    for (uint32_t i = 0; shapes != kRandom && i < shapes; ++i) shared.push_back(generator.draw_shape<Route>());
     for (uint32_t i = 0; i < messages; ++i) {
       Route *const first = &routes[std::size_t{i} * elements];
-      if (shape == Shape::one) {
-        generator.fill_alike(first, elements);
-      } else {
-        for (uint32_t k = 0; k < elements; ++k) generator.fill(first[k]);
+      if (shapes == kOneForEachVector) shared = {generator.draw_shape<Route>()};
+      for (uint32_t k = 0; k < elements; ++k) {
+        if (shapes == kRandom) {
+          generator.fill(first[k]);
+        } else {
+          generator.fill(first[k], shared);
+        }
       }
       records.push_back({i, elements, first});
       compact.add([&] { return pack(records[i]); });
@@ -72,14 +88,13 @@ void register_peer(const std::string &row, const char *name, const std::shared_p
   });
 }
 
-void register_row(uint32_t turns, uint32_t elements, double zeros, Shape shape) {
+void register_row(uint32_t turns, uint32_t elements, double zeros, uint32_t shapes) {
   using Operations = drix::message<Routes>;
   const std::string row = "vectors/" + std::to_string(elements) + " elements, " +
-                          std::to_string(static_cast<int>(zeros * 100)) + " % zero, " +
-                          (shape == Shape::one ? "one shape, " : "random shapes, ") + std::to_string(turns) +
-                          (turns == 1 ? " vector/" : " vectors in turn/");
+                          std::to_string(static_cast<int>(zeros * 100)) + " % zero, " + name_of(shapes) + ", " +
+                          std::to_string(turns) + (turns == 1 ? " vector/" : " vectors in turn/");
   if (!is_wanted(row)) return;
-  const auto set = std::make_shared<Set>(turns, elements, zeros, shape);
+  const auto set = std::make_shared<Set>(turns, elements, zeros, shapes);
   time_in_turn(row + "copy records", turns, elements,
                [=](uint32_t i) { copy(output(), set->records[i].f1, elements * sizeof(Route)); });
   time_in_turn(row + "copy compact", turns, elements,
@@ -109,16 +124,19 @@ void register_row(uint32_t turns, uint32_t elements, double zeros, Shape shape) 
 }  // namespace
 
 void register_vector_cases() {
-  register_row(kLearned, 64, 0.5, Shape::random);
-  for (const uint32_t elements : {64u, 1000u}) {
-    register_row(kUnseen / elements, elements, 0, Shape::one);
-    for (const double zeros : {0.5, 0.8}) {
-      for (const Shape shape : {Shape::one, Shape::random}) register_row(kUnseen / elements, elements, zeros, shape);
+  register_row(kLearned, 64, 0.5, kRandom);
+  for (const uint32_t elements : {4u, 16u, 64u, 1000u}) {
+    const uint32_t turns = kUnseen / elements;
+    register_row(turns, elements, 0, kOneForEachVector);
+    for (const uint32_t shapes : {kOneForEachVector, 1u, 4u, 16u, 64u, kRandom}) {
+      register_row(turns, elements, 0.5, shapes);
     }
+    if (elements < 64) continue;
+    for (const uint32_t shapes : {kOneForEachVector, kRandom}) register_row(turns, elements, 0.8, shapes);
   }
-  register_row(1, kMostElements, 0, Shape::one);
-  register_row(1, kMostElements, 0.5, Shape::one);
-  register_row(1, kMostElements, 0.5, Shape::random);
+  register_row(1, kMostElements, 0, kOneForEachVector);
+  register_row(1, kMostElements, 0.5, kOneForEachVector);
+  register_row(1, kMostElements, 0.5, kRandom);
 }
 
 }  // namespace bench

@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <span>
 #include <stdexcept>
+#include <utility>
 
 namespace routes {
 namespace {
@@ -98,12 +99,19 @@ std::string format_row(const std::array<std::string, 5> &cells) {
   return row;
 }
 
-uint32_t chain(uint32_t checksum, std::span<const uint32_t> words) {
-  for (const uint32_t word : words) {
-    checksum = (checksum ^ word) * 0x9E3779B1u;
-    checksum ^= checksum >> 15;
-  }
-  return checksum;
+// Random for each place; with multiples of one number, changes of two words would cancel out too often.
+constexpr uint32_t key(std::size_t place) {
+  uint32_t bits = static_cast<uint32_t>(place + 1) * 0x9E3779B1;
+  bits = (bits ^ bits >> 15) * 0x85EBCA77;
+  return bits ^ bits >> 13;
+}
+
+// The sum of the products of neighbours, each with its key, depends on value and place of every word. No product waits
+// for another, nor for the previous checksum: a tenth of the time of a chain from word to word.
+template <std::size_t... I>
+uint32_t chain(uint32_t previous, const uint32_t (&words)[2 * sizeof...(I)], std::index_sequence<I...>) {
+  const uint64_t sum = (... + (uint64_t{words[2 * I] + key(2 * I)} * (words[2 * I + 1] + key(2 * I + 1))));
+  return static_cast<uint32_t>(sum * 0x9E3779B97F4A7C15 >> 32) ^ previous * 0x9E3779B1;
 }
 
 }  // namespace
@@ -177,15 +185,31 @@ std::string interface_name(const fib6Sync_svcCtxMsg &message) {
 
 uint32_t chain_checksum(uint32_t previous, const fib6Sync_ipv6FwdUpdateMsg &message) {
   const auto &[header, route] = message;
-  const uint32_t words[] = {header.f0,   header.f1,   route.f0,    route.f1,  route.f2,  route.f3[0],
-                            route.f3[1], route.f3[2], route.f3[3], route.f4,  route.f5,  route.f6,
-                            route.f7,    route.f8,    route.f9,    route.f10, route.f11, route.f12};
-  return chain(previous, words);
+  // The sender has just written f6; together with its neighbours it would have to wait for that to reach the cache.
+  const uint32_t words[] = {header.f0,
+                            header.f1,
+                            route.f0,
+                            route.f1,
+                            route.f2,
+                            route.f3[0],
+                            route.f3[1],
+                            route.f3[2],
+                            route.f3[3],
+                            route.f7,
+                            route.f8,
+                            route.f9,
+                            route.f10,
+                            route.f6,
+                            route.f4 | uint32_t{route.f5} << 8,
+                            route.f11 | uint32_t{route.f12} << 16};
+  return chain(previous, words, std::make_index_sequence<8>());
 }
 
 uint32_t chain_checksum(uint32_t previous, const fib6Sync_svcCtxMsg &message) {
-  const uint32_t header[] = {message.f0.f0, message.f0.f1};
-  return chain(chain(previous, header), std::span(message.f1).first<7>());
+  const auto &[header, context] = message;
+  const uint32_t words[] = {header.f0,  header.f1,  context[0], context[1], context[2],
+                            context[3], context[4], context[5], context[6], 0};
+  return chain(previous, words, std::make_index_sequence<5>());
 }
 
 }  // namespace routes

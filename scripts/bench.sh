@@ -3,7 +3,7 @@
 # operations beside a plain serializer, Protocol Buffers, Cap'n Proto and memcpy, on one core, then the exchange of
 # records between two processes. Prints Markdown tables, each ratio beside its aim, draws their main rows as
 # build/bench/bars-*.svg, and leaves the results of every repetition in build/bench/*.json. Wants a quiet machine with two
-# cores, for about ten minutes.
+# cores, for about a quarter of an hour.
 #
 # Usage: scripts/bench.sh [--quick] [--rows REGEX]
 #   --quick         g++ at -O2 only, few repetitions, no second process: a minute once built
@@ -90,26 +90,37 @@ python3 bench/tables.py "${arguments[@]}" | tee build/bench/tables.md
 if [ -z "$rows" ]; then bench/bars.py build/bench/tables.md build/bench; fi
 [ ${#batches[@]} -gt 0 ] || exit 0
 
-# Routes per second from one process to the other, acknowledged, and what ZeroMQ does with as many bytes, in turn. The two
-# processes wait for each other, so this is elapsed time.
-routes=2670000 # 10,000 times the sample
-exchange() { # BATCH
-  scripts/demo.sh --binaries "build/bench/${builds[0]}/examples" --sample --quiet --repeat $((routes / 267)) \
-    --batch "$1" 2>/dev/null | sed -n 's|^sent .* s: \([0-9]*\) routes/s, all acknowledged$|\1|p'
+# Routes per second from one process to the other, checked and acknowledged, the same with the recorder in both, and what
+# ZeroMQ does with as many bytes, in turn. The two processes wait for each other, so this is elapsed time.
+exchange() { # BATCH TIMES, how often to send the sample
+  scripts/demo.sh --binaries "build/bench/${builds[0]}/examples" --sample --quiet --repeat "$2" --batch "$1" \
+    2>/dev/null | sed -n 's|^sent .* s: \([0-9]*\) routes/s, all acknowledged$|\1|p'
 }
-declare -A library zeromq
+traced_exchange() (
+  trace=$(mktemp -d -p /dev/shm) # in memory
+  trap 'rm -r "$trace"' EXIT
+  # The loader takes a blank in LD_PRELOAD, which the folder may have, for the end of a name.
+  export QUOPA_TRACE_DIR=$trace LD_LIBRARY_PATH=$PWD/build/bench/${builds[0]}/trace LD_PRELOAD=libquopa_trace.so
+  exchange "$@"
+  [ "$(find "$trace" -type f | wc -l)" -eq 16 ] || fail "no room in $trace for the traces of two processes"
+)
+declare -A library traced zeromq
 for batch in "${batches[@]}"; do
+  # Seconds: the recorder's first turn of its ring, for which the kernel has to find the memory, takes some tenths.
+  times=$((batch < 256 ? 20000 : 100000))
   for _ in 1 2 3; do
-    library[$batch]+=$(exchange "$batch")$'\n'
-    zeromq[$batch]+=$("build/bench/${builds[0]}/bench/drix_bench_exchange" "$batch" $routes)$'\n'
+    library[$batch]+=$(exchange "$batch" $times)$'\n'
+    traced[$batch]+=$(traced_exchange "$batch" $times)$'\n'
+    zeromq[$batch]+=$("build/bench/${builds[0]}/bench/drix_bench_exchange" "$batch" $((times * 267)))$'\n'
   done
 done
 middle() { sort -n <<<"${1%$'\n'}" | sed -n 2p; }
 {
-  printf '\n| fib6Sync.ipv6FwdUpdateMsg between processes, records/s | the library over the stand-in bus | ZeroMQ | ratio |\n'
-  printf '|---|--:|--:|--:|\n'
+  printf '\n| fib6Sync.ipv6FwdUpdateMsg between processes, records/s | the library over the stand-in bus | both sides traced '
+  printf '| ZeroMQ | traced : untraced | library : ZeroMQ |\n|---|--:|--:|--:|--:|--:|\n'
   for batch in "${batches[@]}"; do
-    ours=$(middle "${library[$batch]}") theirs=$(middle "${zeromq[$batch]}")
-    printf '| batch of %d | %d | %d | %.2f |\n' "$batch" "$ours" "$theirs" "$(awk "BEGIN { print $ours / $theirs }")"
+    ours=$(middle "${library[$batch]}") recorded=$(middle "${traced[$batch]}") theirs=$(middle "${zeromq[$batch]}")
+    printf '| batch of %d | %d | %d | %d | %.2f | %.2f |\n' "$batch" "$ours" "$recorded" "$theirs" \
+      "$(awk "BEGIN { print $recorded / $ours }")" "$(awk "BEGIN { print $ours / $theirs }")"
   done
 } | tee -a build/bench/tables.md
