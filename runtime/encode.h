@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "runtime/element_write.h"
+#include "runtime/elements.h"
 #include "runtime/image.h"
 #include "runtime/image_runs.h"
 #include "runtime/message.h"
@@ -57,7 +57,7 @@ uint64_t nested_size(const R &record) {
       if (!has_offset_word<S>(record)) return;
       const uint32_t count = S::count(record);
       size += kOffsetAndCount + count * (kWord + kLeast);
-      if (size <= kLongest) size += count * (full_size<Element>() - kLeast) - Zeros<Element>::bytes(value, count);
+      if (size <= kLongest) size += count * (full_size<Element>() - kLeast) - zero_bytes(kElementType<Element>, value, count);
     }
   });
   return size;
@@ -98,7 +98,7 @@ class TableWriter {
     write_contents();
     const auto table_size = static_cast<uint16_t>(end_ - table_);
     write_embedded_tables();
-    write_elements();
+    write_vectors();
     store(vtable_, static_cast<uint16_t>(kVtableLength));
     store(vtable_ + 2, table_size);
     store(table_, kVtableLength);
@@ -179,14 +179,13 @@ class TableWriter {
     });
   }
 
-  [[gnu::always_inline]] void write_elements() {
+  [[gnu::always_inline]] void write_vectors() {
     for_each_slot<R>([&]<class S>(S) {
       if constexpr (S::kind == Kind::vector) {
         if (!has_offset_word<S>(record_)) return;
         const uint32_t count = S::count(record_);
-        const auto *elements = S::value(record_);
-        uint8_t *word = element_words_[S::index];
-        end_ = build_elements(word, count, elements, end_);
+        constexpr const ElementType &kType = kElementType<typename S::Element>;
+        end_ = write_elements(kType, element_words_[S::index], count, S::value(record_), end_);
       }
     });
   }
