@@ -76,7 +76,8 @@ template <class T, std::size_t size>
 }
 
 [[DRIX_SHUFFLES, gnu::always_inline]] inline void copy_array(uint8_t *to, const uint8_t *from, std::size_t size) {
-  if (size == kWindow) [[likely]] return store_window(to, load_window(from));
+  if (size == kWindow) [[likely]]
+    return store_window(to, load_window(from));
   for (; size >= kWord; size -= kWord, to += kWord, from += kWord) std::memcpy(to, from, kWord);
   for (; size > 0; --size) *to++ = *from++;
 }
@@ -182,8 +183,8 @@ class ShapedTable {
 
 // Writes the elements of types with so many windows and heads.
 template <std::size_t windows, std::size_t heads>
-[[DRIX_SHUFFLES]] uint8_t *write_by_shuffles(const ElementType &type, uint8_t *words, uint32_t count, const void *records,
-                                        uint8_t *end) {
+[[DRIX_SHUFFLES]] uint8_t *write_by_shuffles(const ElementType &type, uint8_t *words, uint32_t count,
+                                             const void *records, uint8_t *end) {
   ShapedTable<windows, heads> shaped(type);
   SameShape same;
   const std::size_t record_size = type.record_size;
@@ -231,8 +232,8 @@ template <std::size_t windows, std::size_t heads>
 
 // Reads them, until one is not what a writer of this library makes of its shape.
 template <std::size_t windows, std::size_t heads>
-[[DRIX_SHUFFLES]] uint32_t read_by_shuffles(const ElementType &type, const uint8_t *buffer, uint32_t length, uint32_t words,
-                                       uint32_t count, void *records) {
+[[DRIX_SHUFFLES]] uint32_t read_by_shuffles(const ElementType &type, const uint8_t *buffer, uint32_t length,
+                                            uint32_t words, uint32_t count, void *records) {
   ShapedTable<windows, heads> shaped(type);
   SameShape same;
   const std::size_t record_size = type.record_size;

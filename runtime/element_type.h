@@ -26,32 +26,32 @@ uint8_t *write_each(const ElementType &type, uint8_t *words, uint32_t count, con
 template <class R>
 uint8_t *build_table(uint8_t *vtable, const void *of);
 
-inline constexpr std::size_t kHalf = 8;             // bytes of a record that are looked at together
-inline constexpr std::size_t kWindow = 2 * kHalf;   // of two places, side by side
+inline constexpr std::size_t kHalf = 8;            // bytes of a record that are looked at together
+inline constexpr std::size_t kWindow = 2 * kHalf;  // of two places, side by side
 inline constexpr std::size_t kMostWindows = 3;
-inline constexpr std::size_t kMostHeads = 3;        // windows of the vtable
+inline constexpr std::size_t kMostHeads = 3;  // windows of the vtable
 inline constexpr std::size_t kMostScalars = 16;
-inline constexpr uint8_t kNothing = 0x80;           // for a byte shuffle: gives zero
+inline constexpr uint8_t kNothing = 0x80;  // for a byte shuffle: gives zero
 
 using WindowBytes = std::array<uint8_t, kWindow>;
 using WindowLanes = std::array<uint16_t, kWindow / 2>;
 
-inline constexpr std::size_t kMaskBytes = 64;       // of a record, for which a mask has a bit each
-inline constexpr std::size_t kMaskedHead = 32;      // of a vtable
+inline constexpr std::size_t kMaskBytes = 64;   // of a record, for which a mask has a bit each
+inline constexpr std::size_t kMaskedHead = 32;  // of a vtable
 
 // Of a type whose records and vtables are short enough. Scalars are numbered in the order of their slots.
 struct alignas(kWindow) ElementMasks {
-  std::array<uint8_t, kMaskBytes> rest;     // of the scalars, all bits but the top one
-  std::array<uint8_t, kMaskBytes> top;      // of each byte of the record: where in 16 bytes the top bit of its scalar is
-  std::array<uint8_t, kMaskBytes> entries;  // of each byte: where the entry of its scalar is in the vtable
+  std::array<uint8_t, kMaskBytes> rest;  // of the scalars, all bits but the top one
+  std::array<uint8_t, kMaskBytes> top;   // of each byte of the record: where in 16 bytes the top bit of its scalar is
+  std::array<uint8_t, kMaskBytes> entries;        // of each byte: where the entry of its scalar is in the vtable
   std::array<uint8_t, kMaskBytes> tail;           // what stands behind the scalars, but for the arrays
   std::array<uint8_t, kMaskBytes> tail_sources;   // of each byte of an array there: where it is in the record
   std::array<uint8_t, kMaskBytes> array_sources;  // of each byte of an array in the record: where it is there
-  std::array<uint8_t, kMaskedHead> numbers;    // of each scalar's entry: its number
-  std::array<uint16_t, kMaskedHead / 2> fixed; // of the other entries: what they are when all scalars are zero
-  WindowBytes tops;                // of each number: where the top bit of that scalar is in the record
-  WindowBytes entries_of_numbers;  // of each number: where its entry is
-  WindowBytes widths;              // of each number: of the scalar
+  std::array<uint8_t, kMaskedHead> numbers;       // of each scalar's entry: its number
+  std::array<uint16_t, kMaskedHead / 2> fixed;    // of the other entries: what they are when all scalars are zero
+  WindowBytes tops;                               // of each number: where the top bit of that scalar is in the record
+  WindowBytes entries_of_numbers;                 // of each number: where its entry is
+  WindowBytes widths;                             // of each number: of the scalar
   uint64_t record_bytes;
   uint64_t scalar_bytes;
   uint64_t array_bytes;
@@ -92,8 +92,8 @@ struct ElementType {
 
   // Counted from the end of a table's scalars.
   struct Array {
-    uint16_t source;    // in the record
-    uint16_t size;      // bytes
+    uint16_t source;  // in the record
+    uint16_t size;    // bytes
     uint32_t elements;
     uint32_t distance;  // from the offset word to the count
     uint16_t word;      // where that is
@@ -122,14 +122,14 @@ struct ElementType {
   uint8_t vtable_length;
 };
 
-// Whether an element is expected to have the shape of the one before. At first it is; where shapes change, it takes a
-// few elements alike.
+// Whether an element is taken to have the shape of the one before while its own is still being found. The first one is
+// not, the second one is; where shapes change, it takes a few elements alike.
 class SameShape {
  public:
-  bool expected() const { return credit_ >= kEnough; }
+  bool expected() const { return credit_ - kEnough < kEnough; }
   bool as_before(uint64_t shape) const { return shape == last_; }
 
-  // Without a branch, which shapes that come in any order would have mispredicted.
+  // Without a branch, which would be mispredicted where shapes come in any order.
   void met(uint64_t shape) {
     const uint32_t same = in_register(uint32_t{as_before(shape)});
     credit_ = std::min((credit_ >> (1 - same)) + same, 2 * kEnough - 1);
@@ -138,9 +138,10 @@ class SameShape {
 
  private:
   static constexpr uint32_t kEnough = 4;
+  static constexpr uint32_t kFirst = 4 * kEnough;
 
-  uint64_t last_ = UINT64_MAX;
-  uint32_t credit_ = 2 * kEnough;
+  uint64_t last_ = UINT64_MAX;  // which no shape is: there are more bits than bytes
+  uint32_t credit_ = kFirst;
 };
 
 template <class R>
@@ -203,10 +204,10 @@ class ElementTables {
   }();
 
   static constexpr bool kShuffles =
-      kWindows > 0 && kWindows <= kMostWindows && kHeads <= kMostHeads && kCounts.scalars <= kMostScalars;
+      kWindows > 0 && kWindows <= kMostWindows &&kHeads <= kMostHeads &&kCounts.scalars <= kMostScalars;
 
   // Of an odd number the last one stands on both sides, its scalars on the second: that is stored last.
-  static constexpr std::array<uint16_t, 2 * kWindows> places = [] {
+  static constexpr std::array<uint16_t, 2 *kWindows> places = [] {
     std::array<uint16_t, 2 * kWindows> list{};
     std::size_t found = 0;
     for_each_place([&](std::size_t place) { list[found++] = static_cast<uint16_t>(place); });
@@ -300,8 +301,12 @@ class ElementTables {
       if constexpr (S::kind == Kind::array) {
         constexpr std::size_t kSize = sizeof(typename S::Type);
         const std::size_t word = kWord * found;
-        list[found++] = {static_cast<uint16_t>(S::offset), kSize, S::elements, static_cast<uint32_t>(at - word),
-                         static_cast<uint16_t>(word), static_cast<uint16_t>(at)};
+        list[found++] = {static_cast<uint16_t>(S::offset),
+                         kSize,
+                         S::elements,
+                         static_cast<uint32_t>(at - word),
+                         static_cast<uint16_t>(word),
+                         static_cast<uint16_t>(at)};
         at += kWord + kSize;
       }
     });
@@ -311,8 +316,9 @@ class ElementTables {
   // Bytes of a table whose scalars are all zero, with its vtable.
   static constexpr std::size_t kLeast = kVtable + kWord + kCounts.tail;
 
-  static constexpr bool kMasks =
-      sizeof(R) <= kMaskBytes && kCounts.tail <= kMaskBytes && kVtable <= kMaskedHead && kCounts.scalars <= kMostScalars && kHostIsLittleEndian;
+  static constexpr bool kMasks = sizeof(R) <= kMaskBytes && kCounts.tail <= kMaskBytes &&
+                                 kCounts.scalar_bytes < kMaskBytes && kVtable <= kMaskedHead &&
+                                 kCounts.scalars <= kMostScalars && kHostIsLittleEndian;
 
   static constexpr ElementMasks masks = [] {
     ElementMasks made{};

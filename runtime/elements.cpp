@@ -54,6 +54,8 @@ uint64_t zero_bytes_in_window(const ElementType::Window &window, const uint8_t *
 }
 
 #ifdef DRIX_HAS_SHUFFLES
+enum class ElementWay : uint8_t { unknown, each, shuffles, masks };
+
 // The best way that this processor and its system know.
 ElementWay find_element_way() {
   uint32_t a, b, c, d;
@@ -71,12 +73,8 @@ ElementWay find_element_way() {
 #endif
   return ElementWay::shuffles;
 }
-#endif
-
-}  // namespace
 
 ElementWay element_way() {
-#ifdef DRIX_HAS_SHUFFLES
   static std::atomic<ElementWay> known = ElementWay::unknown;
   ElementWay way = known.load(std::memory_order_relaxed);
   if (way == ElementWay::unknown) [[unlikely]] {
@@ -84,10 +82,27 @@ ElementWay element_way() {
     known.store(way, std::memory_order_relaxed);
   }
   return way;
-#else
-  return ElementWay::each;
-#endif
 }
+#endif
+
+// How many elements were read by the better ways.
+uint32_t read_together([[maybe_unused]] const ElementType &type, [[maybe_unused]] const uint8_t *buffer,
+                       [[maybe_unused]] uint32_t length, [[maybe_unused]] uint32_t words,
+                       [[maybe_unused]] uint32_t count, [[maybe_unused]] void *records) {
+#ifdef DRIX_HAS_MASKS
+  if (type.masks != nullptr && element_way() == ElementWay::masks) {
+    return read_by_masks(type, buffer, length, words, count, records);
+  }
+#endif
+#ifdef DRIX_HAS_SHUFFLES
+  if (type.read_by_shuffles != nullptr && element_way() >= ElementWay::shuffles) {
+    return type.read_by_shuffles(type, buffer, length, words, count, records);
+  }
+#endif
+  return 0;
+}
+
+}  // namespace
 
 uint8_t *write_each(const ElementType &type, uint8_t *words, uint32_t count, const void *records, uint8_t *end) {
   const auto *record = static_cast<const uint8_t *>(records);
@@ -99,12 +114,12 @@ uint8_t *write_each(const ElementType &type, uint8_t *words, uint32_t count, con
 }
 
 uint8_t *write_elements(const ElementType &type, uint8_t *words, uint32_t count, const void *records, uint8_t *end) {
-  [[maybe_unused]] const ElementWay way = element_way();
 #ifdef DRIX_HAS_MASKS
-  if (type.masks != nullptr && way == ElementWay::masks) return write_by_masks(type, words, count, records, end);
+  if (type.masks != nullptr && element_way() == ElementWay::masks)
+    return write_by_masks(type, words, count, records, end);
 #endif
 #ifdef DRIX_HAS_SHUFFLES
-  if (type.write_by_shuffles != nullptr && way >= ElementWay::shuffles) {
+  if (type.write_by_shuffles != nullptr && element_way() >= ElementWay::shuffles) {
     return type.write_by_shuffles(type, words, count, records, end);
   }
 #endif
@@ -113,18 +128,7 @@ uint8_t *write_elements(const ElementType &type, uint8_t *words, uint32_t count,
 
 uint32_t read_elements(const ElementType &type, const uint8_t *buffer, uint32_t length, uint32_t words, uint32_t count,
                        void *records) {
-  [[maybe_unused]] const ElementWay way = element_way();
-  uint32_t done = 0;
-#ifdef DRIX_HAS_MASKS
-  if (type.masks != nullptr && way == ElementWay::masks) {
-    done = read_by_masks(type, buffer, length, words, count, records);
-  }
-#endif
-#ifdef DRIX_HAS_SHUFFLES
-  if (type.read_by_shuffles != nullptr && way >= ElementWay::shuffles && done == 0) {
-    done = type.read_by_shuffles(type, buffer, length, words, count, records);
-  }
-#endif
+  uint32_t done = read_together(type, buffer, length, words, count, records);
   auto *record = static_cast<uint8_t *>(records) + std::size_t{done} * type.record_size;
   for (; done < count; ++done, record += type.record_size) {
     const uint64_t word = uint64_t{words} + uint64_t{kWord} * done;
@@ -136,9 +140,15 @@ uint32_t read_elements(const ElementType &type, const uint8_t *buffer, uint32_t 
 
 uint64_t zero_bytes(const ElementType &type, const void *records, uint32_t count) {
   const auto *record = static_cast<const uint8_t *>(records);
+  const uint32_t last = std::min<uint32_t>(count, type.last_read);
   uint64_t sum = 0;
   for (uint32_t i = 0; i < type.window_count; ++i) {
-    sum += zero_bytes_in_window(type.windows[i], record, type.record_size, count);
+    sum += zero_bytes_in_window(type.windows[i], record, type.record_size, count - last);
+  }
+  for (uint32_t i = count - last; i < count; ++i) {
+    uint8_t half[kHalf] = {};
+    std::memcpy(half, record + i * type.record_size, type.record_size);
+    sum += zero_bytes_in_window(type.windows[0], half, 0, 1);
   }
   return sum;
 }

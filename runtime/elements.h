@@ -7,15 +7,6 @@
 
 namespace drix {
 
-// The ways, each by the next one where it does not apply.
-enum class ElementWay : uint8_t { unknown, each, shuffles, masks };
-
-// The best that this processor has.
-ElementWay element_way();
-
-// How many bytes the zeros among the scalars of so many records have.
-uint64_t zero_bytes(const ElementType &type, const void *records, uint32_t count);
-
 // Writes a vector's elements from end on, and their places into the offset words; returns the end of all that was
 // written.
 uint8_t *write_elements(const ElementType &type, uint8_t *words, uint32_t count, const void *records, uint8_t *end);
@@ -24,6 +15,9 @@ uint8_t *write_elements(const ElementType &type, uint8_t *words, uint32_t count,
 // many of them were plain. The record of the next one is in whatever state then.
 uint32_t read_elements(const ElementType &type, const uint8_t *buffer, uint32_t length, uint32_t words, uint32_t count,
                        void *records);
+
+// How many bytes the zeros among the scalars of so many records have.
+uint64_t zero_bytes(const ElementType &type, const void *records, uint32_t count);
 
 template <class R>
 inline constexpr ElementType kElementType = [] {
@@ -35,6 +29,7 @@ inline constexpr ElementType kElementType = [] {
   type.window_count = Tables::kWindows;
   type.record_size = sizeof(R);
   type.vtable_length = Tables::kVtable;
+  type.last_read = Tables::last_read();
 #ifdef DRIX_HAS_SHUFFLES
   if constexpr (Tables::kShuffles) {
     type.write_by_shuffles = write_by_shuffles<Tables::kWindows, Tables::kHeads>;
@@ -47,7 +42,6 @@ inline constexpr ElementType kElementType = [] {
     type.behind = Tables::behind;
     type.tail_size = Tables::kCounts.tail;
     type.last_written = Tables::last_written();
-    type.last_read = Tables::last_read();
   }
 #endif
 #ifdef DRIX_HAS_MASKS
