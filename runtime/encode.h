@@ -57,8 +57,8 @@ uint64_t nested_size(const R &record) {
       if (!has_offset_word<S>(record)) return;
       const uint32_t count = S::count(record);
       size += kOffsetAndCount + count * (kWord + kLeast);
-      if (size <= kLongest)
-        size += count * (full_size<Element>() - kLeast) - zero_bytes(kElementType<Element>, value, count);
+      if (size > kLongest) return;
+      size += count * (full_size<Element>() - kLeast) - zero_bytes(kElementType<Element>, value, count);
     }
   });
   return size;
