@@ -233,6 +233,10 @@ struct Encoder {
 // Encoded length of a record of a variable-length type in the compact layout; 0 when it does not fit in 32 bits.
 uint32_t compact_size(const Encoder &encoder, const void *record);
 
+// Writes a record in the compact layout into a buffer that has room for it at its longest, without binding the services;
+// returns the number of bytes written.
+uint32_t build_unbound(const Encoder &encoder, uint8_t *buffer, const void *record);
+
 // Writes a record in the compact layout into a buffer that is large enough. Returns the number of bytes written, 0 on
 // bad parameters.
 uint32_t build(const Encoder &encoder, uint8_t *buffer, uint32_t capacity, const void *record);
