@@ -114,6 +114,7 @@ struct ElementType {
   WindowBytes widths;  // of the scalars
   WindowBytes behind;  // 0xFF in the last head behind the vtable's end
   uint16_t record_size;
+  uint16_t full_size;  // of a table without zeros, with its vtable
   uint16_t tail_size;  // bytes of a table behind its scalars
   uint8_t window_count;
   uint8_t array_count;
@@ -320,12 +321,16 @@ class ElementTables {
                                  kCounts.scalar_bytes < kMaskBytes && kVtable <= kMaskedHead &&
                                  kCounts.scalars <= kMostScalars && kHostIsLittleEndian;
 
+  static constexpr uint64_t first_bytes(std::size_t count) {
+    return count == 0 ? 0 : UINT64_MAX >> (kMaskBytes - count);
+  }
+
   static constexpr ElementMasks masks = [] {
     ElementMasks made{};
     if (!kMasks) return made;
     made.tail_size = kCounts.tail;
     made.last_elements = (kMaskBytes - kCounts.tail + kLeast - 1) / kLeast;
-    made.tail_bytes = kCounts.tail == 0 ? 0 : UINT64_MAX >> (kMaskBytes - kCounts.tail);
+    made.tail_bytes = first_bytes(kCounts.tail);
     std::size_t contents = kWord * kCounts.arrays;
     const auto put = [&](std::size_t at, std::size_t value) { made.tail[at] = static_cast<uint8_t>(value); };
     const auto set = [&](std::size_t entry, std::size_t fixed, bool moves) {
@@ -333,7 +338,7 @@ class ElementTables {
       made.moving = static_cast<uint16_t>(made.moving | (moves ? 1 << entry : 0));
     };
     made.top.fill(kNothing);
-    made.record_bytes = UINT64_MAX >> (kMaskBytes - sizeof(R));
+    made.record_bytes = first_bytes(sizeof(R));
     made.entries_used = static_cast<uint16_t>(0xFFFF >> (kMaskedHead - kVtable) / 2);
     made.numbers_used = static_cast<uint16_t>((1 << kCounts.scalars) - 1);
     set(0, kVtable, false);

@@ -114,16 +114,25 @@ uint8_t *write_each(const ElementType &type, uint8_t *words, uint32_t count, con
 }
 
 uint8_t *write_elements(const ElementType &type, uint8_t *words, uint32_t count, const void *records, uint8_t *end) {
+  // Of a few elements, those without zeros at the start are not worth loading what the better ways need.
+  constexpr uint32_t kFew = 8;
+  const auto *record = static_cast<const uint8_t *>(records);
+  for (bool is_full = count <= kFew; is_full && count > 0; --count, words += kWord, record += type.record_size) {
+    uint8_t *const start = end;
+    store(words, static_cast<uint32_t>(start + type.vtable_length - words));
+    end = type.build_table(start, record);
+    is_full = end - start == type.full_size;
+  }
 #ifdef DRIX_HAS_MASKS
   if (type.masks != nullptr && element_way() == ElementWay::masks)
-    return write_by_masks(type, words, count, records, end);
+    return write_by_masks(type, words, count, record, end);
 #endif
 #ifdef DRIX_HAS_SHUFFLES
   if (type.write_by_shuffles != nullptr && element_way() >= ElementWay::shuffles) {
-    return type.write_by_shuffles(type, words, count, records, end);
+    return type.write_by_shuffles(type, words, count, record, end);
   }
 #endif
-  return write_each(type, words, count, records, end);
+  return write_each(type, words, count, record, end);
 }
 
 uint32_t read_elements(const ElementType &type, const uint8_t *buffer, uint32_t length, uint32_t words, uint32_t count,
