@@ -2,6 +2,8 @@
 // worst input.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "codec.h"
 #include "fake_bus.h"
 #include "fake_platform.h"
@@ -161,6 +163,15 @@ TEST(Codec, TakesNoTableForWhatItIsNot) {
     EXPECT_EQ(judge::decode(subject, memory.place_at_start(early.data(), early.size()), 600), "");
     EXPECT_EQ(judge::last_trace().allocations.size(), 1u);
   }
+  // An element's vtable is all zero, its own length too; the array that stands where one would is none of it.
+  Bytes empty = {12, 0, 0, 0, 8, 0, 8, 0, 0, 0, 4, 0, 8, 0, 0, 0, 4, 0, 0, 0, 1, 0, 0, 0, 14, 0, 0, 0};
+  empty.resize(66, 7);
+  std::fill_n(&empty[28], 22, uint8_t{0});
+  empty[38] = 10;
+  empty[42] = empty[46] = 4;
+  const Subject key(reference::find("korBrokerFib6", "ipv6PathMtuDelMsg"));
+  EXPECT_EQ(judge::decode(key, empty.data(), static_cast<uint32_t>(empty.size())), "");
+  EXPECT_EQ(judge::last_outcome(), judge::Outcome::complete);
   // Slot 0, a table, is absent; what its entry of 0 leads to looks like one.
   const Bytes image = {12, 0, 0, 0, 8, 0, 12, 0, 0, 0, 8, 0, 8, 0, 0, 0, 4, 0, 4, 0,
                        8,  0, 0, 0, 4, 0, 8,  0, 8, 0, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0};
