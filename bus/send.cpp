@@ -1,6 +1,7 @@
 #include "bus/send.h"
 
 #include <cstdlib>
+#include <cstring>
 
 #include "drix_bus.h"
 
@@ -10,6 +11,9 @@ namespace {
 static_assert(sizeof(DrixSendDescriptor) == sizeof(uintptr_t) + 8, "three words without a gap on the ILP32 platform");
 
 constexpr int32_t kFailure = -1;
+
+// Room on the stack for a single record of a variable-length type.
+constexpr uint32_t kShortImage = 0x2000;
 
 // Encoding space of one batch of a variable-length type.
 constexpr uint32_t kBatchArea = 0x10000;
@@ -97,11 +101,19 @@ int32_t send_single(const Encoder &encoder, uint32_t handle, const void *record,
     DrixSendDescriptor descriptor = descriptor_of(encoder, image, encoder.fixed_length);
     return call_bus(handle, &descriptor, 1, destination);
   }
-  const uint32_t size = compact_size(encoder, record);
+  // One block of the very size of the encoding. What is short is copied into it, which is quicker than to measure first.
+  uint8_t image[kShortImage];
+  const bool is_short = encoder.longest_size(record) <= sizeof image;
+  const uint32_t size = is_short ? build_unbound(encoder, image, record) : compact_size(encoder, record);
   if (size == 0) return kFailure;
   const HeapBlock block(size);
   if (block.start() == nullptr) return kFailure;
-  build(encoder, block.start(), size, record);
+  if (is_short) {
+    svc_bind_mem(encoder.message->services->encoding);
+    std::memcpy(block.start(), image, size);
+  } else {
+    build(encoder, block.start(), size, record);
+  }
   DrixSendDescriptor descriptor = descriptor_of(encoder, block.start(), size);
   return call_bus(handle, &descriptor, 1, destination);
 }

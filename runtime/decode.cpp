@@ -137,9 +137,10 @@ class TableDecoding {
     uint8_t *record = allocate(slot, static_cast<uint32_t>(size));
     if (record == nullptr) return false;
     for (uint32_t i = 0; i < count; ++i) {
-      if (inner.read_elements != nullptr) {
+      if constexpr (kQuickReaders) {
         const uint32_t words = length_ - room_ + element_word + kWord * i;
-        i += inner.read_elements(buffer_, length_, words, count - i, record + std::size_t{i} * element.record_size);
+        i += read_elements(*inner.element, buffer_, length_, words, count - i,
+                           record + std::size_t{i} * element.record_size);
         if (i == count) break;
       }
       if (!unpack_inner(element, element_word + kWord * i, record + std::size_t{i} * element.record_size)) return false;

@@ -7,7 +7,7 @@
 #include <array>
 #include <cstdint>
 
-#include "runtime/element_read.h"
+#include "runtime/elements.h"
 #include "runtime/image_runs.h"
 #include "runtime/message.h"
 #include "runtime/quick_read.h"
@@ -16,9 +16,6 @@
 #include "runtime/wire.h"
 
 namespace drix {
-
-// Whether the quick readers are built in, see docs/performance.md.
-inline constexpr bool kQuickReaders = DRIX_QUICK_READERS;
 
 // What the decoding flow needs to know of a slot.
 struct SlotShape {
@@ -37,10 +34,7 @@ struct Decoder;
 // A type inside another one.
 struct InnerType {
   const Decoder *decoder;
-
-  // The quick reader of a vector's elements, null for embedded records and when none is built in: reads up to count
-  // elements, whose offset words stand at a place in the buffer, and returns how many of them were plain.
-  uint32_t (*read_elements)(const uint8_t *buffer, uint32_t length, uint32_t words, uint32_t count, void *records);
+  const ElementType *element;  // null for embedded records and when the quick readers are not built in
 };
 
 // What it needs to know of a type.
@@ -76,7 +70,7 @@ struct DecoderOf {
     for_each_slot<R>([&]<class S>(S) constexpr {
       if constexpr (S::kind == Kind::table) types[count++].decoder = &DecoderOf<typename S::Type>::decoder;
       if constexpr (S::kind == Kind::vector) {
-        if constexpr (kQuickReaders) types[count].read_elements = read_elements<typename S::Element>;
+        if constexpr (kQuickReaders) types[count].element = &kElementType<typename S::Element>;
         types[count++].decoder = &DecoderOf<typename S::Element>::decoder;
       }
     });

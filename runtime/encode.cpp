@@ -42,6 +42,10 @@ uint32_t compact_size(const Encoder &encoder, const void *record) {
   return size > UINT32_MAX ? 0 : static_cast<uint32_t>(size);
 }
 
+uint32_t build_unbound(const Encoder &encoder, uint8_t *buffer, const void *record) {
+  return build_root(encoder, buffer, record);
+}
+
 uint32_t build(const Encoder &encoder, uint8_t *buffer, uint32_t capacity, const void *record) {
   return build_inline(encoder, buffer, capacity, record);
 }

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "runtime/element_write.h"
+#include "runtime/elements.h"
 #include "runtime/image.h"
 #include "runtime/image_runs.h"
 #include "runtime/message.h"
@@ -57,7 +57,8 @@ uint64_t nested_size(const R &record) {
       if (!has_offset_word<S>(record)) return;
       const uint32_t count = S::count(record);
       size += kOffsetAndCount + count * (kWord + kLeast);
-      if (size <= kLongest) size += count * (full_size<Element>() - kLeast) - Zeros<Element>::bytes(value, count);
+      if (size > kLongest) return;
+      size += count * (full_size<Element>() - kLeast) - zero_bytes(kElementType<Element>, value, count);
     }
   });
   return size;
@@ -98,7 +99,7 @@ class TableWriter {
     write_contents();
     const auto table_size = static_cast<uint16_t>(end_ - table_);
     write_embedded_tables();
-    write_elements();
+    write_vectors();
     store(vtable_, static_cast<uint16_t>(kVtableLength));
     store(vtable_ + 2, table_size);
     store(table_, kVtableLength);
@@ -179,14 +180,13 @@ class TableWriter {
     });
   }
 
-  [[gnu::always_inline]] void write_elements() {
+  [[gnu::always_inline]] void write_vectors() {
     for_each_slot<R>([&]<class S>(S) {
       if constexpr (S::kind == Kind::vector) {
         if (!has_offset_word<S>(record_)) return;
         const uint32_t count = S::count(record_);
-        const auto *elements = S::value(record_);
-        uint8_t *word = element_words_[S::index];
-        end_ = build_elements(word, count, elements, end_);
+        constexpr const ElementType &kType = kElementType<typename S::Element>;
+        end_ = write_elements(kType, element_words_[S::index], count, S::value(record_), end_);
       }
     });
   }
@@ -232,6 +232,10 @@ struct Encoder {
 
 // Encoded length of a record of a variable-length type in the compact layout; 0 when it does not fit in 32 bits.
 uint32_t compact_size(const Encoder &encoder, const void *record);
+
+// Writes a record in the compact layout into a buffer that has room for it at its longest, without binding the services;
+// returns the number of bytes written.
+uint32_t build_unbound(const Encoder &encoder, uint8_t *buffer, const void *record);
 
 // Writes a record in the compact layout into a buffer that is large enough. Returns the number of bytes written, 0 on
 // bad parameters.

@@ -20,6 +20,9 @@
 
 namespace drix {
 
+// Whether the quick readers are built in, see docs/performance.md.
+inline constexpr bool kQuickReaders = DRIX_QUICK_READERS;
+
 // The slot entries of a table's vtable, four to a word, read once: what is checked here is what is used later, also
 // when another process writes to the buffer meanwhile.
 template <class R>
@@ -28,10 +31,6 @@ class Entries {
   Entries() = default;
   explicit Entries(const uint8_t *from) {
     for_each_word([&]<std::size_t i>() { words_[i] = load_lanes(from + 2 * first_slot(i)); });
-  }
-
-  void store_to(uint8_t *to) const {
-    for_each_word([&]<std::size_t i>() { store(to + 2 * first_slot(i), words_[i]); });
   }
 
   template <std::size_t slot>

@@ -37,30 +37,6 @@ class Zeros {
   using Lanes = typename BlockLanes::Type;
 
  public:
-  // Which scalars of a record are zero, of the record itself and of those embedded in it.
-  class Shape {
-   public:
-    Shape() = default;
-    [[gnu::always_inline]] explicit Shape(const R &record) {
-      for_each_block([&]<std::size_t block>() { find<block>(record, zeros_[block]); });
-    }
-
-    [[gnu::always_inline]] bool any() const {
-      Lanes found{};
-      for_each_block([&]<std::size_t block>() { found |= zeros_[block]; });
-      return BlockLanes::together(found) != 0;
-    }
-
-    [[gnu::always_inline]] bool equals(const Shape &other) const {
-      Lanes difference{};
-      for_each_block([&]<std::size_t block>() { difference |= zeros_[block] ^ other.zeros_[block]; });
-      return BlockLanes::together(difference) == 0;
-    }
-
-   private:
-    Lanes zeros_[(sizeof(R) + sizeof(Lanes) - 1) / sizeof(Lanes)] = {};
-  };
-
   // Whether a scalar is zero, of the record itself or of those embedded in it.
   [[gnu::always_inline]] static bool any(const R &record) {
     Lanes found{};
@@ -70,35 +46,6 @@ class Zeros {
       found |= zeros;
     });
     return BlockLanes::together(found) != 0;
-  }
-
-  // How many bytes the zeros among the own scalars of so many records have.
-  [[gnu::noinline]] static uint64_t bytes(const R *records, uint32_t count) {
-    uint64_t sum = 0;
-    while (count != 0) {
-      // A byte counts the zeros in one place, in as many records as it can.
-      const uint32_t now = std::min<uint32_t>(count, UINT8_MAX);
-      Lanes counts[kBlocks] = {};
-      for (uint32_t i = 0; i < now; ++i) {
-        for_each_block([&]<std::size_t block>() {
-          Lanes zeros;
-          find<block>(records[i], zeros);
-          counts[block] += zeros >> 7;
-        });
-      }
-      uint8_t counted[sizeof counts];
-      std::memcpy(counted, counts, sizeof counts);
-      for_each_slot<R>([&]<class S>(S) {
-        if constexpr (S::kind == Kind::scalar) {
-          constexpr std::size_t kWidth = sizeof(typename S::Type);
-          constexpr std::size_t kInBlock = S::offset - first(S::offset / kBlock);
-          sum += uint64_t{kWidth} * counted[S::offset / kBlock * kBlock + kInBlock + top_byte(kWidth)];
-        }
-      });
-      records += now;
-      count -= now;
-    }
-    return sum;
   }
 
  private:

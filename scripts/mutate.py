@@ -50,8 +50,10 @@ COMMANDS = ("quopa", "make_capture", "telling_bus")
 READERS = COMMANDS + ("fuzz_quopa_text", "fuzz_quopa_capture", "campaign")
 ROOMS = (
     Room(("runtime/", "bus/", "packages/", "include/"),
-         ("drix_fib6", "test_codec", "test_send", "test_binding", "campaign", "fuzz_round_trip"),
-         r"Codec|Images|Send|Binding|campaign\.sample|fuzz\.(seeds|replay_round_trip)|abi\.shared"),
+         ("drix_fib6", "drix_fib6_by_each", "drix_fib6_by_shuffles", "test_codec", "test_send", "test_binding", "campaign",
+          "fuzz_round_trip"),
+         r"Codec|Images|Send|Binding|campaign\.(each_|shuffles_)?sample|codec\.by|fuzz\.(seeds|by|replay_round_trip)|"
+         r"abi\.shared"),
     Room(("trace/",), ("quopa_trace", "traced", "walk_trace"),
          r"trace\.(calls|loaded|ring|children|process)"),
     Room(("capture/",), READERS + ("test_capture",), r"Capture|quopa\.(calls|captures)|fuzz\.replay_quopa"),

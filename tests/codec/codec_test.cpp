@@ -2,6 +2,8 @@
 // worst input.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "codec.h"
 #include "fake_bus.h"
 #include "fake_platform.h"
@@ -149,16 +151,27 @@ TEST(Codec, TakesNoTableForWhatItIsNot) {
     EXPECT_EQ(judge::decode(subject, memory.place_at_start(image.data(), image.size()), 600), "");
   });
   // A vector's element does the same: the root table starts the buffer, and its vtable stands behind all.
-  const auto element_vtable = static_cast<uint8_t>(4 + 2 * reference::find("fib6_cfg", "query_fib6_item").slots.size());
-  Bytes early = {4, 0, 0, 0, 0x74, 0xFE, 0xFF, 0xFF, 4, 0, 0, 0, 1, 0, 0, 0, 4, 0, 0, 0, element_vtable};
-  early.resize(600);
-  early[400] = 8;
-  early[402] = 12;
-  early[406] = 4;
-  EXPECT_EQ(judge::decode(Subject(reference::find("fib6_cfg", "query_fib6_rec")),
-                          memory.place_at_start(early.data(), early.size()), 600),
-            "");
-  EXPECT_EQ(judge::last_trace().allocations.size(), 1u);
+  for (const auto &[package, vector, item] : {std::array{"fib6_cfg", "query_fib6_rec", "query_fib6_item"},
+                                              std::array{"korBrokerFib6", "ipv6FwdUpdateMsg", "ipv6Fwd"}}) {
+    const auto element_vtable = static_cast<uint8_t>(4 + 2 * reference::find(package, item).slots.size());
+    Bytes early = {4, 0, 0, 0, 0x74, 0xFE, 0xFF, 0xFF, 4, 0, 0, 0, 1, 0, 0, 0, 4, 0, 0, 0, element_vtable};
+    early.resize(600);
+    early[400] = 8;
+    early[402] = 12;
+    early[406] = 4;
+    const Subject subject(reference::find(package, vector));
+    EXPECT_EQ(judge::decode(subject, memory.place_at_start(early.data(), early.size()), 600), "");
+    EXPECT_EQ(judge::last_trace().allocations.size(), 1u);
+  }
+  // An element's vtable is all zero, its own length too; the array that stands where one would is none of it.
+  Bytes empty = {12, 0, 0, 0, 8, 0, 8, 0, 0, 0, 4, 0, 8, 0, 0, 0, 4, 0, 0, 0, 1, 0, 0, 0, 14, 0, 0, 0};
+  empty.resize(66, 7);
+  std::fill_n(&empty[28], 22, uint8_t{0});
+  empty[38] = 10;
+  empty[42] = empty[46] = 4;
+  const Subject key(reference::find("korBrokerFib6", "ipv6PathMtuDelMsg"));
+  EXPECT_EQ(judge::decode(key, empty.data(), static_cast<uint32_t>(empty.size())), "");
+  EXPECT_EQ(judge::last_outcome(), judge::Outcome::complete);
   // Slot 0, a table, is absent; what its entry of 0 leads to looks like one.
   const Bytes image = {12, 0, 0, 0, 8, 0, 12, 0, 0, 0, 8, 0, 8, 0, 0, 0, 4, 0, 4, 0,
                        8,  0, 0, 0, 4, 0, 8,  0, 8, 0, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0};

@@ -131,10 +131,12 @@ TEST_F(Send, VariableBatchFitsInItsAreaToTheByte) {
   const uint8_t *const last = memory.place(reinterpret_cast<const uint8_t *>(&full), sizeof full);
   EXPECT_EQ(probe_named__sendbatch(1, reinterpret_cast<const probe_named *>(last), 2, 0), -1);
   // One record that is sent alone needs no such area.
-  const probe_named longer = {0, 65537 - 24, bytes.data()};
-  bus() = {};
-  EXPECT_EQ(probe_named__sendmsg(1, &longer, 1), 0);
-  EXPECT_EQ(bus().calls.at(0).messages.at(0).bytes.size(), 65537u);
+  for (const uint32_t size : {8000u, 12000u, 65537u}) {
+    const probe_named alone = {0, size - 24, bytes.data()};
+    bus() = {};
+    EXPECT_EQ(probe_named__sendmsg(1, &alone, 1), 0);
+    EXPECT_EQ(bus().calls.at(0).messages.at(0).bytes.size(), size);
+  }
 }
 
 // The claimed sizes do not exist in memory: they must be refused before anything is read.
