@@ -12,8 +12,8 @@ static_assert(sizeof(DrixSendDescriptor) == sizeof(uintptr_t) + 8, "three words 
 
 constexpr int32_t kFailure = -1;
 
-// Room on the stack for a single record of a variable-length type.
-constexpr uint32_t kShortImage = 0x2000;
+// Room on the stack for a single record of a variable-length type; threads and signal handlers have small ones.
+constexpr uint32_t kShortImage = 0x800;
 
 // Encoding space of one batch of a variable-length type.
 constexpr uint32_t kBatchArea = 0x10000;
