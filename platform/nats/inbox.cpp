@@ -11,6 +11,7 @@
 
 #include "../kelvodrix/endpoint.h"
 #include "../kelvodrix/frame.h"
+#include "../kelvodrix/process.h"
 #include "../kelvodrix/status.h"
 #include "link.h"
 #include "session.h"
@@ -75,6 +76,7 @@ class NatsInbox final : public Inbox {
  public:
   // Subscribes unless somebody else has.
   int32_t open(const Place &place) {
+    const SignalsHeldBack held_back;
     if (const int32_t status = Session::get(place.servers, kConnectMs, session_); status != KELVODRIX_OK) return status;
     queue_ = std::make_shared<Queue>(place.subject + "hello", session_->ends());
     natsMsg *answer = nullptr;

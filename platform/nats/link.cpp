@@ -20,8 +20,8 @@ using namespace std::chrono_literals;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kLongestConnect(2000);
-// How often to ask while nobody has answered, and what became of the frames while somebody is there.
-constexpr milliseconds kAskAgain(20), kAskAfterFrames(100);
+// How often one who waits asks who is there, and what became of the frames.
+constexpr milliseconds kAskAgain(20);
 // A receiver that was heard as long ago is asked first: it may have gone and another one come.
 constexpr milliseconds kSurelyThere(1000);
 
@@ -71,13 +71,12 @@ class NatsLink final : public Link {
     if (const int32_t status = measure_frame(messages, limit, frame_bytes); status != KELVODRIX_OK) return status;
     const Deadline deadline = Clock::now() + milliseconds(options_.send_timeout_ms);
     std::unique_lock lock(state_->mutex);
-    for (;;) {
+    for (bool again = true;; again = wait(lock, deadline)) {
       if (closed_) return KELVODRIX_ERR_HANDLE;
       const int32_t status = publish(messages, frame_bytes);
       const bool lasts = status == KELVODRIX_ERR_SETTINGS || status == KELVODRIX_ERR_CREDENTIALS ||
                          status == KELVODRIX_ERR_CERTIFICATE || status == KELVODRIX_ERR_FORKED;
-      if (status == KELVODRIX_OK || status == KELVODRIX_ERR_TOO_BIG || lasts) return status;
-      if (!wait(lock, deadline)) return status;
+      if (status == KELVODRIX_OK || status == KELVODRIX_ERR_TOO_BIG || lasts || !again) return status;
     }
   }
 
@@ -135,10 +134,9 @@ class NatsLink final : public Link {
   bool wait(std::unique_lock<std::mutex> &lock, Deadline deadline) {
     State &state = *state_;
     if (session_ == nullptr || session_->closed()) reach(lock, deadline);
-    const milliseconds interval = state.present ? kAskAfterFrames : kAskAgain;
-    if (session_ != nullptr && Clock::now() - asked_ >= interval) ask();
+    if (session_ != nullptr && Clock::now() - asked_ >= kAskAgain) ask();
     if (Clock::now() >= deadline) return false;
-    state.changed.wait_until(lock, std::min(deadline, Clock::now() + interval));
+    state.changed.wait_until(lock, std::min(deadline, Clock::now() + kAskAgain));
     return true;
   }
 
