@@ -20,7 +20,7 @@ namespace kelvodrix {
 
 namespace {
 
-constexpr int64_t kConnectMs = 2000, kAnyoneThereMs = 500, kLastFlushMs = 500;
+constexpr int64_t kConnectMs = 2000, kAnyoneThereMs = 250, kLastFlushMs = 500;
 constexpr int kLookMs = 1000;
 constexpr uint64_t kMaxUnacknowledged = 64;     // frames
 constexpr size_t kMostQueuedBytes = 128 << 20;  // and as many that the loop has taken and not handled
@@ -79,10 +79,12 @@ class NatsInbox final : public Inbox {
     const SignalsHeldBack held_back;
     if (const int32_t status = Session::get(place.servers, kConnectMs, session_); status != KELVODRIX_OK) return status;
     queue_ = std::make_shared<Queue>(place.subject + "hello", session_->ends());
-    natsMsg *answer = nullptr;
-    const natsStatus asked =
-        natsConnection_RequestString(&answer, session_->nc(), queue_->hello.c_str(), "", kAnyoneThereMs);
-    natsMsg_Destroy(answer);
+    natsStatus asked = NATS_TIMEOUT;
+    for (int tries = 2; tries != 0 && asked == NATS_TIMEOUT; --tries) {  // the server may not know yet who is gone
+      natsMsg *answer = nullptr;
+      asked = natsConnection_RequestString(&answer, session_->nc(), queue_->hello.c_str(), "", kAnyoneThereMs);
+      natsMsg_Destroy(answer);
+    }
     if (const int32_t status = session_->status(); status != KELVODRIX_OK) return status;
     if (asked != NATS_NO_RESPONDERS) return KELVODRIX_ERR_IN_USE;
     frames_.emplace(session_, place.subject + ">",
