@@ -13,7 +13,6 @@
 #include "../kelvodrix/frame.h"
 #include "../kelvodrix/process.h"
 #include "../kelvodrix/status.h"
-#include "link.h"
 #include "session.h"
 
 namespace kelvodrix {
@@ -25,7 +24,7 @@ constexpr int kLookMs = 1000;
 constexpr uint64_t kMaxUnacknowledged = 64;     // frames
 constexpr size_t kMostQueuedBytes = 128 << 20;  // and as many that the loop has taken and not handled
 constexpr size_t kMessageCosts = 256;           // bytes, besides its own
-constexpr size_t kMostQueuedToAsk = 4096;       // whoever asks while there are more will ask again
+constexpr size_t kMostQueuedToAsk = 4096;
 
 std::span<const uint8_t> bytes_of(const Message &message) {
   return {reinterpret_cast<const uint8_t *>(natsMsg_GetData(message.get())),
@@ -44,13 +43,11 @@ struct Queue {
   void take(natsConnection *nc, Message message) {
     const bool asked = hello == natsMsg_GetSubject(message.get());
     if (asked) answer(nc, message);
+    const size_t cost = kMessageCosts + bytes_of(message).size();
     std::lock_guard lock(mutex);
-    if (asked && messages.size() > kMostQueuedToAsk) return;
-    bytes += kMessageCosts + bytes_of(message).size();
-    if (bytes > kMostQueuedBytes) {  // whoever has sent it will learn of the gap
-      bytes -= kMessageCosts + bytes_of(message).size();
-      return;
-    }
+    // Whoever has sent it will learn of the gap, or asks again.
+    if (bytes + cost > kMostQueuedBytes || (asked && messages.size() > kMostQueuedToAsk)) return;
+    bytes += cost;
     messages.push_back(std::move(message));
     const uint64_t one = 1;
     if (messages.size() == 1) [[maybe_unused]]

@@ -1,6 +1,4 @@
 // The sending end at an endpoint of a server.
-#include "link.h"
-
 #include <algorithm>
 #include <condition_variable>
 #include <cstdio>

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <new>
 #include <random>
+#include <sstream>
 #include <string_view>
 #include <system_error>
 #include <vector>
@@ -53,16 +54,6 @@ void require(natsStatus status) {
   if (status != NATS_OK) throw std::system_error(status, std::generic_category(), natsStatus_GetText(status));
 }
 
-std::vector<std::string> split(std::string_view list) {
-  std::vector<std::string> items;
-  for (size_t comma = 0; comma != list.npos; list.remove_prefix(std::min(comma, list.size() - 1) + 1)) {
-    comma = list.find(',');
-    items.emplace_back(list.substr(0, comma));
-    if (comma == list.npos) break;
-  }
-  return items;
-}
-
 bool known_host(const std::string &server) {
   std::string host = server.substr(0, server.rfind(':'));
   if (host.starts_with('[')) host = host.substr(1, host.find(']') - 1);
@@ -76,34 +67,28 @@ bool known_host(const std::string &server) {
 bool apply_settings(natsOptions *options, std::string &inbox_prefix) {
   const char *const path = std::getenv("KELVODRIX_NATS");
   if (path == nullptr) return true;
-  std::map<std::string, std::string> settings = {{"user", ""}, {"password", ""},    {"token", ""}, {"credentials", ""},
-                                                 {"ca", ""},   {"certificate", ""}, {"key", ""},   {"inbox", ""}};
+  enum Key { kUser, kPassword, kToken, kCredentials, kCa, kCertificate, kKey, kInbox, kKeys };
+  static constexpr const char *kNames[] = {"user", "password",    "token", "credentials",
+                                           "ca",   "certificate", "key",   "inbox"};
+  std::string values[kKeys];
   std::ifstream file(path);
   for (std::string line; std::getline(file, line);) {
     if (line.empty() || line[0] == '#') continue;
     const size_t equals = line.find('=');
-    const auto setting = settings.find(line.substr(0, equals));
-    if (equals == line.npos || setting == settings.end()) return false;
-    setting->second = line.substr(equals + 1);
+    const auto *const name = std::find(kNames, kNames + kKeys, line.substr(0, equals));
+    if (equals == line.npos || name == kNames + kKeys) return false;
+    values[name - kNames] = line.substr(equals + 1);
   }
-  if (!file.eof()) return false;
-  natsStatus status = NATS_OK;
-  const auto set = [&](const char *key, natsStatus (*function)(natsOptions *, const char *)) {
-    if (status == NATS_OK && !settings[key].empty()) status = function(options, settings[key].c_str());
-  };
-  set("token", natsOptions_SetToken);
-  set("ca", natsOptions_LoadCATrustedCertificates);
-  const auto set_both = [&](const char *key, const char *other,
-                            natsStatus (*function)(natsOptions *, const char *, const char *)) {
-    if (status != NATS_OK || settings[key].empty()) return;
-    status = function(options, settings[key].c_str(), settings[other].empty() ? nullptr : settings[other].c_str());
-  };
-  set_both("user", "password", natsOptions_SetUserInfo);
-  set_both("certificate", "key", natsOptions_LoadCertificatesChain);
-  set_both("credentials", "", natsOptions_SetUserCredentialsFromFiles);
-  if (!settings["credentials"].empty() && access(settings["credentials"].c_str(), R_OK) != 0) return false;
-  if (!settings["inbox"].empty()) inbox_prefix = settings["inbox"];
-  return status == NATS_OK;
+  const auto given = [&](Key key) { return values[key].empty() ? nullptr : values[key].c_str(); };
+  if (given(kInbox)) inbox_prefix = given(kInbox);
+  return file.eof() && (!given(kUser) || natsOptions_SetUserInfo(options, given(kUser), given(kPassword)) == NATS_OK) &&
+         (!given(kToken) || natsOptions_SetToken(options, given(kToken)) == NATS_OK) &&
+         (!given(kCa) || natsOptions_LoadCATrustedCertificates(options, given(kCa)) == NATS_OK) &&
+         (!given(kCertificate) ||
+          natsOptions_LoadCertificatesChain(options, given(kCertificate), given(kKey)) == NATS_OK) &&
+         (!given(kCredentials) ||
+          (access(given(kCredentials), R_OK) == 0 &&
+           natsOptions_SetUserCredentialsFromFiles(options, given(kCredentials), nullptr) == NATS_OK));
 }
 
 int32_t status_of(natsStatus status, const std::vector<std::string> &hosts) {
@@ -163,10 +148,13 @@ int32_t Session::get(const std::string &servers, int64_t timeout_ms, std::shared
 
 int32_t Session::connect(const std::string &servers, int64_t timeout_ms) {
   const size_t start = servers.find("://") + 3;
-  const std::vector<std::string> hosts = split(std::string_view(servers).substr(start));
-  std::vector<std::string> urls;
+  std::istringstream list(servers.substr(start));
+  std::vector<std::string> hosts, urls;
   std::vector<const char *> pointers;
-  for (const std::string &host : hosts) urls.push_back(servers.substr(0, start) + host);
+  for (std::string host; std::getline(list, host, ',');) {
+    hosts.push_back(host);
+    urls.push_back(servers.substr(0, start) + host);
+  }
   for (const std::string &url : urls) pointers.push_back(url.c_str());
   const SignalsHeldBack held_back;
   natsOptions *created = nullptr;

@@ -14,17 +14,16 @@
 
 #include <nats/nats.h>
 
-#include <atomic>
-#include <cstdint>
 #include <functional>
-#include <memory>
 #include <string>
 
-#include "kelvodrix.h"
+#include "../kelvodrix/transport.h"
 
 namespace kelvodrix {
 
 inline constexpr size_t kInstanceBytes = 8, kHelloBytes = 16, kReceiptBytes = 24;
+
+int32_t make_nats_link(const char *endpoint, const kelvodrix_options &options, std::shared_ptr<Link> &link);
 
 // Where an endpoint is.
 struct Place {
