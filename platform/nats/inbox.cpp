@@ -19,7 +19,7 @@ namespace kelvodrix {
 
 namespace {
 
-constexpr int64_t kConnectMs = 2000, kAnyoneThereMs = 250, kLastFlushMs = 500;
+constexpr int64_t kConnectMs = 2000, kAnyoneThereMs = 250;
 constexpr int kLookMs = 1000;
 constexpr uint64_t kMaxUnacknowledged = 64;     // frames
 constexpr size_t kMostQueuedBytes = 128 << 20;  // and as many that the loop has taken and not handled
@@ -33,12 +33,9 @@ std::span<const uint8_t> bytes_of(const Message &message) {
 
 // What the library's thread has taken in and the loop has not.
 struct Queue {
-  Queue(std::string name, std::shared_ptr<const std::atomic<uint64_t>> former_ends)
-      : hello(std::move(name)), ends(std::move(former_ends)) {
+  explicit Queue(std::string name) : hello(std::move(name)) {
     if (!ready) throw std::bad_alloc();
   }
-
-  uint64_t instance() const { return drawn + *ends; }
 
   void take(natsConnection *nc, Message message) {
     const bool asked = hello == natsMsg_GetSubject(message.get());
@@ -56,13 +53,12 @@ struct Queue {
 
   void answer(natsConnection *nc, const Message &message) const {
     uint8_t own[kInstanceBytes];
-    store(own, instance());
+    store(own, instance);
     if (const char *const to = natsMsg_GetReply(message.get())) natsConnection_Publish(nc, to, own, sizeof(own));
   }
 
-  const uint64_t drawn = random_number();
+  const uint64_t instance = random_number();
   const std::string hello;
-  const std::shared_ptr<const std::atomic<uint64_t>> ends;
   const Fd ready{eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)};
   std::mutex mutex;  // guards what follows
   std::deque<Message> messages;
@@ -75,7 +71,7 @@ class NatsInbox final : public Inbox {
   int32_t open(const Place &place) {
     const SignalsHeldBack held_back;
     if (const int32_t status = Session::get(place.servers, kConnectMs, session_); status != KELVODRIX_OK) return status;
-    queue_ = std::make_shared<Queue>(place.subject + "hello", session_->ends());
+    queue_ = std::make_shared<Queue>(place.subject + "hello");
     natsStatus asked = NATS_TIMEOUT;
     for (int tries = 2; tries != 0 && asked == NATS_TIMEOUT; --tries) {  // the server may not know yet who is gone
       natsMsg *answer = nullptr;
@@ -105,7 +101,6 @@ class NatsInbox final : public Inbox {
       handle(loop, message);
     }
     acknowledge();
-    session_->flush(kLastFlushMs);  // the process may end before the library gets to it
     return KELVODRIX_OK;
   }
 
@@ -131,7 +126,7 @@ class NatsInbox final : public Inbox {
     const std::span<const uint8_t> bytes = bytes_of(message);
     const char *const reply = natsMsg_GetReply(message.get());
     if (queue_->hello == natsMsg_GetSubject(message.get())) {
-      if (bytes.size() == kHelloBytes && reply != nullptr && load<uint64_t>(&bytes[0]) == queue_->instance())
+      if (bytes.size() == kHelloBytes && reply != nullptr && load<uint64_t>(&bytes[0]) == queue_->instance)
         tell_seen(reply, load<uint64_t>(&bytes[8]));
       return;
     }
@@ -140,7 +135,7 @@ class NatsInbox final : public Inbox {
     if (!has_header || frame.size() > KELVODRIX_MAX_FRAME_BYTES || load<uint32_t>(&frame[0]) != frame.size() ||
         !well_formed(frame))
       return drop(loop, natsMsg_GetSubject(message.get()));
-    if (load<uint64_t>(&bytes[0]) != queue_->instance())  // it counts as lost
+    if (load<uint64_t>(&bytes[0]) != queue_->instance)  // it counts as lost
       return queue_->answer(session_->nc(), message);
 
     const auto number = load<uint64_t>(&frame[8]);
@@ -183,7 +178,7 @@ class NatsInbox final : public Inbox {
 
   bool receipt(const char *to, uint64_t first, uint64_t last) const {
     uint8_t bytes[kReceiptBytes];
-    store(store(store(bytes, queue_->instance()), first), last);
+    store(store(store(bytes, queue_->instance), first), last);
     return natsConnection_Publish(session_->nc(), to, bytes, sizeof(bytes)) == NATS_OK;
   }
 

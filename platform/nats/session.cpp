@@ -171,19 +171,17 @@ int32_t Session::connect(const std::string &servers, int64_t timeout_ms) {
   natsOptions_SetReconnectBufSize(created, 1);  // or what is sent meanwhile would reach whoever is there later
   natsOptions_SetPingInterval(created, kPingMs);
   natsOptions_SetWriteDeadline(created, kWriteDeadlineMs);
-  using Shared = std::shared_ptr<State>;
-  auto shared = std::make_unique<Shared>(state_);  // the last call of these may come after the session
-  const auto count_end = [](natsConnection *, void *state) { ++(*static_cast<Shared *>(state))->ends; };
-  const auto note_denial = [](natsConnection *, natsSubscription *, natsStatus status, void *state) {
-    if (status == NATS_NOT_PERMITTED) (*static_cast<Shared *>(state))->denied = true;
+  using Flag = std::shared_ptr<std::atomic<bool>>;
+  auto flag = std::make_unique<Flag>(denied_);  // the last call of these may come after the session
+  const auto note_denial = [](natsConnection *, natsSubscription *, natsStatus status, void *denied) {
+    if (status == NATS_NOT_PERMITTED) **static_cast<Flag *>(denied) = true;
   };
-  natsOptions_SetDisconnectedCB(created, count_end, shared.get());
-  natsOptions_SetErrorHandler(created, note_denial, shared.get());
-  natsOptions_SetClosedCB(
-      created, [](natsConnection *, void *state) { delete static_cast<Shared *>(state); }, shared.get());
+  const auto forget = [](natsConnection *, void *denied) { delete static_cast<Flag *>(denied); };
+  natsOptions_SetErrorHandler(created, note_denial, flag.get());
+  natsOptions_SetClosedCB(created, forget, flag.get());
   const natsStatus status = natsConnection_Connect(&nc_, created);
   if (status != NATS_OK) return status_of(status, hosts);
-  shared.release();
+  flag.release();
   return KELVODRIX_OK;
 }
 
@@ -203,7 +201,7 @@ std::string Session::inbox() const {
 
 int32_t Session::status() const {
   if (natsConnection_Status(nc_) != NATS_CONN_STATUS_CONNECTED) return KELVODRIX_ERR_SERVER;
-  return state_->denied ? KELVODRIX_ERR_CREDENTIALS : KELVODRIX_OK;
+  return *denied_ ? KELVODRIX_ERR_CREDENTIALS : KELVODRIX_OK;
 }
 
 Subscription::Subscription(std::shared_ptr<Session> session, const std::string &subject, Take take)

@@ -8,7 +8,7 @@
 //   the inbox         answers to hello, and acknowledgements: u64 instance, u64 first, u64 last. These frames are handled,
 //                     and those before them that were not acknowledged are lost.
 //
-// The instance is a random number that a receiver draws, and one more after each end of its connection.
+// The instance is a random number that a receiver draws: what is meant for one of before is not handled by another.
 #ifndef KELVODRIX_NATS_SESSION_H
 #define KELVODRIX_NATS_SESSION_H
 
@@ -50,20 +50,13 @@ class Session {
   void flush(int64_t timeout_ms) const;
   // KELVODRIX_OK when there is nothing wrong with the connection.
   int32_t status() const;
-  // Counts the ends of connections to servers. Outlives the session.
-  std::shared_ptr<const std::atomic<uint64_t>> ends() const { return {state_, &state_->ends}; }
 
  private:
-  struct State {
-    std::atomic<uint64_t> ends = 0;
-    std::atomic<bool> denied = false;
-  };
-
   int32_t connect(const std::string &servers, int64_t timeout_ms);
 
   natsConnection *nc_ = nullptr;
   std::string inbox_prefix_ = "_INBOX";
-  const std::shared_ptr<State> state_ = std::make_shared<State>();
+  const std::shared_ptr<std::atomic<bool>> denied_ = std::make_shared<std::atomic<bool>>(false);
 };
 
 struct Destroy {
