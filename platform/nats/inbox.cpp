@@ -71,6 +71,7 @@ class NatsInbox final : public Inbox {
   int32_t open(const Place &place) {
     const SignalsHeldBack held_back;
     if (const int32_t status = Session::get(place.servers, kConnectMs, session_); status != KELVODRIX_OK) return status;
+    session_->forget_denials();  // of other endpoints
     queue_ = std::make_shared<Queue>(place.subject + "hello");
     natsStatus asked = NATS_TIMEOUT;
     for (int tries = 2; tries != 0 && asked == NATS_TIMEOUT; --tries) {  // the server may not know yet who is gone

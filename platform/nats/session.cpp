@@ -81,7 +81,8 @@ bool apply_settings(natsOptions *options, std::string &inbox_prefix) {
   }
   const auto given = [&](Key key) { return values[key].empty() ? nullptr : values[key].c_str(); };
   if (given(kInbox)) inbox_prefix = given(kInbox);
-  return file.eof() && (!given(kUser) || natsOptions_SetUserInfo(options, given(kUser), given(kPassword)) == NATS_OK) &&
+  return file.eof() && (!given(kInbox) || natsOptions_SetCustomInboxPrefix(options, given(kInbox)) == NATS_OK) &&
+         (!given(kUser) || natsOptions_SetUserInfo(options, given(kUser), given(kPassword)) == NATS_OK) &&
          (!given(kToken) || natsOptions_SetToken(options, given(kToken)) == NATS_OK) &&
          (!given(kCa) || natsOptions_LoadCATrustedCertificates(options, given(kCa)) == NATS_OK) &&
          (!given(kCertificate) ||

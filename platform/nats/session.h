@@ -50,6 +50,7 @@ class Session {
   void flush(int64_t timeout_ms) const;
   // KELVODRIX_OK when there is nothing wrong with the connection.
   int32_t status() const;
+  void forget_denials() const { *denied_ = false; }
 
  private:
   int32_t connect(const std::string &servers, int64_t timeout_ms);
