@@ -11,8 +11,8 @@
  *   NAME                               the same in a folder of the user's own, /tmp/kelvodrix-UID
  *   inproc://NAME                      inside a process
  *   nats://HOST:PORT[,HOST:PORT...]/NAME, or tls://
- *                                      between hosts, through a NATS server or a cluster of them; with what it says in
- *                                      docs/cluster.md, credentials from the file that the variable KELVODRIX_NATS names
+ *                                      between hosts, through a NATS server or a cluster of them, see docs/cluster.md;
+ *                                      credentials come from the file that the variable KELVODRIX_NATS names
  *
  * Delivery. One DRIX_SendMsg or DRIX_SendToMsg call travels as one frame, whole or not at all. Frames to one endpoint
  * are handled in the order in which they were sent, each at most once. The receiver acknowledges a frame after it has
@@ -20,8 +20,8 @@
  * receiver's other counters. It acknowledges all that is at hand together, at the latest every 64 frames. The channel
  * counts what it sent until it is acknowledged, so nothing is lost silently: what a connection leaves unacknowledged
  * when it ends, because the receiver was destroyed or killed, stays counted as undelivered. The next send connects
- * again. Nothing is sent twice. Through a server, frames are lost, and stay counted, also when the receiver stands still
- * for 10 s or a connection to the server ends.
+ * again. Nothing is sent twice. Through a server, frames are lost, and stay counted, also when the receiver stands
+ * still for 10 s or a connection to the server ends.
  *
  * A process that ends with open channels, by exit() or the return of main, still gives to the operating system what its
  * sends have left, and waits for room as long as a send on the channel would. Only a flush or kelvodrix_close shows
@@ -65,19 +65,19 @@ typedef enum kelvodrix_status {
   KELVODRIX_ERR_IN_USE = -7,      /* another receiver is bound to the endpoint */
   KELVODRIX_ERR_NO_RECEIVER = -8, /* nobody was connected within the send timeout; nothing was queued */
   KELVODRIX_ERR_WINDOW = -9,      /* window or connection stayed full for the send timeout; nothing was queued */
-  KELVODRIX_ERR_TOO_BIG = -10,    /* the frame is above KELVODRIX_MAX_FRAME_*, the window's bytes, the server's payload */
-  KELVODRIX_ERR_PENDING = -11,    /* at the timeout some messages were still unacknowledged */
-  KELVODRIX_ERR_LOST = -12,       /* every message is accounted for, but some were lost */
-  KELVODRIX_ERR_BUSY = -13,       /* the receiver's loop is running */
-  KELVODRIX_ERR_NO_MEMORY = -14,  /* out of memory */
-  KELVODRIX_ERR_SYSTEM = -15,     /* the operating system failed, or its file descriptors are used up */
-  KELVODRIX_ERR_PATH = -16,       /* the endpoint's path or name is too long for a socket */
-  KELVODRIX_ERR_FOLDER = -17,     /* the folder of named endpoints is another user's or open to others */
-  KELVODRIX_ERR_TRANSPORT = -18,  /* libkelvodrix_nats.so or libnats is missing or of another version */
-  /* Of endpoints at a server. A send returns those below when they last for its timeout, and nothing was queued then. */
-  KELVODRIX_ERR_SETTINGS = -19,    /* the file that KELVODRIX_NATS names, or one named there, is unreadable or malformed */
-  KELVODRIX_ERR_SERVER = -20,      /* no server answers */
-  KELVODRIX_ERR_HOST = -21,        /* a host has no address */
+  KELVODRIX_ERR_TOO_BIG = -10, /* the frame is above KELVODRIX_MAX_FRAME_*, the window's bytes, the server's payload */
+  KELVODRIX_ERR_PENDING = -11, /* at the timeout some messages were still unacknowledged */
+  KELVODRIX_ERR_LOST = -12,    /* every message is accounted for, but some were lost */
+  KELVODRIX_ERR_BUSY = -13,    /* the receiver's loop is running */
+  KELVODRIX_ERR_NO_MEMORY = -14, /* out of memory */
+  KELVODRIX_ERR_SYSTEM = -15,    /* the operating system failed, or its file descriptors are used up */
+  KELVODRIX_ERR_PATH = -16,      /* the endpoint's path or name is too long for a socket */
+  KELVODRIX_ERR_FOLDER = -17,    /* the folder of named endpoints is another user's or open to others */
+  KELVODRIX_ERR_TRANSPORT = -18, /* libkelvodrix_nats.so or libnats is missing or of another version */
+  /* Of endpoints at a server. When a send returns one of these, nothing was queued. */
+  KELVODRIX_ERR_SETTINGS = -19, /* the file that KELVODRIX_NATS names, or one named there, is unreadable or malformed */
+  KELVODRIX_ERR_SERVER = -20,   /* no server answers */
+  KELVODRIX_ERR_HOST = -21,     /* a host has no address */
   KELVODRIX_ERR_CREDENTIALS = -22, /* the server refuses the credentials, or they lack a right */
   KELVODRIX_ERR_CERTIFICATE = -23, /* a certificate does not fit, or one side of the connection has no TLS */
   KELVODRIX_ERR_FORKED = -24       /* the process is a child of one that has used a server */
@@ -160,8 +160,8 @@ int32_t kelvodrix_receiver_create(const char *endpoint, kelvodrix_receiver **rec
  * function but kelvodrix_run and kelvodrix_receiver_destroy on its own receiver. */
 int32_t kelvodrix_subscribe(kelvodrix_receiver *receiver, uint32_t id, kelvodrix_subscriber subscriber, void *context);
 
-/* Receives and handles frames on the calling thread until kelvodrix_stop; returns KELVODRIX_OK then. May be called
- * again afterwards. */
+/* Receives and handles frames on the calling thread until kelvodrix_stop; returns KELVODRIX_OK then, and another status
+ * when it can go on no more, as when a server has come to refuse its credentials. May be called again afterwards. */
 int32_t kelvodrix_run(kelvodrix_receiver *receiver);
 
 /* Ends the loop after the frame being handled; when none is running, ends the next one at once. May be called from any

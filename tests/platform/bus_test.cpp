@@ -870,7 +870,7 @@ TEST_F(BusCluster, HandlesGoodFramesAndAcknowledgesOnlyThose) {
   const std::string instance = peer.next().bytes, good = instance + frame(1, message(1));
   std::vector<std::string> bad = {
       "", instance, good.substr(0, 27), good.substr(0, 39), good + '\0', instance + frame(1, message(1), 2)};
-  for (size_t byte : {8, 9, 12, 13, 14, 15, 24, 27}) {
+  for (size_t byte : std::initializer_list<size_t>{8, 9, 12, 13, 14, 15, 24, 27}) {
     bad.push_back(good);
     bad.back()[byte] ^= '\x01';
   }
