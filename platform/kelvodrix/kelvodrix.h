@@ -36,7 +36,8 @@
  * All functions may be called from any thread; none but kelvodrix_run is a cancellation point. A process that opens a
  * channel gets one thread, which takes no signals; the library cannot be unloaded. Channels and receivers do not
  * survive fork(): a child, which may be made at any time, knows none of its parent's channels, opens its own, and keeps
- * its parent's endpoints taken until it ends or calls exec. A child whose parent has used a server can use none.
+ * its parent's endpoints taken until it ends or calls exec. A child whose parent has used a server can use none, and
+ * until it ends, the server may take its parent for alive.
  */
 #ifndef KELVODRIX_H
 #define KELVODRIX_H
