@@ -70,7 +70,8 @@ class NatsInbox final : public Inbox {
   // Subscribes unless somebody else has.
   int32_t open(const Place &place) {
     const SignalsHeldBack held_back;
-    if (const int32_t status = Session::get(place.servers, kConnectMs, session_); status != KELVODRIX_OK) return status;
+    if (const int32_t status = Session::get(place.servers, true, kConnectMs, session_); status != KELVODRIX_OK)
+      return status;
     session_->forget_denials();  // of other endpoints
     queue_ = std::make_shared<Queue>(place.subject + "hello");
     natsStatus asked = NATS_TIMEOUT;

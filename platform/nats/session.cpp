@@ -26,7 +26,7 @@ constexpr int64_t kReconnectMs = 50, kWriteDeadlineMs = 2000, kPingMs = 2000, kL
 
 struct Sessions {
   std::mutex mutex;
-  std::map<std::string, std::weak_ptr<Session>> by_servers;
+  std::map<std::pair<std::string, bool>, std::weak_ptr<Session>> by_servers;
 };
 
 // Never destroyed: threads may still use them while the process exits.
@@ -129,25 +129,25 @@ int32_t parse_place(const char *endpoint, Place &place) {
   return forked() ? KELVODRIX_ERR_FORKED : KELVODRIX_OK;
 }
 
-int32_t Session::get(const std::string &servers, int64_t timeout_ms, std::shared_ptr<Session> &session) {
+int32_t Session::get(const std::string &servers, bool at_once, int64_t timeout_ms, std::shared_ptr<Session> &session) {
   const auto known = [&] {
     std::lock_guard lock(all().mutex);
     if (user == 0) std::atexit(at_exit);
     user = getpid();
-    session = all().by_servers[servers].lock();
+    session = all().by_servers[{servers, at_once}].lock();
     if (session != nullptr && session->closed()) session.reset();
     return session != nullptr;
   };
   if (known()) return KELVODRIX_OK;
   auto made = std::make_shared<Session>();
-  if (const int32_t status = made->connect(servers, timeout_ms); status != KELVODRIX_OK) return status;
+  if (const int32_t status = made->connect(servers, at_once, timeout_ms); status != KELVODRIX_OK) return status;
   if (known()) return KELVODRIX_OK;  // by another thread meanwhile
   std::lock_guard lock(all().mutex);
-  all().by_servers[servers] = session = made;
+  all().by_servers[{servers, at_once}] = session = made;
   return KELVODRIX_OK;
 }
 
-int32_t Session::connect(const std::string &servers, int64_t timeout_ms) {
+int32_t Session::connect(const std::string &servers, bool at_once, int64_t timeout_ms) {
   const size_t start = servers.find("://") + 3;
   std::istringstream list(servers.substr(start));
   std::vector<std::string> hosts, urls;
@@ -166,6 +166,7 @@ int32_t Session::connect(const std::string &servers, int64_t timeout_ms) {
   if (!apply_settings(created, inbox_prefix_)) return KELVODRIX_ERR_SETTINGS;
   if (servers.starts_with("tls")) require(natsOptions_SetSecure(created, true));
   natsOptions_SetTimeout(created, timeout_ms);
+  natsOptions_SetSendAsap(created, at_once);
   natsOptions_SetMaxReconnect(created, -1);
   natsOptions_SetReconnectWait(created, kReconnectMs);
   natsOptions_SetReconnectJitter(created, kReconnectMs, kReconnectMs);

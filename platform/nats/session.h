@@ -37,11 +37,12 @@ bool forked();
 
 uint64_t random_number();
 
-// One connection for all of a process that use the same servers. Once made, it connects again by itself.
+// One connection for all senders of a process that use the same servers, whose frames are gathered for up to a millisecond,
+// and one for all receivers, whose answers are written at once. Once made, it connects again by itself.
 class Session {
  public:
   // Connects within so many milliseconds, unless there is a connection.
-  static int32_t get(const std::string &servers, int64_t timeout_ms, std::shared_ptr<Session> &session);
+  static int32_t get(const std::string &servers, bool at_once, int64_t timeout_ms, std::shared_ptr<Session> &session);
   ~Session();
 
   natsConnection *nc() const { return nc_; }
@@ -53,7 +54,7 @@ class Session {
   void forget_denials() const { *denied_ = false; }
 
  private:
-  int32_t connect(const std::string &servers, int64_t timeout_ms);
+  int32_t connect(const std::string &servers, bool at_once, int64_t timeout_ms);
 
   natsConnection *nc_ = nullptr;
   std::string inbox_prefix_ = "_INBOX";
