@@ -72,9 +72,9 @@ class NatsLink final : public Link {
     for (bool again = true;; again = wait(lock, deadline)) {
       if (closed_) return KELVODRIX_ERR_HANDLE;
       const int32_t status = publish(messages, frame_bytes);
-      const bool lasts = status == KELVODRIX_ERR_SETTINGS || status == KELVODRIX_ERR_CREDENTIALS ||
-                         status == KELVODRIX_ERR_CERTIFICATE || status == KELVODRIX_ERR_FORKED;
-      if (status == KELVODRIX_OK || status == KELVODRIX_ERR_TOO_BIG || lasts || !again) return status;
+      const bool may_change = status == KELVODRIX_ERR_WINDOW || status == KELVODRIX_ERR_NO_RECEIVER ||
+                              status == KELVODRIX_ERR_SERVER || status == KELVODRIX_ERR_HOST || session_ != nullptr;
+      if (status == KELVODRIX_OK || status == KELVODRIX_ERR_TOO_BIG || !may_change || !again) return status;
     }
   }
 
@@ -148,6 +148,7 @@ class NatsLink final : public Link {
                         : Session::get(place_.servers, false, std::clamp(left, 10ms, kLongestConnect).count(), session);
     lock.lock();
     if (session == nullptr || session_ != nullptr) return;
+    session->forget_denials();  // of other endpoints
     session_ = session;
     inbox_ = session->inbox();
     answers_.emplace(session, inbox_,

@@ -35,7 +35,7 @@ Sessions &all() {
   return instance;
 }
 
-pid_t user = 0;  // the process that has used the library
+std::atomic<pid_t> user = 0;  // the process that has used the library
 
 // What is still in buffers then would be lost with the library's threads.
 void at_exit() {
@@ -65,7 +65,7 @@ bool known_host(const std::string &server) {
 
 // The file has lines KEY=VALUE, empty ones, and comments that start with #.
 bool apply_settings(natsOptions *options, std::string &inbox_prefix) {
-  const char *const path = std::getenv("KELVODRIX_NATS");
+  const char *const path = secure_getenv("KELVODRIX_NATS");
   if (path == nullptr) return true;
   enum Key { kUser, kPassword, kToken, kCredentials, kCa, kCertificate, kKey, kInbox, kKeys };
   static constexpr const char *kNames[] = {"user", "password",    "token", "credentials",

@@ -939,7 +939,8 @@ TEST_F(BusCluster, SenderBelievesOnlyGoodAcknowledgements) {
 }
 
 TEST_F(BusCluster, EachErrorHasItsStatus) {
-  NatsServer plain("authorization { user: u, password: p }\n");
+  NatsServer plain(
+      "authorization { users: [{user: u, password: p}, {user: d, password: p, permissions: {publish: x}}] }\n");
   const std::string folder = plain.folder() + '/', settings = folder + "settings";
   const auto make = [&](const std::string &name) {
     return std::system(
@@ -957,6 +958,7 @@ TEST_F(BusCluster, EachErrorHasItsStatus) {
   } cases[] = {
       {user + "p\n", plain.address(), KELVODRIX_OK},
       {user + "wrong\n", plain.address(), KELVODRIX_ERR_CREDENTIALS},
+      {"user=d\npassword=p\n", plain.address(), KELVODRIX_ERR_CREDENTIALS},
       {"", plain.address(), KELVODRIX_ERR_CREDENTIALS},
       {"who=u\n", plain.address(), KELVODRIX_ERR_SETTINGS},
       {"ca=" + folder + "missing.pem\n", plain.address(), KELVODRIX_ERR_SETTINGS},
