@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 
+#include <string>
 #include <string_view>
 
 #include "inbox.h"
@@ -22,7 +23,11 @@ Choice choose(const char *text) {
   const std::string_view endpoint(text);
   if (!endpoint.starts_with("nats://") && !endpoint.starts_with("tls://")) return {KELVODRIX_OK, nullptr};
   static const auto *const nats = []() -> const Transport * {
-    void *const library = dlopen("libkelvodrix_nats.so", RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+    Dl_info own{};  // it is in the same folder
+    dladdr(reinterpret_cast<void *>(&make_link), &own);
+    std::string path = own.dli_fname != nullptr ? own.dli_fname : "";
+    path.erase(path.rfind('/') + 1).append("libkelvodrix_nats.so");
+    void *const library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
     return library != nullptr ? static_cast<const Transport *>(dlsym(library, "kelvodrix_nats")) : nullptr;
   }();
   const bool fits = nats != nullptr && nats->version == kTransportVersion;
