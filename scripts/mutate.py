@@ -64,7 +64,8 @@ ROOMS = (
         "trace", "stats", "compare", "replay")), COMMANDS, r"quopa\.(calls|captures)"),
     Room(("tools/quopa/",), READERS + ("foreign",),
          r"inspect\.foreign|quopa\.(commands|calls|captures|dissector)|fuzz\.replay_quopa"),
-    Room(("platform/",), ("test_platform", "bus_kills"), r"Bus|Services|bus\."),
+    Room(("platform/nats/",), ("test_platform",), r"BusCluster"),
+    Room(("platform/",), ("test_platform", "bus_kills"), r"Bus|Services|bus\.kills$"),
 )
 
 

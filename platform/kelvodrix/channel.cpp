@@ -1,7 +1,6 @@
 // Channels: their handles and destinations, the thread that writes what sends leave, and what there is to do after the
 // last channel, at exit and at fork.
 #include <pthread.h>
-#include <signal.h>
 
 #include <algorithm>
 #include <atomic>
@@ -13,9 +12,9 @@
 #include <utility>
 #include <vector>
 
-#include "link.h"
 #include "process.h"
 #include "status.h"
+#include "transport.h"
 
 namespace kelvodrix {
 
@@ -92,12 +91,9 @@ void *pump(void *) {
 // With the lock held.
 void start_pump() {
   if (all().pumped) return;
-  sigset_t every, former;  // signals are for the process's own threads
-  sigfillset(&every);
-  pthread_sigmask(SIG_SETMASK, &every, &former);
+  const SignalsHeldBack held_back;
   pthread_t thread;
   const int error = pthread_create(&thread, nullptr, pump, nullptr);
-  pthread_sigmask(SIG_SETMASK, &former, nullptr);
   if (error != 0) throw std::system_error(error, std::generic_category());
   pthread_detach(thread);
   all().pumped = true;
@@ -200,9 +196,9 @@ int32_t kelvodrix_open(const char *endpoint, const kelvodrix_options *options, u
     if (handle == nullptr || chosen.window_frames == 0 || chosen.window_frames > kMaxWindowFrames ||
         chosen.window_bytes == 0)
       return KELVODRIX_ERR_INVALID;
-    Endpoint parsed;
-    if (const int32_t status = parse_endpoint(endpoint, parsed); status != KELVODRIX_OK) return status;
-    Channel channel{chosen, {{kDefaultDestination, std::make_shared<Link>(parsed, chosen)}}};
+    std::shared_ptr<Link> link;
+    if (const int32_t status = make_link(endpoint, chosen, link); status != KELVODRIX_OK) return status;
+    Channel channel{chosen, {{kDefaultDestination, link}}};
     std::lock_guard lock(process_mutex);
     start_pump();
     const uint32_t number = all().next_number();
@@ -215,13 +211,17 @@ int32_t kelvodrix_open(const char *endpoint, const kelvodrix_options *options, u
 int32_t kelvodrix_destination(uint32_t handle, const char *endpoint, uint32_t *destination) {
   return guarded([&]() -> int32_t {
     if (destination == nullptr) return KELVODRIX_ERR_INVALID;
-    Endpoint parsed;
-    if (const int32_t status = parse_endpoint(endpoint, parsed); status != KELVODRIX_OK) return status;
-    std::lock_guard lock(process_mutex);
-    Channel *channel = all().find(handle);
+    kelvodrix_options options = kDefaultOptions;
+    std::unique_lock lock(process_mutex);
+    if (const Channel *channel = all().find(handle)) options = channel->options;
+    lock.unlock();
+    std::shared_ptr<Link> link;
+    if (const int32_t status = make_link(endpoint, options, link); status != KELVODRIX_OK) return status;
+    lock.lock();
+    Channel *const channel = all().find(handle);
     if (channel == nullptr) return KELVODRIX_ERR_HANDLE;
     const uint32_t number = all().next_number();
-    channel->links.emplace(number, std::make_shared<Link>(parsed, channel->options));
+    channel->links.emplace(number, link);
     *destination = number;
     return KELVODRIX_OK;
   });

@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <span>
 
 #include "kelvodrix.h"
@@ -50,6 +51,36 @@ bool visit_messages(std::span<const uint8_t> frame, Visit visit) {
     frame = frame.subspan(length);
   }
   return frame.empty();
+}
+
+// Whether a frame of the right length, which starts with a whole header, is one of ours.
+inline bool well_formed(std::span<const uint8_t> frame) {
+  return load<uint32_t>(&frame[4]) == kMagic && load<uint32_t>(&frame[16]) <= KELVODRIX_MAX_FRAME_MESSAGES &&
+         visit_messages(frame, [](uint32_t, const uint8_t *, uint32_t) {});
+}
+
+// Sets how many bytes a frame of the messages takes, or says why there can be none.
+inline int32_t measure_frame(std::span<const DrixSendDescriptor> messages, size_t limit, size_t &frame_bytes) {
+  frame_bytes = kHeaderBytes;
+  if (messages.size() > KELVODRIX_MAX_FRAME_MESSAGES) return KELVODRIX_ERR_TOO_BIG;
+  for (const DrixSendDescriptor &message : messages) {
+    if (message.address == 0 && message.length != 0) return KELVODRIX_ERR_INVALID;
+    if (message.length > limit) return KELVODRIX_ERR_TOO_BIG;  // or the sum could wrap
+    frame_bytes += kMessageOverhead + message.length;
+    if (frame_bytes > limit) return KELVODRIX_ERR_TOO_BIG;
+  }
+  return KELVODRIX_OK;
+}
+
+inline void write_frame(std::span<const DrixSendDescriptor> messages, size_t frame_bytes, uint64_t number,
+                        uint8_t *to) {
+  to = store(to, static_cast<uint32_t>(frame_bytes));
+  to = store(store(store(to, kMagic), number), static_cast<uint32_t>(messages.size()));
+  for (const DrixSendDescriptor &message : messages) {
+    to = store(store(to, message.id), message.length);
+    if (message.length != 0) std::memcpy(to, reinterpret_cast<const void *>(message.address), message.length);
+    to += message.length;
+  }
 }
 
 }  // namespace kelvodrix

@@ -1,4 +1,5 @@
-/* libkelvodrix: a stand-in for the platform's message bus between the processes of one host, over plain stream sockets.
+/* libkelvodrix: a stand-in for the platform's message bus, between the processes of one host over plain stream sockets,
+ * and between hosts over NATS servers.
  *
  * It provides the four functions that libdrix_fib6 imports (drix_bus.h) and, declared here, what a process needs beside
  * them: channels to send on and receivers to receive with.
@@ -9,6 +10,9 @@
  *                                      file beside it, which go with the receiver
  *   NAME                               the same in a folder of the user's own, /tmp/kelvodrix-UID
  *   inproc://NAME                      inside a process
+ *   nats://HOST:PORT[,HOST:PORT...]/NAME, or tls://
+ *                                      between hosts, through a NATS server or a cluster of them, see docs/cluster.md;
+ *                                      credentials come from the file that the variable KELVODRIX_NATS names
  *
  * Delivery. One DRIX_SendMsg or DRIX_SendToMsg call travels as one frame, whole or not at all. Frames to one endpoint
  * are handled in the order in which they were sent, each at most once. The receiver acknowledges a frame after it has
@@ -16,7 +20,8 @@
  * receiver's other counters. It acknowledges all that is at hand together, at the latest every 64 frames. The channel
  * counts what it sent until it is acknowledged, so nothing is lost silently: what a connection leaves unacknowledged
  * when it ends, because the receiver was destroyed or killed, stays counted as undelivered. The next send connects
- * again. Nothing is sent twice.
+ * again. Nothing is sent twice. Through a server, frames are lost, and stay counted, also when the receiver stands
+ * still for 10 s or a connection to the server ends.
  *
  * A process that ends with open channels, by exit() or the return of main, still gives to the operating system what its
  * sends have left, and waits for room as long as a send on the channel would. Only a flush or kelvodrix_close shows
@@ -25,12 +30,14 @@
  * Bounds. A channel keeps at most its window of unacknowledged frames and bytes per endpoint, a receiver at most one
  * unfinished frame per connection and 256 KiB for an idle one. No frame is larger than KELVODRIX_MAX_FRAME_BYTES or
  * holds more than KELVODRIX_MAX_FRAME_MESSAGES, which also bounds what its decoding may log. A peer that sends anything
- * malformed is disconnected.
+ * malformed is disconnected; through a server, its frame is dropped, and never acknowledged. A receiver at a server
+ * queues 256 MiB, and what is sent beyond that is lost, and counted by its sender.
  *
  * All functions may be called from any thread; none but kelvodrix_run is a cancellation point. A process that opens a
  * channel gets one thread, which takes no signals; the library cannot be unloaded. Channels and receivers do not
  * survive fork(): a child, which may be made at any time, knows none of its parent's channels, opens its own, and keeps
- * its parent's endpoints taken until it ends or calls exec.
+ * its parent's endpoints taken until it ends or calls exec. A child whose parent has used a server can use none, and
+ * until it ends, the server may take its parent for alive.
  */
 #ifndef KELVODRIX_H
 #define KELVODRIX_H
@@ -59,14 +66,22 @@ typedef enum kelvodrix_status {
   KELVODRIX_ERR_IN_USE = -7,      /* another receiver is bound to the endpoint */
   KELVODRIX_ERR_NO_RECEIVER = -8, /* nobody was connected within the send timeout; nothing was queued */
   KELVODRIX_ERR_WINDOW = -9,      /* window or connection stayed full for the send timeout; nothing was queued */
-  KELVODRIX_ERR_TOO_BIG = -10,    /* the frame is above KELVODRIX_MAX_FRAME_* or above the window's bytes */
-  KELVODRIX_ERR_PENDING = -11,    /* at the timeout some messages were still unacknowledged */
-  KELVODRIX_ERR_LOST = -12,       /* every message is accounted for, but some were lost */
-  KELVODRIX_ERR_BUSY = -13,       /* the receiver's loop is running */
-  KELVODRIX_ERR_NO_MEMORY = -14,  /* out of memory */
-  KELVODRIX_ERR_SYSTEM = -15,     /* the operating system failed, or its file descriptors are used up */
-  KELVODRIX_ERR_PATH = -16,       /* the endpoint's path or name is too long for a socket */
-  KELVODRIX_ERR_FOLDER = -17      /* the folder of named endpoints is another user's or open to others */
+  KELVODRIX_ERR_TOO_BIG = -10, /* the frame is above KELVODRIX_MAX_FRAME_*, the window's bytes, the server's payload */
+  KELVODRIX_ERR_PENDING = -11, /* at the timeout some messages were still unacknowledged */
+  KELVODRIX_ERR_LOST = -12,    /* every message is accounted for, but some were lost */
+  KELVODRIX_ERR_BUSY = -13,    /* the receiver's loop is running */
+  KELVODRIX_ERR_NO_MEMORY = -14, /* out of memory */
+  KELVODRIX_ERR_SYSTEM = -15,    /* the operating system failed, or its file descriptors are used up */
+  KELVODRIX_ERR_PATH = -16,      /* the endpoint's path or name is too long for a socket */
+  KELVODRIX_ERR_FOLDER = -17,    /* the folder of named endpoints is another user's or open to others */
+  KELVODRIX_ERR_TRANSPORT = -18, /* libkelvodrix_nats.so or libnats is missing or of another version */
+  /* Of endpoints at a server. When a send returns one of these, nothing was queued. */
+  KELVODRIX_ERR_SETTINGS = -19, /* the file that KELVODRIX_NATS names, or one named there, is unreadable or malformed */
+  KELVODRIX_ERR_SERVER = -20,   /* no server answers */
+  KELVODRIX_ERR_HOST = -21,     /* a host has no address */
+  KELVODRIX_ERR_CREDENTIALS = -22, /* the server refuses the credentials, or they lack a right */
+  KELVODRIX_ERR_CERTIFICATE = -23, /* a certificate does not fit, or one side of the connection has no TLS */
+  KELVODRIX_ERR_FORKED = -24       /* the process is a child of one that has used a server */
 } kelvodrix_status;
 
 /* A status in words: static text, also for numbers that are no status. */
@@ -146,8 +161,8 @@ int32_t kelvodrix_receiver_create(const char *endpoint, kelvodrix_receiver **rec
  * function but kelvodrix_run and kelvodrix_receiver_destroy on its own receiver. */
 int32_t kelvodrix_subscribe(kelvodrix_receiver *receiver, uint32_t id, kelvodrix_subscriber subscriber, void *context);
 
-/* Receives and handles frames on the calling thread until kelvodrix_stop; returns KELVODRIX_OK then. May be called
- * again afterwards. */
+/* Receives and handles frames on the calling thread until kelvodrix_stop; returns KELVODRIX_OK then, and another status
+ * when it can go on no more, as when a server has come to refuse its credentials. May be called again afterwards. */
 int32_t kelvodrix_run(kelvodrix_receiver *receiver);
 
 /* Ends the loop after the frame being handled; when none is running, ends the next one at once. May be called from any

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 
 namespace kelvodrix {
 
@@ -27,16 +26,17 @@ constexpr milliseconds kLongestWait(50);  // then a send looks whether its chann
 
 }  // namespace
 
-int32_t Link::send(std::span<const DrixSendDescriptor> messages, bool &left) {
+int32_t make_socket_link(const char *endpoint, const kelvodrix_options &options, std::shared_ptr<Link> &link) {
+  Endpoint parsed;
+  const int32_t status = parse_endpoint(endpoint, parsed);
+  if (status == KELVODRIX_OK) link = std::make_shared<SocketLink>(parsed, options);
+  return status;
+}
+
+int32_t SocketLink::send(std::span<const DrixSendDescriptor> messages, bool &left) {
   const size_t limit = std::min(KELVODRIX_MAX_FRAME_BYTES, options_.window_bytes);
-  size_t frame_bytes = kHeaderBytes;
-  if (messages.size() > KELVODRIX_MAX_FRAME_MESSAGES) return KELVODRIX_ERR_TOO_BIG;
-  for (const DrixSendDescriptor &message : messages) {
-    if (message.address == 0 && message.length != 0) return KELVODRIX_ERR_INVALID;
-    if (message.length > limit) return KELVODRIX_ERR_TOO_BIG;  // or the sum could wrap
-    frame_bytes += kMessageOverhead + message.length;
-    if (frame_bytes > limit) return KELVODRIX_ERR_TOO_BIG;
-  }
+  size_t frame_bytes;
+  if (const int32_t status = measure_frame(messages, limit, frame_bytes); status != KELVODRIX_OK) return status;
 
   const Deadline deadline = Clock::now() + milliseconds(options_.send_timeout_ms);
   std::unique_lock lock(mutex_);
@@ -44,9 +44,9 @@ int32_t Link::send(std::span<const DrixSendDescriptor> messages, bool &left) {
     if (closed_) return KELVODRIX_ERR_HANDLE;
     const bool connected = fd_ != nullptr;
     int32_t status = append(messages, frame_bytes);
-    if (status == KELVODRIX_OK && (in_flight_.size() <= kFramesToGather || unwritten() >= kBytesToGather) &&
+    if (status == KELVODRIX_OK && (window_.frames() <= kFramesToGather || unwritten() >= kBytesToGather) &&
         write_out() == KELVODRIX_ERR_NO_RECEIVER) {
-      undelivered_ -= messages.size();  // nobody will handle what was not written whole
+      window_.withdraw(messages.size());  // nobody will handle what was not written whole
       status = KELVODRIX_ERR_NO_RECEIVER;
     }
     left = unwritten() != 0;
@@ -57,49 +57,44 @@ int32_t Link::send(std::span<const DrixSendDescriptor> messages, bool &left) {
   }
 }
 
-bool Link::write_left() {
+bool SocketLink::write_left() {
   std::lock_guard lock(mutex_);
   return !closed_ && write_out() == KELVODRIX_ERR_WINDOW;
 }
 
-void Link::finish(Deadline start) {
+void SocketLink::finish(Deadline start) {
   const Deadline deadline = start + milliseconds(options_.send_timeout_ms);
   std::unique_lock lock(mutex_);
   while (!closed_ && write_out() == KELVODRIX_ERR_WINDOW && Clock::now() < deadline) wait(lock, deadline);
 }
 
-void Link::settle(Deadline until, bool close, Undelivered &total) {
+void SocketLink::settle(Deadline until, bool close, Undelivered &total) {
   std::unique_lock lock(mutex_);
   while (!closed_ && write_out() != KELVODRIX_ERR_NO_RECEIVER) {
     take_in();
-    if (in_flight_.empty() || Clock::now() >= until) break;
+    if (window_.empty() || Clock::now() >= until) break;
     wait(lock, until);
   }
   closed_ |= close;
-  total.messages += undelivered_;
-  total.pending |= !in_flight_.empty();
+  total.messages += window_.undelivered();
+  total.pending |= !window_.empty();
 }
 
-void Link::disconnect() {
+void SocketLink::disconnect() {
   fd_.reset();
-  in_flight_.clear();
-  in_flight_bytes_ = 0;
-  sent_ = 0;
+  window_.restart();
   drop_out();
 }
 
-void Link::drop_out() {
+void SocketLink::drop_out() {
   std::vector<uint8_t>().swap(out_);
   written_ = 0;
 }
 
-bool Link::fits(size_t frame_bytes) const {
-  return in_flight_.size() < options_.window_frames && frame_bytes <= options_.window_bytes - in_flight_bytes_ &&
-         unwritten() < kMostUnwritten;
-}
+bool SocketLink::fits(size_t frame_bytes) const { return window_.fits(frame_bytes) && unwritten() < kMostUnwritten; }
 
 // Makes the frame one to be written when there are a connection and room.
-int32_t Link::append(std::span<const DrixSendDescriptor> messages, size_t frame_bytes) {
+int32_t SocketLink::append(std::span<const DrixSendDescriptor> messages, size_t frame_bytes) {
   if (!fd_) {
     auto fd = std::make_shared<Fd>();
     const int error = connect(endpoint_, *fd);
@@ -115,25 +110,15 @@ int32_t Link::append(std::span<const DrixSendDescriptor> messages, size_t frame_
     out_.erase(out_.begin(), out_.begin() + static_cast<ptrdiff_t>(written_));
     written_ = 0;
   }
-  const auto count = static_cast<uint32_t>(messages.size());
   const size_t at = out_.size();
   out_.reserve(at + frame_bytes);  // the last that can fail but for the next line
-  in_flight_.push_back({count, frame_bytes});
+  window_.add(static_cast<uint32_t>(messages.size()), frame_bytes);
   out_.resize(at + frame_bytes);
-  in_flight_bytes_ += frame_bytes;
-  undelivered_ += count;
-
-  uint8_t *to = store(&out_[at], static_cast<uint32_t>(frame_bytes));
-  to = store(store(store(to, kMagic), ++sent_), count);
-  for (const DrixSendDescriptor &message : messages) {
-    to = store(store(to, message.id), message.length);
-    if (message.length != 0) std::memcpy(to, reinterpret_cast<const void *>(message.address), message.length);
-    to += message.length;
-  }
+  write_frame(messages, frame_bytes, window_.last(), &out_[at]);
   return KELVODRIX_OK;
 }
 
-int32_t Link::write_out() {
+int32_t SocketLink::write_out() {
   while (unwritten() != 0) {
     const ssize_t count = ::send(fd_->get(), out_.data() + written_, unwritten(), MSG_DONTWAIT | MSG_NOSIGNAL);
     if (count >= 0) {
@@ -151,7 +136,7 @@ int32_t Link::write_out() {
 }
 
 // Reads acknowledgements. Ends the connection when the peer has, or when it acknowledges what it cannot have.
-void Link::take_in() {
+void SocketLink::take_in() {
   last_look_ = Clock::now();
   uint8_t in[64 * kAcknowledgementBytes];
   for (bool more = fd_ != nullptr; more;) {
@@ -165,20 +150,16 @@ void Link::take_in() {
   }
 }
 
-bool Link::acknowledge(uint64_t number) {
-  const uint64_t before = sent_ - in_flight_.size();
-  if (number <= before || number > sent_) return false;
-  for (uint64_t left = number - before; left != 0; --left) {
-    const Sent &frame = in_flight_.front();
-    if (in_flight_bytes_ - frame.bytes < unwritten()) return false;  // it is not even written whole
-    undelivered_ -= frame.messages;
-    in_flight_bytes_ -= frame.bytes;
-    in_flight_.pop_front();
+bool SocketLink::acknowledge(uint64_t number) {
+  if (number < window_.first() || number > window_.last()) return false;
+  while (window_.first() <= number) {
+    if (window_.bytes() - window_.first_bytes() < unwritten()) return false;  // it is not even written whole
+    window_.settle_first(true);
   }
   return true;
 }
 
-void Link::wait(std::unique_lock<std::mutex> &lock, Deadline deadline) {
+void SocketLink::wait(std::unique_lock<std::mutex> &lock, Deadline deadline) {
   const std::shared_ptr<Fd> fd = fd_;  // stays open, whatever others do meanwhile
   const short events = unwritten() != 0 ? POLLIN | POLLOUT : POLLIN;
   pollfd item = {fd ? fd->get() : -1, events, 0};  // without a connection it is time that has to pass

@@ -1,51 +1,30 @@
-// The sending end of one connection to one endpoint: numbers the frames and counts them until they are acknowledged.
-// Thread safe.
+// The sending end over a socket.
 #ifndef KELVODRIX_LINK_H
 #define KELVODRIX_LINK_H
 
-#include <chrono>
-#include <deque>
-#include <memory>
 #include <mutex>
-#include <span>
 #include <vector>
 
 #include "endpoint.h"
 #include "frame.h"
+#include "transport.h"
+#include "window.h"
 
 namespace kelvodrix {
 
-using Clock = std::chrono::steady_clock;
-using Deadline = Clock::time_point;
+int32_t make_socket_link(const char *endpoint, const kelvodrix_options &options, std::shared_ptr<Link> &link);
 
-struct Undelivered {
-  uint64_t messages = 0;  // not acknowledged
-  bool pending = false;   // some of them may still be
-};
-
-class Link {
+class SocketLink final : public Link {
  public:
-  Link(const Endpoint &endpoint, const kelvodrix_options &options) : endpoint_(endpoint), options_(options) {}
+  SocketLink(const Endpoint &endpoint, const kelvodrix_options &options)
+      : endpoint_(endpoint), options_(options), window_(options) {}
 
-  // Tells whether there is something left to be written.
-  int32_t send(std::span<const DrixSendDescriptor> messages, bool &left);
-
-  // Writes and reads what there is until everything is acknowledged or lost, or until then. Adds what is not
-  // acknowledged to the total. To close it means that it sends nothing from now on.
-  void settle(Deadline until, bool close, Undelivered &total);
-
-  // Writes what there is; true while that is not all.
-  bool write_left();
-
-  // Writes all that there is, unless the receiver leaves no room for it for as long as a send may wait.
-  void finish(Deadline start);
+  int32_t send(std::span<const DrixSendDescriptor> messages, bool &left) override;
+  void settle(Deadline until, bool close, Undelivered &total) override;
+  bool write_left() override;
+  void finish(Deadline start) override;
 
  private:
-  struct Sent {
-    uint32_t messages;
-    size_t bytes;
-  };
-
   // All of these are called with the mutex locked.
   void disconnect();
   void drop_out();
@@ -62,11 +41,8 @@ class Link {
 
   std::mutex mutex_;  // guards what follows; let go while somebody waits
   bool closed_ = false;
-  std::shared_ptr<Fd> fd_;      // shared with those who wait; null: not connected
-  uint64_t sent_ = 0;           // number of the last frame for this connection
-  std::deque<Sent> in_flight_;  // the frames up to there that are not acknowledged
-  size_t in_flight_bytes_ = 0;
-  uint64_t undelivered_ = 0;  // messages, those of former connections included
+  std::shared_ptr<Fd> fd_;    // shared with those who wait; null: not connected
+  Window window_;             // of this connection, and what former ones have left undelivered
   std::vector<uint8_t> out_;  // the last frames, and how much of them is written
   size_t written_ = 0;
   Deadline last_look_;  // for acknowledgements

@@ -22,6 +22,13 @@ const char *kelvodrix_strerror(int32_t status) {
       "system failure",
       "path of the endpoint too long",
       "the folder of named endpoints belongs to somebody else or is open to others",
+      "nats:// and tls:// need libkelvodrix_nats.so of this version and libnats (Debian: libkelvodrix-standin-nats)",
+      "the file that KELVODRIX_NATS names, or one that it names, cannot be read or is malformed",
+      "no server answers",
+      "unknown host",
+      "the server refuses the credentials, or they lack a right",
+      "no TLS: the certificate does not fit, or one side has none",
+      "the process was forked after it had used a server",
   };
   return status <= 0 && status > -static_cast<int32_t>(std::size(kTexts)) ? kTexts[-status] : kTexts[1];
 }

@@ -28,4 +28,4 @@ BUILD_PACKAGES=(g++ cmake ninja-build)
 TOOLS_PACKAGES=(libcli11-dev nlohmann-json3-dev)
 # shellcheck disable=SC2034
 TEST_PACKAGES=("${TOOLS_PACKAGES[@]}" clang-14 clang-format-14 libclang-rt-14-dev g++-12-multilib googletest libgtest-dev binutils jq
-  tshark pkg-config scdoc python3-cffi)
+  tshark pkg-config scdoc python3-cffi nats-server libnats-dev openssl)

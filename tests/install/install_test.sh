@@ -50,6 +50,7 @@ tree="$work/where it ended up"
 try 'DESTDIR' env DESTDIR="$work/stage" cmake --install "$build" --prefix '/opt/with blanks'
 mv "$work/stage/opt/with blanks" "$tree"
 try 'nothing outside DESTDIR' test ! -e '/opt/with blanks'
+[ ! -e "$build/platform/libkelvodrix_nats.so" ] || try 'the bus between hosts' test -s "$tree/lib/libkelvodrix_nats.so"
 export PKG_CONFIG_PATH=$tree/lib/pkgconfig
 consumer=(cmake -G Ninja -S "$project/tests/install/consumer" -B consumer "-DALL_TYPES=$all_types" "-DCMAKE_PREFIX_PATH=$tree")
 try 'find_package' "${consumer[@]}"

@@ -13,21 +13,25 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <new>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
 
 #include "kelvodrix.h"
+#include "nats_server.h"
 
 #ifdef __SANITIZE_ADDRESS__
 // A thread that is only starting when the process ends still has what the sanitizer asked the C library for.
@@ -72,9 +76,15 @@ void release(void *of) {
   if (static_cast<Record *>(of)->decoded != nullptr) --*static_cast<Record *>(of)->decoded;
 }
 
+NatsServer &server() {
+  static NatsServer instance;
+  return instance;
+}
+
 // Tests that run at the same time differ.
 std::string endpoint(const std::string &transport, int number = 0) {
   const std::string name = "kelvodrix_" + std::to_string(getpid()) + '_' + std::to_string(number);
+  if (transport == "nats") return NatsServer::installed() ? server().address() + '/' + name : "";
   return transport + "://" + (transport == "ipc" ? testing::TempDir() : "") + name;
 }
 
@@ -172,9 +182,15 @@ int32_t create(const std::string &at) {
 
 class Transport : public testing::TestWithParam<const char *> {
  protected:
-  const std::string at = endpoint(GetParam()), elsewhere = endpoint(GetParam(), 1);
+  void SetUp() override {
+    if (at.empty()) GTEST_SKIP() << "there is no nats-server (Debian: nats-server)";
+  }
+  const std::string at = endpoint(GetParam()), elsewhere = endpoint(GetParam(), 1), nowhere = endpoint(GetParam(), 2);
 };
 INSTANTIATE_TEST_SUITE_P(Bus, Transport, testing::Values("inproc", "ipc"));
+#ifdef WITH_NATS
+INSTANTIATE_TEST_SUITE_P(BusCluster, Transport, testing::Values("nats"));
+#endif
 
 TEST_P(Transport, DeliversInOrderAndKeepsDestinationsApart) {
   Receiver receiver(at), other(elsewhere);
@@ -231,11 +247,11 @@ TEST_P(Transport, SlowReceiverFillsTheWindowAndARestartedOneAnswersForItself) {
   EXPECT_EQ(second.numbers, range(7, 8));
 }
 
-TEST(Bus, WaitingSendHoldsUpNothingElse) {
-  Receiver full(endpoint("ipc"), false), idle(endpoint("ipc", 1));
-  Sender sender(endpoint("ipc"), {kLong, 1, 1000}), absent(endpoint("ipc", 2), {20, 4, 1000});
+TEST_P(Transport, WaitingSendHoldsUpNothingElse) {
+  Receiver full(at, false), idle(elsewhere);
+  Sender sender(at, {kLong, 1, 1000}), absent(nowhere, {20, 4, 1000});
   uint32_t destination = 0;
-  ASSERT_EQ(kelvodrix_destination(sender.handle, endpoint("ipc", 1).c_str(), &destination), KELVODRIX_OK);
+  ASSERT_EQ(kelvodrix_destination(sender.handle, elsewhere.c_str(), &destination), KELVODRIX_OK);
   EXPECT_EQ(sender.send({1}), KELVODRIX_OK);
   std::thread waiter([&] { EXPECT_EQ(sender.send({2}), KELVODRIX_ERR_HANDLE); });
   std::this_thread::sleep_for(std::chrono::milliseconds(50));  // or else there is nothing to hold up
@@ -370,9 +386,9 @@ TEST(Bus, ExitWritesWhatSendsHaveLeftAndWaitsNoLongerThanASend) {
   }
 }
 
-TEST(Bus, CountsWhatBecameOfEachMessage) {
-  Receiver receiver(endpoint("ipc"));
-  const Sender sender(endpoint("ipc"));
+TEST_P(Transport, CountsWhatBecameOfEachMessage) {
+  Receiver receiver(at);
+  const Sender sender(at);
   EXPECT_EQ(DRIX_RegIDLFuncHook(kOtherId, nullptr, release), KELVODRIX_ERR_INVALID);
   EXPECT_EQ(DRIX_RegIDLFuncHook(kOtherId, decode, nullptr), KELVODRIX_ERR_INVALID);
   EXPECT_EQ(sender.send({1, kThrow, 3}), KELVODRIX_OK);
@@ -400,9 +416,9 @@ TEST(Bus, CountsWhatBecameOfEachMessage) {
   EXPECT_EQ(receiver.numbers, (Numbers{1, kThrow, 3, 0, 0}));  // the rejected ones read as zero
 }
 
-TEST(Bus, RegistrationsHoldFromTheNextMessageOn) {
-  Receiver receiver(endpoint("ipc"));
-  const Sender sender(endpoint("ipc"));
+TEST_P(Transport, RegistrationsHoldFromTheNextMessageOn) {
+  Receiver receiver(at);
+  const Sender sender(at);
   static std::atomic<uint64_t> seen;
   const auto other = [](void *context, uint32_t id, const void *of, uint32_t) {
     seen = seen * 10 + static_cast<const Record *>(of)->number;
@@ -432,22 +448,24 @@ TEST(Bus, RegistrationsHoldFromTheNextMessageOn) {
   EXPECT_EQ(seen, 23u);
 }
 
-TEST(Bus, SubscriberMayEndItsThread) {
+TEST_P(Transport, SubscriberMayEndItsThread) {
+  const bool at_server = at.starts_with("nats");  // where what comes after the frame is not lost
   for (uint32_t end : {kExit, kCancel}) {
-    Receiver receiver(endpoint("ipc"), false);
-    Sender sender(endpoint("ipc"));
+    Receiver receiver(at, false);
+    Sender sender(at);
     for (const Numbers &numbers : {Numbers{1}, Numbers{2, end, 3}, Numbers{4}})
       EXPECT_EQ(sender.send(numbers), KELVODRIX_OK);
     receiver.on_number = [&](uint32_t number) { number == 1 ? kelvodrix_stop(receiver.receiver) : void(); };
     for (int run = 0; run < 2; ++run, receiver.loop.join()) receiver.start();  // stopped after 1, ended in the next
     EXPECT_EQ(live_records, 0);
-    EXPECT_EQ(sender.flush(), Undelivered(KELVODRIX_ERR_LOST, 4));
+    EXPECT_EQ(sender.flush(at_server ? 50 : kLong),
+              Undelivered(at_server ? KELVODRIX_ERR_PENDING : KELVODRIX_ERR_LOST, 4));
     EXPECT_EQ(receiver.counters().failed, 1u);
     receiver.start();  // in another thread
     EXPECT_EQ(sender.send({5}), KELVODRIX_OK);
-    EXPECT_EQ(sender.flush(), Undelivered(KELVODRIX_ERR_LOST, 4));
+    EXPECT_EQ(sender.flush(), Undelivered(KELVODRIX_ERR_LOST, at_server ? 3 : 4));
     receiver.stop();
-    EXPECT_EQ(receiver.numbers, (Numbers{1, 2, end, 5}));
+    EXPECT_EQ(receiver.numbers, at_server ? (Numbers{1, 2, end, 4, 5}) : (Numbers{1, 2, end, 5}));
   }
 }
 
@@ -607,8 +625,10 @@ TEST(Bus, SendThatFindsTheReceiverGoneCountsForNothing) {
   }
 }
 
-TEST(Bus, LeavesSignalsToTheProcess) {
-  const Sender sender(endpoint("ipc"));
+TEST_P(Transport, LeavesSignalsToTheProcess) {
+  const Receiver receiver(at, false);
+  const Sender sender(at);
+  EXPECT_EQ(sender.send({1}), KELVODRIX_OK);
   sigset_t user, former, pending;
   sigemptyset(&user);
   sigaddset(&user, SIGUSR1);
@@ -658,6 +678,9 @@ TEST(Bus, RefusesEndpointsThatCannotServe) {
       {KELVODRIX_ERR_PATH, {"ipc:///tmp/" + std::string(103, 'x')}},
       {KELVODRIX_ERR_FOLDER, {"name"}},
       {KELVODRIX_ERR_ENDPOINT, {"ipc://", "inproc://", "", "pgm://x", "tcp://127.0.0.1:1234"}},
+#ifndef WITH_NATS
+      {KELVODRIX_ERR_TRANSPORT, {"nats://127.0.0.1:1/x", "tls://127.0.0.1:1/x"}},
+#endif
   };
   for (const auto &[status, endpoints] : cases)
     for (const std::string &each : endpoints) {
@@ -709,8 +732,8 @@ TEST(Bus, IpcIsForItsUserAndLeavesNoFilesBehind) {
   EXPECT_NE(stat((path + ".lock").c_str(), &found), 0);
 }
 
-TEST(Bus, StopsFromEverywhere) {
-  Receiver receiver(endpoint("inproc"));
+TEST_P(Transport, StopsFromEverywhere) {
+  Receiver receiver(at);
   receiver.stop();                    // from another thread
   kelvodrix_stop(receiver.receiver);  // and before it runs
   EXPECT_EQ(kelvodrix_run(receiver.receiver), KELVODRIX_OK);
@@ -720,7 +743,7 @@ TEST(Bus, StopsFromEverywhere) {
   EXPECT_EQ(kelvodrix_run(receiver.receiver), KELVODRIX_OK);
   signal(SIGALRM, SIG_DFL);
 
-  Sender sender(endpoint("inproc"));
+  Sender sender(at);
   receiver.on_number = [&](uint32_t number) {
     EXPECT_EQ(kelvodrix_run(receiver.receiver), KELVODRIX_ERR_BUSY);
     EXPECT_EQ(kelvodrix_receiver_destroy(receiver.receiver), KELVODRIX_ERR_BUSY);
@@ -732,9 +755,9 @@ TEST(Bus, StopsFromEverywhere) {
   EXPECT_EQ(receiver.numbers, range(1, 3));  // the whole frame, and no more
 }
 
-TEST(Bus, LateStopEndsNoFurtherLoopAndLeavesItAsleep) {
-  Receiver receiver(endpoint("inproc"));
-  const Sender sender(endpoint("inproc"));
+TEST_P(Transport, LateStopEndsNoFurtherLoopAndLeavesItAsleep) {
+  Receiver receiver(at);
+  const Sender sender(at);
   Gate late;
   std::thread stopping([&] {
     gate = &late;
@@ -749,6 +772,231 @@ TEST(Bus, LateStopEndsNoFurtherLoopAndLeavesItAsleep) {
   EXPECT_EQ(sender.flush(), kAllDelivered);
   EXPECT_FALSE(receiver.spins());
 }
+
+#ifdef WITH_NATS
+class BusCluster : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!NatsServer::installed()) GTEST_SKIP() << "there is no nats-server (Debian: nats-server)";
+  }
+};
+
+// A client that speaks the server's protocol by hand.
+struct RawClient {
+  struct Message {
+    std::string subject, reply, bytes;
+  };
+  explicit RawClient(const std::string &subject) {
+    send("CONNECT {\"verbose\":false}\r\nSUB " + subject + " 1\r\nPING\r\n");
+    while (line() != "PONG") {
+    }
+  }
+  ~RawClient() { close(fd); }
+  void publish(const std::string &subject, const std::string &reply, const std::string &bytes) const {
+    send("PUB " + subject + ' ' + reply + ' ' + std::to_string(bytes.size()) + "\r\n" + bytes + "\r\n");
+  }
+  Message next() {
+    std::vector<std::string> words;
+    while (words.empty() || words[0] != "MSG") {
+      std::istringstream stream(line());
+      words.assign(std::istream_iterator<std::string>(stream), {});
+    }
+    return {words[1], words.size() == 5 ? words[3] : "", take(std::stoul(words.back()) + 2)};
+  }
+  void send(const std::string &bytes) const {
+    EXPECT_EQ(::send(fd, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+  }
+  std::string line() {
+    while (in.find('\n') == in.npos) receive();
+    return take(in.find('\n') + 1);
+  }
+  // Without the end of the line.
+  std::string take(size_t size) {
+    while (in.size() < size) receive();
+    const std::string taken = in.substr(0, size - 2);
+    in.erase(0, size);
+    return taken;
+  }
+  void receive() {
+    char chunk[4096];
+    const ssize_t count = recv(fd, chunk, sizeof(chunk), 0);
+    ASSERT_GT(count, 0);
+    in.append(chunk, static_cast<size_t>(count));
+  }
+  const int fd = server().connected();
+  std::string in;
+};
+
+std::string receipt(const std::string &instance, uint64_t first, uint64_t last) {
+  return instance + little_endian(first, 8) + little_endian(last, 8);
+}
+
+TEST_F(BusCluster, SubjectsTellTheIdAndATapIsNoReceiver) {
+  const std::string at = endpoint("nats"), subject = "drix." + at.substr(at.rfind('/') + 1) + ".m.";
+  RawClient tap("drix.*.m.>");
+  const Sender impatient(at, {50, 4, 1000});
+  EXPECT_EQ(impatient.send({1}), KELVODRIX_ERR_NO_RECEIVER);
+  EXPECT_EQ(impatient.flush(), kAllDelivered);
+  auto receiver = std::make_unique<Receiver>(at);
+  const Sender sender(at);
+  uint32_t number = 1;
+  DrixSendDescriptor mixed[] = {{reinterpret_cast<uintptr_t>(&number), kId, 4}, {0, kOtherId, 0}};
+  EXPECT_EQ(sender.send({1, 2}), KELVODRIX_OK);
+  EXPECT_EQ(sender.send({3}, 0, kOtherId), KELVODRIX_OK);
+  EXPECT_EQ(DRIX_SendMsg(sender.handle, mixed, 2), KELVODRIX_OK);
+  EXPECT_EQ(sender.flush(), kAllDelivered);
+  for (const char *last : {"cc4e6bc6", "00000007", "mixed"}) EXPECT_EQ(tap.next().subject, subject + last);
+  receiver.reset();
+  receiver = std::make_unique<Receiver>(at);
+  usleep(1100000);  // so long a silence makes the sender ask who is there
+  EXPECT_EQ(sender.send({4}), KELVODRIX_OK);
+  EXPECT_EQ(sender.flush(), kAllDelivered);
+  // Another server takes no frame as large.
+  const NatsServer small("max_payload: 1000\n");
+  const Receiver elsewhere(small.address() + "/small");
+  const Sender large(small.address() + "/small");
+  EXPECT_EQ(large.send(Numbers(82)), KELVODRIX_ERR_TOO_BIG);
+  EXPECT_EQ(large.send(Numbers(81)), KELVODRIX_OK);
+  EXPECT_EQ(large.flush(), kAllDelivered);
+}
+
+TEST_F(BusCluster, HandlesGoodFramesAndAcknowledgesOnlyThose) {
+  const std::string at = endpoint("nats"), subject = "drix." + at.substr(at.rfind('/') + 1) + ".";
+  testing::internal::CaptureStderr();
+  Receiver receiver(at);
+  RawClient peer("peer.*");
+  const auto send = [&](const std::string &bytes) { peer.publish(subject + "m.cc4e6bc6", "peer.1", bytes); };
+  peer.publish(subject + "hello", "peer.1", std::string(16, '\0'));
+  const std::string instance = peer.next().bytes, good = instance + frame(1, message(1));
+  const std::string whole = instance + frame(9, message(9));  // shows if it is handled when spoiled
+  std::vector<std::string> bad = {
+      "", instance, whole.substr(0, 27), whole.substr(0, 39), whole + '\0', instance + frame(9, message(9), 2)};
+  for (size_t byte : std::initializer_list<size_t>{8, 9, 12, 13, 14, 15, 24, 27}) {
+    bad.push_back(whole);
+    bad.back()[byte] ^= '\x01';
+  }
+  for (const std::string &each : bad) send(each);
+  peer.publish(subject + "m.cc4e6bc6", "", whole);  // nobody to be answered
+  std::string other = good;
+  other[0] ^= '\x01';
+  send(other);  // is for a receiver of before
+  EXPECT_EQ(peer.next().bytes, instance);
+  send(good);
+  EXPECT_EQ(peer.next().bytes, receipt(instance, 1, 1));
+  send(good);
+  send(instance + frame(4, message(4)));  // two are missing
+  EXPECT_EQ(peer.next().bytes, receipt(instance, 4, 4));
+  peer.publish(subject + "hello", "peer.1", instance + little_endian(6, 8));
+  EXPECT_EQ(peer.next().bytes, instance);
+  EXPECT_EQ(peer.next().bytes, receipt(instance, 7, 6));
+  EXPECT_EQ(create(at), KELVODRIX_ERR_IN_USE);
+  receiver.stop();
+  EXPECT_EQ(receiver.numbers, (Numbers{1, 4}));
+  EXPECT_EQ(receiver.counters().malformed, bad.size() + 2);
+  const std::string said = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
+}
+
+TEST_F(BusCluster, SenderBelievesOnlyGoodAcknowledgements) {
+  const std::string at = endpoint("nats"), subject = "drix." + at.substr(at.rfind('/') + 1) + ".";
+  const std::string first = little_endian(77, 8), second = little_endian(78, 8);
+  RawClient peer(subject + ">");
+  const Sender sender(at, {kLong, 4, 1000});
+  std::thread sending([&] {
+    for (uint32_t i = 1; i <= 4; ++i) EXPECT_EQ(sender.send({i}), KELVODRIX_OK);
+  });
+  RawClient::Message got;
+  // The next frame; answers whoever asks meanwhile.
+  const auto next_frame = [&](const std::string &instance) {
+    for (got = peer.next(); got.subject == subject + "hello"; got = peer.next()) peer.publish(got.reply, "", instance);
+  };
+  for (uint64_t i = 1; i <= 4; ++i) {
+    next_frame(first);
+    EXPECT_EQ(got.bytes, first + frame(i, message(static_cast<uint32_t>(i))));
+  }
+  sending.join();
+  for (const std::string &bad :
+       {receipt(second, 1, 4), receipt(first, 0, 4), receipt(first, 1, 5), receipt(first, 7, 4),
+        receipt(first, 1, 4) + '\0', receipt(first, 1, 4).substr(1), std::string()})
+    peer.publish(got.reply, "", bad);
+  peer.publish(got.reply, "", receipt(first, 2, 2));  // the first was not there
+  EXPECT_TRUE(eventually([&] { return sender.flush(1).second == 3; }));
+  EXPECT_EQ(sender.flush(50), Undelivered(KELVODRIX_ERR_PENDING, 3));
+  while (got.subject != subject + "hello") got = peer.next();
+  EXPECT_EQ(got.bytes, first + little_endian(4, 8));  // a question after them
+  for (uint32_t i = 5; i <= 6; ++i) EXPECT_EQ(sender.send({i}), KELVODRIX_OK);
+  for (int i = 0; i < 2; ++i) next_frame(first);
+  std::thread waiting([&] { EXPECT_EQ(sender.send({7}), KELVODRIX_OK); });  // for room, which a restart makes
+  next_frame(second);
+  EXPECT_EQ(got.bytes, second + frame(7, message(7)));
+  waiting.join();
+  peer.publish(got.reply, "", receipt(second, 7, 7));
+  EXPECT_EQ(sender.flush(), Undelivered(KELVODRIX_ERR_LOST, 5));
+  EXPECT_EQ(sender.send({8}), KELVODRIX_OK);
+  next_frame(second);
+  shutdown(peer.fd, SHUT_RDWR);  // and nobody comes after it
+  EXPECT_EQ(sender.flush(), Undelivered(KELVODRIX_ERR_LOST, 6));
+}
+
+TEST_F(BusCluster, EachErrorHasItsStatus) {
+  NatsServer plain(
+      "authorization { users: [{user: u, password: p}, {user: d, password: p, permissions: {publish: x}}] }\n");
+  const std::string folder = plain.folder() + '/', settings = folder + "settings";
+  const auto make = [&](const std::string &name) {
+    return std::system(
+        ("openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=x -addext subjectAltName=IP:127.0.0.1 -keyout " + folder +
+         name + ".key -out " + folder + name + ".pem 2>/dev/null")
+            .c_str());
+  };
+  ASSERT_EQ(make("good") + make("other"), 0);
+  NatsServer secure("tls { cert_file: " + folder + "good.pem, key_file: " + folder + "good.key }\n");
+  setenv("KELVODRIX_NATS", settings.c_str(), 1);
+  const std::string user = "# who\n\nuser=u\npassword=";
+  const struct {
+    std::string settings, at;
+    int32_t status;
+  } cases[] = {
+      {user + "p\n", plain.address(), KELVODRIX_OK},
+      {user + "wrong\n", plain.address(), KELVODRIX_ERR_CREDENTIALS},
+      {"user=d\npassword=p\n", plain.address(), KELVODRIX_ERR_CREDENTIALS},
+      {"", plain.address(), KELVODRIX_ERR_CREDENTIALS},
+      {"who=u\n", plain.address(), KELVODRIX_ERR_SETTINGS},
+      {"ca=" + folder + "missing.pem\n", plain.address(), KELVODRIX_ERR_SETTINGS},
+      {"credentials=" + folder + "missing\n", plain.address(), KELVODRIX_ERR_SETTINGS},
+      {"ca=" + folder + "good.pem\n", secure.address("tls://"), KELVODRIX_OK},
+      {"ca=" + folder + "other.pem\n", secure.address("tls://"), KELVODRIX_ERR_CERTIFICATE},
+      {"", secure.address("tls://"), KELVODRIX_ERR_CERTIFICATE},
+      {user + "p\n", plain.address("tls://"), KELVODRIX_ERR_CERTIFICATE},
+      {"", "nats://127.0.0.1:1", KELVODRIX_ERR_SERVER},
+      {"", "nats://127.0.0.1:1,no..host:4222", KELVODRIX_ERR_HOST},
+      {"", "nats://u:p@127.0.0.1:1", KELVODRIX_ERR_ENDPOINT},
+      {"", "nats://", KELVODRIX_ERR_ENDPOINT},
+  };
+  for (const auto &[lines, servers, status] : cases) {
+    std::ofstream(settings) << lines;
+    uint32_t handle = 0, number = 1;
+    kelvodrix_options options = {1000, 4, 1000};
+    EXPECT_EQ(create(servers + "/a.b"), KELVODRIX_ERR_ENDPOINT);
+    const int32_t created = status == KELVODRIX_OK ? status : create(servers + "/x");
+    EXPECT_EQ(created, status) << lines << servers;
+    DrixSendDescriptor one = {reinterpret_cast<uintptr_t>(&number), kId, sizeof(number)};
+    const int32_t opened = kelvodrix_open((servers + "/y").c_str(), &options, &handle);
+    const int32_t sent = opened == KELVODRIX_OK ? DRIX_SendMsg(handle, &one, 1) : opened;
+    EXPECT_EQ(sent, status == KELVODRIX_OK ? KELVODRIX_ERR_NO_RECEIVER : status) << lines << servers;
+    kelvodrix_close(handle, 0, nullptr);
+  }
+  unsetenv("KELVODRIX_NATS");
+  // A child can use no server, and does not hang.
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(kLong / 1000);
+    exit(create("nats://127.0.0.1:1/x") == KELVODRIX_ERR_FORKED ? 0 : 1);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+}
+#endif
 
 TEST(Bus, CallsCleanHooksAfterTheLastChannel) {
   EXPECT_EQ(DRIX_RegIDLResorceCleanFuncHook(nullptr), KELVODRIX_ERR_INVALID);

@@ -1,7 +1,9 @@
-// Kills senders and receivers of the bus at random moments and keeps account of every record: what the bus has promised
-// about it, and what became of it. Fails at the first difference.
+// Kills senders, receivers and the server of the bus at random moments and keeps account of every record: what the bus
+// has promised about it, and what became of it. Fails at the first difference.
 //
-// bus_kills [--kills N] [--seed N]
+// bus_kills [--kills N] [--seed N] [--nats-kills N] [--nats-pauses N]
+//   --nats-kills   so many over a NATS server, which is killed too (default: 0)
+//   --nats-pauses  so many receivers there stand still for longer than the server bears (default: 0)
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -15,25 +17,35 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <map>
+#include <memory>
 #include <new>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "kelvodrix.h"
+#include "nats_server.h"
 
 namespace {
 
 constexpr uint32_t kId = 7, kMostFrames = 1 << 18;
 constexpr uint32_t kLong = 60000;  // ms; nothing takes that long
 constexpr uint32_t kMostUnacknowledged = 64;
+constexpr unsigned kPause = 12;  // s
 
 // What the sender knows of a frame.
 enum State : uint8_t { kNone, kUnderWay, kAccepted, kRefused, kAcknowledged, kLost };
 
+enum Event : uint32_t { kSenderDies, kReceiverDies, kServerDies, kReceiverPauses };
+
 struct Round {
-  bool receiver_dies, one_by_one;
+  Event event;
+  bool one_by_one;
   uint32_t window, batch, message_bytes, delay_us;
+  NatsServer *server;  // null: on this host
+
+  bool receiver_dies() const { return event == kReceiverDies; }
 };
 
 struct Message {
@@ -46,7 +58,8 @@ struct Account {
   std::atomic<uint32_t> second_sender;  // its first frame
   std::atomic<uint64_t> undelivered;    // as the last sender says
   std::atomic<bool> done;               // the senders have sent enough
-  std::atomic<uint32_t> handled_by_second;
+  std::atomic<uint32_t> goes_on;        // the first frame after the event
+  std::atomic<uint32_t> handled_after;
   struct Frame {
     std::atomic<State> state;
     std::atomic<uint32_t> handled;  // messages
@@ -77,7 +90,7 @@ void handle(void *, uint32_t, const void *record, uint32_t) {
   expect(message.frame >= before, "frames out of order");
   before = message.frame;
   expect(account->frame[message.frame].handled++ == message.number, "messages of a frame twice or out of order");
-  if (is_second || message.frame >= account->second_sender) ++account->handled_by_second;
+  if (is_second || message.frame >= account->goes_on) ++account->handled_after;
 }
 
 int receive(const std::string &at) {
@@ -111,7 +124,8 @@ int send(const std::string &at, const Round &round) {
     state = kUnderWay;
     const int32_t status = DRIX_SendMsg(handle, messages.data(), round.batch);
     state = status == KELVODRIX_OK ? kAccepted : kRefused;
-    expect(status == KELVODRIX_OK || status == KELVODRIX_ERR_NO_RECEIVER || status == KELVODRIX_ERR_WINDOW,
+    expect(status == KELVODRIX_OK || status == KELVODRIX_ERR_NO_RECEIVER || status == KELVODRIX_ERR_WINDOW ||
+               (round.server != nullptr && status == KELVODRIX_ERR_SERVER),
            kelvodrix_strerror(status));
     if (status != KELVODRIX_OK || !round.one_by_one) continue;
     expect(kelvodrix_flush(handle, kLong, &undelivered) != KELVODRIX_ERR_PENDING, "a frame stays unanswered");
@@ -145,7 +159,7 @@ struct Totals {
 // Holds what the sender knows against what the receivers have handled.
 void settle(const Round &round, Totals &totals) {
   uint64_t accepted = 0, handled = 0;  // messages of the sender that has lived to the end
-  uint32_t gaps = 0, in_part = 0, first = round.receiver_dies ? 0 : account->second_sender.load();
+  uint32_t gaps = 0, in_part = 0, first = round.event == kSenderDies ? account->second_sender.load() : 0;
   bool in_gap = false;
   for (uint32_t i = 0; i < account->frames; ++i) {
     const State state = account->frame[i].state;
@@ -160,38 +174,49 @@ void settle(const Round &round, Totals &totals) {
     in_part += got != 0 && got != round.batch;
     if (got == 0 && !in_gap) ++gaps;
     in_gap = got == 0;
-    // A connection loses its end and nothing else; only a restarted receiver goes on behind it.
-    expect(gaps <= (round.receiver_dies || i < first ? 1u : 0u), "frames missing from the middle");
-    expect(round.receiver_dies || got == 0 || gaps == 0, "frames missing before others");
+    // A socket loses its end and nothing else; only a restarted receiver goes on behind it.
+    if (round.server == nullptr) {
+      expect(gaps <= (round.receiver_dies() || i < first ? 1u : 0u), "frames missing from the middle");
+      expect(round.receiver_dies() || got == 0 || gaps == 0, "frames missing before others");
+    }
     if (i >= first) accepted += round.batch, handled += got;
     totals.sent += round.batch, totals.handled += got;
   }
   const uint64_t acknowledged = accepted - account->undelivered;
-  expect(in_part <= (round.receiver_dies ? 1u : 0u), "frames handled in part");
+  expect(in_part <= (round.receiver_dies() ? 1u : 0u), "frames handled in part");
   expect(account->undelivered <= accepted && acknowledged <= handled, "lost and not counted");
-  const uint64_t most_more = round.receiver_dies ? (kMostUnacknowledged + 1) * uint64_t{round.batch} : 0;
-  expect(handled <= acknowledged + most_more, "counted as lost although it was handled");
+  const uint64_t most_more = round.receiver_dies() ? (kMostUnacknowledged + 1) * uint64_t{round.batch} : 0;
+  const bool acknowledgements_lost = round.server != nullptr && round.event != kSenderDies;
+  expect(acknowledgements_lost || handled <= acknowledged + most_more, "counted as lost although it was handled");
   totals.undelivered += account->undelivered;
 }
 
 void run(const Round &round, const std::string &at, Totals &totals) {
   std::memset(static_cast<void *>(account), 0, offsetof(Account, frame) + account->frames * sizeof(Account::Frame));
-  account->second_sender = kMostFrames;
+  account->second_sender = account->goes_on = kMostFrames;
   const auto receiving = [&] { return receive(at); };
   const auto sending = [&] { return send(at, round); };
   pid_t to = start(receiving), from = start(sending);
   usleep(round.delay_us);
-  if (round.receiver_dies) {
+  if (round.event == kReceiverDies) {
     end(to, SIGKILL, "a receiver failed");
     is_second = true;
     to = start(receiving);
     is_second = false;
-  } else {
+  } else if (round.event == kSenderDies) {
     end(from, SIGKILL, "a sender failed");
     account->second_sender = account->frames.load();
     from = start(sending);
+  } else if (round.event == kServerDies) {
+    round.server->stop();
+    round.server->start();
+  } else {
+    kill(to, SIGSTOP);
+    sleep(kPause);
+    kill(to, SIGCONT);
   }
-  while (account->handled_by_second == 0 && account->wrong == 0 && account->frames < kMostFrames) usleep(200);
+  if (round.event != kReceiverDies) account->goes_on = account->frames.load();
+  while (account->handled_after == 0 && account->wrong == 0 && account->frames < kMostFrames) usleep(200);
   account->done = true;
   end(from, 0, "a sender failed");
   end(to, SIGTERM, "a receiver failed");
@@ -201,9 +226,11 @@ void run(const Round &round, const std::string &at, Totals &totals) {
 }  // namespace
 
 int main(int argc, char **argv) {
-  uint32_t kills = 20, seed = std::random_device()();
+  std::map<std::string, uint32_t> options = {
+      {"--kills", 20}, {"--seed", std::random_device()()}, {"--nats-kills", 0}, {"--nats-pauses", 0}};
   for (int i = 1; i + 1 < argc; i += 2)
-    (std::string(argv[i]) == "--kills" ? kills : seed) = static_cast<uint32_t>(std::strtoul(argv[i + 1], nullptr, 10));
+    options[argv[i]] = static_cast<uint32_t>(std::strtoul(argv[i + 1], nullptr, 10));
+  const uint32_t seed = options["--seed"], on_host = options["--kills"], kills = on_host + options["--nats-kills"];
   void *const shared = mmap(nullptr, sizeof(Account), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (shared == MAP_FAILED) return 1;
   account = new (shared) Account;
@@ -215,16 +242,29 @@ int main(int argc, char **argv) {
   std::mt19937 random(seed);
   const auto one_of = [&](std::initializer_list<uint32_t> values) { return values.begin()[random() % values.size()]; };
   Totals totals;
+  std::unique_ptr<NatsServer> server;
+  if (kills + options["--nats-pauses"] > on_host) {
+    if (!NatsServer::installed()) return std::puts("left out: there is no nats-server (Debian: nats-server)"), 0;
+    server = std::make_unique<NatsServer>();
+  }
   uint32_t done = 0;
-  for (; done < kills && account->wrong == 0; ++done) {
-    const Round round = {one_of({0, 1}) != 0,   one_of({0, 1}) != 0,
-                         one_of({2, 64, 4096}), one_of({1, 7, 200}),
-                         one_of({8, 5000}),     static_cast<uint32_t>(random() % one_of({2000, 20000}))};
-    run(round, at, totals);
+  for (; done < kills + options["--nats-pauses"] && account->wrong == 0; ++done) {
+    Round round = {Event(one_of({kSenderDies, kReceiverDies})),
+                   one_of({0, 1}) != 0,
+                   one_of({2, 64, 4096}),
+                   one_of({1, 7, 200}),
+                   one_of({8, 5000}),
+                   static_cast<uint32_t>(random() % one_of({2000, 20000})),
+                   done < on_host ? nullptr : server.get()};
+    if (round.server != nullptr) round.event = Event(one_of({kSenderDies, kReceiverDies, kServerDies}));
+    if (round.server != nullptr) round.delay_us += 100000;  // for both to connect
+    if (done >= kills) round = {kReceiverPauses, false, 4096, 7, 5000, 100000, server.get()};
+    run(round, done < on_host ? at : server->address() + "/kills", totals);
   }
   std::printf("%u kills: %llu messages accepted or under way, %llu handled, %llu counted as undelivered\n", done,
               static_cast<unsigned long long>(totals.sent), static_cast<unsigned long long>(totals.handled),
               static_cast<unsigned long long>(totals.undelivered));
+  server.reset();
   const bool clean = account->wrong == 0 && remove((at + ".lock").c_str()) != 0 && rmdir(folder) == 0;
   return clean ? 0 : 1;
 }

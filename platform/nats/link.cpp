@@ -1,0 +1,192 @@
+// The sending end at an endpoint of a server.
+#include <algorithm>
+#include <condition_variable>
+#include <cstdio>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "../kelvodrix/frame.h"
+#include "../kelvodrix/window.h"
+#include "session.h"
+
+namespace kelvodrix {
+
+namespace {
+
+using namespace std::chrono_literals;
+using std::chrono::milliseconds;
+
+constexpr milliseconds kLongestConnect(2000);
+// How often one who waits asks who is there, and what became of the frames.
+constexpr milliseconds kAskAgain(20);
+// A receiver that was heard as long ago is asked first: it may have gone and another one come.
+constexpr milliseconds kSurelyThere(1000);
+
+// Shared with the library's thread.
+struct State {
+  explicit State(const kelvodrix_options &options) : window(options) {}
+
+  std::mutex mutex;  // guards what follows
+  std::condition_variable changed;
+  Window window;
+  bool present = false;
+  uint64_t instance = 0;  // the last receiver that was present
+  Deadline heard{};
+
+  void take(const natsMsg *message) {
+    const auto *bytes = reinterpret_cast<const uint8_t *>(natsMsg_GetData(message));
+    const auto length = static_cast<size_t>(natsMsg_GetDataLength(message));
+    std::lock_guard lock(mutex);
+    if (natsMsg_IsNoResponders(const_cast<natsMsg *>(message))) {
+      present = false;
+      window.lose_all();
+    } else if (length == kInstanceBytes) {
+      const auto from = load<uint64_t>(bytes);
+      if (from != instance) window.lose_all();
+      instance = from;
+      present = true;
+    } else if (length == kReceiptBytes && load<uint64_t>(bytes) == instance) {
+      const auto first = load<uint64_t>(bytes + 8), last = load<uint64_t>(bytes + 16);
+      if (first == 0 || last > window.last() || first > last + 1) return;  // nothing of ours
+      window.settle(first, last);
+    } else {
+      return;
+    }
+    heard = Clock::now();
+    changed.notify_all();
+  }
+};
+
+class NatsLink final : public Link {
+ public:
+  NatsLink(Place place, const kelvodrix_options &options)
+      : place_(std::move(place)), options_(options), state_(std::make_shared<State>(options)) {}
+
+  int32_t send(std::span<const DrixSendDescriptor> messages, bool &) override {
+    const size_t limit = std::min(KELVODRIX_MAX_FRAME_BYTES, options_.window_bytes);
+    size_t frame_bytes;
+    if (const int32_t status = measure_frame(messages, limit, frame_bytes); status != KELVODRIX_OK) return status;
+    const Deadline deadline = Clock::now() + milliseconds(options_.send_timeout_ms);
+    std::unique_lock lock(state_->mutex);
+    for (bool again = true;; again = wait(lock, deadline)) {
+      if (closed_) return KELVODRIX_ERR_HANDLE;
+      const int32_t status = publish(messages, frame_bytes);
+      const bool may_change = status == KELVODRIX_ERR_WINDOW || status == KELVODRIX_ERR_NO_RECEIVER ||
+                              status == KELVODRIX_ERR_SERVER || status == KELVODRIX_ERR_HOST || session_ != nullptr;
+      if (status == KELVODRIX_OK || status == KELVODRIX_ERR_TOO_BIG || !may_change || !again) return status;
+    }
+  }
+
+  void settle(Deadline until, bool close, Undelivered &total) override {
+    std::unique_lock lock(state_->mutex);
+    while (!closed_ && !state_->window.empty() && wait(lock, until)) {
+    }
+    closed_ |= close;
+    if (close) state_->changed.notify_all();
+    total.messages += state_->window.undelivered();
+    total.pending |= !state_->window.empty();
+  }
+
+  // The library has a thread that writes, and the session sees to it at exit.
+  bool write_left() override { return false; }
+  void finish(Deadline) override {}
+
+ private:
+  // All of these are called with the mutex locked.
+
+  int32_t publish(std::span<const DrixSendDescriptor> messages, size_t frame_bytes) {
+    State &state = *state_;
+    if (state.window.empty() && options_.send_timeout_ms != 0 && Clock::now() - state.heard > kSurelyThere)
+      state.present = false;
+    if (!state.present) {
+      if (session_ == nullptr) return reached_;
+      const int32_t status = session_->status();
+      return status != KELVODRIX_OK ? status : KELVODRIX_ERR_NO_RECEIVER;
+    }
+    if (!state.window.fits(frame_bytes)) return KELVODRIX_ERR_WINDOW;
+
+    const uint32_t id = messages[0].id;
+    const bool mixed = std::any_of(messages.begin(), messages.end(), [id](const auto &each) { return each.id != id; });
+    if (subject_.empty() || mixed != mixed_ || id != id_) {
+      char text[16];
+      std::snprintf(text, sizeof(text), mixed ? "m.mixed" : "m.%08x", id);
+      subject_ = place_.subject + text;
+      mixed_ = mixed;
+      id_ = id;
+    }
+    frame_.resize(kInstanceBytes + frame_bytes);
+    state.window.add(static_cast<uint32_t>(messages.size()), frame_bytes);
+    write_frame(messages, frame_bytes, state.window.last(), store(frame_.data(), state.instance));
+    const natsStatus status = natsConnection_PublishRequest(session_->nc(), subject_.c_str(), inbox_.c_str(),
+                                                            frame_.data(), static_cast<int>(frame_.size()));
+    if (frame_.capacity() > kMostKept) std::vector<uint8_t>().swap(frame_);
+    if (status == NATS_OK) return KELVODRIX_OK;
+    state.window.withdraw_last();
+    if (status == NATS_MAX_PAYLOAD) return KELVODRIX_ERR_TOO_BIG;
+    state.present = false;
+    return session_->status() != KELVODRIX_OK ? session_->status() : KELVODRIX_ERR_SERVER;
+  }
+
+  // For what the other end has to say, which it is asked from time to time. False at the deadline.
+  bool wait(std::unique_lock<std::mutex> &lock, Deadline deadline) {
+    State &state = *state_;
+    if (session_ == nullptr || session_->closed()) reach(lock, deadline);
+    if (session_ != nullptr && Clock::now() - asked_ >= kAskAgain) ask();
+    if (Clock::now() >= deadline) return false;
+    state.changed.wait_until(lock, std::min(deadline, Clock::now() + kAskAgain));
+    return true;
+  }
+
+  void reach(std::unique_lock<std::mutex> &lock, Deadline deadline) {
+    std::shared_ptr<Session> session;
+    answers_.reset();
+    session_.reset();
+    const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now());
+    lock.unlock();
+    reached_ = forked() ? KELVODRIX_ERR_FORKED
+                        : Session::get(place_.servers, false, std::clamp(left, 10ms, kLongestConnect).count(), session);
+    lock.lock();
+    if (session == nullptr || session_ != nullptr) return;
+    session->forget_denials();  // of other endpoints
+    session_ = session;
+    inbox_ = session->inbox();
+    answers_.emplace(session, inbox_,
+                     [state = state_](natsConnection *, const Message &message) { state->take(message.get()); });
+  }
+
+  void ask() {
+    asked_ = Clock::now();
+    uint8_t bytes[kHelloBytes];
+    store(store(bytes, state_->instance), state_->window.empty() ? uint64_t{0} : state_->window.last());
+    natsConnection_PublishRequest(session_->nc(), (place_.subject + "hello").c_str(), inbox_.c_str(), bytes,
+                                  sizeof(bytes));
+  }
+
+  static constexpr size_t kMostKept = 1 << 20;
+
+  const Place place_;
+  const kelvodrix_options options_;
+  const std::shared_ptr<State> state_;
+  // Guarded by the state's mutex.
+  bool closed_ = false;
+  int32_t reached_ = KELVODRIX_ERR_SERVER;  // what the last attempt to connect has come to
+  std::shared_ptr<Session> session_;
+  std::string inbox_, subject_;  // the subject of the last frame
+  bool mixed_ = false;
+  uint32_t id_ = 0;
+  std::vector<uint8_t> frame_;
+  Deadline asked_{};
+  std::optional<Subscription> answers_;
+};
+
+}  // namespace
+
+int32_t make_nats_link(const char *endpoint, const kelvodrix_options &options, std::shared_ptr<Link> &link) {
+  Place place;
+  const int32_t status = parse_place(endpoint, place);
+  if (status == KELVODRIX_OK) link = std::make_shared<NatsLink>(std::move(place), options);
+  return status;
+}
+
+}  // namespace kelvodrix

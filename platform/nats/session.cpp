@@ -1,0 +1,231 @@
+#include "session.h"
+
+#include <netdb.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <new>
+#include <random>
+#include <sstream>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include "../kelvodrix/process.h"
+#include "../kelvodrix/status.h"
+
+namespace kelvodrix {
+
+namespace {
+
+constexpr int64_t kReconnectMs = 50, kWriteDeadlineMs = 2000, kPingMs = 2000, kLastFlushMs = 500;
+
+struct Sessions {
+  std::mutex mutex;
+  std::map<std::pair<std::string, bool>, std::weak_ptr<Session>> by_servers;
+};
+
+// Never destroyed: threads may still use them while the process exits.
+Sessions &all() {
+  static Sessions &instance = *new Sessions;
+  return instance;
+}
+
+std::atomic<pid_t> user = 0;  // the process that has used the library
+
+// What is still in buffers then would be lost with the library's threads.
+void at_exit() {
+  if (forked()) return;
+  std::vector<std::shared_ptr<Session>> sessions;
+  {
+    std::lock_guard lock(all().mutex);
+    for (const auto &[servers, session] : all().by_servers) sessions.push_back(session.lock());
+  }
+  for (const auto &session : sessions)
+    if (session != nullptr) session->flush(kLastFlushMs);
+}
+
+void require(natsStatus status) {
+  if (status == NATS_NO_MEMORY) throw std::bad_alloc();
+  if (status != NATS_OK) throw std::system_error(status, std::generic_category(), natsStatus_GetText(status));
+}
+
+bool known_host(const std::string &server) {
+  std::string host = server.substr(0, server.rfind(':'));
+  if (host.starts_with('[')) host = host.substr(1, host.find(']') - 1);
+  addrinfo *found = nullptr;
+  if (getaddrinfo(host.c_str(), nullptr, nullptr, &found) != 0) return false;
+  freeaddrinfo(found);
+  return true;
+}
+
+// The file has lines KEY=VALUE, empty ones, and comments that start with #.
+bool apply_settings(natsOptions *options, std::string &inbox_prefix) {
+  const char *const path = secure_getenv("KELVODRIX_NATS");
+  if (path == nullptr) return true;
+  enum Key { kUser, kPassword, kToken, kCredentials, kCa, kCertificate, kKey, kInbox, kKeys };
+  static constexpr const char *kNames[] = {"user", "password",    "token", "credentials",
+                                           "ca",   "certificate", "key",   "inbox"};
+  std::string values[kKeys];
+  std::ifstream file(path);
+  for (std::string line; std::getline(file, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    const size_t equals = line.find('=');
+    const auto *const name = std::find(kNames, kNames + kKeys, line.substr(0, equals));
+    if (equals == line.npos || name == kNames + kKeys) return false;
+    values[name - kNames] = line.substr(equals + 1);
+  }
+  const auto given = [&](Key key) { return values[key].empty() ? nullptr : values[key].c_str(); };
+  if (given(kInbox)) inbox_prefix = given(kInbox);
+  return file.eof() && (!given(kInbox) || natsOptions_SetCustomInboxPrefix(options, given(kInbox)) == NATS_OK) &&
+         (!given(kUser) || natsOptions_SetUserInfo(options, given(kUser), given(kPassword)) == NATS_OK) &&
+         (!given(kToken) || natsOptions_SetToken(options, given(kToken)) == NATS_OK) &&
+         (!given(kCa) || natsOptions_LoadCATrustedCertificates(options, given(kCa)) == NATS_OK) &&
+         (!given(kCertificate) ||
+          natsOptions_LoadCertificatesChain(options, given(kCertificate), given(kKey)) == NATS_OK) &&
+         (!given(kCredentials) ||
+          (access(given(kCredentials), R_OK) == 0 &&
+           natsOptions_SetUserCredentialsFromFiles(options, given(kCredentials), nullptr) == NATS_OK));
+}
+
+int32_t status_of(natsStatus status, const std::vector<std::string> &hosts) {
+  switch (status) {
+    case NATS_CONNECTION_AUTH_FAILED:
+      return KELVODRIX_ERR_CREDENTIALS;
+    case NATS_SSL_ERROR:
+    case NATS_SECURE_CONNECTION_WANTED:
+    case NATS_SECURE_CONNECTION_REQUIRED:
+      return KELVODRIX_ERR_CERTIFICATE;
+    default:
+      return std::all_of(hosts.begin(), hosts.end(), known_host) ? KELVODRIX_ERR_SERVER : KELVODRIX_ERR_HOST;
+  }
+}
+
+}  // namespace
+
+bool forked() { return user != 0 && user != getpid(); }
+
+uint64_t random_number() {
+  std::random_device device;
+  return uint64_t{device()} << 32 | device();
+}
+
+int32_t parse_place(const char *endpoint, Place &place) {
+  const std::string_view whole(endpoint);
+  const size_t start = whole.find("://") + 3, slash = whole.rfind('/');
+  if (slash <= start) return KELVODRIX_ERR_ENDPOINT;
+  const std::string_view hosts = whole.substr(start, slash - start), name = whole.substr(slash + 1);
+  // Passwords are not for endpoints, which others may see.
+  const bool bad_hosts = hosts.find_first_of("@/ \t") != hosts.npos || hosts.front() == ',' || hosts.back() == ',';
+  const bool bad_name = std::any_of(name.begin(), name.end(), [](unsigned char c) {
+    return c <= ' ' || c >= 0x7F || c == '.' || c == '*' || c == '>';
+  });
+  if (bad_hosts || bad_name || name.empty() || name.size() > 200) return KELVODRIX_ERR_ENDPOINT;
+  place = {std::string(whole.substr(0, slash)), "drix." + std::string(name) + "."};
+  return forked() ? KELVODRIX_ERR_FORKED : KELVODRIX_OK;
+}
+
+int32_t Session::get(const std::string &servers, bool at_once, int64_t timeout_ms, std::shared_ptr<Session> &session) {
+  const auto known = [&] {
+    std::lock_guard lock(all().mutex);
+    if (user == 0) std::atexit(at_exit);
+    user = getpid();
+    session = all().by_servers[{servers, at_once}].lock();
+    if (session != nullptr && session->closed()) session.reset();
+    return session != nullptr;
+  };
+  if (known()) return KELVODRIX_OK;
+  auto made = std::make_shared<Session>();
+  if (const int32_t status = made->connect(servers, at_once, timeout_ms); status != KELVODRIX_OK) return status;
+  if (known()) return KELVODRIX_OK;  // by another thread meanwhile
+  std::lock_guard lock(all().mutex);
+  all().by_servers[{servers, at_once}] = session = made;
+  return KELVODRIX_OK;
+}
+
+int32_t Session::connect(const std::string &servers, bool at_once, int64_t timeout_ms) {
+  const size_t start = servers.find("://") + 3;
+  std::istringstream list(servers.substr(start));
+  std::vector<std::string> hosts, urls;
+  std::vector<const char *> pointers;
+  for (std::string host; std::getline(list, host, ',');) {
+    hosts.push_back(host);
+    urls.push_back(servers.substr(0, start) + host);
+  }
+  for (const std::string &url : urls) pointers.push_back(url.c_str());
+  const SignalsHeldBack held_back;
+  natsOptions *created = nullptr;
+  require(natsOptions_Create(&created));
+  const std::unique_ptr<natsOptions, Destroy> options(created);
+  if (natsOptions_SetServers(created, pointers.data(), static_cast<int>(pointers.size())) != NATS_OK)
+    return KELVODRIX_ERR_ENDPOINT;
+  if (!apply_settings(created, inbox_prefix_)) return KELVODRIX_ERR_SETTINGS;
+  if (servers.starts_with("tls")) require(natsOptions_SetSecure(created, true));
+  natsOptions_SetTimeout(created, timeout_ms);
+  natsOptions_SetSendAsap(created, at_once);
+  natsOptions_SetMaxReconnect(created, -1);
+  natsOptions_SetReconnectWait(created, kReconnectMs);
+  natsOptions_SetReconnectJitter(created, kReconnectMs, kReconnectMs);
+  natsOptions_SetReconnectBufSize(created, 1);  // or what is sent meanwhile would reach whoever is there later
+  natsOptions_SetPingInterval(created, kPingMs);
+  natsOptions_SetWriteDeadline(created, kWriteDeadlineMs);
+  using Flag = std::shared_ptr<std::atomic<bool>>;
+  auto flag = std::make_unique<Flag>(denied_);  // the last call of these may come after the session
+  const auto note_denial = [](natsConnection *, natsSubscription *, natsStatus status, void *denied) {
+    if (status == NATS_NOT_PERMITTED) **static_cast<Flag *>(denied) = true;
+  };
+  const auto forget = [](natsConnection *, void *denied) { delete static_cast<Flag *>(denied); };
+  natsOptions_SetErrorHandler(created, note_denial, flag.get());
+  natsOptions_SetClosedCB(created, forget, flag.get());
+  const natsStatus status = natsConnection_Connect(&nc_, created);
+  if (status != NATS_OK) return status_of(status, hosts);
+  flag.release();
+  return KELVODRIX_OK;
+}
+
+Session::~Session() {
+  if (nc_ == nullptr || forked()) return;
+  flush(kLastFlushMs);
+  natsConnection_Destroy(nc_);
+}
+
+void Session::flush(int64_t timeout_ms) const {
+  if (natsConnection_Status(nc_) == NATS_CONN_STATUS_CONNECTED) natsConnection_FlushTimeout(nc_, timeout_ms);
+}
+
+std::string Session::inbox() const {
+  return inbox_prefix_ + "." + std::to_string(random_number()) + std::to_string(random_number());
+}
+
+int32_t Session::status() const {
+  if (natsConnection_Status(nc_) != NATS_CONN_STATUS_CONNECTED) return KELVODRIX_ERR_SERVER;
+  return *denied_ ? KELVODRIX_ERR_CREDENTIALS : KELVODRIX_OK;
+}
+
+Subscription::Subscription(std::shared_ptr<Session> session, const std::string &subject, Take take)
+    : session_(std::move(session)) {
+  auto owned = std::make_unique<Take>(std::move(take));
+  const auto call = [](natsConnection *nc, natsSubscription *, natsMsg *message, void *function) {
+    guarded([&]() -> int32_t {
+      (*static_cast<Take *>(function))(nc, Message(message));
+      return KELVODRIX_OK;
+    });
+  };
+  const SignalsHeldBack held_back;
+  require(natsConnection_Subscribe(&sub_, session_->nc(), subject.c_str(), call, owned.get()));
+  natsSubscription_SetPendingLimits(sub_, -1, -1);
+  natsSubscription_SetOnCompleteCB(
+      sub_, [](void *function) { delete static_cast<Take *>(function); }, owned.release());
+}
+
+Subscription::~Subscription() {
+  if (forked()) return;
+  natsSubscription_Unsubscribe(sub_);
+  natsSubscription_Destroy(sub_);
+}
+
+}  // namespace kelvodrix
