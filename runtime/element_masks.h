@@ -11,7 +11,8 @@
 
 namespace drix {
 
-// Of types that have an ElementMasks. Both stop where one of the elements is not plain.
+// Of types that have an ElementMasks. Reading stops where an element is not what a writer of this library makes of its
+// shape.
 uint8_t *write_by_masks(const ElementType &type, uint8_t *words, uint32_t count, const void *records, uint8_t *end);
 uint32_t read_by_masks(const ElementType &type, const uint8_t *buffer, uint32_t length, uint32_t words, uint32_t count,
                        void *records);

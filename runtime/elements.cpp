@@ -29,28 +29,54 @@ uint64_t sum_of_bytes(uint64_t bytes) {
   return ((bytes & kEven) + (bytes >> 8 & kEven)) * 0x0001000100010001 >> 48;
 }
 
-// Of one window of so many records.
-uint64_t zero_bytes_in_window(const ElementType::Window &window, const uint8_t *record, std::size_t record_size,
-                              uint32_t count) {
-  Halves rest;
-  Halves widths;
-  std::memcpy(&rest, window.rest.data(), sizeof rest);
-  std::memcpy(&widths, window.widths.data(), sizeof widths);
-  const Halves tops = (widths + 0x7F7F'7F7F'7F7F'7F7F) & 0x8080'8080'8080'8080;
-  uint64_t sum = 0;
-  while (count != 0) {
-    uint32_t now = std::min<uint32_t>(count, UINT8_MAX / sizeof(uint32_t));  // whose widths a byte can hold
-    count -= now;
-    Halves bytes = {};
-    for (; now != 0; --now, record += record_size) {
-      const Halves value = {load_half(record + window.places[0]), load_half(record + window.places[1])};
-      // Where a scalar has any other bit, adding all of them to it carries into the top bit, and never beyond.
-      const Halves zeros = ~(((value & rest) + rest) | value) & tops;
-      bytes += ((zeros << 1) - (zeros >> 7)) & widths;
-    }
-    sum += sum_of_bytes(bytes[0]) + sum_of_bytes(bytes[1]);
+// Finds the scalars of a window that are zero.
+class WindowZeros {
+ public:
+  explicit WindowZeros(const ElementType::Window &window) : places_(window.places) {
+    std::memcpy(&rest_, window.rest.data(), sizeof rest_);
+    std::memcpy(&widths_, window.widths.data(), sizeof widths_);
+    tops_ = (widths_ + 0x7F7F'7F7F'7F7F'7F7F) & 0x8080'8080'8080'8080;
   }
-  return sum;
+
+  // Their top bits, by reference, as architectures differ in how such a value is passed. Where a scalar has any other
+  // bit, adding all of them to it carries into the top bit, and never beyond.
+  [[gnu::always_inline]] void find(const uint8_t *record, Halves &zeros) const {
+    const Halves value = {load_half(record + places_[0]), load_half(record + places_[1])};
+    zeros = ~(((value & rest_) + rest_) | value) & tops_;
+  }
+
+  // How many bytes they have in so many records.
+  uint64_t bytes(const uint8_t *record, std::size_t record_size, uint32_t count) const {
+    uint64_t sum = 0;
+    while (count != 0) {
+      uint32_t now = std::min<uint32_t>(count, UINT8_MAX / sizeof(uint32_t));  // whose widths a byte can hold
+      count -= now;
+      Halves bytes = {};
+      for (; now != 0; --now, record += record_size) {
+        Halves zeros;
+        find(record, zeros);
+        bytes += ((zeros << 1) - (zeros >> 7)) & widths_;
+      }
+      sum += sum_of_bytes(bytes[0]) + sum_of_bytes(bytes[1]);
+    }
+    return sum;
+  }
+
+ private:
+  const std::array<uint16_t, 2> places_;
+  Halves rest_;
+  Halves widths_;
+  Halves tops_;
+};
+
+bool has_zero(const ElementType &type, const uint8_t *record) {
+  Halves found = {};
+  for (uint32_t i = 0; i < type.window_count; ++i) {
+    Halves zeros;
+    WindowZeros(type.windows[i]).find(record, zeros);
+    found |= zeros;
+  }
+  return (found[0] | found[1]) != 0;
 }
 
 #ifdef DRIX_HAS_SHUFFLES
@@ -114,25 +140,21 @@ uint8_t *write_each(const ElementType &type, uint8_t *words, uint32_t count, con
 }
 
 uint8_t *write_elements(const ElementType &type, uint8_t *words, uint32_t count, const void *records, uint8_t *end) {
-  // Of a few elements, those without zeros at the start are not worth loading what the better ways need.
+  // A few, the first without zeros, are not worth loading what the better ways need.
   constexpr uint32_t kFew = 8;
-  const auto *record = static_cast<const uint8_t *>(records);
-  for (bool is_full = count <= kFew; is_full && count > 0; --count, words += kWord, record += type.record_size) {
-    uint8_t *const start = end;
-    store(words, static_cast<uint32_t>(start + type.vtable_length - words));
-    end = type.build_table(start, record);
-    is_full = end - start == type.full_size;
+  if (count <= kFew && type.last_read == 0 && !has_zero(type, static_cast<const uint8_t *>(records))) {
+    return write_each(type, words, count, records, end);
   }
 #ifdef DRIX_HAS_MASKS
   if (type.masks != nullptr && element_way() == ElementWay::masks)
-    return write_by_masks(type, words, count, record, end);
+    return write_by_masks(type, words, count, records, end);
 #endif
 #ifdef DRIX_HAS_SHUFFLES
   if (type.write_by_shuffles != nullptr && element_way() >= ElementWay::shuffles) {
-    return type.write_by_shuffles(type, words, count, record, end);
+    return type.write_by_shuffles(type, words, count, records, end);
   }
 #endif
-  return write_each(type, words, count, record, end);
+  return write_each(type, words, count, records, end);
 }
 
 uint32_t read_elements(const ElementType &type, const uint8_t *buffer, uint32_t length, uint32_t words, uint32_t count,
@@ -152,12 +174,12 @@ uint64_t zero_bytes(const ElementType &type, const void *records, uint32_t count
   const uint32_t last = std::min<uint32_t>(count, type.last_read);
   uint64_t sum = 0;
   for (uint32_t i = 0; i < type.window_count; ++i) {
-    sum += zero_bytes_in_window(type.windows[i], record, type.record_size, count - last);
+    sum += WindowZeros(type.windows[i]).bytes(record, type.record_size, count - last);
   }
   for (uint32_t i = count - last; i < count; ++i) {
     uint8_t half[kHalf] = {};
     std::memcpy(half, record + i * type.record_size, type.record_size);
-    sum += zero_bytes_in_window(type.windows[0], half, 0, 1);
+    sum += WindowZeros(type.windows[0]).bytes(half, 0, 1);
   }
   return sum;
 }
