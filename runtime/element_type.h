@@ -114,6 +114,7 @@ struct ElementType {
   WindowBytes widths;  // of the scalars
   WindowBytes behind;  // 0xFF in the last head behind the vtable's end
   uint16_t record_size;
+  uint16_t full_size;  // of a table without zeros, with its vtable
   uint16_t tail_size;  // bytes of a table behind its scalars
   uint8_t window_count;
   uint8_t array_count;

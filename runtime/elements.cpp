@@ -79,9 +79,9 @@ bool has_zero(const ElementType &type, const uint8_t *record) {
   return (found[0] | found[1]) != 0;
 }
 
-#ifdef DRIX_HAS_SHUFFLES
 enum class ElementWay : uint8_t { unknown, each, shuffles, masks };
 
+#ifdef DRIX_HAS_SHUFFLES
 // The best way that this processor and its system know.
 ElementWay find_element_way() {
   uint32_t a, b, c, d;
@@ -111,21 +111,15 @@ ElementWay element_way() {
 }
 #endif
 
-// How many elements were read by the better ways.
-uint32_t read_together([[maybe_unused]] const ElementType &type, [[maybe_unused]] const uint8_t *buffer,
-                       [[maybe_unused]] uint32_t length, [[maybe_unused]] uint32_t words,
-                       [[maybe_unused]] uint32_t count, [[maybe_unused]] void *records) {
+// The best one for a type.
+ElementWay way_for([[maybe_unused]] const ElementType &type) {
 #ifdef DRIX_HAS_MASKS
-  if (type.masks != nullptr && element_way() == ElementWay::masks) {
-    return read_by_masks(type, buffer, length, words, count, records);
-  }
+  if (type.masks != nullptr && element_way() == ElementWay::masks) return ElementWay::masks;
 #endif
 #ifdef DRIX_HAS_SHUFFLES
-  if (type.read_by_shuffles != nullptr && element_way() >= ElementWay::shuffles) {
-    return type.read_by_shuffles(type, buffer, length, words, count, records);
-  }
+  if (type.write_by_shuffles != nullptr && element_way() >= ElementWay::shuffles) return ElementWay::shuffles;
 #endif
-  return 0;
+  return ElementWay::each;
 }
 
 }  // namespace
@@ -139,32 +133,58 @@ uint8_t *write_each(const ElementType &type, uint8_t *words, uint32_t count, con
   return end;
 }
 
+// An element without zeros is as quick by itself as by masks, and quicker than by shuffles. So those at the start are
+// handled by themselves where that pays; in most tables all elements are like the first one.
+
 uint8_t *write_elements(const ElementType &type, uint8_t *words, uint32_t count, const void *records, uint8_t *end) {
-  // A few, the first without zeros, are not worth loading what the better ways need.
-  constexpr uint32_t kFew = 8;
-  if (count <= kFew && type.last_read == 0 && !has_zero(type, static_cast<const uint8_t *>(records))) {
-    return write_each(type, words, count, records, end);
+  constexpr uint32_t kFew = 8;  // elements, which are not worth loading what masks need
+  const auto *record = static_cast<const uint8_t *>(records);
+  const ElementWay way = way_for(type);
+  bool is_full = (way != ElementWay::masks || count <= kFew) && type.last_read == 0 && !has_zero(type, record);
+  for (; is_full && count != 0; --count, words += kWord, record += type.record_size) {
+    uint8_t *const start = end;
+    end = write_each(type, words, 1, record, start);
+    is_full = end - start == type.full_size;
   }
 #ifdef DRIX_HAS_MASKS
-  if (type.masks != nullptr && element_way() == ElementWay::masks)
-    return write_by_masks(type, words, count, records, end);
+  if (way == ElementWay::masks) return write_by_masks(type, words, count, record, end);
 #endif
 #ifdef DRIX_HAS_SHUFFLES
-  if (type.write_by_shuffles != nullptr && element_way() >= ElementWay::shuffles) {
-    return type.write_by_shuffles(type, words, count, records, end);
-  }
+  if (way == ElementWay::shuffles) return type.write_by_shuffles(type, words, count, record, end);
 #endif
-  return write_each(type, words, count, records, end);
+  return write_each(type, words, count, record, end);
 }
 
 uint32_t read_elements(const ElementType &type, const uint8_t *buffer, uint32_t length, uint32_t words, uint32_t count,
                        void *records) {
-  uint32_t done = read_together(type, buffer, length, words, count, records);
-  auto *record = static_cast<uint8_t *>(records) + std::size_t{done} * type.record_size;
-  for (; done < count; ++done, record += type.record_size) {
+  const ElementWay way = way_for(type);
+  auto *const record = static_cast<uint8_t *>(records);
+  uint32_t done = 0;
+  // Reads by itself; false when the element is not plain. Says whether it seems to be full, for which any answer is good.
+  const auto read_one = [&](bool &is_full) {
     const uint64_t word = uint64_t{words} + uint64_t{kWord} * done;
     const uint64_t position = word + load_once<uint32_t>(buffer + word);
-    if (position > length || !type.read_table(buffer, length, static_cast<uint32_t>(position), record)) break;
+    if (position > length) return false;
+    const uint8_t *const table = buffer + position;
+    is_full = position >= type.vtable_length &&
+              load<uint16_t>(table - type.vtable_length + 2) == type.full_size - type.vtable_length;
+    return type.read_table(buffer, length, static_cast<uint32_t>(position),
+                           record + done * std::size_t{type.record_size});
+  };
+  for (bool is_full = way == ElementWay::shuffles; is_full && done < count; ++done) {
+    if (!read_one(is_full)) return done;
+  }
+#ifdef DRIX_HAS_MASKS
+  if (way == ElementWay::masks) done = read_by_masks(type, buffer, length, words, count, record);
+#endif
+#ifdef DRIX_HAS_SHUFFLES
+  if (way == ElementWay::shuffles) {
+    done += type.read_by_shuffles(type, buffer, length, words + kWord * done, count - done,
+                                  record + done * std::size_t{type.record_size});
+  }
+#endif
+  for (bool is_full; done < count; ++done) {
+    if (!read_one(is_full)) break;
   }
   return done;
 }

@@ -28,6 +28,7 @@ inline constexpr ElementType kElementType = [] {
   type.windows = Tables::windows.data();
   type.window_count = Tables::kWindows;
   type.record_size = sizeof(R);
+  type.full_size = full_size<R>();
   type.vtable_length = Tables::kVtable;
   type.last_read = Tables::last_read();
 #ifdef DRIX_HAS_SHUFFLES
