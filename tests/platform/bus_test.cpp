@@ -33,11 +33,6 @@
 #include "kelvodrix.h"
 #include "nats_server.h"
 
-#ifdef __SANITIZE_ADDRESS__
-// A thread that is only starting when the process ends still has what the sanitizer asked the C library for.
-extern "C" const char *__lsan_default_suppressions() { return "leak:pthread_getattr_np"; }
-#endif
-
 namespace {
 
 using Numbers = std::vector<uint32_t>;
