@@ -113,11 +113,12 @@ ElementWay element_way() {
 
 // The best one for a type.
 ElementWay way_for([[maybe_unused]] const ElementType &type) {
-#ifdef DRIX_HAS_MASKS
-  if (type.masks != nullptr && element_way() == ElementWay::masks) return ElementWay::masks;
-#endif
 #ifdef DRIX_HAS_SHUFFLES
-  if (type.write_by_shuffles != nullptr && element_way() >= ElementWay::shuffles) return ElementWay::shuffles;
+  const ElementWay way = element_way();
+#ifdef DRIX_HAS_MASKS
+  if (type.masks != nullptr && way == ElementWay::masks) return way;
+#endif
+  if (type.write_by_shuffles != nullptr && way != ElementWay::each) return ElementWay::shuffles;
 #endif
   return ElementWay::each;
 }
