@@ -1,0 +1,24 @@
+// Sends the kernel's IPv6 routes, and each of their changes, to all who ask for them.
+#pragma once
+
+#include <string>
+
+#include "command_line.h"
+#include "live_record.h"
+
+namespace live {
+
+struct SenderOptions {
+  std::string requests = kDefaultRequests;
+  bool status = false;
+
+  void add_to(CommandLine &line) {
+    line.option("--requests", requests, "with --follow: where receivers ask for the table");
+    line.flag("--status", status, "with --follow: print a line on each state of the table that receivers are told of");
+  }
+};
+
+// Returns at SIGINT and SIGTERM; SIGUSR1 has the table's state printed.
+void follow(const SenderOptions &options);
+
+}  // namespace live
