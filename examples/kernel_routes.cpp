@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -41,10 +42,9 @@ class Socket {
 
 class Mnl final : public KernelRoutes {
  public:
-  Mnl(LiveTable &table, KernelMirror::NameInterface name_interface)
+  Mnl(LiveTable &table, KernelMirror::NameInterface name_interface, uint32_t buffer)
       : table_(table), mirror_(table, std::move(name_interface)) {
-    // Room for what happens while the table is read; as much as is allowed, where more needs a right.
-    const int bytes = kEventBytes;
+    const int bytes = static_cast<int>(std::min<uint32_t>(buffer, INT_MAX >> 10) << 10);
     if (setsockopt(events_.fd(), SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0) {
       setsockopt(events_.fd(), SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
     }
@@ -95,7 +95,6 @@ class Mnl final : public KernelRoutes {
   }
 
  private:
-  static constexpr int kEventBytes = 64 << 20;
   static constexpr int kAttempts = 3;
   static constexpr int kMessagesAtOnce = 4096;
   // Dumps take a small share of the time, however much there is to doubt.
@@ -165,8 +164,9 @@ class Mnl final : public KernelRoutes {
 
 }  // namespace
 
-std::unique_ptr<KernelRoutes> open_kernel_routes(LiveTable &table, KernelMirror::NameInterface name_interface) {
-  return std::make_unique<Mnl>(table, std::move(name_interface));
+std::unique_ptr<KernelRoutes> open_kernel_routes(LiveTable &table, KernelMirror::NameInterface name_interface,
+                                                 uint32_t buffer) {
+  return std::make_unique<Mnl>(table, std::move(name_interface), buffer);
 }
 
 }  // namespace live

@@ -37,8 +37,9 @@ class KernelRoutes {
   virtual Counters counters() const = 0;
 };
 
-// Listens to the kernel from now on. The table is only written to by the object's functions. Throws std::runtime_error
+// Listens to the kernel from now on, with room for so many KiB of events, or as much as this user may have. The table is only written to by the object's functions. Throws std::runtime_error
 // when this build has no libmnl.
-std::unique_ptr<KernelRoutes> open_kernel_routes(LiveTable &table, KernelMirror::NameInterface name_interface);
+std::unique_ptr<KernelRoutes> open_kernel_routes(LiveTable &table, KernelMirror::NameInterface name_interface,
+                                                 uint32_t buffer);
 
 }  // namespace live

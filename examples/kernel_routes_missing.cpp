@@ -5,7 +5,7 @@
 
 namespace live {
 
-std::unique_ptr<KernelRoutes> open_kernel_routes(LiveTable &, KernelMirror::NameInterface) {
+std::unique_ptr<KernelRoutes> open_kernel_routes(LiveTable &, KernelMirror::NameInterface, uint32_t) {
   throw std::runtime_error("this build cannot ask the kernel for its routes: there was no libmnl (Debian: libmnl-dev)");
 }
 

@@ -173,7 +173,9 @@ class Keeper : private LiveTable::Observer {
 
   void compare() {
     LiveTable kernels;
-    open_kernel_routes(kernels, [](uint32_t, const std::string &) {})->read_all();
+    open_kernel_routes(
+        kernels, [](uint32_t, const std::string &) {}, kEventRoom)
+        ->read_all();
     uint64_t equal = 0, missing = 0, different = 0;
     for (const auto &[key, route] : kernels.routes()) {
       const LiveTable::Route *const held = mirror_.table().find(key);
@@ -194,6 +196,8 @@ class Keeper : private LiveTable::Observer {
   static void report(const char *what, const RouteKey &key) {
     std::printf("%s: %s table %u metric %u\n", what, format_prefix(key).c_str(), key.table, key.metric);
   }
+
+  static constexpr uint32_t kEventRoom = 1024;  // KiB
 
   bool quiet_;
   const ReceiverOptions &options_;

@@ -269,7 +269,8 @@ class Sender {
   Requests requests_;
   Feed feed_{std::random_device()()};
   std::unique_ptr<KernelRoutes> kernel_ = open_kernel_routes(
-      feed_.table(), [this](uint32_t number, const std::string &name) { feed_.name_interface(number, name); });
+      feed_.table(), [this](uint32_t number, const std::string &name) { feed_.name_interface(number, name); },
+      options_.buffer);
   std::map<std::string, std::unique_ptr<Subscription>> receivers_;  // by their endpoints
   Clock::time_point next_beat_ = Clock::now();
   Summary printed_;

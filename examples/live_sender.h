@@ -1,6 +1,7 @@
 // Sends the kernel's IPv6 routes, and each of their changes, to all who ask for them.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "command_line.h"
@@ -10,10 +11,12 @@ namespace live {
 
 struct SenderOptions {
   std::string requests = kDefaultRequests;
+  uint32_t buffer = 64 << 10;
   bool status = false;
 
   void add_to(CommandLine &line) {
     line.option("--requests", requests, "with --follow: where receivers ask for the table");
+    line.option("--buffer", buffer, "with --follow: KiB of the kernel's events to have room for", 1, 1 << 20);
     line.flag("--status", status, "with --follow: print a line on each state of the table that receivers are told of");
   }
 };

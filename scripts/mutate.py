@@ -64,6 +64,9 @@ ROOMS = (
         "trace", "stats", "compare", "replay")), COMMANDS, r"quopa\.(calls|captures)"),
     Room(("tools/quopa/",), READERS + ("foreign",),
          r"inspect\.foreign|quopa\.(commands|calls|captures|dissector)|fuzz\.replay_quopa"),
+    Room(("examples/kernel_routes.cpp", "examples/live_receiver.cpp", "examples/live_sender.cpp"),
+         ("route_sender", "route_receiver"), r"examples\.live$"),
+    Room(("examples/",), ("test_live",), r"^(Kernel|Live)"),
     Room(("platform/nats/",), ("test_platform",), r"BusCluster"),
     Room(("platform/",), ("test_platform", "bus_kills"), r"Bus|Services|bus\.kills$"),
 )

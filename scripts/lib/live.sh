@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # The live part of scripts/demo.sh, in a network namespace of its own, which goes with it: live.sh one BINARIES, or
-# live.sh many BINARIES ROUTES ROUNDS.
+# live.sh many BINARIES ROUTES ROUNDS [ip].
 #
 # one: a route is added and taken away again.
 # many: a routing daemon learns ROUTES routes from a neighbour, a second one in a further namespace, and installs them.
+# With a fifth argument, ip, there is no daemon, and the sender has little room for the kernel's events.
 # Three receivers mirror them, of which one is killed and started again in the middle, one is paused; the sender is
 # killed and started again, or paused, too. That many rounds, of which each ends with all tables compared with the
 # kernel's.
@@ -14,6 +15,7 @@ script=demo.sh
 export LC_ALL=C
 
 mode=$1 binaries=$2
+buffer=65536
 if [ -z "${DRIX_LIVE_INSIDE:-}" ]; then
   enter=(unshare -n)
   [ "$(id -u)" -eq 0 ] || enter=(unshare -rn)
@@ -42,7 +44,9 @@ start() {
   "${@:2}" >>"$work/$1" 2>>"$work/errors" &
   process[$1]=$!
 }
-start_sender() { start sender "$binaries/route_sender" --follow --requests "ipc://$work/bus/requests" --status; }
+start_sender() {
+  start sender "$binaries/route_sender" --follow --requests "ipc://$work/bus/requests" --status --buffer "$buffer"
+}
 # start_receiver NAME [OPTION]...
 start_receiver() {
   start "$1" "$binaries/route_receiver" --keep --endpoint "ipc://$work/bus/$1" --requests "ipc://$work/bus/requests" \
@@ -112,11 +116,11 @@ fi
 routes=$3 rounds=$4
 receivers=(receiver1 receiver2 receiver3)
 
-# Two daemons of each namespace, who talk BGP over a link between them.
 unshare -n sleep infinity &
 process[neighbour]=$!
 there() { nsenter -t "${process[neighbour]}" -n "$@"; }
-until_true 5 "namespace" test "$(readlink "/proc/$$/ns/net")" != "$(readlink "/proc/${process[neighbour]}/ns/net")"
+apart() { [ "$(readlink "/proc/$$/ns/net")" != "$(readlink "/proc/${process[neighbour]}/ns/net")" ]; }
+until_true 5 namespace apart
 ip link add name uplink type veth peer name downlink netns "${process[neighbour]}"
 ip link set uplink up && ip -6 addr add 2001:db8::1/64 dev uplink nodad
 there ip link set lo up
@@ -145,21 +149,37 @@ daemon() {
   start "$1-$2" "${@:3}" "/usr/lib/frr/$2" -f "$work/$1/$2.conf" -A ::1 -P 0 -z "$work/$1/zserv.api" \
     --vty_socket "$work/$1" -i "$work/$1/$2.pid"
 }
-configure here 64512 2001:db8::1 64513 2001:db8::2 ''
-configure there 64513 2001:db8::2 64512 2001:db8::1 'redistribute kernel'
-daemon here zebra && daemon there zebra there
-until_true 10 "zebra" test -S "$work/here/zserv.api"
-until_true 10 "zebra" test -S "$work/there/zserv.api"
-daemon here bgpd && daemon there bgpd there
 
-# 2001:1::/48, 2001:1:1::/48 and so on, over sixteen next hops.
-awk -v routes="$routes" 'BEGIN {
-  for (i = 0; i < routes; ++i)
-    printf "2001:%x:%x::/48 via 2001:db8::%x dev downlink\n", 1 + i / 65536, i % 65536, 16 + i % 16
-}' >"$work/routes"
+# route_list INTERFACE: 2001:1::/48, 2001:1:1::/48 and so on; every fifth has two of the sixteen next hops.
+route_list() {
+  awk -v routes="$routes" -v interface="$1" 'BEGIN {
+    for (i = 0; i < routes; ++i) {
+      hop = sprintf("via 2001:db8::%x dev %s", 16 + i % 16, interface)
+      if (i % 5 == 0) hop = sprintf("nexthop %s nexthop via 2001:db8::f dev %s weight 2", hop, interface)
+      printf "2001:%x:%x::/48 proto static %s\n", 1 + i / 65536, i % 65536, hop
+    }
+  }'
+}
+
+if [ "${5:-}" = ip ]; then
+  protocol=static buffer=64
+  route_list uplink >"$work/routes"
+  change_routes() { ip -6 -batch "$1"; }
+else
+  protocol=bgp
+  route_list downlink >"$work/routes"
+  change_routes() { there ip -6 -batch "$1"; }
+  configure here 64512 2001:db8::1 64513 2001:db8::2 ''
+  configure there 64513 2001:db8::2 64512 2001:db8::1 'redistribute kernel'
+  daemon here zebra && daemon there zebra there
+  until_true 10 zebra test -S "$work/here/zserv.api"
+  until_true 10 zebra test -S "$work/there/zserv.api"
+  daemon here bgpd && daemon there bgpd there
+fi
 sed 's/^/route add /' "$work/routes" >"$work/announce"
 sed 's/^/route del /' "$work/routes" >"$work/withdraw"
-installed() { [ "$(ip -6 route show proto bgp | wc -l)" -eq "$1" ]; }
+installed() { [ "$(ip -o -6 route show proto $protocol | wc -l)" -eq "$1" ]; }
+is_link_ready() { ip -6 addr show dev uplink scope link -tentative | grep -q inet6; }
 some_installed() { [ "$(wc -l </proc/net/ipv6_route)" -gt $((routes / 3)) ]; }
 
 # changed WHAT ROUTES BEGIN: waits until the kernel has so many of the daemon's routes, and then the receivers.
@@ -228,32 +248,35 @@ start_sender
 start_receiver receiver1 --changes
 start_receiver receiver2
 start_receiver receiver3
-# The first route shows that the neighbours have met; what the link gets of itself is there by then.
-there ip -6 route add 2001:1::/48 via 2001:db8::10 dev downlink
+# The first route shows that the neighbours have met.
+head -n 1 "$work/announce" >"$work/first"
+change_routes "$work/first"
 until_true 60 "session of the routing daemons" installed 1
-there ip -6 route del 2001:1::/48 via 2001:db8::10 dev downlink
+sed 's/add/del/' "$work/first" >"$work/last"
+change_routes "$work/last"
 until_true 60 withdrawal installed 0
-sleep 1
+until_true 10 "address of the link's own" is_link_ready
+sleep 0.5 # for the sender to say what there is now
 others=$(count)
 
 begin=$EPOCHREALTIME
-there ip -6 -batch "$work/announce"
+change_routes "$work/announce"
 changed announced "$routes" "$begin"
 compared
-delays 1000
+delays $((routes < 5000 ? 200 : 1000))
 begin=$EPOCHREALTIME
-there ip -6 -batch "$work/withdraw"
+change_routes "$work/withdraw"
 changed withdrawn 0 "$begin"
 
 for ((round = 1; round <= rounds; ++round)); do
   begin=$EPOCHREALTIME
-  start announcer there ip -6 -batch "$work/announce"
+  start announcer change_routes "$work/announce"
   until_true 60 "first third" some_installed
   disturb "$round"
   changed "round $round, disturbed" "$routes" "$begin"
   compared
   begin=$EPOCHREALTIME
-  there ip -6 -batch "$work/withdraw"
+  change_routes "$work/withdraw"
   disturb $((round + 1))
   changed "round $round, withdrawn" 0 "$begin"
   compared
