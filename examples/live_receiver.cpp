@@ -105,6 +105,7 @@ class Keeper : private LiveTable::Observer {
       if (const auto stream = mirror_.ask()) requests_.ask(*stream);
       receiver_.run();
       if (interruptions.take(SIGALRM)) mirror_.tick();
+      report_whole();
       ended = interruptions.take(SIGINT) || interruptions.take(SIGTERM);
       if (interruptions.take(SIGUSR1) || ended) show();
       std::fflush(stdout);
@@ -126,10 +127,9 @@ class Keeper : private LiveTable::Observer {
   void take(const Message &message) {
     mirror_.take(message);
     if (mirror_.wants_table()) receiver_.stop();
-    if constexpr (requires { message.f1[7]; }) {
-      if (message.f1[7] == kEnd) report_whole();
-      if (options_.status && mirror_.whole() && mirror_.summary() != printed_) print_status();
-    }
+    report_whole();
+    constexpr bool is_mark = requires { message.f1[7]; };
+    if (is_mark && options_.status && mirror_.whole() && mirror_.summary() != printed_) print_status();
   }
 
   void on_route(const RouteKey &key) override {
@@ -142,9 +142,14 @@ class Keeper : private LiveTable::Observer {
   void on_unused_group(uint32_t) noexcept override {}
 
   void report_whole() {
-    if (!mirror_.whole()) return;
-    std::printf("whole after %.3f s\n", seconds_since(start_));
-    std::fflush(stdout);
+    if (mirror_.whole() == was_whole_) return;
+    was_whole_ = !was_whole_;
+    if (was_whole_) {
+      std::printf("whole after %.3f s\n", seconds_since(not_whole_since_));
+      std::fflush(stdout);
+    } else {
+      not_whole_since_ = Clock::now();
+    }
   }
 
   void print_status() {
@@ -204,7 +209,8 @@ class Keeper : private LiveTable::Observer {
   Receiver receiver_;
   Requests requests_;
   Mirror mirror_{std::random_device()(), this};
-  Clock::time_point start_ = Clock::now();
+  bool was_whole_ = false;
+  Clock::time_point not_whole_since_ = Clock::now();
   Summary printed_;
   bool differs_ = false;
 };

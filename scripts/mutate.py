@@ -205,7 +205,7 @@ class Copy:
                     path.unlink()
 
     async def prepare(self, jobs):
-        options = ["-DDRIX_BUILD_EXAMPLES=OFF", "-DDRIX_WARNINGS_AS_ERRORS=OFF", "-DDRIX_JOIN_SOURCES=OFF", "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON"]
+        options = ["-DDRIX_WARNINGS_AS_ERRORS=OFF", "-DDRIX_JOIN_SOURCES=OFF", "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON"]
         if shutil.which("ccache"):
             options += [f"-DCMAKE_{language}_COMPILER_LAUNCHER=ccache" for language in ("C", "CXX")]
         if not await self.run("cmake", "--preset", "release", *options):
