@@ -20,7 +20,7 @@ namespace live {
 
 // The table, and a journal of its changes: of what changed, not into what. A stream that comes to an entry sends what
 // there is then, so that many changes of a route reach a slow receiver as one.
-class Feed : private LiveTable::Observer {
+class Feed final : private LiveTable::Observer {
  public:
   explicit Feed(uint32_t generation) : generation_(generation) {}
 

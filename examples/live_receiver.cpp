@@ -87,7 +87,7 @@ class Requests {
   uint32_t handle_ = 0;
 };
 
-class Keeper : private LiveTable::Observer {
+class Keeper final : private LiveTable::Observer {
  public:
   Keeper(const std::string &endpoint, bool quiet, const ReceiverOptions &options)
       : quiet_(quiet), options_(options), receiver_(endpoint), requests_(options.requests, endpoint) {
