@@ -49,7 +49,7 @@ class Feed final : private LiveTable::Observer {
 
   void on_route(const RouteKey &key) override { journal_.push_back({Change::kRoute, 0, key}); }
   void on_unused_group(uint32_t group) noexcept override { journal_.push_back({Change::kUnusedGroup, group, {}}); }
-  const Change &change(uint64_t position) const { return journal_[position - forgotten_]; }
+  const Change &change(uint64_t position) const { return journal_[static_cast<std::size_t>(position - forgotten_)]; }
 
   uint32_t generation_;
   std::deque<Change> journal_;
