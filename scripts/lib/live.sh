@@ -98,17 +98,17 @@ if [ "$mode" = one ]; then
   if ! command -v ip >/dev/null; then echo "live: not shown, as there is no ip (Debian: iproute2)"; exit; fi
   start_sender
   start_receiver receiver --changes
-  until_true 10 "table" says_or_ended receiver '^generation'
+  until_true 30 table says_or_ended receiver '^generation'
   if says errors 'no libmnl'; then echo "live: not shown, as this build has no libmnl (Debian: libmnl-dev)"; exit; fi
   routes=$(count)
   for change in add:+ del:-; do
     begin=$EPOCHREALTIME
     ip -6 route "${change%:*}" 2001:db8:cafe::/48 dev lo
-    until_true 10 "change" says receiver "^[0-9.]* ${change#*:} 2001:db8:cafe::/48"
+    until_true 30 change says receiver "^[0-9.]* ${change#*:} 2001:db8:cafe::/48"
     line=$(grep -e "${change#*:} 2001:db8:cafe::/48" "$work/receiver")
     echo "live: ip -6 route ${change%:*} 2001:db8:cafe::/48: with the receiver after $(seconds "$begin" "${line%% *}") s"
   done
-  until_true 10 "agreement" agree "$routes" receiver
+  until_true 30 agreement agree "$routes" receiver
   echo "live: sender and receiver agree: $(state receiver)"
   exit
 fi
