@@ -74,17 +74,18 @@ class Mnl final : public KernelRoutes {
     table_.sweep(oldest);
     if (!good) mirror_.doubt();
     counters_.dump_seconds = seconds_since(start);
-    next_dump_ = Clock::now() + std::max<Clock::duration>(kLeastPause, kPauses * (Clock::now() - start));
+    last_dump_ = Clock::now();
+    dump_duration_ = last_dump_ - start;
   }
 
   void take_changes() override {
     take_events();
-    if (mirror_.in_doubt() && Clock::now() >= next_dump_) read_all();
+    if (mirror_.in_doubt() && Clock::now() >= next_dump()) read_all();
   }
 
   milliseconds due() const override {
     if (!mirror_.in_doubt()) return milliseconds::max();
-    return std::max(milliseconds(0), std::chrono::ceil<milliseconds>(next_dump_ - Clock::now()));
+    return std::max(milliseconds(0), std::chrono::ceil<milliseconds>(next_dump() - Clock::now()));
   }
 
   Counters counters() const override {
@@ -97,9 +98,14 @@ class Mnl final : public KernelRoutes {
  private:
   static constexpr int kAttempts = 3;
   static constexpr int kMessagesAtOnce = 4096;
-  // Dumps take a small share of the time, however much there is to doubt.
-  static constexpr milliseconds kLeastPause{200};
-  static constexpr int kPauses = 10;
+  static constexpr milliseconds kLeastPause{200};  // between dumps
+  static constexpr int kPauses = 10;               // of a dump's duration
+  static constexpr milliseconds kQuiet{50};
+
+  // As soon as the kernel is quiet. Where it never is, dumps take a small share of the time.
+  Clock::time_point next_dump() const {
+    return std::max(last_dump_ + kLeastPause, std::min(last_dump_ + kPauses * dump_duration_, last_event_ + kQuiet));
+  }
 
   // False when the kernel says that the table has changed meanwhile.
   bool dump(uint16_t type, uint8_t family) {
@@ -136,6 +142,7 @@ class Mnl final : public KernelRoutes {
     for (int i = 0; i < kMessagesAtOnce; ++i) {
       const ssize_t length = mnl_socket_recvfrom(events_.get(), buffer_.data(), buffer_.size());
       if (length < 0 && errno == EAGAIN) return false;
+      last_event_ = Clock::now();
       if (length < 0 && errno == ENOBUFS) {
         ++counters_.losses;
         mirror_.doubt();
@@ -158,7 +165,9 @@ class Mnl final : public KernelRoutes {
   Socket events_{SOCK_NONBLOCK, RTMGRP_IPV6_ROUTE | RTMGRP_LINK};
   std::vector<char> buffer_ = std::vector<char>(64 << 10);
   uint32_t sequence_ = 0;
-  Clock::time_point next_dump_;
+  Clock::time_point last_event_;
+  Clock::time_point last_dump_;
+  Clock::duration dump_duration_ = {};
   Counters counters_;
 };
 
