@@ -15,6 +15,7 @@ script=demo.sh
 export LC_ALL=C
 
 mode=$1 binaries=$2
+command -v ip >/dev/null || { echo "live: not shown, as there is no ip (Debian: iproute2)"; exit; }
 buffer=65536
 if [ -z "${DRIX_LIVE_INSIDE:-}" ]; then
   enter=(unshare -n)
@@ -41,6 +42,7 @@ trap 'exit 143' TERM
 
 # start NAME COMMAND...: in the background, with its output in a file of that name.
 start() {
+  echo started >>"$work/$1"
   "${@:2}" >>"$work/$1" 2>>"$work/errors" &
   process[$1]=$!
 }
@@ -76,8 +78,8 @@ until_true() {
 state() { tail -n 1000 "$work/$1" 2>/dev/null | grep -o '^generation=[^ ]* count=[^ ]* checksum=[^ ]*' | tail -n 1; }
 # counter NAME WORD: of all processes of that name.
 counter() {
-  awk -v word="$2=" '/^generation=/ { for (i = 1; i <= NF; ++i) if (index($i, word) == 1) {
-      value = substr($i, length(word) + 1); if (value < last) total += last; last = value } }
+  awk -v word="$2=" '/^started$/ { total += last; last = 0 }
+    /^generation=/ { for (i = 1; i <= NF; ++i) if (index($i, word) == 1) last = substr($i, length(word) + 1) }
     END { print total + last }' "$work/$1"
 }
 count() { state sender | grep -oP 'count=\K[0-9]+'; }
@@ -95,7 +97,6 @@ says() { grep -qe "$2" "$work/$1" 2>/dev/null; }
 ip link set lo up
 
 if [ "$mode" = one ]; then
-  if ! command -v ip >/dev/null; then echo "live: not shown, as there is no ip (Debian: iproute2)"; exit; fi
   start_sender
   start_receiver receiver --changes
   until_true 30 table says_or_ended receiver '^generation'
