@@ -63,5 +63,5 @@ endif()
 
 install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} FILES_MATCHING REGEX "\\.(md|svg|png)$")
-install(FILES examples/quick_start.c examples/quick_start.cpp examples/routes.labels
+install(FILES examples/quick_start.c examples/quick_start.cpp examples/live.labels examples/routes.labels
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)

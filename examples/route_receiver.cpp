@@ -1,5 +1,6 @@
 // Receives a stream of routes, checks it and prints it as a table, see route_record.h. Ends with the stream, or with
-// SIGINT or SIGTERM; succeeds only when the stream arrived whole and unchanged.
+// SIGINT or SIGTERM; succeeds only when the stream arrived whole and unchanged. With --keep holds a live table instead,
+// see docs/live-table.md.
 #include <cstdint>
 #include <cstdio>
 #include <map>
@@ -8,6 +9,7 @@
 #include <string>
 
 #include "fib6Sync.h"
+#include "live_receiver.h"
 #include "process.h"
 #include "receiver.h"
 #include "route_record.h"
@@ -87,15 +89,20 @@ class RouteStream {
 struct Options {
   std::string endpoint = routes::kDefaultEndpoint;
   bool quiet = false;
+  bool keep = false;
+  live::ReceiverOptions live = {};
 
   void add_to(CommandLine &line) {
     line.option("--endpoint", endpoint, "where to receive");
     line.flag("--quiet", quiet, "print the summary only");
+    line.flag("--keep", keep, "hold the table of a sender that follows the kernel's; SIGUSR1 has it shown");
+    live.add_to(line);
   }
 };
 
 void run(const Options &options) {
   check(fib6_sync_recv_init(), "cannot register the decoders");
+  if (options.keep) return live::keep(options.endpoint, options.quiet, options.live);
   Receiver receiver(options.endpoint);
   RouteStream stream(receiver, !options.quiet);
   stream.run();

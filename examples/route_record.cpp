@@ -9,7 +9,6 @@
 #include <cctype>
 #include <charconv>
 #include <cstddef>
-#include <span>
 #include <stdexcept>
 #include <utility>
 
@@ -60,13 +59,6 @@ class Fields {
 
   std::string_view text_;
 };
-
-std::string format_address(std::span<const uint32_t, 4> words) {
-  uint32_t network_order[4];
-  std::transform(words.begin(), words.end(), network_order, [](uint32_t word) { return htonl(word); });
-  char text[INET6_ADDRSTRLEN];
-  return inet_ntop(AF_INET6, network_order, text, sizeof text);
-}
 
 // The letters that netstat uses.
 constexpr struct {
@@ -140,6 +132,13 @@ fib6Sync_ipv6Fwd parse_route(std::string_view line, std::string_view &interface)
   route.f9 = next_hop[2];
   route.f10 = next_hop[3];
   return route;
+}
+
+std::string format_address(std::span<const uint32_t, 4> words) {
+  uint32_t network_order[4];
+  std::transform(words.begin(), words.end(), network_order, [](uint32_t word) { return htonl(word); });
+  char text[INET6_ADDRSTRLEN];
+  return inet_ntop(AF_INET6, network_order, text, sizeof text);
 }
 
 std::string table_heading() { return format_row({"Destination", "Next hop", "Interface", "    Metric", "Flags"}); }

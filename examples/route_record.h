@@ -26,6 +26,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -44,6 +45,9 @@ enum Kind : uint32_t { kRoute = 1, kInterface = 2, kEnd = 3 };
 // Reads a line of /proc/net/ipv6_route and sets interface to the name at its end, a part of line. The number of the
 // interface stays 0. Throws std::invalid_argument when the line has another form or the route cannot be represented.
 fib6Sync_ipv6Fwd parse_route(std::string_view line, std::string_view &interface);
+
+// "2001:db8::"
+std::string format_address(std::span<const uint32_t, 4> words);
 
 // A table of at most 80 columns: its heading, a row and the key to its flags, each without the last line end.
 std::string table_heading();

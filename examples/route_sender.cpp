@@ -1,5 +1,5 @@
 // Reads the kernel's IPv6 routes and sends them over the bus, see route_record.h. Succeeds only when the receiver has
-// acknowledged every message.
+// acknowledged every message. With --follow sends a live table instead, see docs/live-table.md.
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
@@ -13,6 +13,7 @@
 
 #include "channel.h"
 #include "fib6Sync.h"
+#include "live_sender.h"
 #include "process.h"
 #include "route_record.h"
 
@@ -23,12 +24,16 @@ struct Options {
   std::string file = "/proc/net/ipv6_route";
   uint32_t batch = 256;
   uint32_t repeat = 1;
+  bool follow = false;
+  live::SenderOptions live = {};
 
   void add_to(CommandLine &line) {
     channel.add_to(line);
     line.option("--file", file, "a file in the format of /proc/net/ipv6_route");
     line.option("--batch", batch, "routes in one send call", 1, 65536);
     line.option("--repeat", repeat, "how often to send the whole table", 1);
+    line.flag("--follow", follow, "send this host's routes and each change of them to all who ask");
+    live.add_to(line);
   }
 };
 
@@ -98,6 +103,7 @@ void send_routes(Channel &channel, const Table &table, const Options &options) {
 }
 
 void run(const Options &options) {
+  if (options.follow) return live::follow(options.live);
   const Table table = read_table(options.file);
   const uint64_t total = uint64_t{options.repeat} * table.routes.size();
   if (total + table.interfaces.size() + 1 > UINT32_MAX) {

@@ -2,14 +2,19 @@
 # Sends routes from one process to another over the bus and prints what arrived: the kernel's IPv6 routes, or those of
 # a sample when the kernel has none. Fails when a route is missing or differs. With --soak it sends one record of every
 # message type with random content instead, again and again, and fails when any member of any record differs.
+# Without options it also mirrors a table that changes, in a network namespace of its own; with --live one that a routing
+# daemon fills there and empties, to three receivers, while processes are killed and paused (docs/live-table.md).
 # Installs what is missing and builds in build/demo.
 #
 # Usage: scripts/demo.sh [--sample | --file FILE] [--quiet] [--binaries DIR] [OPTION OF route_sender]...
 #        scripts/demo.sh --soak SECONDS [--binaries DIR] [OPTION OF soak_sender]...
+#        scripts/demo.sh --live N [--rounds N] [--binaries DIR]
 #   --sample        send the sample's routes anyway
 #   --file FILE     send the routes of a file in the format of /proc/net/ipv6_route
 #   --quiet         print the summary only, as --soak always does
 #   --soak SECONDS  send random records of all message types for so long
+#   --live N        mirror so many routes of a routing daemon; for root, with Debian's frr
+#   --rounds N      so often, with everybody killed or paused meanwhile (default: 1)
 #   --binaries DIR  use the programs in DIR instead of installing packages and building
 # Options of both senders: --batch N (routes only), --repeat N (routes only), --seed N (soak only), --timeout SECONDS
 # For example: scripts/demo.sh --repeat 100000
@@ -17,28 +22,33 @@ set -euo pipefail
 start=$PWD
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 . scripts/lib/script.sh
+. scripts/lib/packages.sh
 
 routes=/proc/net/ipv6_route
 chosen=
 binaries=
 soak=
+live=
+rounds=1
 receiver_options=()
 sender_options=()
 needs_soak=
 needs_routes=
+needs_live=
 
 # in_start PATH: the path as meant in the folder where the script was started.
 in_start() { case $1 in /*) echo "$1" ;; *) echo "$start/$1" ;; esac; }
 
 while [ $# -gt 0 ]; do
   case $1 in
-    --file | --soak | --binaries | --batch | --repeat | --seed | --timeout)
+    --file | --soak | --live | --rounds | --binaries | --batch | --repeat | --seed | --timeout)
       [ $# -gt 1 ] || wrong_usage "$1 needs a value"
       ;;&
-    --soak | --batch | --repeat | --seed | --timeout)
+    --soak | --live | --rounds | --batch | --repeat | --seed | --timeout)
       [[ $2 =~ ^[0-9]+$ ]] || wrong_usage "$1 needs a number, not $2"
       ;;&
     --sample | --file | --quiet | --batch | --repeat) needs_routes=$1 ;;&
+    --rounds) needs_live=$1 ;;&
     --seed) needs_soak=$1 ;;&
     -h | --help)
       show_help
@@ -48,13 +58,21 @@ while [ $# -gt 0 ]; do
     --file) chosen=$(in_start "$2") && shift ;;
     --quiet) receiver_options+=(--quiet) ;;
     --soak) soak=$2 && shift ;;
+    --live) live=$2 && shift ;;
+    --rounds) rounds=$2 && shift ;;
     --binaries) binaries=$(in_start "$2") && shift ;;
     --batch | --repeat | --seed | --timeout) sender_options+=("$1" "$2") && shift ;;
     *) wrong_usage "unknown option $1" ;;
   esac
   shift
 done
-if [ -n "$soak" ]; then
+[ -n "$live" ] || [ -z "$needs_live" ] || wrong_usage "$needs_live is for --live"
+if [ -n "$live" ]; then
+  [ -z "$needs_routes$soak$needs_soak" ] || wrong_usage "${needs_routes:-${needs_soak:---soak}} is not for --live"
+  [ ${#sender_options[@]} -eq 0 ] || wrong_usage "${sender_options[0]} is not for --live"
+  [ "$(id -u)" -eq 0 ] || fail "--live is for root: the routing daemon has to be told apart from the host's"
+  programs=route folder=examples
+elif [ -n "$soak" ]; then
   [ -z "$needs_routes" ] || wrong_usage "$needs_routes is for routes, --soak sends random records"
   programs=soak folder=tools/soak records=record
   sender_options+=(--seconds "$soak")
@@ -71,8 +89,6 @@ else
 fi
 
 if [ -z "$binaries" ]; then
-  # shellcheck source=scripts/lib/packages.sh
-  . scripts/lib/packages.sh
   require_packages "${BUILD_PACKAGES[@]}"
   log=build/demo.log
   mkdir -p build
@@ -86,6 +102,12 @@ fi
 for program in "${programs}_receiver" "${programs}_sender"; do
   [ -x "$binaries/$program" ] || fail "$binaries has no $program"
 done
+
+if [ -n "$live" ]; then
+  require_stopped frr
+  require_packages iproute2
+  exec scripts/lib/live.sh many "$binaries" "$live" "$rounds"
+fi
 
 work=$(mktemp -d)
 clean_up() {
@@ -143,3 +165,4 @@ wait "${!other}" || status=$?
 ended $other $status
 [ -n "$soak" ] || cat "$work/sent"
 echo "demo: every $records arrived unchanged"
+[ -n "$soak$needs_routes" ] || scripts/lib/live.sh one "$binaries"

@@ -64,6 +64,9 @@ ROOMS = (
         "trace", "stats", "compare", "replay")), COMMANDS, r"quopa\.(calls|captures)"),
     Room(("tools/quopa/",), READERS + ("foreign",),
          r"inspect\.foreign|quopa\.(commands|calls|captures|dissector)|fuzz\.replay_quopa"),
+    Room(("examples/kernel_routes.cpp", "examples/live_receiver.cpp", "examples/live_sender.cpp"),
+         ("route_sender", "route_receiver"), r"examples\.live$"),
+    Room(("examples/",), ("test_live",), r"^(Kernel|Live)"),
     Room(("platform/nats/",), ("test_platform",), r"BusCluster"),
     Room(("platform/",), ("test_platform", "bus_kills"), r"Bus|Services|bus\.kills$"),
 )
@@ -202,7 +205,7 @@ class Copy:
                     path.unlink()
 
     async def prepare(self, jobs):
-        options = ["-DDRIX_BUILD_EXAMPLES=OFF", "-DDRIX_WARNINGS_AS_ERRORS=OFF", "-DDRIX_JOIN_SOURCES=OFF", "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON"]
+        options = ["-DDRIX_WARNINGS_AS_ERRORS=OFF", "-DDRIX_JOIN_SOURCES=OFF", "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON"]
         if shutil.which("ccache"):
             options += [f"-DCMAKE_{language}_COMPILER_LAUNCHER=ccache" for language in ("C", "CXX")]
         if not await self.run("cmake", "--preset", "release", *options):

@@ -23,8 +23,19 @@ require_packages() {
     { echo "packages: could not install ${missing[*]}" >&2; return 1; }
 }
 
+# require_stopped NAME...: as require_packages, for packages that bring a service, which is not to be started.
+require_stopped() {
+  local policy=/usr/sbin/policy-rc.d status=0 sudo=(sudo)
+  [ "$(id -u)" -ne 0 ] || sudo=(env)
+  [ ! -e $policy ] || { require_packages "$@"; return; }
+  printf '#!/bin/sh\nexit 101\n' | "${sudo[@]}" tee $policy >/dev/null && "${sudo[@]}" chmod 755 $policy
+  require_packages "$@" || status=$?
+  "${sudo[@]}" rm $policy
+  return $status
+}
+
 # shellcheck disable=SC2034 # for those who source this
-BUILD_PACKAGES=(g++ cmake ninja-build)
+BUILD_PACKAGES=(g++ cmake ninja-build libmnl-dev)
 TOOLS_PACKAGES=(libcli11-dev nlohmann-json3-dev)
 # shellcheck disable=SC2034
 TEST_PACKAGES=("${TOOLS_PACKAGES[@]}" clang-14 clang-format-14 libclang-rt-14-dev g++-12-multilib googletest libgtest-dev binutils jq

@@ -114,6 +114,19 @@ case $group in
 	OPTIONS
     ;;
 
+  live) # a table of a kernel's, through the death of everybody and lost events
+    expect 0 '^live: (all tables equal to the kernel|not shown)' '*' "$project/scripts/lib/live.sh" many "$binaries" 2000 1 ip
+    [ "$(count '^live: (not shown|the sender: .* [1-9][0-9]* losses)')" -eq 1 ] || complain "no event was lost"
+    [ "$(count '^live: (not shown|receiver1: .* [0-5] silences)')" -eq 1 ] || complain "no word from a sender that lives"
+    while read -r program options; do
+      # shellcheck disable=SC2086 # several options
+      expect 1 '' "^$program: cannot receive" "$binaries/$program" $options
+    done <<-OPTIONS
+	route_sender --follow --requests ipc://$work/none/r
+	route_receiver --keep --endpoint ipc://$work/none/r
+	OPTIONS
+    ;;
+
   spoiled) # one message of 12 interfaces, 267 routes and the end
     in_parallel spoiled route '--sample --quiet' <<-'CASES'
 	drop 100 1 missing, 0 repeated, 0 differing, 0 logged
