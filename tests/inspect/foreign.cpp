@@ -262,7 +262,7 @@ std::string judge_accepted(quopa::Look &look, const Model &model, const JsonStyl
   show_json(line_of_json, look, style);
   const capture::Message &message = look.message();
   const std::string line_before =
-      R"({"time":1.000000002,"program":"a \"program\\ ","process":3,"direction":"received","type":")" +
+      R"({"capture":"","packet":7,"time":1.000000002,"time_ns":"1000000002","program":"a \"program\\ ","process":3,"direction":"received","type":")" +
       look.type()->name() + "\",\"id\":" + std::to_string(message.id) +
       R"(,"handle":0,"destination":0,"status":0,"index":0,"count":1,"thread":0,"length":)" +
       std::to_string(message.length) + ",\"record\":";
@@ -288,6 +288,7 @@ struct Counts {
 std::string judge(const Type &type, const capture::Origin &origin, const Bytes &payload, Random &random,
                   Counts &counts) {
   capture::Message message = {};
+  message.packet = 7;
   message.time = 1000000002;
   message.kind = TRACE_RECEIVED;
   message.id = type.id;

@@ -4,6 +4,8 @@ set -uo pipefail
 . "$(dirname "$0")/expect.sh"
 quopa=("$1") make_capture=$2
 show() { "${quopa[@]}" trace "$@"; }
+# Without what tells one capture from another with the same messages.
+json() { show "$@" --json | sed -E 's/"capture":"[^"]*","packet":[0-9]+,//'; }
 same() { # same WHAT: two files of that name and .wanted
   cmp "$1" "$1.wanted" || complain "$1: $(diff "$1" "$1.wanted" | head -n 4)"
 }
@@ -11,18 +13,25 @@ same() { # same WHAT: two files of that name and .wanted
 "$make_capture" 3000 good little >good.pcapng
 "$make_capture" 3000 good big >big.pcapng
 "$make_capture" 3000 spoiled little >spoiled.pcapng
-show good.pcapng --json >said.wanted
+json good.pcapng >said.wanted
 
 # The same whatever the byte order, through a pipe, written anew, and put together again from two files in a folder.
-show big.pcapng --json >said; same said
-show - --json <good.pcapng >said; same said
-show good.pcapng -w - | show - --json >said; same said
+json big.pcapng >said; same said
+json - <good.pcapng >said; same said
+show good.pcapng -w - | json - >said; same said
 mkdir parts && : >parts/b.pcapng
 show good.pcapng --sent -w parts/b.pcapng
 show good.pcapng --received -w parts/a.pcap
-show parts --json >said
+json parts >said
 same said
 [ "$(wc -l <said)" -eq 3000 ] || complain 'messages are missing'
+
+# Each line leads to its packet, and has its bytes.
+show good.pcapng --bare >records
+show good.pcapng --json --bytes | jq -r '.packet, .type, .bytes' | awk '(NR - 1) % 2100 < 3' | while read -r packet && read -r type && read -r bytes; do
+  sed -n "${packet}p" records | tee line | cmp - <("${quopa[@]}" decode good.pcapng#"$packet") && cmp line <("${quopa[@]}" decode "$type" --hex <<<"$bytes") || echo "$packet"
+done >unlike
+[ ! -s unlike ] || complain "packets are not what their lines show: $(cat unlike)"
 
 # Conditions find what jq finds: TYPE|TERM|CONDITION.
 show good.pcapng --json --ipv6 >addresses
@@ -76,7 +85,7 @@ mkdir folder bad
 expect 1 '' '^quopa: folder: no \*.pcapng or \*.pcap in this folder' '' trace folder
 expect 1 '1500 not received' '^quopa: noise.pcapng: no capture file: neither pcap nor pcapng$' '' compare good.pcapng noise.pcapng
 mv noise.pcapng cut.pcapng bad
-show bad --json >output 2>errors
+json bad >output 2>errors
 [ $? -eq 1 ] && [ "$(wc -l <errors)" -eq 2 ] && head -n "$(wc -l <output)" said.wanted | cmp - output || complain "what is bad: $(cat errors)"
 while IFS= read -r line; do grep -qE "^quopa: bad/$line" errors || complain "no line $line: $(cat errors)"; done <<'END'
 noise.pcapng: no capture file: neither pcap nor pcapng$
@@ -102,7 +111,7 @@ for case in '-|kept.pcapng' '-|link.pcapng' '-|-' 'kept.pcapng|link.pcapng' 'lin
 done
 [ "$(echo linked/* ring/*)" = 'linked/hard.pcapng ring/quopa-x-1.0.pcapng' ] || complain "-w leaves $(echo linked/* ring/*)"
 # But a folder may get a new one.
-mkdir enlarged && cp good.pcapng enlarged && show enlarged -w enlarged/out.pcapng && show enlarged/out.pcapng --json >said && cmp said said.wanted || complain 'a new file in the folder that is read'
+mkdir enlarged && cp good.pcapng enlarged && show enlarged -w enlarged/out.pcapng && json enlarged/out.pcapng >said && cmp said said.wanted || complain 'a new file in the folder that is read'
 show folder -w folder/out.pcapng 2>errors && complain 'an empty folder is read'
 [ -z "$(ls folder)" ] || complain "a failure leaves $(ls folder)"
 # What is read twice is no pipe.

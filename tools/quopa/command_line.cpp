@@ -34,9 +34,9 @@ void add_types(CLI::App &app, Run &run) {
 void add_decode(CLI::App &app, Run &run) {
   const auto options = std::make_shared<DecodeOptions>();
   CLI::App *command = app.add_subcommand("decode", "Show a buffer as one line of JSON");
-  command->add_option("TYPE", options->type, "The message type, like fib6Sync.ipv6Fwd, or its ID, like 0x1234ABCD")
+  command->add_option("TYPE", options->type, "The message type, like fib6Sync.ipv6Fwd, its ID, or CAPTURE#NUMBER")
       ->required();
-  command->add_option("FILE", options->file, "The buffer; - or nothing: standard input");
+  command->add_option("FILE", options->file, "The buffer, or CAPTURE#NUMBER; - or nothing: standard input");
   command->add_flag("--hex", options->hex, "The buffer is hexadecimal text, with blanks between pairs of digits");
   command->add_flag("--ipv6", options->ipv6, "Show every u32[4] as an IPv6 address");
   command->add_option("--labels", options->labels, "A file that names members and their values")->type_name("FILE");
@@ -74,9 +74,9 @@ void add_encode(CLI::App &app, Run &run) {
 void add_annotate(CLI::App &app, Run &run) {
   const auto options = std::make_shared<AnnotateOptions>();
   CLI::App *command = app.add_subcommand("annotate", "Show a buffer byte by byte with the meaning of each");
-  command->add_option("TYPE", options->type, "The message type, like fib6Sync.ipv6Fwd, or its ID, like 0x1234ABCD")
+  command->add_option("TYPE", options->type, "The message type, like fib6Sync.ipv6Fwd, its ID, or CAPTURE#NUMBER")
       ->required();
-  command->add_option("FILE", options->file, "The buffer; - or nothing: standard input");
+  command->add_option("FILE", options->file, "The buffer, or CAPTURE#NUMBER; - or nothing: standard input");
   command->add_flag("--hex", options->hex, "The buffer is hexadecimal text, with blanks between pairs of digits");
   command->add_flag("--ipv6", options->ipv6, "Show every u32[4] as an IPv6 address");
   command->add_flag("--full", options->full, "Show long arrays whole");
@@ -89,6 +89,7 @@ void add_annotate(CLI::App &app, Run &run) {
       "does not take is marked; standard error has position and reason, and the status is 1.\n\n"
       "Examples:\n"
       "  quopa annotate fib6Sync.ipv6FwdUpdateMsg message.bin\n"
+      "  quopa annotate trace.pcapng#17\n"
       "  echo '{\"f0\":1}' | quopa encode fib6Sync.tlv | quopa annotate fib6Sync.tlv");
   command->callback([=, &run] { run = [=] { return annotate(*options); }; });
 }
@@ -128,8 +129,15 @@ void add_selection(CLI::App &command, SelectionOptions &options) {
   command.add_option("--where", options.where, "Only records with this member; repeated: all of them. See below")
       ->type_name("TERM")
       ->allow_extra_args(false);
+  command.add_option("--from", options.from, "Only from this time on, like 08:56:40.5 or +5s. See below")
+      ->type_name("TIME");
+  command.add_option("--to", options.to, "Only up to this time")->type_name("TIME");
   add_labels(command, options.labels);
 }
+
+constexpr char kTimes[] =
+    "A TIME is a local one like 08:56:40.5 or 2025-11-25T08:56, +5s from the first message on, or in seconds or\n"
+    "nanoseconds since 1970. --to includes what is shown with its digits.\n\n";
 
 constexpr char kTerms[] =
     "A TERM is MEMBER=VALUE, or != < <= > >=. The member is a path like f1.f3, or labels; in arrays and vectors\n"
@@ -143,14 +151,19 @@ void add_trace(CLI::App &app, Run &run) {
   command->add_flag("-f,--follow", options->follow, "Go on with what is recorded meanwhile");
   CLI::Option *json = command->add_flag("--json", options->json, "One JSON object a line");
   CLI::Option *bare = command->add_flag("--bare", options->bare, "Only the records, as \"quopa decode\" shows them");
+  CLI::Option *bytes = command->add_flag("--bytes", options->bytes, "With --json: the message's bytes too");
+  CLI::Option *date = command->add_flag("--date", options->date, "The date in every line");
+  CLI::Option *delta = command->add_flag("--delta", options->delta, "The time since the line before");
   command->add_flag("--ipv6", options->ipv6, "Show every u32[4] as an IPv6 address");
+  command->add_option("--count", options->count, "Only so many messages")->type_name("N");
   CLI::Option *output =
       command->add_option("-w,--write", options->output, "Write them to a capture instead; - is standard output")
           ->type_name("OUT.pcapng");
-  json->excludes(bare, output);
-  bare->excludes(output);
+  json->excludes(bare, output, date, delta);
+  bare->excludes(output, date, delta);
+  bytes->needs(json);
   command->footer(
-      std::string(kTerms) +
+      std::string(kTerms) + kTimes +
       "-f takes the folders in which processes are recorded, or files in them, and ends when it is interrupted.\n\n"
       "Examples:\n"
       "  quopa trace /dev/shm/trace --where f1.f3=2001:db8::/32 --ipv6\n"
@@ -164,7 +177,7 @@ void add_stats(CLI::App &app, Run &run) {
   CLI::App *command = app.add_subcommand("stats", "Count the messages of captures");
   add_selection(*command, options->selection);
   command->add_flag("--json", options->json, "One JSON object a line");
-  command->footer(std::string(kTerms) +
+  command->footer(std::string(kTerms) + kTimes +
                   "Examples:\n"
                   "  quopa stats /dev/shm/trace\n"
                   "  quopa stats /dev/shm/trace --where f1.f3=2001:db8::/32");

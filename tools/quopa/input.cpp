@@ -3,8 +3,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
+#include <span>
 
+#include "capture/ring_file.h"
 #include "inspect/digits.h"
 #include "tools/quopa/command.h"
 
@@ -48,23 +51,37 @@ std::vector<uint8_t> parse_hex(const std::string &text, const std::string &path)
   return bytes;
 }
 
-}  // namespace
+// No buffer begins as a capture does: its table would be further away than a buffer is long.
+void expect_no_capture(const std::string &path, const std::string &begin) {
+  capture::Blocks blocks(std::span(reinterpret_cast<const uint8_t *>(begin.data()), begin.size()));
+  blocks.look();
+  if (!blocks.knows_format()) return;
+  throw BadUsage(name_of(path) + " is a capture; name one of its packets, as \"quopa trace\" numbers them: " + path +
+                 "#N");
+}
 
-std::string read_file(const std::string &path) {
+enum class Contents : uint8_t { buffer, other };
+
+std::string read(const std::string &path, Contents what) {
   const std::unique_ptr<std::FILE, Close> file(path == "-" ? stdin : std::fopen(path.c_str(), "rb"));
   if (file == nullptr) fail(path, std::strerror(errno));
   std::string contents;
   char block[1 << 16];
   while (const std::size_t count = std::fread(block, 1, sizeof block, file.get())) {
     contents.append(block, count);
+    if (what == Contents::buffer && contents.size() == count) expect_no_capture(path, contents);
     if (contents.size() > kLongestInput) fail(path, "longer than 16 MiB");
   }
   if (std::ferror(file.get()) != 0) fail(path, std::strerror(errno));
   return contents;
 }
 
+}  // namespace
+
+std::string read_file(const std::string &path) { return read(path, Contents::other); }
+
 std::vector<uint8_t> read_buffer(const std::string &path, bool hexadecimal) {
-  const std::string contents = read_file(path);
+  const std::string contents = read(path, hexadecimal ? Contents::other : Contents::buffer);
   if (hexadecimal) return parse_hex(contents, path);
   return {contents.begin(), contents.end()};
 }
@@ -80,6 +97,15 @@ drix::inspect::Labels read_labels(const std::string &path) {
 
 const drix::describe::Type &find_type(const std::string &name) {
   const drix::describe::Type *type = drix::describe::find(name);
+  const std::string path = type == nullptr ? capture::long_path(name) : name;
+  std::error_code error;
+  if (type == nullptr && std::filesystem::exists(path, error)) {
+    if (std::filesystem::is_directory(path, error)) {
+      throw BadUsage(name + " is a folder; \"quopa trace\" names the packets of its captures in each line");
+    }
+    read(path, Contents::buffer);
+    throw BadUsage(name + " is no message type; \"quopa types\" lists them");
+  }
   if (type == nullptr) throw BadUsage("no type \"" + name + "\"; \"quopa types\" lists them");
   return *type;
 }

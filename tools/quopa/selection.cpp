@@ -16,6 +16,15 @@ Selection::Selection(const SelectionOptions &options)
     globs_.push_back(one == nullptr ? glob : one->name());
   }
   matched_.resize(globs_.size());
+  const auto read_moment = [](const char *option, const std::string &text, std::optional<Moment> &moment) {
+    try {
+      if (!text.empty()) moment.emplace(text);
+    } catch (const MomentError &error) {
+      throw BadUsage(std::string(option) + ' ' + error.what());
+    }
+  };
+  read_moment("--from", options.from, from_);
+  read_moment("--to", options.to, to_);
   try {
     for (const std::string &term : options.where) conditions_.emplace_back(term);
   } catch (const drix::inspect::WhereError &error) {
@@ -31,6 +40,16 @@ bool Selection::matches(const std::string &type_name) {
   return any;
 }
 
+// Told of every message, for the first one is what relative times go by.
+bool Selection::takes_time(uint64_t time) {
+  if (!start_) {
+    start_ = time;
+    if (from_) first_ = from_->in(time).first;
+    if (to_) last_ = to_->in(time).last;
+  }
+  return time >= first_ && time <= last_;
+}
+
 bool Selection::takes_type(const Look &look) {
   if (globs_.empty()) return true;
   if (look.type() == nullptr) return matches(type_name(look.message()));
@@ -41,6 +60,7 @@ bool Selection::takes_type(const Look &look) {
 
 bool Selection::takes(Look &look, Styles &styles) {
   const Message &message = look.message();
+  if (!takes_time(message.time)) return false;
   if ((sent_ && !message.is_sent()) || (received_ && !message.is_received())) return false;
   if (failed_ && !message.has_failed()) return false;
   if (!takes_type(look)) return false;

@@ -1,6 +1,7 @@
 // Which messages of a trace are wanted.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -8,6 +9,7 @@
 #include "inspect/where.h"
 #include "tools/quopa/command.h"
 #include "tools/quopa/look.h"
+#include "tools/quopa/moment.h"
 #include "tools/quopa/styles.h"
 
 namespace quopa {
@@ -23,6 +25,7 @@ class Selection {
   void expect_fitting(Styles &styles);
 
  private:
+  bool takes_time(uint64_t time);
   bool takes_type(const Look &look);
   bool matches(const std::string &type_name);
 
@@ -30,6 +33,11 @@ class Selection {
   bool received_;
   bool rejected_;
   bool failed_;
+  std::optional<Moment> from_;
+  std::optional<Moment> to_;
+  std::optional<uint64_t> start_;  // of the capture, the time of its first message
+  uint64_t first_ = 0;             // times that are wanted
+  uint64_t last_ = UINT64_MAX;
   std::vector<std::string> globs_;
   std::vector<bool> matched_;  // for each of them, whether there was such a type
   std::vector<drix::inspect::Where> conditions_;

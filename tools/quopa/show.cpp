@@ -4,12 +4,15 @@
 #include <cstdio>
 #include <ctime>
 
+#include "capture/ring_file.h"
+#include "describe/printable.h"
 #include "inspect/digits.h"
 
 namespace quopa {
 namespace {
 
 using drix::Kind;
+using drix::describe::printable;
 using drix::describe::SlotInfo;
 using drix::inspect::JsonStyle;
 using drix::inspect::Label;
@@ -89,8 +92,22 @@ std::string json_string(const std::string &text) {
 }
 
 void show_origin_json(std::ostream &out, const Message &message) {
-  out << "{\"time\":" << seconds_text(message.time) << ",\"program\":" << json_string(message.origin->program)
-      << ",\"process\":" << message.origin->process;
+  out << "{\"capture\":" << json_string(printable(message.origin->capture)) << ",\"packet\":" << message.packet
+      << ",\"time\":" << seconds_text(message.time) << ",\"time_ns\":\"" << message.time
+      << "\",\"program\":" << json_string(message.origin->program) << ",\"process\":" << message.origin->process;
+}
+
+void show_origin_text(std::ostream &out, const Message &message, const LineStyle &line) {
+  const std::string &program = message.origin->program;
+  line.has_capture ? out << printable(packet_name(message)) : out << '#' << message.packet;
+  out << ' ' << time_text(message.time, line.has_date);
+  if (line.before) {
+    const bool is_later = message.time >= *line.before;
+    const uint64_t distance = is_later ? message.time - *line.before : *line.before - message.time;
+    const std::string seconds = seconds_text(distance);
+    out << (is_later ? " +" : " -") << seconds.substr(0, seconds.size() - 3);  // microseconds, as the time
+  }
+  out << ' ' << program << (program.empty() ? "" : " ");
 }
 
 }  // namespace
@@ -130,10 +147,14 @@ std::string note_text(const Message &note) {
   return {};
 }
 
-void show_text(std::ostream &out, Look &look, const JsonStyle &style) {
+std::string packet_name(const Message &message) {
+  return capture::short_path(message.origin->capture) + '#' + std::to_string(message.packet);
+}
+
+void show_text(std::ostream &out, Look &look, const JsonStyle &style, const LineStyle &line) {
   const Message &message = look.message();
-  out << time_text(message.time, false) << ' ' << message.origin->program
-      << (message.origin->program.empty() ? "" : " ") << arrow(message) << ' ' << type_name(message);
+  show_origin_text(out, message, line);
+  out << arrow(message) << ' ' << type_name(message);
   if (message.is_sent()) out << " h" << message.handle;
   if (message.destination != 0) out << " to " << message.destination;
   if (message.count > 1) out << " #" << uint64_t{message.index} + 1 << '/' << message.count;
@@ -151,7 +172,7 @@ void show_text(std::ostream &out, Look &look, const JsonStyle &style) {
   }
 }
 
-void show_json(std::ostream &out, Look &look, const JsonStyle &style) {
+void show_json(std::ostream &out, Look &look, const JsonStyle &style, bool with_bytes) {
   const Message &message = look.message();
   show_origin_json(out, message);
   out << ",\"direction\":" << (message.is_sent() ? "\"sent\"" : "\"received\"") << ",\"type\":";
@@ -162,6 +183,11 @@ void show_json(std::ostream &out, Look &look, const JsonStyle &style) {
   out << ",\"index\":" << message.index << ",\"count\":" << message.count << ",\"thread\":" << message.thread
       << ",\"length\":" << message.length;
   if (message.is_cut()) out << ",\"captured\":" << message.payload.size();
+  if (with_bytes) {
+    std::string bytes;
+    drix::inspect::append_hex(bytes, message.payload);
+    out << ",\"bytes\":\"" << bytes << '"';
+  }
   if (look.is_rejected()) {
     const drix::inspect::Verdict &verdict = look.verdict();
     out << ",\"rejected\":{\"at\":" << verdict.culprit.at << ",\"reason\":" << json_string(explain(verdict))
@@ -175,14 +201,15 @@ void show_json(std::ostream &out, Look &look, const JsonStyle &style) {
   out << '}';
 }
 
-void show_note(std::ostream &out, const Message &note, bool json) {
+void show_note(std::ostream &out, const Message &note, bool json, const LineStyle &line) {
   const std::string text = note_text(note);
   if (text.empty()) return;
   if (json) {
     show_origin_json(out, note);
     out << ",\"note\":" << json_string(text) << "}\n";
   } else {
-    out << time_text(note.time, false) << ' ' << note.origin->program << " -- " << text << '\n';
+    show_origin_text(out, note, line);
+    out << "-- " << text << '\n';
   }
 }
 

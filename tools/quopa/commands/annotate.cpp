@@ -8,8 +8,8 @@
 
 #include "tools/quopa/byte_map.h"
 #include "tools/quopa/command.h"
-#include "tools/quopa/input.h"
 #include "tools/quopa/meaning.h"
+#include "tools/quopa/packet.h"
 #include "tools/quopa/verdict.h"
 
 namespace quopa {
@@ -113,19 +113,19 @@ class Page {
 }  // namespace
 
 int annotate(const AnnotateOptions &options) {
-  const drix::describe::Type &type = find_type(options.type);
-  const drix::inspect::JsonStyle style = {read_labels(options.labels), options.ipv6};
-  const std::vector<uint8_t> buffer = read_buffer(options.file, options.hex);
+  const Subject subject = read_subject(options.type, options.file, options.hex, options.labels, options.ipv6);
+  const drix::describe::Type &type = *subject.type;
+  const std::vector<uint8_t> &buffer = subject.bytes;
   ByteMap map(static_cast<uint32_t>(buffer.size()));
   const Verdict verdict = drix::inspect::walk(type, buffer.data(), static_cast<uint32_t>(buffer.size()), &map);
   if (!verdict.accepted()) map.add_culprit(verdict);
-  const Meaning meaning(type, buffer.data(), style);
+  const Meaning meaning(type, buffer.data(), subject.style);
   const Page page(buffer, meaning, options);
   for (const Entry &entry : map.in_order()) {
     const Event &event = entry.event;
     page.print(entry, !verdict.accepted() && event.at == verdict.culprit.at && event.thing == verdict.culprit.thing);
   }
-  return report(verdict, type, buffer, options.file);
+  return report(verdict, subject);
 }
 
 }  // namespace quopa
