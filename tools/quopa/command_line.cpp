@@ -203,6 +203,95 @@ void add_compare(CLI::App &app, Run &run) {
   command->callback([=, &run] { run = [=] { return compare(*options); }; });
 }
 
+// Tables are of messages, so what is chosen of those is chosen as for trace.
+void add_told(CLI::App &command, SelectionOptions &options) {
+  command.add_option("--type", options.types, "Only messages of types that match; repeated: any of them")
+      ->type_name("GLOB")
+      ->allow_extra_args(false);
+  CLI::Option *sent = command.add_flag("--sent", options.sent, "Only what was sent");
+  CLI::Option *received = command.add_flag("--received", options.received, "Only what was received");
+  sent->excludes(received);
+  add_labels(command, options.labels);
+}
+
+void add_where_entry(CLI::App &command, SelectionOptions &options) {
+  command.add_option("--where", options.where, "Only entries with this member, as for trace; repeated: all of them")
+      ->type_name("TERM")
+      ->allow_extra_args(false);
+}
+
+void add_style(CLI::App &command, bool &json, bool &ipv6, const char *json_text) {
+  command.add_flag("--json", json, json_text);
+  command.add_flag("--ipv6", ipv6, "Show every u32[4] as an IPv6 address");
+}
+
+constexpr char kTables[] =
+    "Tables are those of the types that have keys, and those of which --labels tells (see quopa(1)).\n\n";
+
+void add_table(CLI::App &app, Run &run) {
+  const auto options = std::make_shared<TableOptions>();
+  CLI::App *command = app.add_subcommand("table", "Show the tables that the messages of captures make");
+  command->add_option("FILE", options->selection.paths, "Captures, and folders of captures; - is standard input")
+      ->required();
+  command->add_option("--at", options->at, "As it was then, like 08:56:40.5 or +5s; nothing: at the end")
+      ->type_name("TIME");
+  add_told(*command, options->selection);
+  add_where_entry(*command, options->selection);
+  add_style(*command, options->json, options->ipv6, "One JSON object an entry, at the end one a table");
+  command->footer(
+      std::string("An entry a line, with the packet in which it was changed last and when. Each process has a\n"
+                  "table, of what it received; where nothing was received, of what it sent.\n") +
+      kTables +
+      "Examples:\n"
+      "  quopa table /dev/shm/trace\n"
+      "  quopa table trace.pcapng --at 03:14:07 --where f1.f3=2001:db8::/32");
+  command->callback([=, &run] { run = [=] { return table(*options); }; });
+}
+
+void add_history(CLI::App &app, Run &run) {
+  const auto options = std::make_shared<HistoryOptions>();
+  CLI::App *command = app.add_subcommand("history", "Show all that happened to an entry of a table");
+  command
+      ->add_option("FILE", options->selection.paths, "Captures, and folders of captures; - is standard input; then KEY")
+      ->required();
+  add_told(*command, options->selection);
+  add_style(*command, options->json, options->ipv6, "One JSON object a line");
+  command->footer(
+      std::string("An event a line: added, changed, deleted, or repeated without a change; by whom, and in which\n"
+                  "packet. KEY, the last word, is what \"quopa table\" shows of the key, or a part of it: a prefix\n"
+                  "like 2001:db8::/32, an address, or MEMBER=VALUE.\n") +
+      kTables +
+      "Examples:\n"
+      "  quopa history /dev/shm/trace 2001:db8::/32\n"
+      "  quopa history trace.pcapng 'f0=7 f1=2'");
+  command->callback([=, &run] {
+    std::vector<std::string> &words = options->selection.paths;
+    if (words.size() < 2) throw CLI::RequiredError("KEY");
+    options->key = words.back();
+    words.pop_back();
+    run = [=] { return history(*options); };
+  });
+}
+
+void add_diff(CLI::App &app, Run &run) {
+  const auto options = std::make_shared<DiffOptions>();
+  CLI::App *command = app.add_subcommand("diff", "Report in what two tables differ");
+  command->add_option("HERE", options->here, "A capture, or a folder of captures; behind it perhaps @TIME")->required();
+  command->add_option("THERE", options->there,
+                      "The same; nothing: what processes received in HERE, of what was sent in it");
+  add_told(*command, options->selection);
+  add_where_entry(*command, options->selection);
+  add_style(*command, options->json, options->ipv6, "One JSON object a line, at the end the sums");
+  command->footer(
+      std::string("What counts is what was received, or what was sent where nothing was received. The status is 1\n"
+                  "when there is a difference.\n") +
+      kTables +
+      "Examples:\n"
+      "  quopa diff sender/ receiver/\n"
+      "  quopa diff trace.pcapng@03:14:07 trace.pcapng@03:14:08");
+  command->callback([=, &run] { run = [=] { return diff(*options); }; });
+}
+
 void add_replay(CLI::App &app, Run &run) {
   const auto options = std::make_shared<ReplayOptions>();
   CLI::App *command = app.add_subcommand("replay", "Send what captures hold over the stand-in bus");
@@ -246,6 +335,9 @@ Run parse_command_line(int argc, char **argv) {
   add_trace(*app, run);
   add_stats(*app, run);
   add_compare(*app, run);
+  add_table(*app, run);
+  add_history(*app, run);
+  add_diff(*app, run);
   add_replay(*app, run);
   add_dissector(*app, run);
   add_complete(*app, run);

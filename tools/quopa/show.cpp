@@ -24,33 +24,6 @@ constexpr std::size_t kMostBytes = 32;    // of a byte string in it
 
 const char *arrow(const Message &message) { return message.is_sent() ? "->" : message.is_received() ? "<-" : "--"; }
 
-bool is_zero(const SlotInfo &slot, const uint8_t *table) {
-  if (slot.kind == Kind::bytes) return drix::inspect::member<uint32_t>(table, slot.length_member) == 0;
-  const uint8_t *const value = table + slot.member;
-  const std::size_t size = slot.width * std::max<std::size_t>(slot.elements, 1);
-  return std::all_of(value, value + size, [](uint8_t byte) { return byte == 0; });
-}
-
-std::string value_text(const SlotInfo &slot, const uint8_t *table, const Label *label, const JsonStyle &style) {
-  const uint8_t *value = table + slot.member;
-  if (slot.kind == Kind::scalar) return drix::inspect::scalar_text(drix::inspect::number_at(value, slot.width), label);
-  std::string text;
-  if (slot.kind == Kind::bytes || slot.width == 1) {
-    std::size_t size = slot.elements;
-    if (slot.kind == Kind::bytes) {
-      size = drix::inspect::member<uint32_t>(table, slot.length_member);
-      value = drix::inspect::member<const uint8_t *>(table, slot.member);
-    }
-    drix::inspect::append_hex(text, {value, std::min(size, kMostBytes)});
-    return size <= kMostBytes ? text : text + "...(" + std::to_string(size) + " bytes)";
-  }
-  if (style.shows_address(slot, label)) return drix::inspect::address_text(value);
-  for (std::size_t i = 0; i < slot.elements; ++i) {
-    text += (i == 0 ? "[" : ",") + std::to_string(drix::inspect::number_at(value + i * slot.width, slot.width));
-  }
-  return text + ']';
-}
-
 // How many more there are than a line takes is not told: a short message may have millions.
 void show_members(std::ostream &out, Look &look, const JsonStyle &style) {
   const uint8_t *const record = look.record();
@@ -82,15 +55,6 @@ std::string status_text(const Message &message) {
   return message.is_received() ? "DECODER FAILED" : "FAILED " + std::to_string(message.status);
 }
 
-std::string json_string(const std::string &text) {
-  std::string result = "\"";
-  for (const char c : text) {
-    if (c == '"' || c == '\\') result += '\\';
-    result += c < ' ' ? ' ' : c;
-  }
-  return result + '"';
-}
-
 void show_origin_json(std::ostream &out, const Message &message) {
   out << "{\"capture\":" << json_string(printable(message.origin->capture)) << ",\"packet\":" << message.packet
       << ",\"time\":" << seconds_text(message.time) << ",\"time_ns\":\"" << message.time
@@ -111,6 +75,42 @@ void show_origin_text(std::ostream &out, const Message &message, const LineStyle
 }
 
 }  // namespace
+
+std::string json_string(const std::string &text) {
+  std::string result = "\"";
+  for (const char c : text) {
+    if (c == '"' || c == '\\') result += '\\';
+    result += c < ' ' ? ' ' : c;
+  }
+  return result + '"';
+}
+
+bool is_zero(const SlotInfo &slot, const uint8_t *table) {
+  if (slot.kind == Kind::bytes) return drix::inspect::member<uint32_t>(table, slot.length_member) == 0;
+  const uint8_t *const value = table + slot.member;
+  const std::size_t size = slot.width * std::max<std::size_t>(slot.elements, 1);
+  return std::all_of(value, value + size, [](uint8_t byte) { return byte == 0; });
+}
+
+std::string value_text(const SlotInfo &slot, const uint8_t *table, const Label *label, const JsonStyle &style) {
+  const uint8_t *value = table + slot.member;
+  if (slot.kind == Kind::scalar) return drix::inspect::scalar_text(drix::inspect::number_at(value, slot.width), label);
+  std::string text;
+  if (slot.kind == Kind::bytes || slot.width == 1) {
+    std::size_t size = slot.elements;
+    if (slot.kind == Kind::bytes) {
+      size = drix::inspect::member<uint32_t>(table, slot.length_member);
+      value = drix::inspect::member<const uint8_t *>(table, slot.member);
+    }
+    drix::inspect::append_hex(text, {value, std::min(size, kMostBytes)});
+    return size <= kMostBytes ? text : text + "...(" + std::to_string(size) + " bytes)";
+  }
+  if (style.shows_address(slot, label)) return drix::inspect::address_text(value);
+  for (std::size_t i = 0; i < slot.elements; ++i) {
+    text += (i == 0 ? "[" : ",") + std::to_string(drix::inspect::number_at(value + i * slot.width, slot.width));
+  }
+  return text + ']';
+}
 
 std::string type_name(const Message &message) {
   const drix::describe::Type *const type = message.type();
