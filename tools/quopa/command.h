@@ -95,8 +95,9 @@ int stats(const StatsOptions &options);
 
 struct CompareOptions {
   std::string sender;
-  std::string receiver;  // empty: the sender's
+  std::vector<std::string> receivers;  // one behind the other; empty: the sender's
   std::string labels;
+  bool by_key = false;
   bool json = false;
   bool ipv6 = false;
 };

@@ -189,16 +189,22 @@ void add_compare(CLI::App &app, Run &run) {
   CLI::App *command = app.add_subcommand("compare", "Report what a receiver did not get of what was sent");
   command->add_option("SENDER", options->sender, "A capture, or a folder of captures, of which what was sent counts")
       ->required();
-  command->add_option("RECEIVER", options->receiver, "The same, of which what was received counts; nothing: SENDER");
+  command->add_option(
+      "RECEIVER", options->receivers,
+      "The same, of which what was received counts; nothing: SENDER. Several pass it on, each to the next");
+  command->add_flag("--by-key", options->by_key, "Compare entries of tables, however messages put them together");
   command->add_flag("--json", options->json, "One JSON object a line, at the end the sums");
   command->add_flag("--ipv6", options->ipv6, "Show every u32[4] as an IPv6 address");
   add_labels(*command, options->labels);
   command->footer(
       "Messages are the same when ID and bytes are; of several the first that was sent is the first that came.\n"
       "Reports what was not received, received again, and received but not sent, and how long the others took.\n"
+      "By key, what messages tell of an entry is the same when all members are, in whatever layout and batch; when\n"
+      "only the key is, it was changed on the way. Of several receivers each hop is reported, through them too.\n"
       "The status is 1 when there is a difference.\n\n"
       "Examples:\n"
       "  quopa compare sender/ receiver/\n"
+      "  quopa compare card/ agent/ hardware/ --by-key\n"
       "  quopa compare /dev/shm/trace");
   command->callback([=, &run] { run = [=] { return compare(*options); }; });
 }

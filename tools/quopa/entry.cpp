@@ -251,10 +251,14 @@ Lines::Lines(const std::vector<std::string> &paths, Styles &styles) : styles_(st
 }
 
 void Lines::begin(std::ostream &out, const Mark &mark) const {
-  const Teller &teller = *mark.source->teller;
+  show_packet(out, mark);
+  out << (mark.source->teller->is_sent() ? " -> " : " <- ");
+}
+
+void Lines::show_packet(std::ostream &out, const Mark &mark) const {
+  const std::string &program = mark.source->teller->program;
   if (has_capture_) out << printable(capture::short_path(mark.source->capture));
-  out << '#' << mark.packet << ' ' << time_text(mark.time, false) << ' ' << teller.program
-      << (teller.program.empty() ? "" : " ") << (teller.is_sent() ? "-> " : "<- ");
+  out << '#' << mark.packet << ' ' << time_text(mark.time, false) << (program.empty() ? "" : " ") << program;
 }
 
 void Lines::show_key(std::ostream &out, const TableInfo &table, std::string_view key) const {

@@ -55,8 +55,10 @@ class Lines {
  public:
   Lines(const std::vector<std::string> &paths, Styles &styles);
 
-  // "#12 08:56:40.123456 route_receiver <- "; with the capture's name where there are several.
+  // "#12 08:56:40.123456 route_receiver <- "; with the capture's name where there are several. The same without a
+  // direction, for the middle of a line.
   void begin(std::ostream &out, const Mark &mark) const;
+  void show_packet(std::ostream &out, const Mark &mark) const;
 
   void show_key(std::ostream &out, const TableInfo &table, std::string_view key) const;
   void show_members(std::ostream &out, const Row &entry) const;  // that are not zero, but the key's

@@ -22,42 +22,45 @@ SelectionOptions without_conditions(SelectionOptions options) {
 Tellings::Tellings(const SelectionOptions &options, Styles &styles)
     : styles_(styles), selection_(without_conditions(options)), tables_(styles.own().labels) {}
 
-void Tellings::read(const std::vector<std::string> &paths, const std::optional<Moment> &until, const Take &take) {
-  for (const std::string &path : paths) tell_overwritten(path);
-  capture::Timeline timeline(paths, complain);
+void Tellings::read(const std::vector<std::string> &paths, const std::optional<Moment> &until, const Take &take,
+                    bool is_again) {
+  for (const std::string &path : paths) {
+    if (!is_again) tell_overwritten(path);
+  }
+  capture::Timeline timeline(paths, is_again ? [](const std::string &) {} : complain);
   uint64_t end = UINT64_MAX;
   bool has_start = !until;
   while (const Message *message = timeline.next()) {
     first_ = std::min(first_, message->time);
     if (message->kind == TRACE_NOTE) {
-      show_note(std::cerr, *message, false);
+      if (!is_again) show_note(std::cerr, *message, false);
       continue;
     }
     if (!has_start) end = until->in(message->time).last;
     has_start = true;
-    if (message->time <= end) take_message(*message, take);
+    if (message->time <= end) take_message(*message, take, is_again);
   }
   is_whole_ = is_whole_ && timeline.is_whole();
   selection_.expect_fitting(styles_);
 }
 
-void Tellings::take_message(const Message &message, const Take &take) {
+void Tellings::take_message(const Message &message, const Take &take, bool is_again) {
   const drix::describe::Type *const type = message.type();
   const drix::inspect::Telling *const telling = type == nullptr ? nullptr : tables_.find(*type);
   if (telling == nullptr) return;
   Look look(message);
   if (!selection_.takes(look, styles_)) return;
   if (message.has_failed() && message.status != TRACE_NO_ANSWER) {
-    ++failed_;
+    failed_ += !is_again;
     return;
   }
   if (message.is_cut()) {
-    ++cut_;
+    cut_ += !is_again;
     return;
   }
   const uint8_t *const record = look.record();
   if (!look.verdict().accepted()) {
-    ++rejected_;
+    rejected_ += !is_again;
     return;
   }
   const Mark mark = {message.time, message.packet, &source_of(message)};

@@ -50,9 +50,10 @@ class Tellings {
   Tellings(const SelectionOptions &options, Styles &styles);
 
   // Reads captures, and takes what was told until then. A send that failed tells nothing, nor does what a decoder
-  // rejects or what the recorder cut.
+  // rejects or what the recorder cut. What there is to say of the captures is said once.
   using Take = std::function<void(const Told &)>;
-  void read(const std::vector<std::string> &paths, const std::optional<Moment> &until, const Take &take);
+  void read(const std::vector<std::string> &paths, const std::optional<Moment> &until, const Take &take,
+            bool is_again = false);
 
   const drix::inspect::Tables &tables() const { return tables_; }
   const std::deque<Teller> &tellers() const { return tellers_; }
@@ -64,7 +65,7 @@ class Tellings {
   uint64_t first() const { return first_; }  // time of what was read
 
  private:
-  void take_message(const Message &message, const Take &take);
+  void take_message(const Message &message, const Take &take, bool is_again);
   const Source &source_of(const Message &message);
 
   Styles &styles_;

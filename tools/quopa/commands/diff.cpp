@@ -141,7 +141,7 @@ class Differing {
       std::cout << ':';
       lines_.show(std::cout, found);
       std::cout << " in ";
-      lines_.begin(std::cout, other.changed);
+      lines_.show_packet(std::cout, other.changed);
       std::cout << '\n';
     }
     return true;
