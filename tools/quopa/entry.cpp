@@ -108,13 +108,22 @@ std::vector<Value> values_of(const Row &entry) {
     const std::string text = value_text(slot, table, label, style);
     const bool is_number = slot.kind == Kind::scalar && text.find_first_not_of("0123456789") == std::string::npos;
     const std::size_t outer = is_carried(telling, path) ? 0 : std::size_t{path.outer} + 1;
-    values.push_back({{outer, outer == 0 ? 0 : path.element, index},
+    values.push_back({{outer, outer == 0 ? 0 : path.element + 1, index},
                       member_name(telling, path, index, style.labels),
                       text,
                       bytes_of(slot, table),
                       (is_number && !text.empty()) || text.starts_with('['),
                       is_zero(slot, table)});
   });
+  // How many elements there are, for those that are there may be zero.
+  for (const std::size_t index : telling.members) {
+    const SlotInfo &slot = telling.message->slots[index];
+    if (index == telling.members[0] || slot.kind != Kind::vector) continue;
+    const auto count = drix::inspect::member<uint32_t>(record.data(), slot.length_member);
+    values.push_back(
+        {{index + 1, 0, 0}, style.labels.name(*telling.message, index), std::to_string(count), {}, true, count == 0});
+  }
+  std::stable_sort(values.begin(), values.end(), [](const Value &a, const Value &b) { return a.place < b.place; });
   return values;
 }
 

@@ -18,7 +18,7 @@ using drix::inspect::JsonStyle;
 using drix::inspect::Label;
 using drix::inspect::TablePath;
 
-constexpr uint64_t kSecond = 1000000000;
+constexpr uint64_t kPerSecond = 1000000000;
 constexpr std::size_t kMostMembers = 40;  // of a line of text
 constexpr std::size_t kMostBytes = 32;    // of a byte string in it
 
@@ -121,19 +121,19 @@ std::string type_name(const Message &message) {
 }
 
 std::string time_text(uint64_t nanoseconds, bool with_date) {
-  const auto seconds = static_cast<std::time_t>(nanoseconds / kSecond);
+  const auto seconds = static_cast<std::time_t>(nanoseconds / kPerSecond);
   std::tm local = {};
   char text[64] = "?";
   if (localtime_r(&seconds, &local) == nullptr) return text;
   const std::size_t length = std::strftime(text, sizeof text, with_date ? "%F %T" : "%T", &local);
-  std::snprintf(text + length, sizeof text - length, ".%06u", static_cast<unsigned>(nanoseconds % kSecond / 1000));
+  std::snprintf(text + length, sizeof text - length, ".%06u", static_cast<unsigned>(nanoseconds % kPerSecond / 1000));
   return text;
 }
 
 std::string seconds_text(uint64_t nanoseconds) {
   char text[32];
-  std::snprintf(text, sizeof text, "%llu.%09llu", static_cast<unsigned long long>(nanoseconds / kSecond),
-                static_cast<unsigned long long>(nanoseconds % kSecond));
+  std::snprintf(text, sizeof text, "%llu.%09llu", static_cast<unsigned long long>(nanoseconds / kPerSecond),
+                static_cast<unsigned long long>(nanoseconds % kPerSecond));
   return text;
 }
 

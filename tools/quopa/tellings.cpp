@@ -63,8 +63,9 @@ void Tellings::take_message(const Message &message, const Take &take, bool is_ag
     rejected_ += !is_again;
     return;
   }
-  const Mark mark = {message.time, message.packet, &source_of(message)};
+  Mark mark = {message.time, message.packet, nullptr};
   for_each_told(*telling, record, [&](const uint8_t *carried) {
+    if (mark.source == nullptr) mark.source = &source_of(message);
     make_key(*telling, carried, key_);
     if (!telling->deletes) make_image(*telling, record, carried, image_);
     take({*telling, key_, image_, mark});
