@@ -36,7 +36,7 @@ expect 0 '^[0-9]+ types, no difference$' '' '' types --check "$project/describe/
 expect 0 '"scalar", 4, 0, nil, name = "metric"' '' '' dissector --labels "$routes"
 expect 1 '' '^quopa: output/none: ' '' dissector -o output/none
 expect 0 '^quopa [0-9.]+$' '' '' --version
-for command in types decode encode annotate trace stats compare replay dissector; do expect 0 '^Examples:$' '' '' $command --help; done
+for command in types decode encode annotate trace stats compare table history diff replay dissector; do expect 0 '^Examples:$' '' '' $command --help; done
 
 # What the shells ask.
 expect 0 '^fib6Sync.ipv6FwdDelMsg$' '' '' __complete decode fib6Sync.ipv6

@@ -161,10 +161,9 @@ KeyFilter::KeyFilter(const std::string &text, const drix::inspect::Tables &table
     const std::size_t end = std::min(text.find_first_of(kBetween, at), text.size());
     const std::string word = text.substr(at, end - at);
     at = text.find_first_not_of(kBetween, end);
-    const std::size_t sign = word.find_first_of("=!<>");
-    if (sign != std::string::npos) {
+    if (word.find_first_of("=!<>") != std::string::npos) {
       try {
-        terms_.push_back({word.substr(0, sign), drix::inspect::Where(word)});
+        terms_.emplace_back(word);
       } catch (const drix::inspect::WhereError &error) {
         refuse(error.what());
       }
@@ -195,16 +194,15 @@ KeyFilter::KeyFilter(const std::string &text, const drix::inspect::Tables &table
   refuse("no table has such a key");
 }
 
-bool KeyFilter::fits(const TableInfo &table) const {
+bool KeyFilter::fits(const TableInfo &table) {
   const std::optional<Prefix> prefix = prefix_in(table);
   const bool good = std::all_of(addresses_.begin(), addresses_.end(), [&](const Address &address) {
     return prefix && (!address.length || prefix->has_length);
   });
-  return good && std::all_of(terms_.begin(), terms_.end(), [&](const Term &term) {
+  return good && std::all_of(terms_.begin(), terms_.end(), [&](Term &term) {
            const auto slot = labels_.slot(*table.record, term.member);
-           drix::inspect::Where where = term.where;
            return slot && std::find(table.key.begin(), table.key.end(), *slot) != table.key.end() &&
-                  where.fits(*table.record, labels_);
+                  term.where.fits(*table.record, labels_);
          });
 }
 

@@ -1,6 +1,7 @@
 // Entries of tables as text and JSON.
 #pragma once
 
+#include <deque>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -31,15 +32,17 @@ class KeyFilter {
     std::optional<uint32_t> length;
   };
   struct Term {
+    explicit Term(const std::string &word) : member(word.substr(0, word.find_first_of("=!<>"))), where(word) {}
+
     std::string member;
     drix::inspect::Where where;
   };
 
-  bool fits(const TableInfo &table) const;
+  bool fits(const TableInfo &table);
 
   const drix::inspect::Labels &labels_;
   std::vector<Address> addresses_;
-  std::vector<Term> terms_;
+  std::deque<Term> terms_;
 };
 
 // A member of an entry that differs between two.
@@ -85,7 +88,7 @@ class Conditions {
 
  private:
   Styles &styles_;
-  std::vector<drix::inspect::Where> terms_;
+  std::deque<drix::inspect::Where> terms_;
 };
 
 }  // namespace quopa

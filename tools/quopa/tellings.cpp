@@ -17,10 +17,18 @@ SelectionOptions without_conditions(SelectionOptions options) {
   return options;
 }
 
+drix::inspect::Tables tables_of(const drix::inspect::Labels &labels) {
+  try {
+    return drix::inspect::Tables(labels);
+  } catch (const drix::inspect::TableError &error) {
+    throw BadInput(std::string("the labels: ") + error.what());
+  }
+}
+
 }  // namespace
 
 Tellings::Tellings(const SelectionOptions &options, Styles &styles)
-    : styles_(styles), selection_(without_conditions(options)), tables_(styles.own().labels) {}
+    : styles_(styles), selection_(without_conditions(options)), tables_(tables_of(styles.own().labels)) {}
 
 void Tellings::read(const std::vector<std::string> &paths, const std::optional<Moment> &until, const Take &take,
                     bool is_again) {

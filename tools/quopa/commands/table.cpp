@@ -95,7 +95,7 @@ class Snapshot {
               << (teller.program.empty() ? "a process" : teller.program) << ' ' << teller.process
               << (teller.is_sent() ? " sent" : " received") << " until " << time_text(kept.last, true) << ";\n"
               << "what was there before " << time_text(first, true) << " is not known";
-    if (kept.unknown > 0) std::cout << ", but " << kept.unknown << " deletions were of such entries";
+    if (kept.unknown > 0) std::cout << "; deletions of what may have been there: " << kept.unknown;
     std::cout << '\n';
   }
 
