@@ -315,8 +315,8 @@ received 11 $update $(added 7 3 128 0 1) captured 30
 received 12 $update 0x0400
 END
 says 0 table told.pcapng <<'END'
-#6 08:56:40.128456 card <- fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5 f1.f7=8
-#9 08:56:40.131456 card <- fib6Sync.ipv6Fwd 2001:db8:2::/64 f1.f7=9
+#6 08:56:40.128456 card 4 <- fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5 f1.f7=8
+#9 08:56:40.131456 card 4 <- fib6Sync.ipv6Fwd 2001:db8:2::/64 f1.f7=9
 2 entries, from 4 messages that card 4 received until 2025-11-25 08:56:40.133456;
 what was there before 2025-11-25 08:56:40.123456 is not known; deletions of what may have been there: 1
 quopa: 1 messages are left out: the bus or the decoder did not take them
@@ -329,19 +329,19 @@ says 0 table told.pcapng --sent --at +5ms --json <<'END'
 quopa: 1 messages are left out: the bus or the decoder did not take them
 END
 says 0 history told.pcapng 2001:db8:1::/48 <<'END'
-#2 08:56:40.124456 card -> fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5: added f1.f7=7
-#3 08:56:40.125456 card <- fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5: added f1.f7=7
-#4 08:56:40.126456 card -> fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5: repeated without a change, 1 time
-#5 08:56:40.127456 card -> fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5: changed f1.f7 7 -> 8
-#6 08:56:40.128456 card <- fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5: changed f1.f7 7 -> 8
-#10 08:56:40.132456 card -> fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5: deleted
-#11 08:56:40.133456 card <- fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=6: deleted, but not known before
+#2 08:56:40.124456 card 4 -> fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5: added f1.f7=7
+#3 08:56:40.125456 card 4 <- fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5: added f1.f7=7
+#4 08:56:40.126456 card 4 -> fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5: repeated without a change, 1 time
+#5 08:56:40.127456 card 4 -> fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5: changed f1.f7 7 -> 8
+#6 08:56:40.128456 card 4 <- fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5: changed f1.f7 7 -> 8
+#10 08:56:40.132456 card 4 -> fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5: deleted
+#11 08:56:40.133456 card 4 <- fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=6: deleted, but not known before
 quopa: 1 messages are left out: the bus or the decoder did not take them
 quopa: 1 messages are left out: their decoder rejects them
 quopa: 1 messages are left out: the recorder cut them
 END
 says 1 diff told.pcapng <<'END'
-missing here: #6 08:56:40.128456 card <- fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5 f1.f7=8
+missing here: #6 08:56:40.128456 card 4 <- fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5 f1.f7=8
 card 4: 1 entries here, 2 there: 0 missing there, 1 missing here, 0 differ
 quopa: 1 messages are left out: the bus or the decoder did not take them
 quopa: 1 messages are left out: their decoder rejects them
@@ -371,12 +371,12 @@ a.pcapng to b.pcapng:
 3 sent, 3 received: 0 not received, 0 received again, 0 received but not sent, 0 changed on the way
 latency in us: least 2000, half 2000, 90 % 2000, 99 % 2000, 99.9 % 2000, most 2000
 through b.pcapng:
-changed on the way: b.pcapng#2 08:56:40.125456 b <- korBrokerFib6.ipv6Fwd 2001:db8:2::/48: f1.f7 2 -> 9 in b.pcapng#4 08:56:40.129456 b
+changed on the way: b.pcapng#2 08:56:40.125456 b 2 <- korBrokerFib6.ipv6Fwd 2001:db8:2::/48: f1.f7 2 -> 9 in b.pcapng#4 08:56:40.129456 b 2
 3 received, 3 sent: 0 not sent on, 0 sent again, 0 sent but not received, 1 changed on the way
 latency in us: least 3000, half 3000, 90 % 3000, 99 % 3000, 99.9 % 3000, most 4000
 b.pcapng to c.pcapng:
-received again: c.pcapng#4 08:56:40.132456 c <- korBrokerFib6.ipv6Fwd 2001:db8:2::/48 f1.f7=9
-not received: b.pcapng#3 08:56:40.128456 b -> korBrokerFib6.ipv6Fwd 2001:db8:3::/48 f1.f7=3
+received again: c.pcapng#4 08:56:40.132456 c 3 <- korBrokerFib6.ipv6Fwd 2001:db8:2::/48 f1.f7=9
+not received: b.pcapng#3 08:56:40.128456 b 2 -> korBrokerFib6.ipv6Fwd 2001:db8:3::/48 f1.f7=3
 3 sent, 3 received: 1 not received, 1 received again, 0 received but not sent, 0 changed on the way
 latency in us: least 2000, half 2000, 90 % 2000, 99 % 2000, 99.9 % 2000, most 3000
 END

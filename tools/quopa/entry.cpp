@@ -263,9 +263,9 @@ void Lines::begin(std::ostream &out, const Mark &mark) const {
 }
 
 void Lines::show_packet(std::ostream &out, const Mark &mark) const {
-  const std::string &program = mark.source->teller->program;
+  const Teller &teller = *mark.source->teller;
   if (has_capture_) out << printable(capture::short_path(mark.source->capture));
-  out << '#' << mark.packet << ' ' << time_text(mark.time, false) << (program.empty() ? "" : " ") << program;
+  out << '#' << mark.packet << ' ' << time_text(mark.time, false) << ' ' << who(teller);
 }
 
 void Lines::show_key(std::ostream &out, const TableInfo &table, std::string_view key) const {

@@ -58,7 +58,7 @@ class Lines {
  public:
   Lines(const std::vector<std::string> &paths, Styles &styles);
 
-  // "#12 08:56:40.123456 route_receiver <- "; with the capture's name where there are several. The same without a
+  // "#12 08:56:40.123456 route_receiver 4711 <- "; with the capture's name where there are several. The same without a
   // direction, for the middle of a line.
   void begin(std::ostream &out, const Mark &mark) const;
   void show_packet(std::ostream &out, const Mark &mark) const;

@@ -111,6 +111,10 @@ void Tellings::complain_of_gaps() const {
   tell(cut_, "the recorder cut them");
 }
 
+std::string who(const Teller &teller) {
+  return (teller.program.empty() ? "process" : teller.program) + ' ' + std::to_string(teller.process);
+}
+
 std::optional<Moment> moment_of(const std::string &option, const std::string &text) {
   try {
     return text.empty() ? std::nullopt : std::optional<Moment>(text);

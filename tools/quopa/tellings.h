@@ -23,6 +23,8 @@ struct Teller {
   bool is_sent() const { return kind == TRACE_SENT; }
 };
 
+std::string who(const Teller &teller);  // program and process
+
 // Where packets come from.
 struct Source {
   std::string capture;

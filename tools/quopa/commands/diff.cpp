@@ -59,7 +59,7 @@ class Differing {
     }
     for (const Teller &teller : tellings_.tellers()) {
       if (teller.is_sent()) continue;
-      tell(sent, received[teller.number], teller.program + ' ' + std::to_string(teller.process) + ": ");
+      tell(sent, received[teller.number], who(teller) + ": ");
     }
   }
 

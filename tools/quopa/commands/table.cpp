@@ -92,8 +92,8 @@ class Snapshot {
       return;
     }
     std::cout << shown << (shown == 1 ? " entry" : " entries") << ", from " << kept.messages << " messages that "
-              << (teller.program.empty() ? "a process" : teller.program) << ' ' << teller.process
-              << (teller.is_sent() ? " sent" : " received") << " until " << time_text(kept.last, true) << ";\n"
+              << who(teller) << (teller.is_sent() ? " sent" : " received") << " until " << time_text(kept.last, true)
+              << ";\n"
               << "what was there before " << time_text(first, true) << " is not known";
     if (kept.unknown > 0) std::cout << "; deletions of what may have been there: " << kept.unknown;
     std::cout << '\n';
