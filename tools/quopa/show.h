@@ -27,6 +27,7 @@ std::string note_text(const Message &note);
 struct LineStyle {
   bool has_capture = true;         // the packet's number has its capture in front
   bool has_date = false;           // and the time has the date
+  bool has_color = false;          // what went wrong is red
   std::optional<uint64_t> before;  // the time of the line before, to which the distance is told
 };
 
