@@ -51,6 +51,17 @@ done <<'END'
 0 1 2 3 4|--type fib6Sync_tlv
 8 6|--type 0x*
 1 2 3|--where f0>1 --where f0<5 --type fib6Sync.tlv
+1 4|--where .status=failed
+2|--where .status=unanswered
+1 2 4|--where .status!=ok
+1|--where .status=-7
+1 2 4|--where .status<0
+5|--where .size>20
+8 6|--where .size<=19 --where .program=?
+|--where .program!=p
+8|--where .time>=+8ms --where .handle=1 --where .destination=0
+0 1|--where .time<08:56:40.125456
+1 2|--where .packet>2 --where .packet<=4 --where .process=99 --where .thread=7
 0 1 2|--count 3
 2 4|--type *.tlv --from +2ms --to +0.004s --where f0!=4
 0|--to 08:56:40.123456
@@ -115,6 +126,17 @@ expect 1 '^ +0  .* not read' '*' '' annotate calls.pcapng#7
 grep -qx 'quopa: calls.pcapng#7 was cut to 3 of 23 bytes' errors || complain 'what is cut is not told'
 cp traces/quopa-p-q-99.4.pcapng traces/quopa-s-99.4.pcapng
 expect 1 '' 'traces/99.4: may be traces/quopa-[a-z-]*-99.4.pcapng or traces/quopa-' '' decode traces/99.4#2
+
+# On a terminal, what went wrong is red, and how far a command is can be seen when nothing else is; but in no pipe.
+expect 0 $' \e\\[1;31mFAILED -7\e\\[0m f0=2$' '' '' trace calls.pcapng --color always
+"$make_capture" 4 spoiled little | "${quopa[@]}" trace - --color always | grep -q $' \e\\[1;31mREJECTED\e\\[0m at ' || complain 'no red rejection'
+on_terminal() { script -qec "$1" /dev/null </dev/null 2>&1 | cat -v; }
+[ "$(on_terminal "'${quopa[0]}' trace calls.pcapng" | grep -cE '31m(FAILED|NO ANSWER|DECODER)')" = 3 ] || complain 'no colours on a terminal'
+[ "$(on_terminal "NO_COLOR=1 '${quopa[0]}' trace calls.pcapng" | grep -c '31m')" = 0 ] || complain 'colours that are not wanted'
+slow="(cat calls.pcapng; sleep 1.1; cat calls.pcapng) | '${quopa[0]}'"
+on_terminal "$slow stats -" >said
+grep -qE '[0-9]+ packets\^M\^\[\[K' said && grep -q '^total .* 16 ' said || complain "how far it is: $(cat said)"
+on_terminal "$slow stats - 2>errors" | grep 'packets' && complain 'progress in a file'
 
 # Written anew, each message keeps its program and the types of its program's version, and notes stay.
 "$make_capture" table little <<'END' | "${quopa[@]}" trace - -w - | sed 's/^\(fib6Sync.tlv .*\) u32@0 /\1 u16@0 /' >other.pcapng

@@ -54,7 +54,6 @@ struct AnnotateOptions {
   std::string labels;
   std::string color = "auto";
   bool hex = false;
-  bool ipv6 = false;
   bool full = false;
 };
 int annotate(const AnnotateOptions &options);
@@ -67,6 +66,7 @@ struct SelectionOptions {
   std::string from;                // see Moment
   std::string to;
   std::string labels;
+  bool any_element = false;  // see Where
   bool sent = false;
   bool received = false;
   bool rejected = false;
@@ -81,6 +81,7 @@ struct TraceOptions {
   bool json = false;
   bool bytes = false;
   bool bare = false;
+  std::string color = "auto";
   bool date = false;
   bool delta = false;
   bool ipv6 = false;
@@ -98,6 +99,7 @@ struct CompareOptions {
   std::vector<std::string> receivers;  // one behind the other; empty: the sender's
   std::string labels;
   bool by_key = false;
+  std::string color = "auto";
   bool json = false;
   bool ipv6 = false;
 };

@@ -26,7 +26,6 @@ using drix::inspect::Record;
 using drix::inspect::TablePath;
 using drix::inspect::Telling;
 
-bool is_address(const SlotInfo &slot) { return slot.kind == Kind::array && slot.width == 4 && slot.elements == 4; }
 bool is_length(const SlotInfo &slot) { return slot.kind == Kind::scalar && slot.width == 1; }
 
 // The place of the address in the key, and whether a length follows it; no value when the key has none.
@@ -37,7 +36,7 @@ struct Prefix {
 std::optional<Prefix> prefix_in(const TableInfo &table) {
   const auto &slots = table.record->slots;
   for (std::size_t i = 0; i < table.key.size(); ++i) {
-    if (!is_address(slots[table.key[i]])) continue;
+    if (!slots[table.key[i]].is_address()) continue;
     return Prefix{i, i + 1 < table.key.size() && is_length(slots[table.key[i + 1]])};
   }
   return std::nullopt;
@@ -105,7 +104,7 @@ std::vector<Value> values_of(const Row &entry) {
   for_each_told_member(telling, record, [&](const TablePath &path, std::size_t index, const uint8_t *table) {
     const SlotInfo &slot = path.type->slots[index];
     const Label *const label = style.labels.find(*path.type, index);
-    const std::string text = value_text(slot, table, label, style);
+    const std::string text = value_text(slot, table, label);
     const bool is_number = slot.kind == Kind::scalar && text.find_first_not_of("0123456789") == std::string::npos;
     const std::size_t outer = is_carried(telling, path) ? 0 : std::size_t{path.outer} + 1;
     values.push_back({{outer, outer == 0 ? 0 : path.element + 1, index},
@@ -145,8 +144,8 @@ std::string key_text(const TableInfo &table, std::string_view key, const Labels 
     if (prefix && !is_prefix && is_zero(slot, record.data())) continue;
     if (!text.empty()) text += ' ';
     if (!is_prefix) text += labels.name(*table.record, table.key[i]) + '=';
-    text += is_address(slot) ? drix::inspect::address_text(record.data() + slot.member)
-                             : value_text(slot, record.data(), label, {});
+    text += slot.is_address() ? drix::inspect::address_text(record.data() + slot.member)
+                              : value_text(slot, record.data(), label);
   }
   return text;
 }
@@ -280,7 +279,7 @@ void Lines::show_members(std::ostream &out, const Row &entry) const {
     const SlotInfo &slot = path.type->slots[index];
     if (is_zero(slot, table)) return;
     out << ' ' << member_name(telling, path, index, style.labels) << '='
-        << value_text(slot, table, style.labels.find(*path.type, index), style);
+        << value_text(slot, table, style.labels.find(*path.type, index));
   });
 }
 
@@ -320,31 +319,32 @@ void Lines::show_json(std::ostream &out, const std::vector<Difference> &differen
   out << '}';
 }
 
-Conditions::Conditions(const std::vector<std::string> &terms, Styles &styles) : styles_(styles) {
+Conditions::Conditions(const SelectionOptions &options, Styles &styles) : styles_(styles) {
   try {
-    for (const std::string &term : terms) terms_.emplace_back(term);
+    for (const std::string &term : options.where) {
+      if (!PacketTerm::is_one(term)) where_.add(drix::inspect::Term(term));
+    }
   } catch (const drix::inspect::WhereError &error) {
     throw BadUsage(std::string("--where ") + error.what());
   }
+  if (options.any_element) where_.allow_any_element();
 }
 
 bool Conditions::hold(const Row &entry) {
-  if (terms_.empty()) return true;
+  if (where_.is_empty()) return true;
   const drix::describe::Type &type = *entry.telling->message;
+  const drix::inspect::Labels &labels = entry.changed.source->style->labels;
+  if (!where_.fits(type, labels)) return false;
   const Record record = message_of(*entry.telling, entry.image());
-  return std::all_of(terms_.begin(), terms_.end(), [&](drix::inspect::Where &term) {
-    return term.holds(type, record.data(), {}, entry.changed.source->style->labels);
-  });
+  return where_.holds(type, record.data(), {}, labels);
 }
 
 void Conditions::expect_fitting(const drix::inspect::Tables &tables) {
   for (const auto &[type, telling] : tables.own()) {
-    for (drix::inspect::Where &term : terms_) {
-      if (!telling.deletes) term.fits(*type, styles_.own().labels);
-    }
+    if (!telling.deletes) where_.fits(*type, styles_.own().labels);
   }
   try {
-    for (const drix::inspect::Where &term : terms_) term.expect_fitting();
+    where_.expect_fitting();
   } catch (const drix::inspect::WhereError &error) {
     throw BadUsage(std::string("--where ") + error.what());
   }

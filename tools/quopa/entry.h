@@ -81,14 +81,14 @@ class Lines {
 // The conditions of --where, on entries as on the messages that add them.
 class Conditions {
  public:
-  Conditions(const std::vector<std::string> &terms, Styles &styles);  // throws BadUsage
+  Conditions(const SelectionOptions &options, Styles &styles);  // throws BadUsage
 
   bool hold(const Row &entry);
   void expect_fitting(const drix::inspect::Tables &tables);  // throws BadUsage
 
  private:
   Styles &styles_;
-  std::deque<drix::inspect::Where> terms_;
+  drix::inspect::Where where_;
 };
 
 }  // namespace quopa

@@ -1,5 +1,6 @@
 #include "tools/quopa/input.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -25,29 +26,56 @@ struct Close {
   throw BadInput(name_of(path) + position + ": " + what);
 }
 
-std::vector<uint8_t> parse_hex(const std::string &text, const std::string &path) {
-  std::vector<uint8_t> bytes;
-  std::size_t line = 1;
-  std::size_t line_start = 0;
-  int high = -1;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    const int digit = drix::inspect::hex_digit(c);
-    if (digit < 0 && (high >= 0 || std::strchr(" \t\r\n", c) == nullptr || c == '\0')) {
-      fail(path, "pairs of hexadecimal digits are wanted",
-           ':' + std::to_string(line) + ':' + std::to_string(i - line_start + 1));
+constexpr char kBlanks[] = " \t\r";
+
+// Behind the offset that a dump's lines begin with, as in "00000010: 0e00 0000"; 0 where there is none.
+std::size_t data_of_dump(std::string_view line) {
+  std::size_t at = std::min(line.find_first_not_of(kBlanks), line.size());
+  if (line.substr(at).starts_with("0x")) at += 2;
+  const std::size_t first = at;
+  while (at < line.size() && drix::inspect::hex_digit(line[at]) >= 0) ++at;
+  constexpr std::size_t kLeastDigits = 4;
+  const bool is_offset = at - first >= kLeastDigits && line.substr(at).starts_with(": ");
+  return is_offset ? at + 1 : 0;
+}
+
+// Adds the bytes of a line: pairs of digits with blanks or colons between, and of a dump what stands before the
+// characters, which two blanks separate. Returns where it has something else, or npos.
+std::size_t parse_hex_line(std::string_view line, std::vector<uint8_t> &bytes) {
+  std::size_t at = data_of_dump(line);
+  const bool is_dump = at > 0;
+  bool behind_pair = false;
+  while (at < line.size()) {
+    const bool is_blank = std::string_view(kBlanks).find(line[at]) != std::string_view::npos;
+    if (is_dump && behind_pair && line.substr(at).starts_with("  ")) return std::string_view::npos;
+    const bool is_colon = line[at] == ':' && behind_pair && at + 1 < line.size();
+    if (is_blank || is_colon) {
+      behind_pair = false;
+      ++at;
+      continue;
     }
-    if (c == '\n') {
-      ++line;
-      line_start = i + 1;
-    } else if (digit >= 0 && high < 0) {
-      high = digit;
-    } else if (digit >= 0) {
-      bytes.push_back(static_cast<uint8_t>(high << 4 | digit));
-      high = -1;
-    }
+    const int high = drix::inspect::hex_digit(line[at]);
+    if (high < 0) return at;
+    const int low = at + 1 < line.size() ? drix::inspect::hex_digit(line[at + 1]) : -1;
+    if (low < 0) return at + 1;
+    bytes.push_back(static_cast<uint8_t>(high << 4 | low));
+    behind_pair = true;
+    at += 2;
   }
-  if (high >= 0) fail(path, "the last pair of hexadecimal digits is cut off");
+  return std::string_view::npos;
+}
+
+std::vector<uint8_t> parse_hex(std::string_view text, const std::string &path) {
+  std::vector<uint8_t> bytes;
+  for (std::size_t number = 1; !text.empty(); ++number) {
+    const std::string_view line = text.substr(0, text.find('\n'));
+    const std::size_t bad = parse_hex_line(line, bytes);
+    if (bad != std::string_view::npos) {
+      fail(path, "pairs of hexadecimal digits are wanted",
+           ':' + std::to_string(number) + ':' + std::to_string(bad + 1));
+    }
+    text.remove_prefix(std::min(line.size() + 1, text.size()));
+  }
   return bytes;
 }
 
@@ -106,7 +134,11 @@ const drix::describe::Type &find_type(const std::string &name) {
     read(path, Contents::buffer);
     throw BadUsage(name + " is no message type; \"quopa types\" lists them");
   }
-  if (type == nullptr) throw BadUsage("no type \"" + name + "\"; \"quopa types\" lists them");
+  if (type == nullptr) {
+    const drix::describe::Suggestion suggestion = drix::describe::suggested_type(name);
+    throw BadUsage("no type \"" + name + '"' +
+                   (suggestion.is_there() ? suggestion.text() : "; \"quopa types\" lists them"));
+  }
   return *type;
 }
 

@@ -10,6 +10,7 @@
 #include "tools/quopa/command.h"
 #include "tools/quopa/look.h"
 #include "tools/quopa/moment.h"
+#include "tools/quopa/packet_term.h"
 #include "tools/quopa/styles.h"
 
 namespace quopa {
@@ -21,7 +22,8 @@ class Selection {
   // Whether a message, which is no note, is wanted.
   bool takes(Look &look, Styles &styles);
 
-  // Throws BadUsage when a condition cannot be fulfilled by any type that this version or the trace knows.
+  // Throws BadUsage when a condition cannot be fulfilled by any type that this version or the trace knows, and complains
+  // of one that cannot by any type that there were messages of.
   void expect_fitting(Styles &styles);
 
  private:
@@ -40,7 +42,8 @@ class Selection {
   uint64_t last_ = UINT64_MAX;
   std::vector<std::string> globs_;
   std::vector<bool> matched_;  // for each of them, whether there was such a type
-  std::vector<drix::inspect::Where> conditions_;
+  std::vector<PacketTerm> packet_terms_;
+  drix::inspect::Where where_;
   std::unordered_map<const drix::describe::Type *, bool> known_;  // whether the type is wanted
 };
 

@@ -17,6 +17,7 @@ using drix::describe::SlotInfo;
 using drix::inspect::JsonStyle;
 using drix::inspect::Label;
 using drix::inspect::TablePath;
+using Match = drix::inspect::Where::Match;
 
 constexpr uint64_t kPerSecond = 1000000000;
 constexpr std::size_t kMostMembers = 40;  // of a line of text
@@ -24,28 +25,44 @@ constexpr std::size_t kMostBytes = 32;    // of a byte string in it
 
 const char *arrow(const Message &message) { return message.is_sent() ? "->" : message.is_received() ? "<-" : "--"; }
 
-// How many more there are than a line takes is not told: a short message may have millions.
+// f1[2].f3=64
+void show_member(std::ostream &out, const Look &look, const JsonStyle &style, const Match &member) {
+  const auto &[path, index, table] = member;
+  if (path.outer != TablePath::kNone) {
+    out << style.labels.name(*look.type(), path.outer);
+    if (path.element != TablePath::kNone) out << '[' << path.element << ']';
+    out << '.';
+  }
+  out << style.labels.name(*path.type, index) << '='
+      << value_text(path.type->slots[index], table, style.labels.find(*path.type, index));
+}
+
+// Those that are not zero, and those for which the message was chosen. How many more there are than a line takes is not
+// told: a short message may have millions.
 void show_members(std::ostream &out, Look &look, const JsonStyle &style) {
   const uint8_t *const record = look.record();
+  std::vector<Match> matches = look.matches();
   std::size_t members = 0;
   const auto show = [&](const TablePath &path, std::size_t index, const uint8_t *table) {
-    const SlotInfo &slot = path.type->slots[index];
-    if (is_zero(slot, table)) return true;
+    const auto match = std::find_if(matches.begin(), matches.end(),
+                                    [&](const Match &one) { return one.table == table && one.slot == index; });
+    if (match == matches.end() && is_zero(path.type->slots[index], table)) return true;
     if (++members > kMostMembers) {
-      out << " ... more";
+      out << " ...";
       return false;
     }
+    if (match != matches.end()) matches.erase(match);
     out << ' ';
-    if (path.outer != TablePath::kNone) {
-      out << style.labels.name(*look.type(), path.outer);
-      if (path.element != TablePath::kNone) out << '[' << path.element << ']';
-      out << '.';
-    }
-    out << style.labels.name(*path.type, index) << '='
-        << value_text(slot, table, style.labels.find(*path.type, index), style);
+    show_member(out, look, style, {path, index, table});
     return true;
   };
   for_each_member(*look.type(), record, look.extent(), show);
+  if (members <= kMostMembers) return;
+  for (const Match &match : matches) {
+    show_member(out << ' ', look, style, match);
+    out << " ...";
+  }
+  out << " more";
 }
 
 // The status where it is not good.
@@ -92,7 +109,7 @@ bool is_zero(const SlotInfo &slot, const uint8_t *table) {
   return std::all_of(value, value + size, [](uint8_t byte) { return byte == 0; });
 }
 
-std::string value_text(const SlotInfo &slot, const uint8_t *table, const Label *label, const JsonStyle &style) {
+std::string value_text(const SlotInfo &slot, const uint8_t *table, const Label *label) {
   const uint8_t *value = table + slot.member;
   if (slot.kind == Kind::scalar) return drix::inspect::scalar_text(drix::inspect::number_at(value, slot.width), label);
   std::string text;
@@ -105,7 +122,7 @@ std::string value_text(const SlotInfo &slot, const uint8_t *table, const Label *
     drix::inspect::append_hex(text, {value, std::min(size, kMostBytes)});
     return size <= kMostBytes ? text : text + "...(" + std::to_string(size) + " bytes)";
   }
-  if (style.shows_address(slot, label)) return drix::inspect::address_text(value);
+  if (slot.is_address()) return drix::inspect::address_text(value);
   for (std::size_t i = 0; i < slot.elements; ++i) {
     text += (i == 0 ? "[" : ",") + std::to_string(drix::inspect::number_at(value + i * slot.width, slot.width));
   }
@@ -158,13 +175,16 @@ void show_text(std::ostream &out, Look &look, const JsonStyle &style, const Line
   if (message.is_sent()) out << " h" << message.handle;
   if (message.destination != 0) out << " to " << message.destination;
   if (message.count > 1) out << " #" << uint64_t{message.index} + 1 << '/' << message.count;
+  const char *const red = line.has_color ? "\033[1;31m" : "";
+  const char *const plain = line.has_color ? "\033[0m" : "";
   const std::string status = status_text(message);
-  if (!status.empty()) out << ' ' << status;
+  if (!status.empty()) out << ' ' << red << status << plain;
   if (message.is_cut()) out << " CUT to " << message.payload.size() << " of " << message.length << " bytes";
   if (look.is_rejected()) {
     const drix::inspect::Verdict &verdict = look.verdict();
-    out << " REJECTED at " << verdict.culprit.at << ": " << explain(verdict)
+    out << ' ' << red << "REJECTED" << plain << " at " << verdict.culprit.at << ": " << explain(verdict)
         << (verdict.logged() ? "" : " (not logged)");
+    for (const Match &match : look.matches()) show_member(out << ' ', look, style, match);
   } else if (look.type() == nullptr) {
     out << " unknown type, " << message.length << " bytes";
   } else {

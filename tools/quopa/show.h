@@ -25,8 +25,7 @@ std::string note_text(const Message &note);
 
 // A member that has its own bytes, of a table's record.
 bool is_zero(const drix::describe::SlotInfo &slot, const uint8_t *table);
-std::string value_text(const drix::describe::SlotInfo &slot, const uint8_t *table, const drix::inspect::Label *label,
-                       const drix::inspect::JsonStyle &style);
+std::string value_text(const drix::describe::SlotInfo &slot, const uint8_t *table, const drix::inspect::Label *label);
 
 // In quotes.
 std::string json_string(const std::string &text);
@@ -35,6 +34,7 @@ std::string json_string(const std::string &text);
 struct LineStyle {
   bool has_capture = true;         // the packet's number has its capture in front
   bool has_date = false;           // and the time has the date
+  bool has_color = false;          // what went wrong is red
   std::optional<uint64_t> before;  // the time of the line before, to which the distance is told
 };
 

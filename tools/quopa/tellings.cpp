@@ -8,12 +8,14 @@
 #include "capture/timeline.h"
 #include "tools/quopa/complain.h"
 #include "tools/quopa/show.h"
+#include "tools/quopa/terminal.h"
 
 namespace quopa {
 namespace {
 
-SelectionOptions without_conditions(SelectionOptions options) {
-  options.where.clear();
+// Terms on packets choose messages, those on members entries.
+SelectionOptions of_messages(SelectionOptions options) {
+  std::erase_if(options.where, [](const std::string &term) { return !PacketTerm::is_one(term); });
   return options;
 }
 
@@ -28,7 +30,7 @@ drix::inspect::Tables tables_of(const drix::inspect::Labels &labels) {
 }  // namespace
 
 Tellings::Tellings(const SelectionOptions &options, Styles &styles)
-    : styles_(styles), selection_(without_conditions(options)), tables_(tables_of(styles.own().labels)) {}
+    : styles_(styles), selection_(of_messages(options)), tables_(tables_of(styles.own().labels)) {}
 
 void Tellings::read(const std::vector<std::string> &paths, const std::optional<Moment> &until, const Take &take,
                     bool is_again) {
@@ -38,9 +40,12 @@ void Tellings::read(const std::vector<std::string> &paths, const std::optional<M
   capture::Timeline timeline(paths, is_again ? [](const std::string &) {} : complain);
   uint64_t end = UINT64_MAX;
   bool has_start = !until;
+  Progress progress;
   while (const Message *message = timeline.next()) {
+    progress.step();
     first_ = std::min(first_, message->time);
     if (message->kind == TRACE_NOTE) {
+      if (!is_again) Progress::clear();
       if (!is_again) show_note(std::cerr, *message, false);
       continue;
     }

@@ -13,6 +13,7 @@
 #include "tools/quopa/entry.h"
 #include "tools/quopa/input.h"
 #include "tools/quopa/show.h"
+#include "tools/quopa/terminal.h"
 
 namespace quopa {
 namespace {
@@ -38,7 +39,9 @@ class Hop {
  public:
   Hop(const Point &from, const Point &to, const std::string &title, const CompareOptions &options, Styles &styles,
       std::set<std::string> &told)
-      : from_(from), to_(to), title_(title), options_(options), styles_(styles), told_(told) {}
+      : from_(from), to_(to), title_(title), options_(options), styles_(styles), told_(told) {
+    line_.has_color = wants_color(options.color);
+  }
   virtual ~Hop() = default;
 
   // Whether all that was sent was received, and nothing else.
@@ -84,6 +87,7 @@ class Hop {
   const CompareOptions &options_;
   Styles &styles_;
   std::set<std::string> &told_;
+  LineStyle line_;
   Arrivals arrivals_;
   uint64_t sent_ = 0;
   uint64_t failed_ = 0;
@@ -179,7 +183,9 @@ class HopByBytes : public Hop {
     const bool tells = first_time && is_new(point.path);
     capture::Timeline timeline(
         {point.path}, tells ? complain : [](const std::string &) {});
+    Progress progress;
     while (const Message *message = timeline.next()) {
+      progress.step();
       if (message->kind == TRACE_NOTE && tells) show_note(std::cerr, *message, false);
       if (message->kind != point.kind) continue;
       if (!message->is_cut()) {
@@ -192,6 +198,7 @@ class HopByBytes : public Hop {
   }
 
   void tell(const char *what, const Message &message) {
+    Progress::clear();
     Look look(message);
     const drix::inspect::JsonStyle &style = styles_.of(*message.origin);
     if (options_.json) {
@@ -201,7 +208,7 @@ class HopByBytes : public Hop {
       std::cout << "}\n";
     } else {
       std::cout << what << ": ";
-      show_text(std::cout, look, style);
+      show_text(std::cout, look, style, line_);
       std::cout << '\n';
     }
   }
@@ -300,6 +307,7 @@ class HopByKey : public Hop {
   static std::string key_of(const Told &told) { return told.key + (told.telling.deletes ? '-' : '+'); }
 
   void tell(const char *what, const Row &row, bool deletes) const {
+    Progress::clear();
     if (options_.json) {
       begin_json(what);
       std::cout << ',';
@@ -321,6 +329,7 @@ class HopByKey : public Hop {
   }
 
   void tell_changed(const Row &from, const Row &to) const {
+    Progress::clear();
     const auto found = differences(from, to);
     if (options_.json) {
       begin_json("changed on the way");

@@ -33,7 +33,7 @@ class Differing {
         there_(options.there),
         styles_(read_labels(options.selection.labels), options.ipv6),
         tellings_(options.selection, styles_),
-        conditions_(options.selection.where, styles_),
+        conditions_(options.selection, styles_),
         lines_(options.there.empty() ? std::vector{here_.path} : std::vector{here_.path, there_.path}, styles_) {}
 
   int run() {

@@ -7,6 +7,7 @@
 #include "tools/quopa/entry.h"
 #include "tools/quopa/input.h"
 #include "tools/quopa/show.h"
+#include "tools/quopa/terminal.h"
 
 namespace quopa {
 namespace {
@@ -66,6 +67,7 @@ class History {
   }
 
   void begin(const Mark &mark, const drix::inspect::Telling &telling, const std::string &key, const char *what) const {
+    Progress::clear();
     if (options_.json) {
       std::cout << '{';
       lines_.begin_json(std::cout, mark);

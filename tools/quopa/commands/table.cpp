@@ -18,7 +18,7 @@ class Snapshot {
       : options_(options),
         styles_(read_labels(options.selection.labels), options.ipv6),
         tellings_(options.selection, styles_),
-        conditions_(options.selection.where, styles_),
+        conditions_(options.selection, styles_),
         lines_(options.selection.paths, styles_) {}
 
   int run() {

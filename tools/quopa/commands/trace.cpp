@@ -17,6 +17,7 @@
 #include "tools/quopa/input.h"
 #include "tools/quopa/selection.h"
 #include "tools/quopa/show.h"
+#include "tools/quopa/terminal.h"
 
 namespace quopa {
 namespace {
@@ -29,6 +30,7 @@ class Output {
  public:
   explicit Output(const TraceOptions &options)
       : options_(options), styles_(read_labels(options.selection.labels), options.ipv6), selection_(options.selection) {
+    line_.has_color = wants_color(options.color);
     line_.has_capture = options.follow || has_several_captures(options.selection.paths);
   }
 
@@ -43,6 +45,7 @@ class Output {
     if (!selection_.takes(look, styles_)) return;
     ++taken_;
     if (writer_) return writer_->write(message);
+    Progress::clear();
     const drix::inspect::JsonStyle &style = styles_.of(*message.origin);
     if (options_.bare) {
       if (look.type() == nullptr) return;
@@ -161,9 +164,11 @@ int trace(const TraceOptions &options) {
   if (options.follow) return follow(options, output);
   capture::Timeline timeline(options.selection.paths, complain);
   output.open();
+  Progress progress;
   while (!output.is_full()) {
     const Message *message = timeline.next();
     if (message == nullptr) break;
+    progress.step();
     output.take(*message);
   }
   output.flush();
