@@ -370,6 +370,17 @@ quopa: 1 messages are left out: their decoder rejects them
 quopa: 1 messages are left out: the recorder cut them
 END
 expect 0 '"here":1,"there":1,"missing_there":0,"missing_here":0,"differing":0' '*' '' diff told.pcapng@+4ms told.pcapng@+5ms --json
+# A table as it is printed, of which a row may take two lines.
+printf '%s\n' 'whole' 'Destination Next hop Interface Metric Flags' '2001:db8:1::/48 0:8:: eth0 5 UG' '2001:db8:2::/64' '  :: eth0 0 U' \
+  '2001:db8:9::/48 fe80::1 eth0 1 UG' '2001:db8:9::/48 fe80::2 eth0 1 UG' 'Flags: U up' >printed
+says 1 diff told.pcapng printed --labels "$project/examples/routes.labels" <<'END'
+differs: #9 08:56:40.131456 card 4 <- fib6Sync.ipv6Fwd 2001:db8:2::/64: next_hop 0:9:: -> ::
+missing here: 2001:db8:9::/48 metric=1 next_hop=fe80::1,fe80::2
+2 entries here, 3 there: 0 missing there, 1 missing here, 1 differ
+quopa: 1 messages are left out: the bus or the decoder did not take them
+quopa: 1 messages are left out: their decoder rejects them
+quopa: 1 messages are left out: the recorder cut them
+END
 "$make_capture" table little >a.pcapng <<END
 note 64 1 program a
 sent 0 $batch $(batch 1 1 2 2)
@@ -421,6 +432,7 @@ done <<'END'
 2|the key "::1/129": a prefix has a length of 0 to 128$|history told.pcapng ::1/129
 2|the key "fe80": "fe80" is neither an IPv6 address or prefix nor MEMBER=VALUE$|history told.pcapng fe80
 2|--at "noon" is no time|table told.pcapng --at noon
+1|told.pcapng: no routes to compare with those of printed; --labels says|diff told.pcapng printed
 2|the time behind @: "noon" is no time|diff told.pcapng@noon told.pcapng
 2|--where .* has no member "f99"|table a.pcapng --where f99=1
 1|sent.pcapng: nothing was received that tells of a table; name the other capture$|diff sent.pcapng

@@ -303,7 +303,8 @@ void add_diff(CLI::App &app, Run &run) {
   add_where_entry(*command, options->selection);
   add_style(*command, options->json, options->ipv6, "One JSON object a line, at the end the sums");
   command->footer(
-      std::string("What counts is what was received, or what was sent where nothing was received. The status is 1\n"
+      std::string("What counts is what was received, or what was sent where nothing was received. THERE may also be a\n"
+                  "table of routes as route_receiver prints it, with --labels. The status is 1\n"
                   "when there is a difference.\n") +
       kTables +
       "Examples:\n"

@@ -1,4 +1,4 @@
-// quopa diff: in what two tables differ: of two moments, or of a sender and receivers.
+// quopa diff: in what two tables differ: of two moments, of a sender and receivers, or of a capture and a printed one.
 #include <filesystem>
 #include <iostream>
 
@@ -6,6 +6,7 @@
 #include "tools/quopa/complain.h"
 #include "tools/quopa/entry.h"
 #include "tools/quopa/input.h"
+#include "tools/quopa/printed_routes.h"
 #include "tools/quopa/show.h"
 
 namespace quopa {
@@ -34,10 +35,16 @@ class Differing {
         styles_(read_labels(options.selection.labels), options.ipv6),
         tellings_(options.selection, styles_),
         conditions_(options.selection, styles_),
-        lines_(options.there.empty() ? std::vector{here_.path} : std::vector{here_.path, there_.path}, styles_) {}
+        printed_(read_printed_routes(options.there)),
+        lines_(options.there.empty() || printed_ ? std::vector{here_.path} : std::vector{here_.path, there_.path},
+               styles_) {}
 
   int run() {
-    options_.there.empty() ? compare_ways() : compare_sides();
+    if (printed_) {
+      compare_printed();
+    } else {
+      options_.there.empty() ? compare_ways() : compare_sides();
+    }
     conditions_.expect_fitting(tellings_.tables());
     tellings_.complain_of_gaps();
     return tellings_.is_whole() && is_same_ ? kGood : kBad;
@@ -67,6 +74,53 @@ class Differing {
     const Table here = read(here_);
     const Table there = read(there_);
     tell(here, there, "");
+  }
+
+  // Entries of one route are its next hops. Those that stand in groups are not in the entry itself, and are taken as
+  // they are printed.
+  void compare_printed() {
+    const Table here = read(here_);
+    std::map<Route, std::pair<NextHops, const Row *>> routes;
+    for (const Row *entry : here.sorted()) {
+      const auto route = route_of(*entry, styles_.own().labels);
+      if (!route || !conditions_.hold(*entry)) continue;
+      auto &[next_hops, row] = routes[route->route];
+      next_hops.insert(route->next_hop);
+      row = entry;
+    }
+    if (routes.empty()) {
+      throw BadInput(
+          name_of(here_.path) + ": no routes to compare with those of " + options_.there +
+          "; --labels says which members are destination, prefix_length, metric and next_hop_0 to next_hop_3");
+    }
+    for (const auto &[route, entry] : routes) {
+      const auto &[next_hops, row] = entry;
+      const auto found = printed_->find(route);
+      if (found == printed_->end()) {
+        missing_there_ += tell_missing(true, *row);
+      } else if (next_hops != found->second && !(next_hops == NextHops{"::"} && found->second.size() > 1)) {
+        ++differing_;
+        tell_differences(*row, {{"next_hop", joined(next_hops), joined(found->second), false}}, nullptr);
+      }
+    }
+    for (const auto &[route, next_hops] : *printed_) {
+      if (routes.count(route) > 0 || !options_.selection.where.empty()) continue;
+      ++missing_here_;
+      const std::string text = route.text();
+      if (options_.json) {
+        std::cout << "{\"difference\":\"missing here\",\"key\":" << json_string(text) << "}\n";
+      } else {
+        std::cout << "missing here: " << text << " next_hop=" << joined(next_hops) << '\n';
+      }
+    }
+    summarize(routes.size(), printed_->size(), "");
+    is_same_ = missing_here_ + missing_there_ + differing_ == 0;
+  }
+
+  static std::string joined(const NextHops &next_hops) {
+    std::string text;
+    for (const std::string &next_hop : next_hops) text += (text.empty() ? "" : ",") + next_hop;
+    return text;
   }
 
   // What was received, unless nothing was.
@@ -123,7 +177,12 @@ class Differing {
     if (entry.telling == other.telling && entry.image() == other.image()) return false;
     if (!conditions_.hold(entry) && !conditions_.hold(other)) return false;
     const auto found = differences(entry, other);
-    if (found.empty()) return false;
+    if (!found.empty()) tell_differences(entry, found, &other);
+    return !found.empty();
+  }
+
+  // other: null when it is in no packet.
+  void tell_differences(const Row &entry, const std::vector<Difference> &found, const Row *other) const {
     if (options_.json) {
       std::cout << "{\"difference\":\"differs\",";
       lines_.show_key_json(std::cout, *entry.telling->table, entry.key());
@@ -131,8 +190,10 @@ class Differing {
       lines_.show_json(std::cout, found);
       std::cout << ",\"here\":";
       show_side(entry);
-      std::cout << ",\"there\":";
-      show_side(other);
+      if (other != nullptr) {
+        std::cout << ",\"there\":";
+        show_side(*other);
+      }
       std::cout << "}\n";
     } else {
       std::cout << "differs: ";
@@ -140,11 +201,9 @@ class Differing {
       lines_.show_key(std::cout, *entry.telling->table, entry.key());
       std::cout << ':';
       lines_.show(std::cout, found);
-      std::cout << " in ";
-      lines_.show_packet(std::cout, other.changed);
+      if (other != nullptr) lines_.show_packet(std::cout << " in ", other->changed);
       std::cout << '\n';
     }
-    return true;
   }
 
   void show_side(const Row &entry) const {
@@ -171,6 +230,7 @@ class Differing {
   Styles styles_;
   Tellings tellings_;
   Conditions conditions_;
+  std::optional<Routes> printed_;
   Lines lines_;
   uint64_t missing_there_ = 0;
   uint64_t missing_here_ = 0;
