@@ -115,22 +115,19 @@ class Table {
     std::string_view image() const { return std::string_view(bytes).substr(key_size); }
   };
 
-  // The row as it was before goes to former, if there was one and that is no null.
-  Effect take(const Telling &telling, std::string_view key, std::string_view image, const Mark &mark,
-              Row *former = nullptr) {
+  Effect take(const Telling &telling, std::string_view key, std::string_view image, const Mark &mark) {
     if (2 * (size_ + 1) > slots_.size()) grow();
     const auto tag = static_cast<uint32_t>(Hasher()(key));
     const std::size_t place = find(key, tag);
     const bool is_there = slots_[place] != 0;
     if (telling.deletes) {
       if (!is_there) return Effect::missed;
-      take_out(place, former);
+      take_out(place);
       return Effect::deleted;
     }
     if (!is_there) slots_[place] = uint64_t{tag} << 32 | (new_row() + 1);
     Row &row = row_at(place);
     if (is_there && row.telling == &telling && row.image() == image) return Effect::kept;
-    if (is_there && former != nullptr) *former = row;
     row.telling = &telling;
     row.changed = mark;
     row.bytes.reserve(key.size() + image.size());
@@ -187,12 +184,10 @@ class Table {
     return row;
   }
 
-  void take_out(std::size_t place, Row *former) {
-    Row &row = row_at(place);
+  void take_out(std::size_t place) {
+    row_at(place) = {};
     free_.push_back(static_cast<uint32_t>(slots_[place]) - 1);
     --size_;
-    if (former != nullptr) *former = std::move(row);
-    row = {};
     // What stands behind moves up, unless it is where its search begins or behind that.
     const std::size_t mask = slots_.size() - 1;
     for (std::size_t next = (place + 1) & mask; slots_[next] != 0; next = (next + 1) & mask) {

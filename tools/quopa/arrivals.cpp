@@ -63,7 +63,9 @@ std::optional<uint64_t> Arrivals::match(const Hash &hash, uint64_t sent) {
 }
 
 Arrivals::Origin Arrivals::origin(const Hash &hash) {
-  Group &group = groups_[slots_[find(hash)]];
+  const uint32_t slot = slots_.empty() ? kNone : slots_[find(hash)];
+  if (slot == kNone) return Origin::matched;  // it came after the first look
+  Group &group = groups_[slot];
   if (group.matched == 0) return group.was_sent != 0 ? Origin::sent_before : Origin::unknown;
   group.matched = (group.matched - 1) & 0x7FFFFFFF;
   return Origin::matched;

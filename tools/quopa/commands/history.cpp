@@ -12,8 +12,6 @@
 namespace quopa {
 namespace {
 
-using drix::inspect::Effect;
-
 class History {
  public:
   explicit History(const HistoryOptions &options)
@@ -36,8 +34,8 @@ class History {
  private:
   // What a process knows of a key.
   struct State {
-    Table table;  // of one entry at most
-    const drix::inspect::Telling *telling = nullptr;
+    Row entry;
+    bool is_there = false;
     uint64_t repeats = 0;  // of what was there as it is
     Mark last;
   };
@@ -45,25 +43,30 @@ class History {
 
   void take(const Told &told) {
     State &state = states_[{told.mark.source->teller->number, told.key}];
-    Row former = {};
-    const Effect effect = state.table.take(told.telling, told.key, told.image, told.mark, &former);
-    state.telling = &told.telling;
-    if (effect == Effect::kept) {
-      ++state.repeats;
-      state.last = told.mark;
-      return;
+    Row entry = {&told.telling, told.mark, told.key, told.key.size()};
+    if (!told.telling.deletes) entry.bytes += told.image;
+    std::vector<Difference> changes;
+    if (state.is_there && !told.telling.deletes) {
+      changes = differences(state.entry, entry);
+      if (changes.empty()) {
+        ++state.repeats;
+        state.last = told.mark;
+        return;
+      }
     }
     tell_repeats(told.key, state);
-    switch (effect) {
-      case Effect::added:
-        return tell_added(told, state);
-      case Effect::changed:
-        return tell_changed(told, former, state);
-      case Effect::deleted:
-        return tell(told.mark, told.telling, told.key, "deleted");
-      default:
-        return tell(told.mark, told.telling, told.key, "deleted, but not known before");
+    const char *const what = !told.telling.deletes ? (state.is_there ? "changed" : "added")
+                             : state.is_there      ? "deleted"
+                                                   : "deleted, but not known before";
+    begin(told.mark, told.telling, told.key, what);
+    if (!changes.empty()) {
+      options_.json ? lines_.show_json(std::cout << ',', changes) : lines_.show(std::cout, changes);
+    } else if (!told.telling.deletes) {
+      options_.json ? lines_.show_record_json(std::cout << ',', entry) : lines_.show_members(std::cout, entry);
     }
+    end();
+    state.is_there = !told.telling.deletes;
+    state.entry = std::move(entry);
   }
 
   void begin(const Mark &mark, const drix::inspect::Telling &telling, const std::string &key, const char *what) const {
@@ -83,38 +86,9 @@ class History {
 
   void end() const { std::cout << (options_.json ? "}\n" : "\n"); }
 
-  void tell(const Mark &mark, const drix::inspect::Telling &telling, const std::string &key, const char *what) const {
-    begin(mark, telling, key, what);
-    end();
-  }
-
-  void tell_added(const Told &told, const State &state) const {
-    begin(told.mark, told.telling, told.key, "added");
-    const Row &entry = *state.table.sorted().front();
-    if (options_.json) {
-      std::cout << ',';
-      lines_.show_record_json(std::cout, entry);
-    } else {
-      lines_.show_members(std::cout, entry);
-    }
-    end();
-  }
-
-  void tell_changed(const Told &told, const Row &former, const State &state) const {
-    begin(told.mark, told.telling, told.key, "changed");
-    const auto found = differences(former, *state.table.sorted().front());
-    if (options_.json) {
-      std::cout << ',';
-      lines_.show_json(std::cout, found);
-    } else {
-      lines_.show(std::cout, found);
-    }
-    end();
-  }
-
   void tell_repeats(const std::string &key, State &state) const {
     if (state.repeats == 0) return;
-    begin(state.last, *state.telling, key, "repeated");
+    begin(state.last, *state.entry.telling, key, "repeated");
     options_.json ? std::cout << ",\"times\":" << state.repeats
                   : std::cout << " without a change, " << state.repeats << (state.repeats == 1 ? " time" : " times");
     state.repeats = 0;
