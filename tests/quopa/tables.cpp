@@ -303,7 +303,7 @@ class Model {
   std::vector<Known> known_;
   capture::Writer writer_;
   std::deque<records::Arena> arenas_;
-  Teller tellers_[3] = {{"p", 1, TRACE_SENT, {}}, {"q", 2, TRACE_RECEIVED, {}}, {"p", 3, TRACE_RECEIVED, {}}};
+  Teller tellers_[3] = {{"p", 1, TRACE_SENT, {}}, {"q", 2, TRACE_RECEIVED, {}}, {"q", 3, TRACE_RECEIVED, {}}};
   unsigned sent_ = 0;
   const Teller *last_ = nullptr;
   uint64_t packet_ = 0;
