@@ -51,6 +51,15 @@ std::optional<std::size_t> positional(const Type &type, std::string_view name) {
   return slot;
 }
 
+// A number of so many bits, or several: by what entries of a table are told apart.
+bool is_plain(const SlotInfo &slot) { return slot.kind == Kind::scalar || slot.kind == Kind::array; }
+
+// Whether the line says what a type has to do with a table.
+bool is_role(std::string_view line) {
+  const std::string_view word = take_word(line);
+  return (word == "adds" || word == "deletes" || word == "key" || word == "apart") && !trim(line).starts_with('=');
+}
+
 bool looks_positional(std::string_view name) {
   return name.size() > 1 && name[0] == 'f' && name.find_first_not_of("0123456789", 1) == std::string_view::npos;
 }
@@ -114,6 +123,8 @@ std::optional<uint32_t> Label::value_of(const std::string &text) const {
 }
 
 Labels::Labels(std::string_view file) {
+  constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";  // which some editors begin UTF-8 with
+  if (file.starts_with(kByteOrderMark)) file.remove_prefix(kByteOrderMark.size());
   const Type *type = nullptr;
   for (std::size_t number = 1; !file.empty(); ++number) {
     const std::string_view whole = file.substr(0, file.find('\n'));
@@ -124,12 +135,12 @@ Labels::Labels(std::string_view file) {
       if (line[0] == '[') {
         const std::string_view name = line.ends_with(']') ? line.substr(1, line.size() - 2) : line;
         type = describe::find(name);
-        if (type == nullptr) fail("no type " + quoted(name));
+        if (type == nullptr) fail("no type " + quoted(name) + describe::suggested_type(name).text());
         types_[type].resize(type->slots.size());
       } else if (type == nullptr) {
         fail("a section [PACKAGE.MESSAGE] is wanted first");
       } else {
-        parse_member(*type, line);
+        is_role(line) ? parse_role(*type, line) : parse_member(*type, line);
       }
     } catch (const std::invalid_argument &error) {
       throw LabelError(number, error.what());
@@ -157,7 +168,7 @@ void Labels::parse_member(const Type &type, std::string_view line) {
   if (equals == std::string_view::npos) fail("MEMBER = NAME is wanted");
   const std::string_view member = trim(line.substr(0, equals));
   const std::optional<std::size_t> index = positional(type, member);
-  if (!index) fail(type.name() + " has no member " + quoted(member));
+  if (!index) fail(no_member(type, member));
   std::string_view rest = line.substr(equals + 1);
   const std::string_view name = take_word(rest);
   if (!is_word(name)) fail(quoted(name) + " is no name");
@@ -170,7 +181,7 @@ void Labels::parse_member(const Type &type, std::string_view line) {
   label.name = name;
   const std::string_view what = take_word(rest);
   if (what == "ipv6") {
-    if (slot.kind != Kind::array || slot.width != 4 || slot.elements != 4) {
+    if (!slot.is_address()) {
       fail("ipv6 is for u32[4], and " + std::string(member) + " is " + describe::kind_text(slot));
     }
     label.ipv6 = true;
@@ -188,6 +199,56 @@ void Labels::parse_member(const Type &type, std::string_view line) {
   types_[&type][*index] = std::make_shared<const Label>(std::move(label));
 }
 
+std::size_t Labels::member(const Type &type, std::string_view name) const {
+  const std::optional<std::size_t> found = slot(type, name);
+  if (!found) fail(type.name() + " has no member " + quoted(name));
+  return *found;
+}
+
+void Labels::parse_role(const Type &type, std::string_view line) {
+  using Part = Role::Part;
+  const std::string_view word = take_word(line);
+  Role role = {word == "adds"      ? Part::adds
+               : word == "deletes" ? Part::deletes
+               : word == "apart"   ? Part::apart
+                                   : Part::key,
+               {}};
+  if (role.part == Part::key && trim(line).starts_with("of ")) {
+    take_word(line);
+    const std::string_view record = take_word(line);
+    role.part = Part::key_of;
+    role.record = describe::find(record);
+    if (role.record == nullptr) fail("no type " + quoted(record));
+  }
+  const bool is_teller = role.part == Part::adds || role.part == Part::deletes;
+  for (std::string_view item = take_word(line); !item.empty() && item[0] != '#'; item = take_word(line)) {
+    const std::size_t equals = std::min(item.find('='), item.size());
+    const std::size_t index = member(type, item.substr(0, equals));
+    const SlotInfo &slot = type.slots[index];
+    if (std::count(role.members.begin(), role.members.end(), index) > 0) fail(quoted(item) + " is there already");
+    if (!is_teller && !is_plain(slot))
+      fail(quoted(item) + " is " + describe::kind_text(slot) + ", not a number or several");
+    if (is_teller && slot.inner == nullptr) fail(quoted(item) + " is neither table nor vector");
+    if (is_teller && !role.members.empty() &&
+        (role.part == Part::deletes || type.slots[role.members[0]].kind == Kind::vector)) {
+      fail(quoted(item) + " belongs to no single entry");
+    }
+    role.members.push_back(index);
+    if ((equals < item.size()) != (role.part == Part::key_of)) {
+      fail(quoted(item) + (equals < item.size() ? " is no member" : " is not MEMBER=MEMBER"));
+    }
+    if (role.part != Part::key_of) continue;
+    const std::size_t there = member(*role.record, item.substr(equals + 1));
+    const std::string wanted = describe::kind_text(role.record->slots[there]);
+    if (wanted != describe::kind_text(slot))
+      fail(quoted(item) + ": " + describe::kind_text(slot) + " is not " + wanted);
+    role.record_members.push_back(there);
+  }
+  if (!is_teller && role.members.empty()) fail("members are wanted");
+  Roles &roles = is_teller ? tellers_ : role.part == Part::apart ? apart_ : keys_;
+  if (!roles.emplace(&type, std::move(role)).second) fail(type.name() + " has such a line already");
+}
+
 const Label *Labels::find(const Type &type, std::size_t slot) const {
   const auto found = types_.find(&type);
   return found == types_.end() ? nullptr : found->second[slot].get();
@@ -196,6 +257,24 @@ const Label *Labels::find(const Type &type, std::size_t slot) const {
 std::string Labels::name(const Type &type, std::size_t slot) const {
   const Label *label = find(type, slot);
   return label == nullptr ? 'f' + std::to_string(slot) : label->name;
+}
+
+std::string Labels::no_member(const Type &type, std::string_view name) const {
+  const describe::Suggestion suggested = suggestion(type, name);
+  const std::string what = type.name() + " has no member " + quoted(name);
+  if (suggested.is_there() || type.slots.empty()) return what + suggested.text();
+  const std::string members = "f0 to f" + std::to_string(type.slots.size() - 1);
+  const bool is_named = types_.contains(&type) || looks_positional(name);
+  return what + "; it has " + members + (is_named ? "" : ", and no labels give these other names");
+}
+
+describe::Suggestion Labels::suggestion(const Type &type, std::string_view name) const {
+  describe::Suggestion suggestion(name);
+  for (std::size_t i = 0; i < type.slots.size() && !looks_positional(name); ++i) {
+    const Label *label = find(type, i);
+    if (label != nullptr) suggestion.consider(label->name);
+  }
+  return suggestion;
 }
 
 std::optional<std::size_t> Labels::slot(const Type &type, std::string_view name) const {
