@@ -100,6 +100,10 @@ calls.pcapng#6 08:56:40.127456 +0.000000 p <- fib6Sync.tlv DECODER FAILED f0=5
 traces/99.4#10 08:56:40.123456 -0.004000 p -- 3 messages were not recorded
 calls.pcapng#10 08:56:40.123456 +0.000000 p -- 3 messages were not recorded
 END
+says 0 trace calls.pcapng --json --from 08:57 --type '*.tlv' --sent <<'END'
+{"capture":"calls.pcapng","packet":10,"time":1764061000.123456789,"time_ns":"1764061000123456789","program":"p","process":99,"note":"3 messages were not recorded"}
+quopa: --from and --to leave nothing of messages from 2025-11-25 08:56:40.123456 to 2025-11-25 08:56:40.131456
+END
 TZ=UTC-10 says 0 trace calls.pcapng --date --type '*.tlv' --from 06:57 --to 06:56 --count 2 <<'END'
 #2 2025-11-25 18:56:40.123456 p -> fib6Sync.tlv h1 f0=1
 #3 2025-11-25 18:56:40.124456 p -> fib6Sync.tlv h1 FAILED -7 f0=2

@@ -94,6 +94,7 @@ done <<END
 2|--where rout.flags=U --labels $project/examples/routes.labels|$update has no member "rout"; did you mean "route"\?
 2|--where route.falgs=U --labels $project/examples/routes.labels|fib6Sync.ipv6Fwd has no member "falgs"; did you mean "flags"\?
 2|--where route.flags=U|.* has no member "route"; it has f0 to f[0-9]+, and no labels give these other names
+2|--where header.kind=rout --labels $project/examples/routes.labels|header.kind=rout: "rout" is no number; did you mean "route"\?
 2|--where .sise=1|no ".sise"; did you mean ".size"\?
 2|--where .x=1|no ".x"; messages have .time .program .status .process .*
 2|--where .time>x|.time>x: "x" is no time; like .*
