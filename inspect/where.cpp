@@ -276,10 +276,4 @@ std::vector<std::string> Where::misfits(const Labels &labels) const {
   return lines;
 }
 
-void Where::expect_fitting() const {
-  for (const Condition &condition : conditions_) {
-    if (!condition.has_fitted() && !condition.misfit().empty()) throw WhereError(condition.misfit());
-  }
-}
-
 }  // namespace drix::inspect

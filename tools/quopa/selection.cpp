@@ -103,11 +103,7 @@ void Selection::expect_fitting(Styles &styles) {
   for (const Type *type : own.types->types()) {
     if (matches(type->name())) where_.fits(*type, labels);
   }
-  try {
-    where_.expect_fitting();
-  } catch (const drix::inspect::WhereError &error) {
-    throw BadUsage(std::string("--where ") + error.what());
-  }
+  for (const std::string &misfit : where_.misfits(labels)) throw BadUsage("--where " + misfit);
   if (start_ && !in_time_) {
     complain("--from and --to leave nothing of messages from " + time_text(*start_, true) + " to " +
              time_text(latest_, true));
