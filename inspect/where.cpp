@@ -270,7 +270,8 @@ std::vector<std::string> Where::misfits(const Labels &labels) const {
   std::vector<std::string> lines;
   for (const Condition &condition : conditions_) {
     if (condition.has_fitted() || condition.misfit().empty()) continue;
-    const std::string meant = condition.alternative(labels);
+    const bool is_told = condition.misfit().ends_with('?');
+    const std::string meant = is_told ? "" : condition.alternative(labels);
     lines.push_back(condition.misfit() + (meant.empty() ? "" : "; did you mean " + meant + '?'));
   }
   return lines;
