@@ -18,6 +18,7 @@ using describe::SlotInfo;
 using describe::Type;
 
 constexpr uint32_t kAddressBits = 128;
+constexpr std::size_t kMostAsked = 200;  // types that are looked at for what may be meant; a capture may have more
 
 [[noreturn]] void refuse(const std::string &what) { throw WhereError(what); }
 
@@ -104,11 +105,16 @@ std::string Condition::alternative(const Labels &labels) const {
   };
   const std::size_t dot = term_.path.find('.');
   const std::string last = term_.path.substr(dot == std::string::npos ? 0 : dot + 1);
+  std::map<std::string, const Type *> types;  // so that it is always the same
   for (const auto &[type, resolved] : resolved_) {
-    if (may_be(*type, last)) return quoted(last) + " of " + type->name();
+    types.emplace(type->name(), type);
+    if (types.size() == kMostAsked) break;
+  }
+  for (const auto &[name, type] : types) {
+    if (may_be(*type, last)) return quoted(last) + " of " + name;
     for (std::size_t i = 0; i < type->slots.size(); ++i) {
       const std::string path = labels.name(*type, i) + '.' + last;
-      if (type->slots[i].inner != nullptr && may_be(*type, path)) return quoted(path) + " of " + type->name();
+      if (type->slots[i].inner != nullptr && may_be(*type, path)) return quoted(path) + " of " + name;
     }
   }
   return {};
@@ -153,8 +159,12 @@ void Condition::read_value(const SlotInfo &slot, const Label *label, Resolved &r
   std::optional<uint32_t> number = parse_number(term_.value);
   if (!number && label != nullptr) number = label->value_of(term_.value);
   if (!number) {
+    describe::Suggestion suggestion(term_.value);
+    if (label != nullptr && !label->is_flags) {
+      for (const auto &[word, value] : label->meaning) suggestion.consider(word);
+    }
     refuse(term_.text + ": " + quoted(term_.value) +
-           (slot.is_address() ? " is neither an IPv6 address nor a number" : " is no number"));
+           (slot.is_address() ? " is neither an IPv6 address nor a number" : " is no number") + suggestion.text());
   }
   resolved.is_number = true;
   resolved.number = *number;
@@ -260,16 +270,11 @@ std::vector<std::string> Where::misfits(const Labels &labels) const {
   std::vector<std::string> lines;
   for (const Condition &condition : conditions_) {
     if (condition.has_fitted() || condition.misfit().empty()) continue;
-    const std::string meant = condition.alternative(labels);
+    const bool is_told = condition.misfit().ends_with('?');
+    const std::string meant = is_told ? "" : condition.alternative(labels);
     lines.push_back(condition.misfit() + (meant.empty() ? "" : "; did you mean " + meant + '?'));
   }
   return lines;
-}
-
-void Where::expect_fitting() const {
-  for (const Condition &condition : conditions_) {
-    if (!condition.has_fitted() && !condition.misfit().empty()) throw WhereError(condition.misfit());
-  }
 }
 
 }  // namespace drix::inspect

@@ -119,9 +119,6 @@ class Where {
   // Of conditions that fitted none of the types so far, if there were some, why, and what may be meant: a line each.
   std::vector<std::string> misfits(const Labels &labels) const;
 
-  // Throws unless each of the conditions fitted one of the types so far.
-  void expect_fitting() const;
-
  private:
   // Conditions on members that stand in the same table.
   using Group = std::vector<std::pair<const Condition *, const Condition::Resolved *>>;

@@ -61,6 +61,7 @@ done <<'END'
 |--where .program!=p
 8|--where .time>=+8ms --where .handle=1 --where .destination=0
 0 1|--where .time<08:56:40.125456
+0 1 2|--where .time<=+2ms
 1 2|--where .packet>2 --where .packet<=4 --where .process=99 --where .thread=7
 0 1 2|--count 3
 2 4|--type *.tlv --from +2ms --to +0.004s --where f0!=4
@@ -100,6 +101,20 @@ calls.pcapng#6 08:56:40.127456 +0.000000 p <- fib6Sync.tlv DECODER FAILED f0=5
 traces/99.4#10 08:56:40.123456 -0.004000 p -- 3 messages were not recorded
 calls.pcapng#10 08:56:40.123456 +0.000000 p -- 3 messages were not recorded
 END
+says 0 trace calls.pcapng --json --from 08:57 --type '*.tlv' --sent <<'END'
+{"capture":"calls.pcapng","packet":10,"time":1764061000.123456789,"time_ns":"1764061000123456789","program":"p","process":99,"note":"3 messages were not recorded"}
+quopa: --from and --to leave nothing of messages from 2025-11-25 08:56:40.123456 to 2025-11-25 08:56:40.131456
+END
+"$make_capture" table little >days.pcapng <<'END'
+sent 0 tlv 1
+sent 70000 tlv 2
+sent 86400000 tlv 3
+END
+says 0 trace days.pcapng <<'END'
+#1 2025-11-25 08:56:40.123456 -> fib6Sync.tlv h1 f0=1
+#2 08:57:50.123456 -> fib6Sync.tlv h1 f0=2
+#3 2025-11-26 08:56:40.123456 -> fib6Sync.tlv h1 f0=3
+END
 TZ=UTC-10 says 0 trace calls.pcapng --date --type '*.tlv' --from 06:57 --to 06:56 --count 2 <<'END'
 #2 2025-11-25 18:56:40.123456 p -> fib6Sync.tlv h1 f0=1
 #3 2025-11-25 18:56:40.124456 p -> fib6Sync.tlv h1 FAILED -7 f0=2
@@ -137,6 +152,8 @@ slow="(cat calls.pcapng; sleep 1.1; cat calls.pcapng) | '${quopa[0]}'"
 on_terminal "$slow stats -" >said
 grep -qE '[0-9]+ packets\^M\^\[\[K' said && grep -q '^total .* 16 ' said || complain "how far it is: $(cat said)"
 on_terminal "$slow stats - 2>errors" | grep 'packets' && complain 'progress in a file'
+
+expect 2 '*' 'has no members; did you mean "f0" of fib6Sync.tlv\?$' '' trace calls.pcapng --type fib6Sync.tlv --where f1.f0=1
 
 # Written anew, each message keeps its program and the types of its program's version, and notes stay.
 "$make_capture" table little <<'END' | "${quopa[@]}" trace - -w - | sed 's/^\(fib6Sync.tlv .*\) u32@0 /\1 u16@0 /' >other.pcapng

@@ -57,6 +57,8 @@ for case in '.f4 >= 100 and .f45 == 0' 'any:any(.f1[]; .f4 >= 100) and any(.f1[]
   show good.pcapng $option --where 'f1.f4>=100' --where f1.f45=0 >lines
   grep -oE '^#[0-9]+' lines | tr -d '#' >found; same found
   [ "$(grep -E ' f1\[[0-9]+\]\.f4=[0-9]{3,}' lines | grep -cE ' f1\[[0-9]+\]\.f45=0( |$)')" = "$(wc -l <found)" ] || complain "what was found is not in the line ($option)"
+  [ -n "$option" ] || ! grep -oE '\.\.\. f1\[.* more$' lines | grep -vE '^\.\.\. f1\[([0-9]+)\]\.(f4=[0-9]+ \.\.\. f1\[\1\]\.)?f45=0 \.\.\. more$' ||
+    complain 'what was not found is in the line'
 done
 printf '[%s]\nf1 = route\n[fib6Sync.ipv6Fwd]\nf4 = length enum host=128\nf3 = destination ipv6\n' $update >labels
 jq -c 'select(.type == "'$update'" and .record.f1.f4 == 128) | .time' said >found.wanted
@@ -87,13 +89,15 @@ expect 1 '' '^quopa: good.gz: no capture file: compressed by gzip; zcat FILE ' '
 show good.pcapng --type $update -w updates.pcapng
 while IFS='|' read -r status terms line; do
   # shellcheck disable=SC2086
-  expect "$status" '' "^quopa: --where $line\$" '' trace updates.pcapng $terms
+  expect "$status" '' "^quopa: --where $line\$" '' trace "$([ "$status" = 0 ] && echo updates || echo good).pcapng" $terms
 done <<END
 0|--where f3=2001:db8::/32|fits no message: $update has no member "f3"; it has f0 to f1; did you mean "f1.f3" of $update\?
 0|--where f2.f0=1 --where f1.f3=1|fits no message: $update has no member "f2"; it has f0 to f1; did you mean "f0.f0" of $update\?
 2|--where rout.flags=U --labels $project/examples/routes.labels|$update has no member "rout"; did you mean "route"\?
 2|--where route.falgs=U --labels $project/examples/routes.labels|fib6Sync.ipv6Fwd has no member "falgs"; did you mean "flags"\?
 2|--where route.flags=U|.* has no member "route"; it has f0 to f[0-9]+, and no labels give these other names
+2|--where header.kind=rout --labels $project/examples/routes.labels|header.kind=rout: "rout" is no number; did you mean "route"\?
+2|--where zzz=1 --type $update --labels $project/examples/routes.labels|$update has no member "zzz"; it has f0 to f1
 2|--where .sise=1|no ".sise"; did you mean ".size"\?
 2|--where .x=1|no ".x"; messages have .time .program .status .process .*
 2|--where .time>x|.time>x: "x" is no time; like .*
@@ -124,7 +128,7 @@ cut.pcapng: damaged behind packet [0-9]+, at byte [0-9]+: it ends in the middle 
 END
 
 # Wrong usage.
-for case in '--where f1|"f1" is not MEMBER=VALUE' '--where f99=1|.* has no member "f99"; it has f0 to f[0-9]+$' '--where f1=1 --type fib6Sync.ipv6Fwd*Msg|"f1" of .*; name a member, as in f1.f0$' \
+for case in '--where f1|"f1" is not MEMBER=VALUE' '--where f99=1|.* has no member "f99"; it has f0 to f[0-9]+$' '--where f1=1 --type fib6Sync.ipv6Fwd*Msg|"f1" of .*; name a member, as in f1.f0' \
   '--where f1.f3=fe80::/129|f1.f3=fe80::/129: a prefix has a length of 0 to 128' '--where f1.f3<fe80::/10|.*: a prefix goes with = and != only' \
   '--type nothing.*|no type matches "nothing.\*"; "quopa types"' '--type fib6Sync.tlb|no type matches "fib6Sync.tlb"; did you mean "fib6Sync.tlv"' '--sent --received|.*excludes' '--json -w x|.*excludes' '-w good.pcapng|good.pcapng is read' '-f|good.pcapng: not a file that the recorder'; do
   # shellcheck disable=SC2086

@@ -147,7 +147,8 @@ truncate -s 3G large && expect 1 '' '^quopa: large: longer than 16 MiB$' '' deco
 # Wrong usage.
 expect 2 '' '^quopa: A subcommand is required$' ''
 expect 2 '' '^quopa: no type "tlv"; did you mean "fib6Sync.tlv"\?$' '' decode tlv
-expect 2 '' '^quopa: no type "fib6.other"; "quopa types" lists them$' '' encode fib6.other
+expect 2 '' '^quopa: no type "fib6_cfg.query_dfx_ke"; did you mean "fib6_cfg.query_dfx_key"\?$' '' decode fib6_cfg.query_dfx_ke
+expect 2 '' '^quopa: no type "fib6Sync.nhp6Zzzz"; "quopa types" lists them$' '' encode fib6Sync.nhp6Zzzz
 expect 2 '' '^quopa: no command "annotaet"; did you mean "annotate"\?$' '' annotaet x
 expect 2 '' '^quopa: no command "x"; "quopa --help" lists them$' '' x
 expect 2 '' '^quopa: .*--josn; did you mean "--json"\?$' '' types --josn

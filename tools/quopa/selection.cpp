@@ -58,7 +58,10 @@ bool Selection::takes_time(uint64_t time) {
     if (from_) first_ = from_->in(time).first;
     if (to_) last_ = to_->in(time).last;
   }
-  return time >= first_ && time <= last_;
+  latest_ = std::max(latest_, time);
+  const bool is_wanted = time >= first_ && time <= last_;
+  in_time_ |= is_wanted;
+  return is_wanted;
 }
 
 bool Selection::takes_type(const Look &look) {
@@ -100,10 +103,10 @@ void Selection::expect_fitting(Styles &styles) {
   for (const Type *type : own.types->types()) {
     if (matches(type->name())) where_.fits(*type, labels);
   }
-  try {
-    where_.expect_fitting();
-  } catch (const drix::inspect::WhereError &error) {
-    throw BadUsage(std::string("--where ") + error.what());
+  for (const std::string &misfit : where_.misfits(labels)) throw BadUsage("--where " + misfit);
+  if (start_ && !in_time_) {
+    complain("--from and --to leave nothing of messages from " + time_text(*start_, true) + " to " +
+             time_text(latest_, true));
   }
   for (const std::string &misfit : misfits) complain("--where fits no message: " + misfit);
 }

@@ -40,6 +40,8 @@ class Selection {
   std::optional<uint64_t> start_;  // of the capture, the time of its first message
   uint64_t first_ = 0;             // times that are wanted
   uint64_t last_ = UINT64_MAX;
+  uint64_t latest_ = 0;  // of those that there were
+  bool in_time_ = false;
   std::vector<std::string> globs_;
   std::vector<bool> matched_;  // for each of them, whether there was such a type
   std::vector<PacketTerm> packet_terms_;
