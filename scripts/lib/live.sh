@@ -119,13 +119,13 @@ receivers=(receiver1 receiver2 receiver3)
 
 unshare -n sleep infinity &
 process[neighbour]=$!
-there() { nsenter -t "${process[neighbour]}" -n "$@"; }
+there=(nsenter -t "${process[neighbour]}" -n) # no function: what is started there in the background is to be killed
 apart() { [ "$(readlink "/proc/$$/ns/net")" != "$(readlink "/proc/${process[neighbour]}/ns/net")" ]; }
 until_true 5 namespace apart
 ip link add name uplink type veth peer name downlink netns "${process[neighbour]}"
 ip link set uplink up && ip -6 addr add 2001:db8::1/64 dev uplink nodad
-there ip link set lo up
-there ip link set downlink up && there ip -6 addr add 2001:db8::2/64 dev downlink nodad
+"${there[@]}" ip link set lo up
+"${there[@]}" ip link set downlink up && "${there[@]}" ip -6 addr add 2001:db8::2/64 dev downlink nodad
 
 # configure SIDE AS ADDRESS NEIGHBOUR_AS NEIGHBOUR EXTRA
 configure() {
@@ -171,13 +171,13 @@ if [ "${5:-}" = ip ]; then
 else
   all_entries=$routes
   route_list downlink >"$work/routes"
-  change_routes() { there ip -6 -batch "$1"; }
+  change_routes() { "${there[@]}" ip -6 -batch "$1"; }
   configure here 64512 2001:db8::1 64513 2001:db8::2 ''
   configure there 64513 2001:db8::2 64512 2001:db8::1 'redistribute kernel'
-  daemon here zebra && daemon there zebra there
+  daemon here zebra && daemon there zebra "${there[@]}"
   until_true 10 zebra test -S "$work/here/zserv.api"
   until_true 10 zebra test -S "$work/there/zserv.api"
-  daemon here bgpd && daemon there bgpd there
+  daemon here bgpd && daemon there bgpd "${there[@]}"
 fi
 sed 's/^/route add /' "$work/routes" >"$work/announce"
 sed 's/^/route del /' "$work/routes" >"$work/withdraw"
