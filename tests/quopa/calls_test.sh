@@ -371,6 +371,7 @@ quopa: 1 messages are left out: the bus or the decoder did not take them
 quopa: 1 messages are left out: their decoder rejects them
 quopa: 1 messages are left out: the recorder cut them
 END
+expect 0 '"entries":1,' '*' '' table told.pcapng --json --where f1.f7=9
 expect 0 '"here":1,"there":1,"missing_there":0,"missing_here":0,"differing":0' '*' '' diff told.pcapng@+4ms told.pcapng@+5ms --json
 # A table as it is printed, of which a row may take two lines.
 printf '%s\n' 'whole' 'Destination Next hop Interface Metric Flags' '2001:db8:1::/48 0:8:: eth0 5 UG' '2001:db8:2::/64' '  :: eth0 0 U' \
