@@ -191,7 +191,7 @@ class Table {
     // What stands behind moves up, unless it is where its search begins or behind that.
     const std::size_t mask = slots_.size() - 1;
     for (std::size_t next = (place + 1) & mask; slots_[next] != 0; next = (next + 1) & mask) {
-      const std::size_t home = (slots_[next] >> 32) & mask;
+      const std::size_t home = static_cast<uint32_t>(slots_[next] >> 32) & mask;
       if (((next - home) & mask) < ((next - place) & mask)) continue;
       slots_[place] = slots_[next];
       place = next;
@@ -203,7 +203,7 @@ class Table {
     std::vector<uint64_t> former(slots_.empty() ? 16 : 2 * slots_.size());
     former.swap(slots_);
     for (const uint64_t slot : former) {
-      std::size_t place = (slot >> 32) & (slots_.size() - 1);
+      std::size_t place = static_cast<uint32_t>(slot >> 32) & (slots_.size() - 1);
       if (slot == 0) continue;
       while (slots_[place] != 0) place = (place + 1) & (slots_.size() - 1);
       slots_[place] = slot;

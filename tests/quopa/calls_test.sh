@@ -218,6 +218,7 @@ END
 mkdir mixed && cp sender/quopa-b-2.3.pcapng receiver/quopa-r-3.1.pcapng mixed
 "$make_capture" table little <<<'sent 0 0x12 8' >sent.pcapng
 "$make_capture" table little <<<'received 2 0x12 8' >received.pcapng
+"$make_capture" table little <<<'received 2 0x12 9' >longer.pcapng
 cat sent.pcapng received.pcapng >exchanged.pcapng
 (cat sent.pcapng && head -c 100 sent.pcapng) >damaged.pcapng
 (cat sent.pcapng received.pcapng && tail -c +61 received.pcapng) >again.pcapng
@@ -230,6 +231,7 @@ done <<'END'
 1|damaged.pcapng received.pcapng|1,"failed":0,"received":1,"not_received":0,"received_again":0,"not_sent":0,"latency_ns":\[2000000,2000000,2000000,2000000,2000000,2000000
 1|sent.pcapng again.pcapng|1,"failed":0,"received":2,"not_received":0,"received_again":1,"not_sent":0,"latency_ns":\[2000000,2000000,2000000,2000000,2000000,2000000
 1|sent.pcapng sent.pcapng|1,"failed":0,"received":0,"not_received":1,"received_again":0,"not_sent":0,"latency_ns":\[
+1|sent.pcapng longer.pcapng|1,"failed":0,"received":1,"not_received":1,"received_again":0,"not_sent":1,"latency_ns":\[
 1|received.pcapng|0,"failed":0,"received":1,"not_received":0,"received_again":0,"not_sent":1,"latency_ns":\[
 1|mixed|2,"failed":0,"received":2,"not_received":1,"received_again":1,"not_sent":0,"latency_ns":\[24000000,24000000,24000000,24000000,24000000,24000000
 END
@@ -386,6 +388,7 @@ quopa: 1 messages are left out: the bus or the decoder did not take them
 quopa: 1 messages are left out: their decoder rejects them
 quopa: 1 messages are left out: the recorder cut them
 END
+expect 0 '"entries":1,' '*' '' table told.pcapng --json --where f1.f7=9
 expect 0 '"here":1,"there":1,"missing_there":0,"missing_here":0,"differing":0' '*' '' diff told.pcapng@+4ms told.pcapng@+5ms --json
 # A table as it is printed, of which a row may take two lines.
 printf '%s\n' 'whole' 'Destination Next hop Interface Metric Flags' '2001:db8:1::/48 0:8:: eth0 5 UG' '2001:db8:2::/64' '  :: eth0 0 U' \
@@ -416,6 +419,7 @@ received 8 $batch $(batch 1 1)
 received 9 $batch $(batch 2 9)
 received 9 $batch $(batch 2 9)
 received 10 $batch $(batch 8 8) status -1
+sent 11 0x21 5
 END
 says 1 compare a.pcapng b.pcapng c.pcapng --by-key <<'END'
 a.pcapng to b.pcapng:

@@ -8,7 +8,7 @@ namespace quopa {
 // Where the hash is, or where it goes.
 std::size_t Arrivals::find(const Hash &hash) const {
   const std::size_t mask = slots_.size() - 1;
-  std::size_t place = hash.high & mask;
+  std::size_t place = static_cast<std::size_t>(hash.high) & mask;
   while (slots_[place] != kNone) {
     const Group &group = groups_[slots_[place]];
     if (group.high == hash.high && group.low == static_cast<uint32_t>(hash.low)) break;
@@ -23,7 +23,7 @@ void Arrivals::grow() {
   std::vector<uint32_t>().swap(slots_);
   slots_.resize(size, kNone);
   for (std::size_t i = 0; i < groups_.size(); ++i) {
-    std::size_t place = groups_[i].high & (size - 1);
+    std::size_t place = static_cast<std::size_t>(groups_[i].high) & (size - 1);
     while (slots_[place] != kNone) place = (place + 1) & (size - 1);
     slots_[place] = static_cast<uint32_t>(i);
   }
