@@ -31,6 +31,7 @@ class NatsServer {
     char folder[] = "/tmp/nats_server_XXXXXX";
     if (mkdtemp(folder) != nullptr) folder_ = folder;
     std::ofstream(folder_ + "/conf") << "listen: 127.0.0.1:" << port_ << "\nmax_payload: 17MB\nwrite_deadline: 10s\n"
+                                     << "jetstream { store_dir: " << folder_ << ", max_file_store: 10GB }\n"
                                      << lines;
     start();
   }
