@@ -251,7 +251,7 @@ NatsServers make_servers(uint32_t count) {
   std::vector<std::string> ports;
   std::string routes;
   for (uint32_t i = 0; i < count; ++i) ports.push_back(NatsServer::free_port());
-  for (const std::string &port : ports) routes += "nats://127.0.0.1:" + port + ' ';
+  for (const std::string &port : ports) routes += "nats://127.0.0.1:" + port + ',';
   for (uint32_t i = 0; i < count; ++i) {
     // One that stands still is given up soon.
     std::string lines = "ping_interval: \"1s\"\nping_max: 1\nserver_name: s" + std::to_string(i) + '\n';
