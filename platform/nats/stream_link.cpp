@@ -84,8 +84,8 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     for (;;) {
       const int32_t status = take(messages, frame_bytes);
       const bool may_change = status == KELVODRIX_ERR_WINDOW || status == KELVODRIX_ERR_FULL ||
-                              status == KELVODRIX_ERR_SERVER || status == KELVODRIX_ERR_HOST ||
-                              status == KELVODRIX_ERR_STREAM;
+                              status == KELVODRIX_ERR_SERVER || status == KELVODRIX_ERR_HOST;
+      if (!may_change) reached_ = KELVODRIX_ERR_SERVER;  // for the next one, who tries anew
       if (!may_change || Clock::now() >= deadline) return status;
       changed_.wait_until(lock, deadline);
     }
@@ -145,7 +145,7 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     if (!begun_) {
       wanted_ = true;
       wake();
-      return std::exchange(reached_, KELVODRIX_ERR_SERVER);
+      return reached_;
     }
     if (frame_bytes + kHeadersCost > most_bytes_) return KELVODRIX_ERR_TOO_BIG;
     if (!window_.fits(frame_bytes)) {

@@ -65,6 +65,7 @@ struct Account {
   std::atomic<uint32_t> frames, wrong;
   std::atomic<uint32_t> second_sender;  // its first frame
   std::atomic<uint64_t> undelivered;    // as the last sender says
+  std::atomic<bool> receives;           // somebody does
   std::atomic<bool> done;               // the senders have sent enough
   std::atomic<uint32_t> goes_on;        // the first frame after the event
   std::atomic<uint32_t> handled_after, handled_before;
@@ -117,6 +118,7 @@ int receive(const std::string &at) {
   expect(created == KELVODRIX_OK, kelvodrix_strerror(created));
   if (created != KELVODRIX_OK) return 1;
   kelvodrix_subscribe(receiver, kId, handle, nullptr);
+  account->receives = true;
   signal(SIGTERM, [](int) { kelvodrix_stop(receiver); });
   return kelvodrix_run(receiver) != KELVODRIX_OK || kelvodrix_receiver_destroy(receiver) != KELVODRIX_OK;
 }
@@ -274,7 +276,9 @@ void run(const Round &round, const std::string &at, NatsServers &servers, Totals
   in_stream = round.stream;
   const auto receiving = [&] { return receive(in_stream ? at + "/receiver" : at); };
   const auto sending = [&] { return send(at, round); };
-  pid_t to = start(receiving), from = start(sending);
+  pid_t to = start(receiving);
+  while (in_stream && !account->receives && account->wrong == 0) usleep(1000);  // or the sender need not wait for it
+  pid_t from = start(sending);
   for (uint32_t ms = 0; in_stream && account->handled_before == 0 && ms < kLong; ++ms) usleep(1000);
   usleep(round.delay_us);
   const auto begin = std::chrono::steady_clock::now();
@@ -345,7 +349,7 @@ int main(int argc, char **argv) {
   } parts[] = {{"--kills", 0, false, {kSenderDies, kReceiverDies}},
                {"--nats-kills", 1, false, {kSenderDies, kReceiverDies, kServerDies}},
                {"--nats-pauses", 1, false, {kReceiverPauses}},
-               {"--stream-kills", 1, true, {kSenderDies, kReceiverDies, kServerDies}},
+               {"--stream-kills", 1, true, {kSenderDies, kReceiverDies, kReceiverDies, kServerDies}},
                {"--stream-pauses", 1, true, {kReceiverPauses}},
                {"--leader-kills", 3, true, {kLeaderDies}}};
   for (const auto &part : parts) {
