@@ -158,7 +158,7 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     return KELVODRIX_OK;
   }
 
-  void keep(const std::string &subject, const char *id_end, std::span<const DrixSendDescriptor> messages,
+  void keep(const std::string &subject, const std::string &id_end, std::span<const DrixSendDescriptor> messages,
             size_t frame_bytes) {
     auto frame = std::make_shared<Frame>();
     frame->subject = place_.subject + subject;
@@ -387,7 +387,7 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     } else if (purge_to_ == options.Stream.Purge.Sequence) {
       purge_to_ = 0;
       // The purge may have made the server forget what is acknowledged of the table, until receivers acknowledge more.
-      if (!lost_) keep("c", "-c", {}, kHeaderBytes);
+      if (!lost_) keep("c", "-c" + std::to_string(window_.last()), {}, kHeaderBytes);
     }
     changed_.notify_all();
   }

@@ -120,7 +120,9 @@ int receive(const std::string &at) {
   kelvodrix_subscribe(receiver, kId, handle, nullptr);
   account->receives = true;
   signal(SIGTERM, [](int) { kelvodrix_stop(receiver); });
-  return kelvodrix_run(receiver) != KELVODRIX_OK || kelvodrix_receiver_destroy(receiver) != KELVODRIX_OK;
+  const int32_t ran = kelvodrix_run(receiver);
+  expect(ran == KELVODRIX_OK, kelvodrix_strerror(ran));
+  return ran != KELVODRIX_OK || kelvodrix_receiver_destroy(receiver) != KELVODRIX_OK;
 }
 
 int send(const std::string &at, const Round &round) {
