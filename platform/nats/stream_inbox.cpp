@@ -96,7 +96,7 @@ class StreamInbox final : public ServerInbox {
       handled_ = created_ == 0 && place_.from == "now" ? last : before;
 
     // The new one is there before the old one goes, so that there is always one that knows.
-    const size_t old = floors[1].value_or(0) > floors[0].value_or(0) ? 1 : 0, next = 1 - old;
+    const size_t old = floors[1] > floors[0] ? 1 : 0, next = 1 - old;  // none is less than any
     if (floors[next]) js_DeleteConsumer(stream_->js(), stream_->name(), consumer(next).c_str(), nullptr, nullptr);
     const std::string subject = inbox_ + '.' + std::to_string(++times_);
     queue_ = std::make_shared<Queue>();
@@ -108,7 +108,7 @@ class StreamInbox final : public ServerInbox {
     config.Durable = name.c_str();
     config.DeliverSubject = subject.c_str();
     config.DeliverPolicy = js_DeliverByStartSequence;
-    config.OptStartSeq = handled_ + 1;
+    config.OptStartSeq = std::min(handled_, last) + 1;  // less, if the server has lost what it had
     config.AckPolicy = js_AckAll;
     config.AckWait = std::chrono::nanoseconds(kNever).count();
     config.MaxAckPending = kMostUnderWay;
@@ -149,6 +149,8 @@ class StreamInbox final : public ServerInbox {
     missing_ = delivery.number != received_ + 1;
     if (missing_) return;
     received_ = delivery.number;
+    missing_ = delivery.place > handled_ + 1 && has(handled_ + 1);  // a server that lacks frames passes over them
+    if (missing_) return;
     // Twice, unless the server has lost what it once had, and has given its place to something new.
     if (delivery.place <= handled_ && delivery.time <= newest_) return;
     const auto frame = bytes_of(message.get());
@@ -163,16 +165,24 @@ class StreamInbox final : public ServerInbox {
     if (++owed_ >= kMostOwed) acknowledge();
   }
 
+  // Whether the stream has, or may have, a message there. If not, it was purged.
+  bool has(uint64_t place) const {
+    natsMsg *message = nullptr;
+    jsErrCode error{};
+    const natsStatus got = js_GetMsg(&message, stream_->js(), stream_->name(), place, nullptr, &error);
+    natsMsg_Destroy(message);
+    return got != NATS_NOT_FOUND && error != JSNoMessageFoundErr;
+  }
+
   void control(natsMsg *message, const char *reply) {
     // The server waits until what came before this is handled.
     const std::string stalled(reply != nullptr ? reply : header_of(message, "Nats-Consumer-Stalled"));
     if (!stalled.empty()) natsConnection_Publish(session_->nc(), stalled.c_str(), nullptr, 0);
-    uint64_t sent = 0;
     const std::string_view last = header_of(message, "Nats-Last-Consumer");
-    std::from_chars(last.data(), last.data() + last.size(), sent);
-    missing_ = sent > received_;
+    if (last.empty()) return;
+    missing_ = last != std::to_string(received_);
     // The last acknowledgement may have gone with a server or a connection.
-    if (!reply_.empty()) owed_ = std::max<uint64_t>(owed_, 1);
+    if (!missing_ && !reply_.empty()) owed_ = std::max<uint64_t>(owed_, 1);
   }
 
   void acknowledge() override {
