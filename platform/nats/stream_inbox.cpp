@@ -95,6 +95,12 @@ class StreamInbox final : public ServerInbox {
     else if (created_ != stream->Created)  // at the start, or of a stream in the place of another one
       handled_ = created_ == 0 && place_.from == "now" ? last : before;
 
+    // Where servers have lost the end of the stream, something new may stand at places that are handled.
+    for (int64_t time = INT64_MAX; newest_ != 0 && handled_ > before && handled_ <= last; --handled_) {
+      if (const int32_t got = find_time(handled_, time); got != KELVODRIX_OK) return got;
+      if (time <= static_cast<int64_t>(newest_)) break;
+    }
+
     // The new one is there before the old one goes, so that there is always one that knows.
     const size_t old = floors[1] > floors[0] ? 1 : 0, next = 1 - old;  // none is less than any
     if (floors[next]) js_DeleteConsumer(stream_->js(), stream_->name(), consumer(next).c_str(), nullptr, nullptr);
@@ -149,7 +155,8 @@ class StreamInbox final : public ServerInbox {
     missing_ = delivery.number != received_ + 1;
     if (missing_) return;
     received_ = delivery.number;
-    missing_ = delivery.place > handled_ + 1 && has(handled_ + 1);  // a server that lacks frames passes over them
+    int64_t time = 0;  // of what a server that lacks it has passed over; if nothing was there, it is purged
+    missing_ = delivery.place > handled_ + 1 && (find_time(handled_ + 1, time) != KELVODRIX_OK || time != 0);
     if (missing_) return;
     // Twice, unless the server has lost what it once had, and has given its place to something new.
     if (delivery.place <= handled_ && delivery.time <= newest_) return;
@@ -165,13 +172,15 @@ class StreamInbox final : public ServerInbox {
     if (++owed_ >= kMostOwed) acknowledge();
   }
 
-  // Whether the stream has, or may have, a message there. If not, it was purged.
-  bool has(uint64_t place) const {
+  // When the message there was stored; 0 where there is none.
+  int32_t find_time(uint64_t place, int64_t &time) const {
     natsMsg *message = nullptr;
     jsErrCode error{};
     const natsStatus got = js_GetMsg(&message, stream_->js(), stream_->name(), place, nullptr, &error);
+    const bool none = got == NATS_NOT_FOUND || error == JSNoMessageFoundErr;
+    time = got == NATS_OK ? natsMsg_GetTime(message) : 0;
     natsMsg_Destroy(message);
-    return got != NATS_NOT_FOUND && error != JSNoMessageFoundErr;
+    return none ? KELVODRIX_OK : stream_->status(got, error);
   }
 
   void control(natsMsg *message, const char *reply) {

@@ -448,7 +448,7 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     const Deadline now = Clock::now();
     const auto note = [&](const std::string &name, const jsConsumerInfo &info) {
       Receiver &receiver = receivers_[name.substr(0, name.size() - 1)];  // it may have two consumers for a moment
-      receiver = {std::max(receiver.floor, floor_of(info)), now};
+      receiver = {std::max(receiver.seen == now ? receiver.floor : 0, floor_of(info)), now};
     };
     if (!visit_consumers(stream, note)) return false;
     std::erase_if(receivers_, [&](const auto &each) { return now - each.second.seen > kLostForGood; });
