@@ -448,10 +448,12 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     const Deadline now = Clock::now();
     const auto note = [&](const std::string &name, const jsConsumerInfo &info) {
       Receiver &receiver = receivers_[name.substr(0, name.size() - 1)];  // it may have two consumers for a moment
-      receiver = {std::max(receiver.seen == now ? receiver.floor : 0, floor_of(info)), now};
+      receiver = {std::max(receiver.seen == now ? receiver.floor : 0, floor_of(info)), now, receiver.missing};
     };
     if (!visit_consumers(stream, note)) return false;
-    std::erase_if(receivers_, [&](const auto &each) { return now - each.second.seen > kLostForGood; });
+    for (auto &[name, each] : receivers_)
+      each.missing = each.seen == now ? Deadline::max() : std::min(each.missing, now);
+    std::erase_if(receivers_, [&](const auto &each) { return each.second.missing < now - kLostForGood; });
     if (receivers_.empty()) return true;
     uint64_t floor = last;
     for (const auto &[name, each] : receivers_) floor = std::min(floor, each.floor);
@@ -508,7 +510,7 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
   std::optional<Subscription> answers_;
   struct Receiver {
     uint64_t floor = 0;
-    Deadline seen{};
+    Deadline seen{}, missing = Deadline::max();  // when it was named last, and when it was not first after that
   };
   std::map<std::string, Receiver> receivers_;
   Deadline next_attempt_{}, next_question_{}, next_purge_{};
