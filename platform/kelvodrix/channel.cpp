@@ -235,6 +235,22 @@ int32_t kelvodrix_close(uint32_t handle, uint32_t timeout_ms, uint64_t *undelive
   return guarded([&] { return flush(handle, timeout_ms, undelivered, true); });
 }
 
+int32_t kelvodrix_checkpoint(uint32_t handle) {
+  return guarded([&]() -> int32_t {
+    Links links;
+    {
+      std::lock_guard lock(process_mutex);
+      const Channel *channel = all().find(handle);
+      if (channel == nullptr) return KELVODRIX_ERR_HANDLE;
+      links = channel->links;
+    }
+    int32_t status = KELVODRIX_OK;
+    for (const auto &[number, link] : links)
+      if (const int32_t one = link->checkpoint(); one != KELVODRIX_OK) status = one;
+    return status;
+  });
+}
+
 int32_t DRIX_RegIDLResorceCleanFuncHook(DrixResourceCleanFunc clean) {
   return guarded([&]() -> int32_t {
     if (clean == nullptr) return KELVODRIX_ERR_INVALID;

@@ -13,6 +13,10 @@
  *   nats://HOST:PORT[,HOST:PORT...]/NAME, or tls://
  *                                      between hosts, through a NATS server or a cluster of them, see docs/cluster.md;
  *                                      credentials come from the file that the variable KELVODRIX_NATS names
+ *   nats-stream://HOST:PORT[,HOST:PORT...]/TABLE, or tls-stream://
+ *                                      to a stream of such servers, which keeps what is sent; received from with
+ *                                      /RECEIVER[?from=table|resume|now] behind it: all that there is, what is not
+ *                                      handled (and if nothing was yet, all), or what is sent from now on
  *
  * Delivery. One DRIX_SendMsg or DRIX_SendToMsg call travels as one frame, whole or not at all. Frames to one endpoint
  * are handled in the order in which they were sent, each at most once. The receiver acknowledges a frame after it has
@@ -23,6 +27,13 @@
  * again. Nothing is sent twice. Through a server, frames are lost, and stay counted, also when the receiver stands
  * still for 10 s or a connection to the server ends.
  *
+ * A stream is different. A channel counts a frame until the stream has stored it and every receiver that has a name
+ * there has handled it, keeps it until it is stored, and sends it again as often as that takes. Frames are handled in
+ * the order in which they were sent, each at least once by each receiver: those that one had handled and not yet
+ * acknowledged when it ended come again to the next one of its name, and a frame whose subscriber ended the thread
+ * does. Nothing waits for receivers, and there may be none. The table's writer is the one that has begun to send last:
+ * what a former one sends is refused, with KELVODRIX_ERR_WRITER from the next send on, and stays counted.
+ *
  * A process that ends with open channels, by exit() or the return of main, still gives to the operating system what its
  * sends have left, and waits for room as long as a send on the channel would. Only a flush or kelvodrix_close shows
  * whether it was handled. A process that is killed, or calls _exit or exec, leaves such frames unsent.
@@ -30,7 +41,9 @@
  * Bounds. A channel keeps at most its window of unacknowledged frames and bytes per endpoint, a receiver at most one
  * unfinished frame per connection and 256 KiB for an idle one. No frame is larger than KELVODRIX_MAX_FRAME_BYTES or
  * holds more than KELVODRIX_MAX_FRAME_MESSAGES, which also bounds what its decoding may log. A peer that sends anything
- * malformed is disconnected; through a server, its frame is dropped, and never acknowledged. A receiver at a server
+ * malformed is disconnected; through a server, its frame is dropped, and never acknowledged but where it stands in a
+ * stream. A stream takes as many bytes as its settings say, and sends return KELVODRIX_ERR_FULL then until a checkpoint
+ * or something else has made room. A receiver at a server
  * queues 256 MiB, and what is sent beyond that is lost, and counted by its sender.
  *
  * All functions may be called from any thread; none but kelvodrix_run is a cancellation point. A process that opens a
@@ -81,7 +94,11 @@ typedef enum kelvodrix_status {
   KELVODRIX_ERR_HOST = -21,     /* a host has no address */
   KELVODRIX_ERR_CREDENTIALS = -22, /* the server refuses the credentials, or they lack a right */
   KELVODRIX_ERR_CERTIFICATE = -23, /* a certificate does not fit, or one side of the connection has no TLS */
-  KELVODRIX_ERR_FORKED = -24       /* the process is a child of one that has used a server */
+  KELVODRIX_ERR_FORKED = -24,      /* the process is a child of one that has used a server */
+  /* Of streams. */
+  KELVODRIX_ERR_STREAM = -25, /* the server keeps no streams, or not this one: no JetStream, no room, too few servers */
+  KELVODRIX_ERR_WRITER = -26, /* another process has become the table's writer, or the stream was taken away */
+  KELVODRIX_ERR_FULL = -27    /* the stream is full; nothing was queued */
 } kelvodrix_status;
 
 /* A status in words: static text, also for numbers that are no status. */
@@ -132,6 +149,11 @@ int32_t kelvodrix_flush(uint32_t handle, uint32_t timeout_ms, uint64_t *undelive
 /* As kelvodrix_flush, and closes the channel whatever the result. Messages still unacknowledged by then are abandoned;
  * those already on their way may yet arrive. A send that is still waiting returns KELVODRIX_ERR_HANDLE. */
 int32_t kelvodrix_close(uint32_t handle, uint32_t timeout_ms, uint64_t *undelivered);
+
+/* Says that what was sent since the last checkpoint, or since the channel was opened, is the whole table: as soon as it
+ * is stored, the streams among the channel's destinations forget what was sent before. A flush waits for that. Does not
+ * wait, and does nothing when nothing was sent or nothing is kept: other endpoints keep nothing. */
+int32_t kelvodrix_checkpoint(uint32_t handle);
 
 /* ---- Receiving ---- */
 

@@ -22,13 +22,16 @@ const char *kelvodrix_strerror(int32_t status) {
       "system failure",
       "path of the endpoint too long",
       "the folder of named endpoints belongs to somebody else or is open to others",
-      "nats:// and tls:// need libkelvodrix_nats.so of this version and libnats (Debian: libkelvodrix-standin-nats)",
+      "endpoints at servers need libkelvodrix_nats.so of this version and libnats (Debian: libkelvodrix-standin-nats)",
       "the file that KELVODRIX_NATS names, or one that it names, cannot be read or is malformed",
       "no server answers",
       "unknown host",
       "the server refuses the credentials, or they lack a right",
       "no TLS: the certificate does not fit, or one side has none",
       "the process was forked after it had used a server",
+      "the server keeps no such stream: it has no JetStream, no room or too few servers",
+      "another writer of the table, or its stream was taken away",
+      "the stream is full",
   };
   return status <= 0 && status > -static_cast<int32_t>(std::size(kTexts)) ? kTexts[-status] : kTexts[1];
 }

@@ -21,7 +21,9 @@ struct Choice {
 Choice choose(const char *text) {
   if (text == nullptr) return {KELVODRIX_ERR_INVALID, nullptr};
   const std::string_view endpoint(text);
-  if (!endpoint.starts_with("nats://") && !endpoint.starts_with("tls://")) return {KELVODRIX_OK, nullptr};
+  const std::string_view scheme = endpoint.substr(0, endpoint.find("://") + 3);
+  if (scheme != "nats://" && scheme != "tls://" && scheme != "nats-stream://" && scheme != "tls-stream://")
+    return {KELVODRIX_OK, nullptr};
   static const auto *const nats = []() -> const Transport * {
     Dl_info own{};  // it is in the same folder
     dladdr(reinterpret_cast<void *>(&make_link), &own);

@@ -33,6 +33,9 @@ class Link {
   // acknowledged to the total. To close it means that it sends nothing from now on.
   virtual void settle(Deadline until, bool close, Undelivered &total) = 0;
 
+  // What was sent since the last one is the whole table. A link that keeps nothing has nothing to do.
+  virtual int32_t checkpoint() { return KELVODRIX_OK; }
+
   // Writes what there is; true while that is not all.
   virtual bool write_left() = 0;
 
@@ -76,7 +79,7 @@ int32_t make_link(const char *endpoint, const kelvodrix_options &options, std::s
 int32_t make_inbox(const char *endpoint, std::unique_ptr<Inbox> &inbox);
 
 // What libkelvodrix_nats.so exports as kelvodrix_nats. The version counts the changes of this header.
-inline constexpr uint32_t kTransportVersion = 1;
+inline constexpr uint32_t kTransportVersion = 2;
 struct Transport {
   uint32_t version;
   int32_t (*make_link)(const char *endpoint, const kelvodrix_options &options, std::shared_ptr<Link> &link);

@@ -1,71 +1,98 @@
 // The receiving end at an endpoint of a server.
+#include "inbox.h"
+
 #include <poll.h>
 #include <sys/eventfd.h>
 
 #include <cerrno>
 #include <cstdio>
-#include <deque>
-#include <mutex>
 #include <optional>
-#include <string_view>
 
-#include "../kelvodrix/endpoint.h"
 #include "../kelvodrix/frame.h"
 #include "../kelvodrix/process.h"
 #include "../kelvodrix/status.h"
-#include "session.h"
 
 namespace kelvodrix {
 
 namespace {
 
-constexpr int64_t kConnectMs = 2000, kAnyoneThereMs = 250;
-constexpr int kLookMs = 1000;
+constexpr int64_t kAnyoneThereMs = 250;
 constexpr uint64_t kMaxUnacknowledged = 64;     // frames
 constexpr size_t kMostQueuedBytes = 128 << 20;  // and as many that the loop has taken and not handled
 constexpr size_t kMessageCosts = 256;           // bytes, besides its own
 constexpr size_t kMostQueuedToAsk = 4096;
 
-std::span<const uint8_t> bytes_of(const Message &message) {
-  return {reinterpret_cast<const uint8_t *>(natsMsg_GetData(message.get())),
-          static_cast<size_t>(natsMsg_GetDataLength(message.get()))};
+}  // namespace
+
+Queue::Queue() : ready_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+  if (!ready_) throw std::bad_alloc();
 }
 
-// What the library's thread has taken in and the loop has not.
-struct Queue {
-  explicit Queue(std::string name) : hello(std::move(name)) {
-    if (!ready) throw std::bad_alloc();
+bool Queue::put(Message message, size_t most_messages) {
+  const size_t cost = kMessageCosts + bytes_of(message.get()).size();
+  std::lock_guard lock(mutex_);
+  if (bytes_ + cost > kMostQueuedBytes || messages_.size() > most_messages) return false;
+  bytes_ += cost;
+  messages_.push_back(std::move(message));
+  const uint64_t one = 1;
+  if (messages_.size() == 1) [[maybe_unused]]
+    const ssize_t written = write(ready(), &one, sizeof(one));
+  return true;
+}
+
+std::deque<Message> Queue::take_all() {
+  uint64_t count;
+  [[maybe_unused]] const ssize_t got = read(ready(), &count, sizeof(count));
+  std::lock_guard lock(mutex_);
+  bytes_ = 0;
+  return std::exchange(messages_, {});
+}
+
+int32_t ServerInbox::run(Loop &loop) {
+  if (forked()) return KELVODRIX_ERR_FORKED;
+  while (!loop.stopped()) {
+    if (at_hand_.empty()) at_hand_ = queue_->take_all();
+    if (at_hand_.empty()) {
+      acknowledge();
+      if (session_->closed()) return KELVODRIX_ERR_CREDENTIALS;
+      if (const int32_t status = idle(); status != KELVODRIX_OK) return status;
+      wait(loop);
+      continue;
+    }
+    const Message message = std::move(at_hand_.front());
+    at_hand_.pop_front();
+    handle(loop, message);
   }
+  acknowledge();
+  return KELVODRIX_OK;
+}
 
-  void take(natsConnection *nc, Message message) {
-    const bool asked = hello == natsMsg_GetSubject(message.get());
-    if (asked) answer(nc, message);
-    const size_t cost = kMessageCosts + bytes_of(message).size();
-    std::lock_guard lock(mutex);
-    // Whoever has sent it will learn of the gap, or asks again.
-    if (bytes + cost > kMostQueuedBytes || (asked && messages.size() > kMostQueuedToAsk)) return;
-    bytes += cost;
-    messages.push_back(std::move(message));
-    const uint64_t one = 1;
-    if (messages.size() == 1) [[maybe_unused]]
-      const ssize_t written = write(ready.get(), &one, sizeof(one));
+void ServerInbox::wait(Loop &loop) const {
+  pollfd items[] = {{loop.wake_up(), POLLIN, 0}, {queue_->ready(), POLLIN, 0}};
+  {
+    const CancelState waiting(loop.cancel_state());
+    poll(items, 2, look_ms_);
   }
+  if (items[0].revents != 0) loop.take_wake_up();
+}
 
-  void answer(natsConnection *nc, const Message &message) const {
-    uint8_t own[kInstanceBytes];
-    store(own, instance);
-    if (const char *const to = natsMsg_GetReply(message.get())) natsConnection_Publish(nc, to, own, sizeof(own));
-  }
+bool ServerInbox::good_frame(Loop &loop, std::span<const uint8_t> frame, const Message &message) {
+  const bool good = frame.size() >= kHeaderBytes && frame.size() <= KELVODRIX_MAX_FRAME_BYTES &&
+                    load<uint32_t>(&frame[0]) == frame.size() && well_formed(frame);
+  if (!good) drop(loop, message);
+  return good;
+}
 
-  const uint64_t instance = random_number();
-  const std::string hello;
-  const Fd ready{eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)};
-  std::mutex mutex;  // guards what follows
-  std::deque<Message> messages;
-  size_t bytes = 0;
-};
+void ServerInbox::drop(Loop &loop, const Message &message) {
+  if (!std::exchange(complained_, true))
+    std::fprintf(stderr, "kelvodrix: dropped what is no frame of this version, from %.200s; no more is said of such\n",
+                 natsMsg_GetSubject(message.get()));
+  loop.count_malformed();
+}
 
-class NatsInbox final : public Inbox {
+namespace {
+
+class DirectInbox final : public ServerInbox {
  public:
   // Subscribes unless somebody else has.
   int32_t open(const Place &place) {
@@ -73,75 +100,50 @@ class NatsInbox final : public Inbox {
     if (const int32_t status = Session::get(place.servers, true, kConnectMs, session_); status != KELVODRIX_OK)
       return status;
     session_->forget_denials();  // of other endpoints
-    queue_ = std::make_shared<Queue>(place.subject + "hello");
+    hello_ = place.subject + "hello";
     natsStatus asked = NATS_TIMEOUT;
     for (int tries = 2; tries != 0 && asked == NATS_TIMEOUT; --tries) {  // the server may not know yet who is gone
       natsMsg *answer = nullptr;
-      asked = natsConnection_RequestString(&answer, session_->nc(), queue_->hello.c_str(), "", kAnyoneThereMs);
+      asked = natsConnection_RequestString(&answer, session_->nc(), hello_.c_str(), "", kAnyoneThereMs);
       natsMsg_Destroy(answer);
     }
     if (const int32_t status = session_->status(); status != KELVODRIX_OK) return status;
     if (asked != NATS_NO_RESPONDERS) return KELVODRIX_ERR_IN_USE;
+    queue_ = std::make_shared<Queue>();
     frames_.emplace(session_, place.subject + ">",
-                    [queue = queue_](natsConnection *nc, Message message) { queue->take(nc, std::move(message)); });
+                    [queue = queue_, hello = hello_, instance = instance_](natsConnection *nc, Message message) {
+                      const bool asked_us = hello == natsMsg_GetSubject(message.get());
+                      if (asked_us) answer(nc, message, instance);
+                      // Where there is no room, whoever has sent it will learn of the gap, or asks again.
+                      queue->put(std::move(message), asked_us ? kMostQueuedToAsk : SIZE_MAX);
+                    });
     if (natsConnection_FlushTimeout(session_->nc(), kConnectMs) != NATS_OK) return KELVODRIX_ERR_SERVER;
     return session_->status();
   }
 
-  int32_t run(Loop &loop) override {
-    if (forked()) return KELVODRIX_ERR_FORKED;
-    while (!loop.stopped()) {
-      if (at_hand_.empty()) take_in();
-      if (at_hand_.empty()) {
-        acknowledge();
-        if (session_->closed()) return KELVODRIX_ERR_CREDENTIALS;
-        wait(loop);
-        continue;
-      }
-      const Message message = std::move(at_hand_.front());
-      at_hand_.pop_front();
-      handle(loop, message);
-    }
-    acknowledge();
-    return KELVODRIX_OK;
-  }
-
  private:
-  void take_in() {
-    uint64_t count;
-    [[maybe_unused]] const ssize_t got = read(queue_->ready.get(), &count, sizeof(count));
-    std::lock_guard lock(queue_->mutex);
-    at_hand_.swap(queue_->messages);
-    queue_->bytes = 0;
+  static void answer(natsConnection *nc, const Message &message, uint64_t instance) {
+    uint8_t own[kInstanceBytes];
+    store(own, instance);
+    if (const char *const to = natsMsg_GetReply(message.get())) natsConnection_Publish(nc, to, own, sizeof(own));
   }
 
-  void wait(Loop &loop) const {
-    pollfd items[] = {{loop.wake_up(), POLLIN, 0}, {queue_->ready.get(), POLLIN, 0}};
-    {
-      const CancelState waiting(loop.cancel_state());
-      poll(items, 2, kLookMs);
-    }
-    if (items[0].revents != 0) loop.take_wake_up();
-  }
-
-  void handle(Loop &loop, const Message &message) {
-    const std::span<const uint8_t> bytes = bytes_of(message);
+  void handle(Loop &loop, const Message &message) override {
+    const std::span<const uint8_t> bytes = bytes_of(message.get());
     const char *const reply = natsMsg_GetReply(message.get());
-    if (queue_->hello == natsMsg_GetSubject(message.get())) {
-      if (bytes.size() == kHelloBytes && reply != nullptr && load<uint64_t>(&bytes[0]) == queue_->instance)
+    if (hello_ == natsMsg_GetSubject(message.get())) {
+      if (bytes.size() == kHelloBytes && reply != nullptr && load<uint64_t>(&bytes[0]) == instance_)
         tell_seen(reply, load<uint64_t>(&bytes[8]));
       return;
     }
-    const bool has_header = bytes.size() >= kInstanceBytes + kHeaderBytes && reply != nullptr;
-    const auto frame = bytes.subspan(has_header ? kInstanceBytes : bytes.size());
-    if (!has_header || frame.size() > KELVODRIX_MAX_FRAME_BYTES || load<uint32_t>(&frame[0]) != frame.size() ||
-        !well_formed(frame))
-      return drop(loop, natsMsg_GetSubject(message.get()));
-    if (load<uint64_t>(&bytes[0]) != queue_->instance)  // it counts as lost
-      return queue_->answer(session_->nc(), message);
+    const bool has_instance = bytes.size() >= kInstanceBytes && reply != nullptr;
+    const auto frame = bytes.subspan(has_instance ? kInstanceBytes : bytes.size());
+    if (!good_frame(loop, frame, message)) return;
+    if (load<uint64_t>(&bytes[0]) != instance_)  // it counts as lost
+      return answer(session_->nc(), message, instance_);
 
     const auto number = load<uint64_t>(&frame[8]);
-    if (to_ == reply && number <= last_) return drop(loop, natsMsg_GetSubject(message.get()));
+    if (to_ == reply && number <= last_) return drop(loop, message);
     if (to_ != reply || number != last_ + 1) {  // another sender, or frames are missing
       acknowledge();
       to_ = reply;
@@ -160,15 +162,7 @@ class NatsInbox final : public Inbox {
     if (last_ - first_ + 1 >= kMaxUnacknowledged) acknowledge();
   }
 
-  void drop(Loop &loop, const char *subject) {
-    if (!std::exchange(complained_, true))
-      std::fprintf(stderr,
-                   "kelvodrix: dropped what is no frame of this version, from %.200s; no more is said of such\n",
-                   subject);
-    loop.count_malformed();
-  }
-
-  void acknowledge() {
+  void acknowledge() override {
     if (last_ >= first_ && receipt(to_.c_str(), first_, last_)) first_ = last_ + 1;
   }
 
@@ -180,31 +174,42 @@ class NatsInbox final : public Inbox {
 
   bool receipt(const char *to, uint64_t first, uint64_t last) const {
     uint8_t bytes[kReceiptBytes];
-    store(store(store(bytes, queue_->instance), first), last);
+    store(store(store(bytes, instance_), first), last);
     return natsConnection_Publish(session_->nc(), to, bytes, sizeof(bytes)) == NATS_OK;
   }
 
-  std::shared_ptr<Session> session_;
-  std::shared_ptr<Queue> queue_;
+  const uint64_t instance_ = random_number();
+  std::string hello_;
   std::optional<Subscription> frames_;
 
   // The loop's own.
-  std::deque<Message> at_hand_;
   std::string to_;  // whose frames these are, handled and not acknowledged
   uint64_t first_ = 1, last_ = 0;
-  bool complained_ = false;
 };
+
+int32_t make_nats_link(const char *endpoint, const kelvodrix_options &options, std::shared_ptr<Link> &link) {
+  Place place;
+  const int32_t status = parse_place(endpoint, false, place);
+  if (status == KELVODRIX_OK)
+    link = place.stream.empty() ? make_direct_link(place, options) : make_stream_link(place, options);
+  return status;
+}
 
 int32_t make_nats_inbox(const char *endpoint, std::unique_ptr<Inbox> &inbox) {
   Place place;
-  if (const int32_t status = parse_place(endpoint, place); status != KELVODRIX_OK) return status;
-  auto made = std::make_unique<NatsInbox>();
+  const int32_t status = parse_place(endpoint, true, place);
+  if (status != KELVODRIX_OK) return status;
+  return place.stream.empty() ? make_direct_inbox(place, inbox) : make_stream_inbox(place, inbox);
+}
+
+}  // namespace
+
+int32_t make_direct_inbox(const Place &place, std::unique_ptr<Inbox> &inbox) {
+  auto made = std::make_unique<DirectInbox>();
   const int32_t status = made->open(place);
   if (status == KELVODRIX_OK) inbox = std::move(made);
   return status;
 }
-
-}  // namespace
 
 }  // namespace kelvodrix
 

@@ -1,7 +1,6 @@
 // The sending end at an endpoint of a server.
 #include <algorithm>
 #include <condition_variable>
-#include <cstdio>
 #include <mutex>
 #include <optional>
 #include <vector>
@@ -106,19 +105,11 @@ class NatsLink final : public Link {
     }
     if (!state.window.fits(frame_bytes)) return KELVODRIX_ERR_WINDOW;
 
-    const uint32_t id = messages[0].id;
-    const bool mixed = std::any_of(messages.begin(), messages.end(), [id](const auto &each) { return each.id != id; });
-    if (subject_.empty() || mixed != mixed_ || id != id_) {
-      char text[16];
-      std::snprintf(text, sizeof(text), mixed ? "m.mixed" : "m.%08x", id);
-      subject_ = place_.subject + text;
-      mixed_ = mixed;
-      id_ = id;
-    }
+    const std::string subject = place_.subject + "m." + id_subject(messages);
     frame_.resize(kInstanceBytes + frame_bytes);
     state.window.add(static_cast<uint32_t>(messages.size()), frame_bytes);
     write_frame(messages, frame_bytes, state.window.last(), store(frame_.data(), state.instance));
-    const natsStatus status = natsConnection_PublishRequest(session_->nc(), subject_.c_str(), inbox_.c_str(),
+    const natsStatus status = natsConnection_PublishRequest(session_->nc(), subject.c_str(), inbox_.c_str(),
                                                             frame_.data(), static_cast<int>(frame_.size()));
     if (frame_.capacity() > kMostKept) std::vector<uint8_t>().swap(frame_);
     if (status == NATS_OK) return KELVODRIX_OK;
@@ -172,9 +163,7 @@ class NatsLink final : public Link {
   bool closed_ = false;
   int32_t reached_ = KELVODRIX_ERR_SERVER;  // what the last attempt to connect has come to
   std::shared_ptr<Session> session_;
-  std::string inbox_, subject_;  // the subject of the last frame
-  bool mixed_ = false;
-  uint32_t id_ = 0;
+  std::string inbox_;
   std::vector<uint8_t> frame_;
   Deadline asked_{};
   std::optional<Subscription> answers_;
@@ -182,11 +171,8 @@ class NatsLink final : public Link {
 
 }  // namespace
 
-int32_t make_nats_link(const char *endpoint, const kelvodrix_options &options, std::shared_ptr<Link> &link) {
-  Place place;
-  const int32_t status = parse_place(endpoint, place);
-  if (status == KELVODRIX_OK) link = std::make_shared<NatsLink>(std::move(place), options);
-  return status;
+std::shared_ptr<Link> make_direct_link(const Place &place, const kelvodrix_options &options) {
+  return std::make_shared<NatsLink>(place, options);
 }
 
 }  // namespace kelvodrix

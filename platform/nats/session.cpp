@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <map>
@@ -40,6 +42,7 @@ std::atomic<pid_t> user = 0;  // the process that has used the library
 // What is still in buffers then would be lost with the library's threads.
 void at_exit() {
   if (forked()) return;
+  finish_streams();
   std::vector<std::shared_ptr<Session>> sessions;
   {
     std::lock_guard lock(all().mutex);
@@ -64,12 +67,12 @@ bool known_host(const std::string &server) {
 }
 
 // The file has lines KEY=VALUE, empty ones, and comments that start with #.
-bool apply_settings(natsOptions *options, std::string &inbox_prefix) {
+bool apply_settings(natsOptions *options, Settings &settings) {
   const char *const path = secure_getenv("KELVODRIX_NATS");
   if (path == nullptr) return true;
-  enum Key { kUser, kPassword, kToken, kCredentials, kCa, kCertificate, kKey, kInbox, kKeys };
-  static constexpr const char *kNames[] = {"user", "password",    "token", "credentials",
-                                           "ca",   "certificate", "key",   "inbox"};
+  enum Key { kUser, kPassword, kToken, kCredentials, kCa, kCertificate, kKey, kInbox, kReplicas, kMaxBytes, kKeys };
+  static constexpr const char *kNames[] = {"user",        "password", "token", "credentials", "ca",
+                                           "certificate", "key",      "inbox", "replicas",    "max_bytes"};
   std::string values[kKeys];
   std::ifstream file(path);
   for (std::string line; std::getline(file, line);) {
@@ -80,7 +83,13 @@ bool apply_settings(natsOptions *options, std::string &inbox_prefix) {
     values[name - kNames] = line.substr(equals + 1);
   }
   const auto given = [&](Key key) { return values[key].empty() ? nullptr : values[key].c_str(); };
-  if (given(kInbox)) inbox_prefix = given(kInbox);
+  const auto number = [&](Key key, int64_t &to) {
+    const std::string &text = values[key];
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), to);
+    return text.empty() || (error == std::errc() && end == text.data() + text.size() && to > 0);
+  };
+  if (!number(kReplicas, settings.replicas) || !number(kMaxBytes, settings.max_bytes)) return false;
+  if (given(kInbox)) settings.inbox_prefix = given(kInbox);
   return file.eof() && (!given(kInbox) || natsOptions_SetCustomInboxPrefix(options, given(kInbox)) == NATS_OK) &&
          (!given(kUser) || natsOptions_SetUserInfo(options, given(kUser), given(kPassword)) == NATS_OK) &&
          (!given(kToken) || natsOptions_SetToken(options, given(kToken)) == NATS_OK) &&
@@ -114,19 +123,45 @@ uint64_t random_number() {
   return uint64_t{device()} << 32 | device();
 }
 
-int32_t parse_place(const char *endpoint, Place &place) {
+// SCHEME://HOST:PORT[,HOST:PORT...]/NAME, with /RECEIVER[?from=WHERE] behind that of a stream where one receives.
+int32_t parse_place(const char *endpoint, bool receives, Place &place) {
   const std::string_view whole(endpoint);
-  const size_t start = whole.find("://") + 3, slash = whole.rfind('/');
-  if (slash <= start) return KELVODRIX_ERR_ENDPOINT;
-  const std::string_view hosts = whole.substr(start, slash - start), name = whole.substr(slash + 1);
+  const size_t colon = whole.find("://"), start = colon + 3, slash = std::min(whole.find('/', start), whole.size());
+  const std::string_view hosts = whole.substr(start, slash - start);
+  const bool tls = whole.starts_with("tls"), streams = whole.substr(0, colon).ends_with("-stream");
+  std::string_view name = whole.substr(std::min(slash + 1, whole.size())), receiver = "-", from = "resume";
+  if (streams && receives) {
+    const size_t question = name.find("?from=");
+    if (question != name.npos) from = name.substr(question + 6);
+    name = name.substr(0, question);
+    const size_t second = std::min(name.find('/'), name.size());
+    receiver = name.substr(std::min(second + 1, name.size()));
+    name = name.substr(0, second);
+  }
+  const auto bad = [](std::string_view text) {
+    return text.empty() || text.size() > 200 || std::any_of(text.begin(), text.end(), [](unsigned char c) {
+             return c <= ' ' || c >= 0x7F ||
+                    std::string_view("./\\*?>").find(static_cast<char>(c)) != std::string_view::npos;
+           });
+  };
   // Passwords are not for endpoints, which others may see.
-  const bool bad_hosts = hosts.find_first_of("@/ \t") != hosts.npos || hosts.front() == ',' || hosts.back() == ',';
-  const bool bad_name = std::any_of(name.begin(), name.end(), [](unsigned char c) {
-    return c <= ' ' || c >= 0x7F || c == '.' || c == '*' || c == '>';
-  });
-  if (bad_hosts || bad_name || name.empty() || name.size() > 200) return KELVODRIX_ERR_ENDPOINT;
-  place = {std::string(whole.substr(0, slash)), "drix." + std::string(name) + "."};
+  if (hosts.empty() || hosts.find_first_of("@ \t") != hosts.npos || hosts.front() == ',' || hosts.back() == ',' ||
+      bad(name) || bad(receiver) || (from != "table" && from != "resume" && from != "now"))
+    return KELVODRIX_ERR_ENDPOINT;
+  place.servers = (tls ? "tls://" : "nats://") + std::string(hosts);
+  place.subject = (streams ? "drix-stream." : "drix.") + std::string(name) + ".";
+  if (streams) place.stream = "drix-" + std::string(name);
+  place.receiver = "drix-" + std::string(receiver) + "-";
+  place.from = from;
   return forked() ? KELVODRIX_ERR_FORKED : KELVODRIX_OK;
+}
+
+std::string id_subject(std::span<const DrixSendDescriptor> messages) {
+  const uint32_t id = messages[0].id;
+  char text[9];
+  std::snprintf(text, sizeof(text), "%08x", id);
+  const bool mixed = std::any_of(messages.begin(), messages.end(), [id](const auto &each) { return each.id != id; });
+  return mixed ? "mixed" : text;
 }
 
 int32_t Session::get(const std::string &servers, bool at_once, int64_t timeout_ms, std::shared_ptr<Session> &session) {
@@ -163,7 +198,7 @@ int32_t Session::connect(const std::string &servers, bool at_once, int64_t timeo
   const std::unique_ptr<natsOptions, Destroy> options(created);
   if (natsOptions_SetServers(created, pointers.data(), static_cast<int>(pointers.size())) != NATS_OK)
     return KELVODRIX_ERR_ENDPOINT;
-  if (!apply_settings(created, inbox_prefix_)) return KELVODRIX_ERR_SETTINGS;
+  if (!apply_settings(created, settings_)) return KELVODRIX_ERR_SETTINGS;
   if (servers.starts_with("tls")) require(natsOptions_SetSecure(created, true));
   natsOptions_SetTimeout(created, timeout_ms);
   natsOptions_SetSendAsap(created, at_once);
@@ -194,15 +229,15 @@ Session::~Session() {
 }
 
 void Session::flush(int64_t timeout_ms) const {
-  if (natsConnection_Status(nc_) == NATS_CONN_STATUS_CONNECTED) natsConnection_FlushTimeout(nc_, timeout_ms);
+  if (connected()) natsConnection_FlushTimeout(nc_, timeout_ms);
 }
 
 std::string Session::inbox() const {
-  return inbox_prefix_ + "." + std::to_string(random_number()) + std::to_string(random_number());
+  return settings_.inbox_prefix + "." + std::to_string(random_number()) + std::to_string(random_number());
 }
 
 int32_t Session::status() const {
-  if (natsConnection_Status(nc_) != NATS_CONN_STATUS_CONNECTED) return KELVODRIX_ERR_SERVER;
+  if (!connected()) return KELVODRIX_ERR_SERVER;
   return *denied_ ? KELVODRIX_ERR_CREDENTIALS : KELVODRIX_OK;
 }
 

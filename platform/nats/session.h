@@ -9,28 +9,61 @@
 //                     and those before them that were not acknowledged are lost.
 //
 // The instance is a random number that a receiver draws: what is meant for one of before is not handled by another.
+//
+// Streams, one a table, named drix-TABLE:
+//
+//   drix-stream.TABLE.m.ID   a frame as in frame.h, with how many messages the writer has sent before as its number, and
+//                            as Nats-Msg-Id WRITER-NUMBER
+//   drix-stream.TABLE.w      a frame of no messages: the writer WRITER, a random number in sixteen hexadecimal digits,
+//                            has begun, and those before it are writers no more
+//   drix-stream.TABLE.c      a frame of no messages: what was before the last whole table is purged, or a place that was passed
+//
+// All frames but the first of a writer name the place of the one before in the stream, Nats-Expected-Last-Sequence: they
+// are stored there and in this order, or not at all. A receiver is a consumer, drix-RECEIVER-0 or drix-RECEIVER-1.
 #ifndef KELVODRIX_NATS_SESSION_H
 #define KELVODRIX_NATS_SESSION_H
 
 #include <nats/nats.h>
 
 #include <functional>
+#include <span>
 #include <string>
+#include <string_view>
 
 #include "../kelvodrix/transport.h"
 
 namespace kelvodrix {
 
 inline constexpr size_t kInstanceBytes = 8, kHelloBytes = 16, kReceiptBytes = 24;
-
-int32_t make_nats_link(const char *endpoint, const kelvodrix_options &options, std::shared_ptr<Link> &link);
+inline constexpr int64_t kConnectMs = 2000;
 
 // Where an endpoint is.
 struct Place {
-  std::string servers;  // with the scheme
-  std::string subject;  // what the subjects of the endpoint start with
+  std::string servers;   // with the scheme
+  std::string subject;   // what the subjects of the endpoint start with
+  std::string stream;    // empty: there is none, frames go from sender to receiver directly
+  std::string receiver;  // what its consumers' names start with
+  std::string from;      // table, resume or now
 };
-int32_t parse_place(const char *endpoint, Place &place);
+int32_t parse_place(const char *endpoint, bool receives, Place &place);
+
+std::shared_ptr<Link> make_direct_link(const Place &place, const kelvodrix_options &options);
+std::shared_ptr<Link> make_stream_link(const Place &place, const kelvodrix_options &options);
+int32_t make_direct_inbox(const Place &place, std::unique_ptr<Inbox> &inbox);
+int32_t make_stream_inbox(const Place &place, std::unique_ptr<Inbox> &inbox);
+
+// Has what the process's streams have taken stored, each for as long as a send may wait.
+void finish_streams();
+
+// ID of the messages in eight hexadecimal digits, or "mixed".
+std::string id_subject(std::span<const DrixSendDescriptor> messages);
+
+// What the file with the settings says beside credentials.
+struct Settings {
+  std::string inbox_prefix = "_INBOX";
+  int64_t replicas = 0;  // of a stream; 0: three in a cluster
+  int64_t max_bytes = 256 << 20;
+};
 
 // Whether this process is a child of one that has used the library, which does not work here then.
 bool forked();
@@ -46,8 +79,10 @@ class Session {
   ~Session();
 
   natsConnection *nc() const { return nc_; }
+  const Settings &settings() const { return settings_; }
   std::string inbox() const;  // a new subject for answers
   bool closed() const { return natsConnection_IsClosed(nc_); }
+  bool connected() const { return natsConnection_Status(nc_) == NATS_CONN_STATUS_CONNECTED; }
   void flush(int64_t timeout_ms) const;
   // KELVODRIX_OK when there is nothing wrong with the connection.
   int32_t status() const;
@@ -57,15 +92,31 @@ class Session {
   int32_t connect(const std::string &servers, bool at_once, int64_t timeout_ms);
 
   natsConnection *nc_ = nullptr;
-  std::string inbox_prefix_ = "_INBOX";
+  Settings settings_;
   const std::shared_ptr<std::atomic<bool>> denied_ = std::make_shared<std::atomic<bool>>(false);
 };
 
 struct Destroy {
   void operator()(natsMsg *message) const { natsMsg_Destroy(message); }
   void operator()(natsOptions *options) const { natsOptions_Destroy(options); }
+  void operator()(jsCtx *context) const { jsCtx_Destroy(context); }
+  void operator()(jsStreamInfo *info) const { jsStreamInfo_Destroy(info); }
+  void operator()(jsConsumerInfo *info) const { jsConsumerInfo_Destroy(info); }
+  void operator()(jsConsumerNamesList *list) const { jsConsumerNamesList_Destroy(list); }
 };
-using Message = std::unique_ptr<natsMsg, Destroy>;
+template <typename Of>
+using Owned = std::unique_ptr<Of, Destroy>;
+using Message = Owned<natsMsg>;
+
+inline std::span<const uint8_t> bytes_of(const natsMsg *message) {
+  return {reinterpret_cast<const uint8_t *>(natsMsg_GetData(message)),
+          static_cast<size_t>(natsMsg_GetDataLength(message))};
+}
+// Empty without such a header.
+inline std::string_view header_of(natsMsg *message, const char *name) {
+  const char *value = nullptr;
+  return natsMsgHeader_Get(message, name, &value) == NATS_OK && value != nullptr ? value : "";
+}
 
 // Ends with the session's thread perhaps still in the function, which therefore owns what it needs.
 class Subscription {

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <linux/sockios.h>
 #include <malloc.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/ioctl.h>
@@ -51,6 +52,7 @@ struct Record {
 };
 std::atomic<int> live_records;
 int hook_calls;
+int used_names;  // a stream keeps what a test leaves
 kelvodrix_receiver *stopped_by_signal;
 std::atomic<size_t> heap_bytes, heap_peak;  // that the program holds and has held, the library included
 // Set in a thread: it tells when it is about to write, and waits until it may.
@@ -79,7 +81,8 @@ NatsServer &server() {
 // Tests that run at the same time differ.
 std::string endpoint(const std::string &transport, int number = 0) {
   const std::string name = "kelvodrix_" + std::to_string(getpid()) + '_' + std::to_string(number);
-  if (transport == "nats") return NatsServer::installed() ? server().address() + '/' + name : "";
+  if (transport.starts_with("nats"))
+    return NatsServer::installed() ? server().address(transport + "://") + '/' + name : "";
   return transport + "://" + (transport == "ipc" ? testing::TempDir() : "") + name;
 }
 
@@ -117,7 +120,8 @@ struct Sender {
 struct Receiver {
   explicit Receiver(const std::string &at, bool started = true) {
     EXPECT_EQ(DRIX_RegIDLFuncHook(kId, decode, release), KELVODRIX_OK);
-    EXPECT_EQ(kelvodrix_receiver_create(at.c_str(), &receiver), KELVODRIX_OK);
+    const bool nameless = at.starts_with("nats-stream") && std::count(at.begin(), at.end(), '/') == 3;
+    EXPECT_EQ(kelvodrix_receiver_create((at + (nameless ? "/receiver" : "")).c_str(), &receiver), KELVODRIX_OK);
     EXPECT_EQ(kelvodrix_subscribe(receiver, kId, note, this), KELVODRIX_OK);
     if (started) start();
   }
@@ -180,11 +184,16 @@ class Transport : public testing::TestWithParam<const char *> {
   void SetUp() override {
     if (at.empty()) GTEST_SKIP() << "there is no nats-server (Debian: nats-server)";
   }
-  const std::string at = endpoint(GetParam()), elsewhere = endpoint(GetParam(), 1), nowhere = endpoint(GetParam(), 2);
+  const std::string at = endpoint(GetParam(), ++used_names), elsewhere = endpoint(GetParam(), ++used_names),
+                    nowhere = endpoint(GetParam(), ++used_names);
 };
+// Those that keep nothing.
+class Direct : public Transport {};
 INSTANTIATE_TEST_SUITE_P(Bus, Transport, testing::Values("inproc", "ipc"));
+INSTANTIATE_TEST_SUITE_P(Bus, Direct, testing::Values("inproc", "ipc"));
 #ifdef WITH_NATS
-INSTANTIATE_TEST_SUITE_P(BusCluster, Transport, testing::Values("nats"));
+INSTANTIATE_TEST_SUITE_P(BusCluster, Transport, testing::Values("nats", "nats-stream"));
+INSTANTIATE_TEST_SUITE_P(BusCluster, Direct, testing::Values("nats"));
 #endif
 
 TEST_P(Transport, DeliversInOrderAndKeepsDestinationsApart) {
@@ -214,7 +223,7 @@ TEST_P(Transport, DeliversInOrderAndKeepsDestinationsApart) {
   for (uint32_t number : receiver.numbers) EXPECT_EQ(number & 0xFFFF, expected[number >> 16]++);
 }
 
-TEST_P(Transport, SlowReceiverFillsTheWindowAndARestartedOneAnswersForItself) {
+TEST_P(Direct, SlowReceiverFillsTheWindowAndARestartedOneAnswersForItself) {
   auto first = std::make_unique<Receiver>(at, false);
   std::vector<uint8_t> large(12 << 20);
   DrixSendDescriptor message = {reinterpret_cast<uintptr_t>(large.data()), kId, 12u << 20};
@@ -242,7 +251,7 @@ TEST_P(Transport, SlowReceiverFillsTheWindowAndARestartedOneAnswersForItself) {
   EXPECT_EQ(second.numbers, range(7, 8));
 }
 
-TEST_P(Transport, WaitingSendHoldsUpNothingElse) {
+TEST_P(Direct, WaitingSendHoldsUpNothingElse) {
   Receiver full(at, false), idle(elsewhere);
   Sender sender(at, {kLong, 1, 1000}), absent(nowhere, {20, 4, 1000});
   uint32_t destination = 0;
@@ -415,6 +424,7 @@ TEST_P(Transport, RegistrationsHoldFromTheNextMessageOn) {
   Receiver receiver(at);
   const Sender sender(at);
   static std::atomic<uint64_t> seen;
+  seen = 0;
   const auto other = [](void *context, uint32_t id, const void *of, uint32_t) {
     seen = seen * 10 + static_cast<const Record *>(of)->number;
     if (static_cast<const Record *>(of)->number == 3)
@@ -443,7 +453,7 @@ TEST_P(Transport, RegistrationsHoldFromTheNextMessageOn) {
   EXPECT_EQ(seen, 23u);
 }
 
-TEST_P(Transport, SubscriberMayEndItsThread) {
+TEST_P(Direct, SubscriberMayEndItsThread) {
   const bool at_server = at.starts_with("nats");  // where what comes after the frame is not lost
   for (uint32_t end : {kExit, kCancel}) {
     Receiver receiver(at, false);
@@ -674,7 +684,7 @@ TEST(Bus, RefusesEndpointsThatCannotServe) {
       {KELVODRIX_ERR_FOLDER, {"name"}},
       {KELVODRIX_ERR_ENDPOINT, {"ipc://", "inproc://", "", "pgm://x", "tcp://127.0.0.1:1234"}},
 #ifndef WITH_NATS
-      {KELVODRIX_ERR_TRANSPORT, {"nats://127.0.0.1:1/x", "tls://127.0.0.1:1/x"}},
+      {KELVODRIX_ERR_TRANSPORT, {"nats://127.0.0.1:1/x", "tls-stream://127.0.0.1:1/x"}},
 #endif
   };
   for (const auto &[status, endpoints] : cases)
@@ -933,8 +943,234 @@ TEST_F(BusCluster, SenderBelievesOnlyGoodAcknowledgements) {
   EXPECT_EQ(sender.flush(), Undelivered(KELVODRIX_ERR_LOST, 6));
 }
 
+// Between clients and the server: may swallow what goes one way, and end all connections.
+struct Proxy {
+  enum Way { kNone, kToServer, kFromServer };
+  Proxy() {
+    sockaddr_in address = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t size = sizeof(address);
+    EXPECT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&address), size) + listen(listener, 8), 0);
+    getsockname(listener, reinterpret_cast<sockaddr *>(&address), &size);
+    at = "nats-stream://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+    thread = std::thread([this] { run(); });
+  }
+  ~Proxy() {
+    done = true;
+    thread.join();
+    close(listener);
+  }
+  // Until something was swallowed and so much more besides, from now on; then all connect again.
+  void swallow(Way which, const std::function<bool()> &enough) {
+    swallowed = 0;
+    way = which;
+    EXPECT_TRUE(eventually([&] { return swallowed != 0 && enough(); }));
+    way = kNone;
+  }
+  void run() {
+    std::vector<pollfd> fds = {{listener, POLLIN, 0}};  // and then pairs: the client's and the server's
+    std::vector<char> chunk(1 << 16);
+    const auto end = [&] {
+      for (size_t i = 1; i < fds.size(); ++i) close(fds[i].fd);
+      fds.resize(1);
+    };
+    for (Way before = kNone; !done; before = way) {
+      if (before != kNone && way == kNone) end();
+      poll(fds.data(), fds.size(), 5);
+      for (size_t i = 1; i < fds.size(); ++i) {
+        if (fds[i].revents == 0) continue;
+        const bool to_server = i % 2 != 0;
+        const ssize_t count = recv(fds[i].fd, chunk.data(), chunk.size(), MSG_DONTWAIT);
+        if (count <= 0 && errno != EAGAIN) shutdown(fds[to_server ? i + 1 : i - 1].fd, SHUT_RDWR), fds[i].events = 0;
+        if (count <= 0) continue;
+        if (way == (to_server ? kToServer : kFromServer))
+          swallowed += static_cast<size_t>(count);
+        else
+          ::send(fds[to_server ? i + 1 : i - 1].fd, chunk.data(), static_cast<size_t>(count), MSG_NOSIGNAL);
+      }
+      if (fds[0].revents == 0) continue;
+      fds.push_back({accept(listener, nullptr, nullptr), POLLIN, 0});
+      fds.push_back({server().connected(), POLLIN, 0});
+    }
+    end();
+  }
+  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  std::string at;
+  std::atomic<Way> way = kNone;
+  std::atomic<size_t> swallowed = 0;
+  std::atomic<bool> done = false;
+  std::thread thread;
+};
+
+class BusClusterStream : public BusCluster {
+ protected:
+  const std::string at = NatsServer::installed() ? endpoint("nats-stream", ++used_names) : "",
+                    name = at.substr(at.rfind('/'));
+};
+
+TEST_F(BusClusterStream, KeepsATableForWhoComesLateAndCountsWhatReceiversHaveNotHandled) {
+  const Sender sender(at);
+  EXPECT_EQ(kelvodrix_checkpoint(sender.handle), KELVODRIX_OK);  // of nothing
+  EXPECT_EQ(sender.send({1, 2}), KELVODRIX_OK);
+  EXPECT_EQ(sender.flush(), kAllDelivered);
+  auto first = std::make_unique<Receiver>(at + "/first"), late = std::make_unique<Receiver>(at + "/late?from=now");
+  EXPECT_EQ(create(at + "/first"), KELVODRIX_ERR_IN_USE);
+  EXPECT_EQ(sender.send({3}), KELVODRIX_OK);
+  EXPECT_EQ(sender.flush(), kAllDelivered);
+  first->stop();
+  EXPECT_EQ(first->numbers, range(1, 4));
+  for (uint32_t i = 4; i < 7; ++i) EXPECT_EQ(sender.send({i, i}), KELVODRIX_OK);
+  EXPECT_TRUE(eventually([&] { return late->counters().delivered == 7; }));
+  EXPECT_EQ(sender.flush(200), Undelivered(KELVODRIX_ERR_PENDING, 6));
+  first.reset();
+  EXPECT_EQ(sender.flush(50), Undelivered(KELVODRIX_ERR_PENDING, 6));
+  first = std::make_unique<Receiver>(at + "/first", false);
+  first->on_number = [&](uint32_t number) {
+    if (number != 5) return;
+    EXPECT_GE(sender.flush(100).second, 4u);
+    kelvodrix_stop(first->receiver);
+  };
+  EXPECT_EQ(kelvodrix_run(first->receiver), KELVODRIX_OK);
+  EXPECT_TRUE(eventually([&] { return sender.flush(50) == Undelivered(KELVODRIX_ERR_PENDING, 2); }));
+  first->start();
+  EXPECT_EQ(sender.flush(), kAllDelivered);
+  first->stop();
+  EXPECT_EQ(first->numbers, (Numbers{4, 4, 5, 5, 6, 6}));
+
+  EXPECT_EQ(kelvodrix_checkpoint(sender.handle), KELVODRIX_OK);
+  EXPECT_EQ(sender.send({10}), KELVODRIX_OK);
+  EXPECT_EQ(sender.send({11}), KELVODRIX_OK);
+  EXPECT_EQ(kelvodrix_checkpoint(sender.handle), KELVODRIX_OK);
+  EXPECT_EQ(sender.send({12}), KELVODRIX_OK);
+  EXPECT_EQ(sender.flush(50), Undelivered(KELVODRIX_ERR_PENDING, 3));
+  first->start();
+  EXPECT_EQ(sender.flush(), kAllDelivered);
+  Receiver restarted(at + "/restarted?from=table");
+  EXPECT_TRUE(eventually([&] { return restarted.counters().delivered == 3; }));
+  EXPECT_EQ(sender.send({13}), KELVODRIX_OK);  // to the same subscription
+  EXPECT_EQ(sender.flush(), kAllDelivered);
+  for (Receiver *each : {first.get(), late.get(), &restarted}) each->stop();
+  EXPECT_EQ(restarted.numbers, range(10, 14));
+  EXPECT_EQ(late->numbers, (Numbers{3, 4, 4, 5, 5, 6, 6, 10, 11, 12, 13}));
+}
+
+TEST_F(BusClusterStream, RefusesTheFormerWriterAndSkipsWhatIsForeign) {
+  testing::internal::CaptureStderr();
+  Receiver receiver(at);
+  const Sender former(at), writer(at);
+  EXPECT_EQ(former.send({1}), KELVODRIX_OK);
+  EXPECT_EQ(former.flush(), kAllDelivered);
+  EXPECT_EQ(writer.send({2}), KELVODRIX_OK);
+  EXPECT_EQ(writer.flush(), kAllDelivered);
+  EXPECT_EQ(former.send({3, 4}), KELVODRIX_OK);  // it has not learnt of it
+  EXPECT_EQ(former.flush(), Undelivered(KELVODRIX_ERR_LOST, 2));
+  EXPECT_EQ(former.send({5}), KELVODRIX_ERR_WRITER);
+  EXPECT_EQ(kelvodrix_checkpoint(former.handle), KELVODRIX_ERR_WRITER);
+  const RawClient peer("peer.*");
+  const std::string whole = frame(9, message(9));
+  for (const std::string &bad : {std::string(), whole.substr(0, 19), whole + '\0', frame(9, message(9), 2)})
+    peer.publish("drix-stream." + name.substr(1) + ".m.cc4e6bc6", "", bad);
+  EXPECT_TRUE(eventually([&] { return receiver.counters().malformed == 4; }));
+  for (uint32_t i = 6; i < 9; ++i) EXPECT_EQ(writer.send({i}), KELVODRIX_OK);
+  EXPECT_EQ(writer.flush(), kAllDelivered);
+  receiver.stop();
+  EXPECT_EQ(receiver.numbers, (Numbers{1, 2, 6, 7, 8}));
+  const std::string said = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
+}
+
+TEST_F(BusClusterStream, LosesNothingAndHandlesNothingTwiceWhateverConnectionsSwallow) {
+  Proxy proxy;
+  Receiver near(at + "/near"), far(proxy.at + name + "/far");
+  const Sender sender(proxy.at + name);
+  uint32_t sent = 0;
+  const auto send = [&](uint32_t count) {
+    for (; count != 0; --count) EXPECT_EQ(sender.send({sent++}), KELVODRIX_OK);
+  };
+  send(100);
+  EXPECT_EQ(sender.flush(), kAllDelivered);
+  for (Proxy::Way way : {Proxy::kToServer, Proxy::kFromServer})
+    for (uint32_t more : {50u, 0u}) {
+      const uint32_t all = sent + 150;
+      std::thread sending([&] { send(150); });
+      // When answers and frames to the receiver are lost, the server has the frames.
+      proxy.swallow(way, [&] { return way == Proxy::kToServer || near.counters().delivered == all; });
+      sending.join();
+      send(more);
+      EXPECT_EQ(sender.flush(), kAllDelivered);
+    }
+  near.stop();
+  far.stop();
+  EXPECT_EQ(near.numbers, range(0, sent));
+  EXPECT_EQ(far.numbers, range(0, sent));
+}
+
+TEST_F(BusClusterStream, IsBoundedAtEitherEnd) {
+  const std::string settings = server().folder() + "/bounded", stream = "drix-" + name.substr(1);
+  std::ofstream(settings) << "max_bytes=4000000\n";
+  setenv("KELVODRIX_NATS", settings.c_str(), 1);
+  auto receiver = std::make_unique<Receiver>(at, false);
+  const Sender sender(at, {300, 8, 10 << 20});
+  uint32_t taken = 0;
+  const Numbers numbers(4096);  // 48 KiB
+  int32_t status = KELVODRIX_OK;
+  for (; taken < 200 && status == KELVODRIX_OK; ++taken) status = sender.send(numbers);
+  EXPECT_EQ(status, KELVODRIX_ERR_FULL);
+  const std::string asked = "$JS.API.CONSUMER.INFO." + stream + ".drix-receiver-1", word = "\"num_ack_pending\":";
+  const std::string answer = server().ask(asked);
+  EXPECT_NE(answer.find(word), answer.npos) << answer;
+  EXPECT_LT(std::stoul(answer.substr(answer.find(word) + word.size())), 64u);  // 2 MiB and what is under way
+  receiver->start();
+  EXPECT_TRUE(eventually([&] { return receiver->counters().frames == taken - 1 - 8; }));  // all but the window
+  EXPECT_EQ(sender.flush(100), Undelivered(KELVODRIX_ERR_PENDING, 8 * numbers.size()));
+  server().ask("$JS.API.STREAM.PURGE." + stream);
+  EXPECT_EQ(sender.flush(), kAllDelivered);
+  EXPECT_EQ(receiver->counters().delivered, (taken - 1) * numbers.size());
+  unsetenv("KELVODRIX_NATS");
+}
+
+TEST_F(BusClusterStream, ReceiverTakesWhatIsNewWhereTheServerHasLostWhatItHad) {
+  NatsServer own;
+  const std::string there = own.address("nats-stream://") + name, saved = own.folder() + ".saved";
+  Receiver receiver(there);
+  auto sender = std::make_unique<Sender>(there);
+  for (uint32_t i = 1; i <= 2; ++i) {
+    EXPECT_EQ(sender->send({i, i}), KELVODRIX_OK);
+    EXPECT_EQ(sender->flush(), kAllDelivered);
+    own.stop();
+    if (i == 1) std::filesystem::copy(own.folder(), saved, std::filesystem::copy_options::recursive);
+    if (i == 2) std::filesystem::remove_all(own.folder());
+    if (i == 2) std::filesystem::rename(saved, own.folder());
+    own.start();
+  }
+  sender = std::make_unique<Sender>(there);
+  EXPECT_EQ(sender->send({3}), KELVODRIX_OK);
+  EXPECT_EQ(sender->flush(), kAllDelivered);
+  receiver.stop();
+  EXPECT_EQ(receiver.numbers, (Numbers{1, 1, 2, 2, 3}));
+}
+
+TEST_F(BusClusterStream, ExitStoresWhatSendsHaveLeft) {
+  server();
+  const pid_t child = fork();
+  if (child == 0) {
+    uint32_t none = 0;
+    if (kelvodrix_open(at.c_str(), nullptr, &none) == KELVODRIX_ERR_FORKED) _exit(2);
+    const Sender sender(at);
+    for (uint32_t i = 0; i < 40; ++i)
+      if (sender.send({i}) != KELVODRIX_OK) _exit(1);
+    exit(0);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  if (WEXITSTATUS(status) == 2) GTEST_SKIP() << "another test has used a server in this process";
+  EXPECT_EQ(status, 0);
+  Receiver receiver(at);
+  EXPECT_TRUE(eventually([&] { return receiver.counters().delivered == 40; }));
+}
+
 TEST_F(BusCluster, EachErrorHasItsStatus) {
   NatsServer plain(
+      "jetstream: disabled\n"
       "authorization { users: [{user: u, password: p}, {user: d, password: p, permissions: {publish: x}}] }\n");
   const std::string folder = plain.folder() + '/', settings = folder + "settings";
   const auto make = [&](const std::string &name) {
@@ -966,13 +1202,19 @@ TEST_F(BusCluster, EachErrorHasItsStatus) {
       {"", "nats://127.0.0.1:1,no..host:4222", KELVODRIX_ERR_HOST},
       {"", "nats://u:p@127.0.0.1:1", KELVODRIX_ERR_ENDPOINT},
       {"", "nats://", KELVODRIX_ERR_ENDPOINT},
+      {user + "p\n", plain.address("nats-stream://"), KELVODRIX_ERR_STREAM},
+      {"user=d\npassword=p\n", plain.address("nats-stream://"), KELVODRIX_ERR_CREDENTIALS},
+      {"replicas=3\n", server().address("nats-stream://"), KELVODRIX_ERR_STREAM},
+      {"replicas=some\n", server().address("nats-stream://"), KELVODRIX_ERR_SETTINGS},
+      {"ca=" + folder + "other.pem\n", secure.address("tls-stream://"), KELVODRIX_ERR_CERTIFICATE},
   };
   for (const auto &[lines, servers, status] : cases) {
     std::ofstream(settings) << lines;
+    const bool stream = servers.find("-stream") != servers.npos;
     uint32_t handle = 0, number = 1;
-    kelvodrix_options options = {1000, 4, 1000};
+    kelvodrix_options options = {stream ? 3000u : 1000u, 4, 1000};
     EXPECT_EQ(create(servers + "/a.b"), KELVODRIX_ERR_ENDPOINT);
-    const int32_t created = status == KELVODRIX_OK ? status : create(servers + "/x");
+    const int32_t created = status == KELVODRIX_OK ? status : create(servers + (stream ? "/x/receiver" : "/x"));
     EXPECT_EQ(created, status) << lines << servers;
     DrixSendDescriptor one = {reinterpret_cast<uintptr_t>(&number), kId, sizeof(number)};
     const int32_t opened = kelvodrix_open((servers + "/y").c_str(), &options, &handle);
@@ -981,6 +1223,10 @@ TEST_F(BusCluster, EachErrorHasItsStatus) {
     kelvodrix_close(handle, 0, nullptr);
   }
   unsetenv("KELVODRIX_NATS");
+  for (const char *rest : {"", "/x", "/x/", "/x/y/z", "/x/y?from=never", "//y", "/x/y?from", "/x/y.z"})
+    EXPECT_EQ(create("nats-stream://127.0.0.1:1" + std::string(rest)), KELVODRIX_ERR_ENDPOINT) << rest;
+  uint32_t none = 0;
+  EXPECT_EQ(kelvodrix_open("nats-stream://127.0.0.1:1/x/y", nullptr, &none), KELVODRIX_ERR_ENDPOINT);
   // A child can use no server, and does not hang.
   const pid_t child = fork();
   if (child == 0) {

@@ -1,0 +1,541 @@
+// The sending end of a stream: keeps frames until they are stored.
+#include <algorithm>
+#include <condition_variable>
+#include <cstdlib>
+#include <deque>
+#include <list>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "../kelvodrix/frame.h"
+#include "../kelvodrix/process.h"
+#include "../kelvodrix/status.h"
+#include "../kelvodrix/window.h"
+#include "stream.h"
+
+namespace kelvodrix {
+
+namespace {
+
+using namespace std::chrono_literals;
+using std::chrono::milliseconds;
+
+constexpr milliseconds kLook(20), kNothingToDo(3600000);
+// Without an answer for so long frames are sent again, and again at intervals.
+constexpr milliseconds kPatience(1500), kResendInterval(300);
+// What a server for so long denies to have, it has lost: some say so in an election.
+constexpr milliseconds kLostForGood(10000);
+constexpr size_t kFramesAtATime = 64;
+constexpr size_t kHeadersCost = 200;  // bytes of a message besides the frame, at most
+
+class Writer;
+struct Writers {
+  std::mutex mutex;
+  std::list<std::weak_ptr<Writer>> all;
+};
+
+Writers &writers() {
+  static Writers &instance = *new Writers;
+  return instance;
+}
+
+struct Frame {
+  std::string subject, id;
+  std::vector<uint8_t> bytes;
+};
+
+struct Kept {
+  std::shared_ptr<const Frame> frame;  // shared with the thread while it sends
+  bool first_of_table, last_of_table;
+};
+
+// Everything that has to do with the server is done by a thread, which owns the writer as long as its channel is open.
+// Those who send wait for nothing but it.
+class Writer final : public Link, public std::enable_shared_from_this<Writer> {
+ public:
+  Writer(const Place &place, const kelvodrix_options &options) : place_(place), options_(options), window_(options) {
+    char text[17];
+    std::snprintf(text, sizeof(text), "%016llx", static_cast<unsigned long long>(random_number()));
+    name_ = text;
+  }
+
+  void start() {
+    const SignalsHeldBack held_back;
+    std::thread([self = shared_from_this()] { self->work(); }).detach();
+    std::lock_guard lock(writers().mutex);
+    writers().all.remove_if([](const auto &each) { return each.expired(); });
+    writers().all.push_back(weak_from_this());
+  }
+  void stop() {
+    Undelivered none;
+    settle(Deadline(), true, none);
+  }
+
+  int32_t send(std::span<const DrixSendDescriptor> messages, bool &) override {
+    const size_t limit = std::min(KELVODRIX_MAX_FRAME_BYTES, options_.window_bytes);
+    size_t frame_bytes;
+    if (const int32_t status = measure_frame(messages, limit, frame_bytes); status != KELVODRIX_OK) return status;
+    const Deadline deadline = Clock::now() + milliseconds(options_.send_timeout_ms);
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      const int32_t status = take(messages, frame_bytes);
+      const bool may_change = status == KELVODRIX_ERR_WINDOW || status == KELVODRIX_ERR_FULL ||
+                              status == KELVODRIX_ERR_SERVER || status == KELVODRIX_ERR_HOST;
+      if (!may_change) reached_ = KELVODRIX_ERR_SERVER;  // for the next one, who tries anew
+      if (!may_change || Clock::now() >= deadline) return status;
+      changed_.wait_until(lock, deadline);
+    }
+  }
+
+  void settle(Deadline until, bool close, Undelivered &total) override {
+    std::unique_lock lock(mutex_);
+    while (!closed_ && messages_ != 0 && (!fresh_ || pending()) && Clock::now() < until) {
+      asked_ = true;
+      wake();
+      changed_.wait_until(lock, until);
+    }
+    fresh_ = false;
+    if (close) {
+      closed_ = true;
+      wake();
+      changed_.notify_all();
+    }
+    total.messages += messages_ - handled_;
+    total.pending |= pending();
+  }
+
+  int32_t checkpoint() override {
+    std::lock_guard lock(mutex_);
+    if (lost_) return KELVODRIX_ERR_WRITER;
+    if (std::exchange(next_begins_table_, true)) return KELVODRIX_OK;  // nothing was sent since
+    if (kept_.empty())
+      purge_to_ = table_at_;
+    else
+      kept_.back().last_of_table = true;
+    wake();
+    return KELVODRIX_OK;
+  }
+
+  bool write_left() override { return false; }
+  void finish(Deadline start) override {
+    const Deadline deadline = start + milliseconds(options_.send_timeout_ms);
+    std::unique_lock lock(mutex_);
+    changed_.wait_until(lock, deadline, [&] { return closed_ || window_.empty(); });
+  }
+
+ private:
+  // All of these are called with the mutex locked, and those that get the lock let it go while they wait for the server.
+  using Lock = std::unique_lock<std::mutex>;
+
+  void wake() {
+    news_ = true;
+    thread_.notify_one();
+  }
+
+  bool pending() const { return !window_.empty() || purge_to_ != 0 || (stored() > handled_); }
+  uint64_t stored() const { return messages_ - window_.undelivered(); }
+
+  int32_t take(std::span<const DrixSendDescriptor> messages, size_t frame_bytes) {
+    if (closed_) return KELVODRIX_ERR_HANDLE;
+    if (lost_) return KELVODRIX_ERR_WRITER;
+    if (!begun_) {
+      wanted_ = true;
+      wake();
+      return reached_;
+    }
+    if (frame_bytes + kHeadersCost > most_bytes_) return KELVODRIX_ERR_TOO_BIG;
+    if (!window_.fits(frame_bytes)) {
+      const int32_t status = full_ ? KELVODRIX_ERR_FULL : stream_->session().status();
+      return status != KELVODRIX_OK ? status : KELVODRIX_ERR_WINDOW;
+    }
+    keep("m." + id_subject(messages), "", messages, frame_bytes);
+    next_begins_table_ = false;
+    wake();
+    return KELVODRIX_OK;
+  }
+
+  void keep(const std::string &subject, const std::string &id_end, std::span<const DrixSendDescriptor> messages,
+            size_t frame_bytes) {
+    auto frame = std::make_shared<Frame>();
+    frame->subject = place_.subject + subject;
+    frame->id = name_ + '-' + std::to_string(messages_) + id_end;
+    frame->bytes.resize(frame_bytes);
+    write_frame(messages, frame_bytes, messages_, frame->bytes.data());
+    kept_.push_back({std::move(frame), next_begins_table_ && !messages.empty(), false});
+    window_.add(static_cast<uint32_t>(messages.size()), frame_bytes);
+    messages_ += messages.size();
+  }
+
+  void keep_mark() { keep("c", "-c" + std::to_string(window_.last()), {}, kHeaderBytes); }
+
+  static Message make_message(const Frame &frame, const std::string &reply) {
+    natsMsg *created = nullptr;
+    const natsStatus status =
+        natsMsg_Create(&created, frame.subject.c_str(), reply.empty() ? nullptr : reply.c_str(),
+                       reinterpret_cast<const char *>(frame.bytes.data()), static_cast<int>(frame.bytes.size()));
+    Message message(created);
+    if (status != NATS_OK || natsMsgHeader_Set(created, "Nats-Msg-Id", frame.id.c_str()) != NATS_OK)
+      throw std::bad_alloc();
+    return message;
+  }
+
+  // The thread.
+  void work() {
+    Lock lock(mutex_);
+    while (!closed_) {
+      news_ = false;
+      guarded([&]() -> int32_t {
+        step(lock);
+        return KELVODRIX_OK;
+      });
+      if (!lock.owns_lock()) lock.lock();
+      const bool busy = wanted_ || asked_ || purge_to_ != 0 || !kept_.empty();
+      thread_.wait_for(lock, busy ? kLook : kNothingToDo, [&] { return news_ || closed_; });
+    }
+    lock.unlock();
+    answers_.reset();
+    stream_.reset();
+  }
+
+  void step(Lock &lock) {
+    const Deadline now = Clock::now();
+    if ((!begun_ || stream_->session().closed()) && !reach(lock)) return;
+    if (published_ != 0 && now - heard_ > kPatience) trouble_ = true;
+    if (in_doubt_) look(lock);
+    if (trouble_ && now >= not_before_) {  // from the first that is not stored, and that alone until it is
+      trouble_ = false;
+      alone_ = true;
+      published_ = 0;
+      ++round_;
+      not_before_ = now + kResendInterval;
+    }
+    publish(lock);
+    if (asked_ && now >= next_question_) ask(lock);
+    if (purge_to_ != 0 && now >= next_purge_) purge(lock);
+  }
+
+  // Has the writer begin, when it has not.
+  bool reach(Lock &lock) {
+    if (!(begun_ || wanted_) || Clock::now() < next_attempt_) return false;
+    wanted_ = false;
+    next_attempt_ = Clock::now() + kLook;
+    lock.unlock();
+    std::shared_ptr<Session> session;
+    answers_.reset();
+    int32_t status = forked() ? KELVODRIX_ERR_FORKED : Session::get(place_.servers, false, kConnectMs, session);
+    std::shared_ptr<Stream> stream;
+    if (status == KELVODRIX_OK) {
+      session->forget_denials();  // of other endpoints
+      stream = std::make_shared<Stream>(session, place_.stream);
+      status = stream->open();
+    }
+    uint64_t begin = 0, passed = 0;
+    if (status == KELVODRIX_OK && !begun_) {
+      status = begin_in(*stream, begin);
+      const auto note = [&](const std::string &, const jsConsumerInfo &info) {
+        passed = std::max({passed, info.Delivered.Stream, floor_of(info)});
+      };
+      if (status == KELVODRIX_OK && !visit_consumers(*stream, note)) status = KELVODRIX_ERR_SERVER;
+    }
+    if (status == KELVODRIX_OK) {
+      inbox_ = session->inbox();
+      answers_.emplace(session, inbox_ + ".>", [self = shared_from_this()](natsConnection *, const Message &message) {
+        self->take_answer(message.get());
+      });
+    }
+    lock.lock();
+    changed_.notify_all();
+    reached_ = status;
+    if (status != KELVODRIX_OK) return false;
+    stream_ = stream;
+    if (!begun_) {
+      base_ = begin_at_ = stored_at_ = begin;
+      // Where servers have lost the end of a stream, receivers have already passed these places, and would miss what
+      // comes there.
+      for (uint64_t place = begin; place < passed; ++place) keep_mark();
+    }
+    begun_ = trouble_ = true;
+    most_bytes_ = static_cast<size_t>(natsConnection_GetMaxPayload(session->nc()));
+    return true;
+  }
+
+  // Says that the frames that follow are this writer's: from then on nobody else's are stored.
+  int32_t begin_in(const Stream &stream, uint64_t &at) const {
+    Frame frame = {place_.subject + 'w', name_ + "-w", std::vector<uint8_t>(kHeaderBytes)};
+    write_frame({}, kHeaderBytes, 0, frame.bytes.data());
+    const Message message = make_message(frame, "");
+    jsPubAck *stored = nullptr;
+    jsErrCode error{};
+    const natsStatus status = js_PublishMsg(&stored, stream.js(), message.get(), nullptr, &error);
+    if (status == NATS_OK) at = stored->Sequence;
+    jsPubAck_Destroy(stored);
+    return status == NATS_NO_RESPONDERS ? KELVODRIX_ERR_SERVER  // an election
+           : is_full(error)             ? KELVODRIX_ERR_FULL
+                                        : stream.status(status, error);
+  }
+
+  static bool is_full(jsErrCode error) {
+    return error == JSStreamStoreFailedErr || error == JSStorageResourcesExceededErr ||
+           error == JSInsufficientResourcesErr || error == JSAccountResourcesExceededErr;
+  }
+
+  void publish(Lock &lock) {
+    while (!closed_ && !trouble_ && published_ < (alone_ ? std::min<size_t>(1, kept_.size()) : kept_.size())) {
+      const auto from = kept_.begin() + static_cast<ptrdiff_t>(published_);
+      const size_t count = alone_ ? 1 : std::min(kFramesAtATime, kept_.size() - published_);
+      const std::vector<Kept> frames(from, from + static_cast<ptrdiff_t>(count));
+      uint64_t index = window_.first() + published_;
+      if (published_ == 0) heard_ = Clock::now();
+      published_ += count;
+      const uint64_t base = base_;
+      lock.unlock();
+      natsStatus status = NATS_OK;
+      for (const Kept &each : frames)
+        if (status == NATS_OK) status = publish(*each.frame, index++, base);
+      lock.lock();
+      if (status != NATS_OK) trouble_ = true;
+    }
+  }
+
+  natsStatus publish(const Frame &frame, uint64_t index, uint64_t base) const {
+    const std::string before = std::to_string(base + index - 1);
+    const Message message = make_message(frame, inbox_ + '.' + std::to_string(round_) + '.' + std::to_string(index));
+    const natsStatus status = natsMsgHeader_Set(message.get(), "Nats-Expected-Last-Sequence", before.c_str());
+    return status == NATS_OK ? natsConnection_PublishMsg(stream_->session().nc(), message.get()) : status;
+  }
+
+  void take_answer(natsMsg *message) {
+    const auto bytes = bytes_of(message);
+    const std::string text(reinterpret_cast<const char *>(bytes.data()), bytes.size());
+    const auto number_after = [](const std::string &in, size_t at, size_t skip) {
+      return at != in.npos ? std::strtoull(in.c_str() + at + skip, nullptr, 10) : 0;
+    };
+    const std::string subject = natsMsg_GetSubject(message);
+    const size_t last_dot = subject.rfind('.');
+    const uint64_t index = number_after(subject, last_dot, 1);
+    const uint64_t round = number_after(subject, subject.rfind('.', last_dot - 1), 1);
+    const bool refused = natsMsg_IsNoResponders(message) || text.find("\"error\"") != text.npos;
+    const uint64_t at = number_after(text, text.find("\"seq\":"), 6),
+                   error = number_after(text, text.find("\"err_code\":"), 11);
+    std::lock_guard lock(mutex_);
+    if (index < window_.first() || index > window_.last()) return;
+    if (!refused && at == base_ + index) {
+      settle_stored(index);
+    } else if (refused && round == round_) {
+      in_doubt_ = error == JSStreamWrongLastSequenceErr && index == window_.first();
+      full_ = is_full(static_cast<jsErrCode>(error));
+      trouble_ = true;
+    }
+    wake();
+    changed_.notify_all();
+  }
+
+  void settle_stored(uint64_t last) {
+    heard_ = Clock::now();
+    alone_ = full_ = false;
+    not_before_ = doubted_ = Deadline();
+    for (; !kept_.empty() && window_.first() <= last; kept_.pop_front()) {
+      stored_at_ = base_ + window_.first();
+      window_.settle_first(true);
+      if (kept_.front().first_of_table) table_at_ = stored_at_;
+      if (kept_.front().last_of_table) purge_to_ = table_at_;
+      if (published_ != 0) --published_;
+    }
+  }
+
+  // Something else may have the place of the first frame: itself, when the answer is lost and the server has forgotten
+  // its ID; another writer; or something foreign, behind which it goes on.
+  void look(Lock &lock) {
+    const uint64_t first = window_.first(), place = base_ + first;
+    const auto frame = kept_.front().frame;
+    const auto stream = stream_;
+    lock.unlock();
+    jsErrCode error{};
+    Owned<jsStreamInfo> info;
+    natsMsg *message = nullptr;
+    const natsStatus got = js_GetMsg(&message, stream->js(), stream->name(), place, nullptr, &error);
+    const Message found(message);
+    const bool none = got == NATS_NOT_FOUND || error == JSNoMessageFoundErr;
+    const bool informed = none && stream->info(info, error) == NATS_OK;
+    lock.lock();
+    in_doubt_ = false;
+    trouble_ = true;
+    if (first != window_.first()) return;
+    not_before_ = got == NATS_OK ? Deadline() : not_before_;
+    if (got == NATS_OK && header_of(message, "Nats-Msg-Id") == frame->id) return settle_stored(first);
+    if (got == NATS_OK && natsMsg_GetSubject(message) == place_.subject + "w") return lose();
+    if (got == NATS_OK) ++base_;
+    if (!informed) return;
+    if (info->State.LastSeq >= place) return lose();  // somebody has purged that
+    if (info->State.LastSeq == place - 1) return;
+    if (doubted_ == Deadline()) doubted_ = Clock::now();
+    if (Clock::now() - doubted_ > kLostForGood) lose();
+  }
+
+  // The stream takes nothing more of this writer.
+  void lose() {
+    lost_ = true;
+    window_.lose_all();
+    kept_.clear();
+    published_ = 0;
+    trouble_ = false;
+    changed_.notify_all();
+  }
+
+  void purge(Lock &lock) {
+    jsOptions options;
+    jsOptions_Init(&options);
+    options.Wait = kCallMs;
+    options.Stream.Purge.Sequence = purge_to_;  // which stays
+    const auto stream = stream_;
+    lock.unlock();
+    const natsStatus status = js_PurgeStream(stream->js(), stream->name(), &options, nullptr);
+    lock.lock();
+    if (status != NATS_OK) {
+      next_purge_ = Clock::now() + kResendInterval;
+    } else if (purge_to_ == options.Stream.Purge.Sequence) {
+      purge_to_ = 0;
+      // The purge may have made the server forget what is acknowledged of the table, until receivers acknowledge more.
+      if (!lost_) keep_mark();
+    }
+    changed_.notify_all();
+  }
+
+  // What all receivers have handled.
+  void ask(Lock &lock) {
+    const uint64_t stored_now = stored(), last = stored_at_;
+    const auto stream = stream_;
+    asked_ = false;
+    next_question_ = Clock::now() + kLook;
+    lock.unlock();
+    uint64_t handled = stored_now;
+    const bool good = find_handled(*stream, last, handled);
+    lock.lock();
+    if (!good) return;
+    handled_ = handled;
+    fresh_ = true;
+    changed_.notify_all();
+  }
+
+  // False where not all consumers are known.
+  template <typename Visit>
+  static bool visit_consumers(const Stream &stream, Visit visit) {
+    jsConsumerNamesList *list = nullptr;
+    const natsStatus listed = js_ConsumerNames(&list, stream.js(), stream.name(), nullptr, nullptr);
+    const Owned<jsConsumerNamesList> names(list);
+    const int count = listed == NATS_OK ? names->Count : 0;
+    Owned<jsStreamInfo> all;
+    jsErrCode error{};
+    // A server that was restarted may not know of all yet.
+    if ((listed != NATS_OK && listed != NATS_NOT_FOUND) || stream.info(all, error) != NATS_OK ||
+        all->State.Consumers > count)
+      return false;
+    for (int i = 0; i < count; ++i) {
+      const std::string name = names->List[i];
+      Owned<jsConsumerInfo> info;
+      if (!name.starts_with("drix-")) continue;
+      if (stream.consumer(name, info, error) != NATS_OK) return false;
+      visit(name, *info);
+    }
+    return true;
+  }
+
+  bool find_handled(const Stream &stream, uint64_t last, uint64_t &handled) {
+    const Deadline now = Clock::now();
+    const auto note = [&](const std::string &name, const jsConsumerInfo &info) {
+      Receiver &receiver = receivers_[name.substr(0, name.size() - 1)];  // it may have two consumers for a moment
+      receiver = {std::max(receiver.seen == now ? receiver.floor : 0, floor_of(info)), now, receiver.missing};
+    };
+    if (!visit_consumers(stream, note)) return false;
+    for (auto &[name, each] : receivers_)
+      each.missing = each.seen == now ? Deadline::max() : std::min(each.missing, now);
+    std::erase_if(receivers_, [&](const auto &each) { return each.second.missing < now - kLostForGood; });
+    if (receivers_.empty()) return true;
+    uint64_t floor = last;
+    for (const auto &[name, each] : receivers_) floor = std::min(floor, each.floor);
+    // The frames tell how many messages there were before them.
+    for (uint64_t at = std::max(floor, begin_at_) + 1; at <= last; ++at) {
+      natsMsg *message = nullptr;
+      jsErrCode error{};
+      const natsStatus got = js_GetMsg(&message, stream.js(), stream.name(), at, nullptr, &error);
+      const Message frame(message);
+      if (got != NATS_OK && error != JSNoMessageFoundErr) return false;
+      const std::string_view id = got == NATS_OK ? header_of(message, "Nats-Msg-Id") : "";
+      if (!id.starts_with(name_)) continue;
+      handled = std::strtoull(id.data() + name_.size() + 1, nullptr, 10);
+      break;
+    }
+    return true;
+  }
+
+  const Place place_;
+  const kelvodrix_options options_;
+  std::string name_;
+
+  std::mutex mutex_;  // guards what follows but for what is the thread's own
+  std::condition_variable changed_;
+  Window window_;
+  std::deque<Kept> kept_;  // as many as in the window
+  size_t published_ = 0;   // of these, in this round
+  uint64_t round_ = 0;     // of sending what is not stored
+  bool alone_ = false;     // no more than one at a time: the first has to be stored
+  bool trouble_ = false;   // a round has failed
+  bool in_doubt_ = false;  // the first frame's place seems to be taken
+  bool full_ = false;      // the stream is
+  bool lost_ = false;      // another one writes
+  bool closed_ = false;
+  uint64_t base_ = 0;                   // the place of a frame is this and its number in the window
+  uint64_t begin_at_ = 0;               // the place at which it has begun
+  uint64_t stored_at_ = 0;              // the place of the last frame that is stored
+  uint64_t messages_ = 0;               // taken
+  uint64_t handled_ = 0;                // of these, by all receivers
+  bool asked_ = false, fresh_ = false;  // handled_ is wanted, and as it was after that
+  bool next_begins_table_ = true;
+  uint64_t table_at_ = 0;  // the place of the last table's first frame
+  uint64_t purge_to_ = 0;  // not 0: the place up to which the stream is to be purged
+  Deadline heard_{}, not_before_{}, doubted_{};
+  int32_t reached_ = KELVODRIX_ERR_SERVER;  // what the last attempt to begin has come to
+  bool begun_ = false, wanted_ = false;
+  size_t most_bytes_ = 0;
+  std::condition_variable thread_;
+  bool news_ = false;
+
+  // The thread's own.
+  std::shared_ptr<Stream> stream_;
+  std::string inbox_;
+  std::optional<Subscription> answers_;
+  struct Receiver {
+    uint64_t floor = 0;
+    Deadline seen{}, missing = Deadline::max();  // when it was named last, and when it was not first after that
+  };
+  std::map<std::string, Receiver> receivers_;
+  Deadline next_attempt_{}, next_question_{}, next_purge_{};
+};
+
+}  // namespace
+
+std::shared_ptr<Link> make_stream_link(const Place &place, const kelvodrix_options &options) {
+  const auto writer = std::make_shared<Writer>(place, options);
+  writer->start();
+  return {writer.get(), [writer](Link *) { writer->stop(); }};
+}
+
+void finish_streams() {
+  const Deadline start = Clock::now();
+  std::vector<std::shared_ptr<Writer>> left;
+  {
+    std::lock_guard lock(writers().mutex);
+    for (const auto &each : writers().all) left.push_back(each.lock());
+  }
+  for (const auto &each : left) {
+    if (each == nullptr) continue;
+    each->finish(start);
+    each->stop();
+  }
+}
+
+}  // namespace kelvodrix
