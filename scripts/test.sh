@@ -45,6 +45,38 @@ case " ${presets[*]} " in
     ;;
 esac
 
+# A preset's tests run while the next one builds: many wait more than they work. They are the last job and have a group of
+# their own, so that nothing of them outlives the script.
+tests=
+tested=$(mktemp)
+trap '[ -z "$tests" ] || { kill -KILL -- "-$tests" && wait "$tests"; } 2>/dev/null; rm -f "$tested"' EXIT
+
+# start_tests LOG OPTION...: of ctest.
+start_tests() {
+  set -m
+  {
+    log=$1 started=$SECONDS
+    shift
+    logged "$log" ctest "$@" -j "$((2 * $(nproc)))" --timeout 300
+    grep -E '^(.*tests passed)' "$log" | tail -n 1
+    echo "   tested in $((SECONDS - started)) s"
+  } >"$tested" 2>&1 </dev/null &
+  tests=$!
+  set +m
+}
+
+# finish_tests: of the preset before, if there is one.
+finish_tests() {
+  [ -n "$tests" ] || return 0
+  local status=0
+  wait "$tests" || status=$?
+  tests=
+  echo "== $testing: tests"
+  cat "$tested"
+  [ $status -eq 0 ] || exit 1
+  passed=$((passed + 1))
+}
+
 passed=0
 for preset in "${presets[@]}"; do
   options=()
@@ -59,22 +91,21 @@ for preset in "${presets[@]}"; do
   esac
   echo "== $preset"
   log=build/$preset.log
-  build=(--preset "$preset") tests=(--preset "$preset")
+  build=(--preset "$preset") select=(--preset "$preset")
   if [ "$preset" = ilp32 ] && [ -n "$emulator" ]; then
     # There is no ilp32-asan then: this one judges all.
-    build=("build/$preset") tests=(--test-dir "build/$preset" --output-on-failure --no-tests=error)
+    build=("build/$preset") select=(--test-dir "build/$preset" --output-on-failure --no-tests=error)
   fi
   : >"$log"
   started=$SECONDS
   logged "$log" cmake --preset "$preset" "${options[@]}"
-  logged "$log" cmake --build "${build[@]}"
-  built=$SECONDS
-  # Many tests wait more than they work.
-  logged "$log" ctest "${tests[@]}" -j "$((2 * $(nproc)))" --timeout 300
-  grep -E '^(.*tests passed)' "$log" | tail -n 1
-  echo "   built in $((built - started)) s, tested in $((SECONDS - built)) s"
-  passed=$((passed + 1))
+  logged "$log" nice cmake --build "${build[@]}"
+  echo "   built in $((SECONDS - started)) s"
+  finish_tests
+  testing=$preset
+  start_tests "$log" "${select[@]}"
 done
+finish_tests
 [ $passed -gt 0 ] || fail "no preset was tested"
 
 check_format || fail "not formatted with clang-format-14"

@@ -39,12 +39,36 @@ done
 printf '[fib6Sync.tlv]\nf0 = kind enum route=7\nf1 = set flags a=1 b=4\n' >labels
 "$quopa" dissector --labels labels -o labels.lua
 "$quopa" encode fib6Sync.tlv <<<'{"f0":7,"f1":5}' >tlv
-(head -c 60 good.pcapng; perl -e '
-  my $bytes = join("", <STDIN>);
-  my $packet = "QT\1\0" . pack("V7", hex($ARGV[0]), 1, 0, -9, 0, 1, 7) . $bytes;
-  print pack("V7", 6, 32 + length($packet), 0, 0, 1, length($packet), length($packet) + 8), $packet, pack("V", 32 + length($packet))
-' "$(jq -r 'select(.type == "fib6Sync.tlv").id' types | xargs printf %x)" <tlv) >labelled.pcapng
+# capture_of TYPE: a capture with one message, the bytes on standard input, which failed and lacks its end.
+capture_of() {
+  head -c 60 good.pcapng
+  perl -e '
+    my $bytes = join("", <STDIN>);
+    my $packet = "QT\1\0" . pack("V7", $ARGV[0], 1, 0, -9, 0, 1, 7) . $bytes;
+    print pack("V7", 6, 32 + length($packet), 0, 0, 1, length($packet), length($packet) + 8), $packet, pack("V", 32 + length($packet))
+  ' "$(jq -r "select(.type == \"$1\").id" types)"
+}
+capture_of fib6Sync.tlv <tlv >labelled.pcapng
 script=labels.lua dissect -r labelled.pcapng -V -Y 'quopa.fib6Sync.tlv.f0 == 7 && quopa.failed && quopa.cut' >shown
 for text in 'kind (f0): route (7)' 'set (f1): 5 (ab)' 'FAILED -9'; do grep -qF "$text" shown || complain "no $text: $(cat shown errors)"; done
+
+# The list says who sent what where, with labels and prefixes, and what the decoder made of it; whoever recorded it is
+# known by the notes of the same interface.
+killed=$project/examples/data/killed_receiver.pcapng
+"$quopa" dissector --labels "$project/examples/routes.labels" -o labels.lua
+perl -0777 -pe 's/(QT\x01\x01.{12})\0{4}/$1\xFF\xFF\xFF\xFF/s' "$killed" >given_up.pcapng
+"$quopa" encode fib6Sync.ipv6FwdUpdateMsg <<<'{"f1":{"f4":64,"f6":300}}' | capture_of fib6Sync.ipv6FwdUpdateMsg >cut.pcapng
+for case in "$killed|24|bus,route_receiver 22850,<- fib6Sync.ipv6FwdUpdateMsg route.destination=2001:db8:103d::/48 header.kind=route .*route.flags=UG " \
+  "$killed|7|route_sender 22851,handle 1,-> fib6Sync.ipv6FwdUpdateMsg #1/4 route.destination=2001:db8:1040::/48 " \
+  "given_up.pcapng|24|bus,route_receiver 22850,<- fib6Sync.ipv6FwdUpdateMsg DECODER FAILED route" 'good.pcapng|1|?,handle 1,-> ' \
+  'cut.pcapng|1|?,handle 1,-> fib6Sync.ipv6FwdUpdateMsg FAILED -9 CUT route.prefix_length=64 route.repetition=300$'; do
+  IFS='|' read -r file number wanted <<<"$case"
+  script=labels.lua dissect -r "$file" -Y "frame.number == $number" -T fields -E separator=, -e _ws.col.Source -e _ws.col.Destination -e _ws.col.Info >shown
+  grep -q "^$wanted" shown || complain "packet $number of $file: $(cat shown errors)"
+done
+[ "$(dissect -r given_up.pcapng -Y 'quopa.failed && quopa.kind == 1' | wc -l)" -eq 1 ] || complain 'what the decoder gave up is not marked'
+# Nobody looks at the tree here, and what is rejected is marked all the same.
+dissect -r spoiled.pcapng -Y _ws.expert >shown
+[ "$(wc -l <shown)" -eq "$(dissect -r spoiled.pcapng -Y quopa.rejected.at | wc -l)" ] && [ -s shown ] || complain 'rejections are not marked'
 
 exit $((failures > 0))
