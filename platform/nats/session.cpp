@@ -141,7 +141,7 @@ int32_t parse_place(const char *endpoint, bool receives, Place &place) {
   const auto bad = [](std::string_view text) {
     return text.empty() || text.size() > 200 || std::any_of(text.begin(), text.end(), [](unsigned char c) {
              return c <= ' ' || c >= 0x7F ||
-                    std::string_view("./\\*>").find(static_cast<char>(c)) != std::string_view::npos;
+                    std::string_view("./\\*?>").find(static_cast<char>(c)) != std::string_view::npos;
            });
   };
   // Passwords are not for endpoints, which others may see.

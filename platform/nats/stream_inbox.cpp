@@ -121,6 +121,7 @@ class StreamInbox final : public ServerInbox {
     created_ = stream->Created;
     received_ = 0;
     owed_ = 0;
+    reply_.clear();
     missing_ = false;
     heard_ = Clock::now();
     return KELVODRIX_OK;
@@ -168,6 +169,8 @@ class StreamInbox final : public ServerInbox {
     const std::string_view last = header_of(message, "Nats-Last-Consumer");
     std::from_chars(last.data(), last.data() + last.size(), sent);
     missing_ = sent > received_;
+    // The last acknowledgement may have gone with a server or a connection.
+    if (!reply_.empty()) owed_ = std::max<uint64_t>(owed_, 1);
   }
 
   void acknowledge() override {

@@ -84,8 +84,8 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     for (;;) {
       const int32_t status = take(messages, frame_bytes);
       const bool may_change = status == KELVODRIX_ERR_WINDOW || status == KELVODRIX_ERR_FULL ||
-                              status == KELVODRIX_ERR_SERVER || status == KELVODRIX_ERR_HOST ||
-                              status == KELVODRIX_ERR_STREAM;
+                              status == KELVODRIX_ERR_SERVER || status == KELVODRIX_ERR_HOST;
+      if (!may_change) reached_ = KELVODRIX_ERR_SERVER;  // for the next one, who tries anew
       if (!may_change || Clock::now() >= deadline) return status;
       changed_.wait_until(lock, deadline);
     }
@@ -145,7 +145,7 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     if (!begun_) {
       wanted_ = true;
       wake();
-      return std::exchange(reached_, KELVODRIX_ERR_SERVER);
+      return reached_;
     }
     if (frame_bytes + kHeadersCost > most_bytes_) return KELVODRIX_ERR_TOO_BIG;
     if (!window_.fits(frame_bytes)) {
@@ -158,7 +158,7 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     return KELVODRIX_OK;
   }
 
-  void keep(const std::string &subject, const char *id_end, std::span<const DrixSendDescriptor> messages,
+  void keep(const std::string &subject, const std::string &id_end, std::span<const DrixSendDescriptor> messages,
             size_t frame_bytes) {
     auto frame = std::make_shared<Frame>();
     frame->subject = place_.subject + subject;
@@ -387,7 +387,7 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     } else if (purge_to_ == options.Stream.Purge.Sequence) {
       purge_to_ = 0;
       // The purge may have made the server forget what is acknowledged of the table, until receivers acknowledge more.
-      if (!lost_) keep("c", "-c", {}, kHeaderBytes);
+      if (!lost_) keep("c", "-c" + std::to_string(window_.last()), {}, kHeaderBytes);
     }
     changed_.notify_all();
   }

@@ -684,7 +684,7 @@ TEST(Bus, RefusesEndpointsThatCannotServe) {
       {KELVODRIX_ERR_FOLDER, {"name"}},
       {KELVODRIX_ERR_ENDPOINT, {"ipc://", "inproc://", "", "pgm://x", "tcp://127.0.0.1:1234"}},
 #ifndef WITH_NATS
-      {KELVODRIX_ERR_TRANSPORT, {"nats://127.0.0.1:1/x", "tls://127.0.0.1:1/x"}},
+      {KELVODRIX_ERR_TRANSPORT, {"nats://127.0.0.1:1/x", "tls-stream://127.0.0.1:1/x"}},
 #endif
   };
   for (const auto &[status, endpoints] : cases)
@@ -1024,7 +1024,11 @@ TEST_F(BusClusterStream, KeepsATableForWhoComesLateAndCountsWhatReceiversHaveNot
   first.reset();
   EXPECT_EQ(sender.flush(50), Undelivered(KELVODRIX_ERR_PENDING, 6));
   first = std::make_unique<Receiver>(at + "/first", false);
-  first->on_number = [&](uint32_t number) { number == 5 ? kelvodrix_stop(first->receiver) : void(); };
+  first->on_number = [&](uint32_t number) {
+    if (number != 5) return;
+    EXPECT_GE(sender.flush(100).second, 4u);
+    kelvodrix_stop(first->receiver);
+  };
   EXPECT_EQ(kelvodrix_run(first->receiver), KELVODRIX_OK);
   EXPECT_TRUE(eventually([&] { return sender.flush(50) == Undelivered(KELVODRIX_ERR_PENDING, 2); }));
   first->start();
@@ -1084,22 +1088,87 @@ TEST_F(BusClusterStream, LosesNothingAndHandlesNothingTwiceWhateverConnectionsSw
   };
   send(100);
   EXPECT_EQ(sender.flush(), kAllDelivered);
-  for (Proxy::Way way : {Proxy::kToServer, Proxy::kFromServer}) {
-    std::thread sending([&] { send(150); });
-    // When answers and frames to the receiver are lost, the server has the frames.
-    proxy.swallow(way, [&] { return way == Proxy::kToServer || near.counters().delivered == sent; });
-    sending.join();
-    send(50);
-    EXPECT_EQ(sender.flush(), kAllDelivered);
-  }
+  for (Proxy::Way way : {Proxy::kToServer, Proxy::kFromServer})
+    for (uint32_t more : {50u, 0u}) {
+      std::thread sending([&] { send(150); });
+      // When answers and frames to the receiver are lost, the server has the frames.
+      proxy.swallow(way, [&] { return way == Proxy::kToServer || near.counters().delivered == sent; });
+      sending.join();
+      send(more);
+      EXPECT_EQ(sender.flush(), kAllDelivered);
+    }
   near.stop();
   far.stop();
   EXPECT_EQ(near.numbers, range(0, sent));
   EXPECT_EQ(far.numbers, range(0, sent));
 }
 
+TEST_F(BusClusterStream, IsBoundedAtEitherEnd) {
+  const std::string settings = server().folder() + "/bounded", stream = "drix-" + name.substr(1);
+  std::ofstream(settings) << "max_bytes=4000000\n";
+  setenv("KELVODRIX_NATS", settings.c_str(), 1);
+  auto receiver = std::make_unique<Receiver>(at, false);
+  const Sender sender(at, {300, 8, 10 << 20});
+  uint32_t taken = 0;
+  const Numbers numbers(4096);  // 48 KiB
+  int32_t status = KELVODRIX_OK;
+  for (; taken < 200 && status == KELVODRIX_OK; ++taken) status = sender.send(numbers);
+  EXPECT_EQ(status, KELVODRIX_ERR_FULL);
+  const std::string asked = "$JS.API.CONSUMER.INFO." + stream + ".drix-receiver-1", word = "\"num_ack_pending\":";
+  const std::string answer = server().ask(asked);
+  EXPECT_NE(answer.find(word), answer.npos) << answer;
+  EXPECT_LT(std::stoul(answer.substr(answer.find(word) + word.size())), 64u);  // 2 MiB and what is under way
+  receiver->start();
+  EXPECT_EQ(sender.flush(500).first, KELVODRIX_ERR_PENDING);
+  server().ask("$JS.API.STREAM.PURGE." + stream);
+  EXPECT_EQ(sender.flush(), kAllDelivered);
+  EXPECT_EQ(receiver->counters().delivered, (taken - 1) * numbers.size());
+  unsetenv("KELVODRIX_NATS");
+}
+
+TEST_F(BusClusterStream, ReceiverTakesWhatIsNewWhereTheServerHasLostWhatItHad) {
+  NatsServer own;
+  const std::string there = own.address("nats-stream://") + name, saved = own.folder() + ".saved";
+  Receiver receiver(there);
+  auto sender = std::make_unique<Sender>(there);
+  for (uint32_t i = 1; i <= 2; ++i) {
+    EXPECT_EQ(sender->send({i, i}), KELVODRIX_OK);
+    EXPECT_EQ(sender->flush(), kAllDelivered);
+    own.stop();
+    if (i == 1) std::filesystem::copy(own.folder(), saved, std::filesystem::copy_options::recursive);
+    if (i == 2) std::filesystem::remove_all(own.folder());
+    if (i == 2) std::filesystem::rename(saved, own.folder());
+    own.start();
+  }
+  sender = std::make_unique<Sender>(there);
+  EXPECT_EQ(sender->send({3}), KELVODRIX_OK);
+  EXPECT_EQ(sender->flush(), kAllDelivered);
+  receiver.stop();
+  EXPECT_EQ(receiver.numbers, (Numbers{1, 1, 2, 2, 3}));
+}
+
+TEST_F(BusClusterStream, ExitStoresWhatSendsHaveLeft) {
+  server();
+  const pid_t child = fork();
+  if (child == 0) {
+    uint32_t none = 0;
+    if (kelvodrix_open(at.c_str(), nullptr, &none) == KELVODRIX_ERR_FORKED) _exit(2);
+    const Sender sender(at);
+    for (uint32_t i = 0; i < 40; ++i)
+      if (sender.send({i}) != KELVODRIX_OK) _exit(1);
+    exit(0);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  if (WEXITSTATUS(status) == 2) GTEST_SKIP() << "another test has used a server in this process";
+  EXPECT_EQ(status, 0);
+  Receiver receiver(at);
+  EXPECT_TRUE(eventually([&] { return receiver.counters().delivered == 40; }));
+}
+
 TEST_F(BusCluster, EachErrorHasItsStatus) {
   NatsServer plain(
+      "jetstream: disabled\n"
       "authorization { users: [{user: u, password: p}, {user: d, password: p, permissions: {publish: x}}] }\n");
   const std::string folder = plain.folder() + '/', settings = folder + "settings";
   const auto make = [&](const std::string &name) {
@@ -1131,13 +1200,19 @@ TEST_F(BusCluster, EachErrorHasItsStatus) {
       {"", "nats://127.0.0.1:1,no..host:4222", KELVODRIX_ERR_HOST},
       {"", "nats://u:p@127.0.0.1:1", KELVODRIX_ERR_ENDPOINT},
       {"", "nats://", KELVODRIX_ERR_ENDPOINT},
+      {user + "p\n", plain.address("nats-stream://"), KELVODRIX_ERR_STREAM},
+      {"user=d\npassword=p\n", plain.address("nats-stream://"), KELVODRIX_ERR_CREDENTIALS},
+      {"replicas=3\n", server().address("nats-stream://"), KELVODRIX_ERR_STREAM},
+      {"replicas=some\n", server().address("nats-stream://"), KELVODRIX_ERR_SETTINGS},
+      {"ca=" + folder + "other.pem\n", secure.address("tls-stream://"), KELVODRIX_ERR_CERTIFICATE},
   };
   for (const auto &[lines, servers, status] : cases) {
     std::ofstream(settings) << lines;
+    const bool stream = servers.find("-stream") != servers.npos;
     uint32_t handle = 0, number = 1;
-    kelvodrix_options options = {1000, 4, 1000};
+    kelvodrix_options options = {stream ? 3000u : 1000u, 4, 1000};
     EXPECT_EQ(create(servers + "/a.b"), KELVODRIX_ERR_ENDPOINT);
-    const int32_t created = status == KELVODRIX_OK ? status : create(servers + "/x");
+    const int32_t created = status == KELVODRIX_OK ? status : create(servers + (stream ? "/x/receiver" : "/x"));
     EXPECT_EQ(created, status) << lines << servers;
     DrixSendDescriptor one = {reinterpret_cast<uintptr_t>(&number), kId, sizeof(number)};
     const int32_t opened = kelvodrix_open((servers + "/y").c_str(), &options, &handle);
@@ -1146,6 +1221,10 @@ TEST_F(BusCluster, EachErrorHasItsStatus) {
     kelvodrix_close(handle, 0, nullptr);
   }
   unsetenv("KELVODRIX_NATS");
+  for (const char *rest : {"", "/x", "/x/", "/x/y/z", "/x/y?from=never", "//y", "/x/y?from", "/x/y.z"})
+    EXPECT_EQ(create("nats-stream://127.0.0.1:1" + std::string(rest)), KELVODRIX_ERR_ENDPOINT) << rest;
+  uint32_t none = 0;
+  EXPECT_EQ(kelvodrix_open("nats-stream://127.0.0.1:1/x/y", nullptr, &none), KELVODRIX_ERR_ENDPOINT);
   // A child can use no server, and does not hang.
   const pid_t child = fork();
   if (child == 0) {

@@ -65,6 +65,7 @@ struct Account {
   std::atomic<uint32_t> frames, wrong;
   std::atomic<uint32_t> second_sender;  // its first frame
   std::atomic<uint64_t> undelivered;    // as the last sender says
+  std::atomic<bool> receives;           // somebody does
   std::atomic<bool> done;               // the senders have sent enough
   std::atomic<uint32_t> goes_on;        // the first frame after the event
   std::atomic<uint32_t> handled_after, handled_before;
@@ -117,8 +118,11 @@ int receive(const std::string &at) {
   expect(created == KELVODRIX_OK, kelvodrix_strerror(created));
   if (created != KELVODRIX_OK) return 1;
   kelvodrix_subscribe(receiver, kId, handle, nullptr);
+  account->receives = true;
   signal(SIGTERM, [](int) { kelvodrix_stop(receiver); });
-  return kelvodrix_run(receiver) != KELVODRIX_OK || kelvodrix_receiver_destroy(receiver) != KELVODRIX_OK;
+  const int32_t ran = kelvodrix_run(receiver);
+  expect(ran == KELVODRIX_OK, kelvodrix_strerror(ran));
+  return ran != KELVODRIX_OK || kelvodrix_receiver_destroy(receiver) != KELVODRIX_OK;
 }
 
 int send(const std::string &at, const Round &round) {
@@ -251,7 +255,7 @@ NatsServers make_servers(uint32_t count) {
   std::vector<std::string> ports;
   std::string routes;
   for (uint32_t i = 0; i < count; ++i) ports.push_back(NatsServer::free_port());
-  for (const std::string &port : ports) routes += "nats://127.0.0.1:" + port + ' ';
+  for (const std::string &port : ports) routes += "nats://127.0.0.1:" + port + ',';
   for (uint32_t i = 0; i < count; ++i) {
     // One that stands still is given up soon.
     std::string lines = "ping_interval: \"1s\"\nping_max: 1\nserver_name: s" + std::to_string(i) + '\n';
@@ -274,7 +278,9 @@ void run(const Round &round, const std::string &at, NatsServers &servers, Totals
   in_stream = round.stream;
   const auto receiving = [&] { return receive(in_stream ? at + "/receiver" : at); };
   const auto sending = [&] { return send(at, round); };
-  pid_t to = start(receiving), from = start(sending);
+  pid_t to = start(receiving);
+  while (in_stream && !account->receives && account->wrong == 0) usleep(1000);  // or the sender need not wait for it
+  pid_t from = start(sending);
   for (uint32_t ms = 0; in_stream && account->handled_before == 0 && ms < kLong; ++ms) usleep(1000);
   usleep(round.delay_us);
   const auto begin = std::chrono::steady_clock::now();
@@ -345,7 +351,7 @@ int main(int argc, char **argv) {
   } parts[] = {{"--kills", 0, false, {kSenderDies, kReceiverDies}},
                {"--nats-kills", 1, false, {kSenderDies, kReceiverDies, kServerDies}},
                {"--nats-pauses", 1, false, {kReceiverPauses}},
-               {"--stream-kills", 1, true, {kSenderDies, kReceiverDies, kServerDies}},
+               {"--stream-kills", 1, true, {kSenderDies, kReceiverDies, kReceiverDies, kServerDies}},
                {"--stream-pauses", 1, true, {kReceiverPauses}},
                {"--leader-kills", 3, true, {kLeaderDies}}};
   for (const auto &part : parts) {

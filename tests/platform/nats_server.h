@@ -54,7 +54,7 @@ class NatsServer {
       execlp("nats-server", "nats-server", "-c", (folder_ + "/conf").c_str(), nullptr);
       _exit(127);
     }
-    for (int fd = -1; fd < 0; usleep(2000))
+    for (int fd = -1; fd < 0 && waitpid(pid_, nullptr, WNOHANG) == 0; usleep(2000))
       if ((fd = connected()) >= 0) close(fd);
   }
   void stop() {
