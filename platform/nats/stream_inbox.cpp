@@ -17,7 +17,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::chrono::seconds kHeartbeat(1), kSilence(3);
+constexpr std::chrono::milliseconds kHeartbeat(1000), kSilence(3000);
 constexpr std::chrono::milliseconds kLookAgain(100);
 constexpr int kLooks = 15;  // until one who receives under the name must be alive
 constexpr int64_t kMostUnderWay = 4096;
@@ -133,9 +133,11 @@ class StreamInbox final : public ServerInbox {
     const bool silent = Clock::now() - heard_ > kSilence;
     look_ms_ = missing_ || silent ? 100 : 1000;
     if ((!missing_ && !silent) || !session_->connected() || Clock::now() < next_attempt_) return KELVODRIX_OK;
-    next_attempt_ = Clock::now() + kLookAgain;
     const int32_t status = consume();
-    return status == KELVODRIX_ERR_IN_USE ? status : KELVODRIX_OK;
+    if (status != KELVODRIX_ERR_IN_USE) in_use_ = 0;
+    next_attempt_ = Clock::now() + (in_use_ == 0 ? kLookAgain : kHeartbeat);
+    // In an election a server may take for alive who is gone.
+    return status == KELVODRIX_ERR_IN_USE && ++in_use_ > kLooks ? status : KELVODRIX_OK;
   }
 
   void handle(Loop &loop, const Message &message) override {
@@ -191,6 +193,7 @@ class StreamInbox final : public ServerInbox {
   uint64_t owed_ = 0;      // frames handled and not acknowledged
   std::string reply_;      // what acknowledges them
   bool missing_ = false;   // frames were lost on the way
+  int in_use_ = 0;         // how often somebody else was there
   Deadline heard_{}, next_attempt_{};
 };
 
