@@ -17,7 +17,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::chrono::milliseconds kHeartbeat(1000), kSilence(3000);
+constexpr std::chrono::milliseconds kHeartbeat(1000), kSilence(3000), kLongestElection(10000);
 constexpr std::chrono::milliseconds kLookAgain(100);
 constexpr int kLooks = 15;  // until one who receives under the name must be alive
 constexpr int64_t kMostUnderWay = 4096;
@@ -151,6 +151,9 @@ class StreamInbox final : public ServerInbox {
     received_ = delivery.number;
     // Twice, unless the server has lost what it once had, and has given its place to something new.
     if (delivery.place <= handled_ && delivery.time <= newest_) return;
+    // A server that has not caught up with the others leaves out what it lacks, and counts on.
+    missing_ = delivery.place > handled_ + 1 && holds_between(handled_, delivery.place);
+    if (missing_) return;
     const auto frame = bytes_of(message.get());
     if (good_frame(loop, frame, message) && load<uint32_t>(&frame[16]) != 0) {
       missing_ = true;  // if the subscriber ends the thread: then the frame comes again
@@ -161,6 +164,21 @@ class StreamInbox final : public ServerInbox {
     newest_ = std::max(newest_, delivery.time);
     reply_ = reply;
     if (++owed_ >= kMostOwed) acknowledge();
+  }
+
+  // Whether the stream has, or may have, anything between these places. What was purged it has not.
+  bool holds_between(uint64_t before, uint64_t behind) const {
+    jsErrCode error{};
+    Owned<jsStreamInfo> info;
+    if (stream_->info(info, error) != NATS_OK) return true;
+    for (uint64_t at = std::max(before + 1, info->State.FirstSeq); at < behind; ++at) {
+      natsMsg *found = nullptr;
+      error = {};
+      const natsStatus got = js_GetMsg(&found, stream_->js(), stream_->name(), at, nullptr, &error);
+      const Message message(found);
+      if (got != NATS_NOT_FOUND && error != JSNoMessageFoundErr) return true;
+    }
+    return false;
   }
 
   void control(natsMsg *message, const char *reply) {
@@ -177,6 +195,18 @@ class StreamInbox final : public ServerInbox {
 
   void acknowledge() override {
     if (owed_ != 0 && natsConnection_PublishString(session_->nc(), reply_.c_str(), "+ACK") == NATS_OK) owed_ = 0;
+  }
+
+  // Until the server has noted the last acknowledgement: nobody repeats it. There may be an election.
+  void finish() override {
+    const Deadline start = Clock::now();
+    natsStatus status = reply_.empty() ? NATS_OK : NATS_TIMEOUT;
+    while (status != NATS_OK && Clock::now() - start < (session_->connected() ? kLongestElection : kSilence)) {
+      natsMsg *noted = nullptr;
+      status = natsConnection_RequestString(&noted, session_->nc(), reply_.c_str(), "+ACK", kLookAgain.count());
+      natsMsg_Destroy(noted);
+      if (status != NATS_OK && status != NATS_TIMEOUT) std::this_thread::sleep_for(kLookAgain);
+    }
   }
 
   const Place place_;
