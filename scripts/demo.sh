@@ -6,10 +6,15 @@
 #
 # Usage: scripts/demo.sh [--sample | --file FILE] [--quiet] [--binaries DIR] [OPTION OF route_sender]...
 #        scripts/demo.sh --soak SECONDS [--binaries DIR] [OPTION OF soak_sender]...
+#        scripts/demo.sh --cluster [N] [--loss PERCENT] [--sample | --file FILE] [--binaries DIR]
+#                        [OPTION OF route_sender]...
 #   --sample        send the sample's routes anyway
 #   --file FILE     send the routes of a file in the format of /proc/net/ipv6_route
 #   --quiet         print the summary only, as --soak always does
 #   --soak SECONDS  send random records of all message types for so long
+#   --cluster [N]   send the routes to N receivers (default: 3) through a stream of three NATS servers, with TLS and
+#                   passwords, and kill and start again one receiver and the server that leads the stream meanwhile
+#   --loss PERCENT  have packets lost between the servers, which stand in network namespaces then; as root
 #   --binaries DIR  use the programs in DIR instead of installing packages and building
 # Options of both senders: --batch N (routes only), --repeat N (routes only), --seed N (soak only), --timeout SECONDS
 # For example: scripts/demo.sh --repeat 100000
@@ -26,16 +31,19 @@ receiver_options=()
 sender_options=()
 needs_soak=
 needs_routes=
+quiet=
+cluster=
+loss=
 
 # in_start PATH: the path as meant in the folder where the script was started.
 in_start() { case $1 in /*) echo "$1" ;; *) echo "$start/$1" ;; esac; }
 
 while [ $# -gt 0 ]; do
   case $1 in
-    --file | --soak | --binaries | --batch | --repeat | --seed | --timeout)
+    --file | --soak | --loss | --binaries | --batch | --repeat | --seed | --timeout)
       [ $# -gt 1 ] || wrong_usage "$1 needs a value"
       ;;&
-    --soak | --batch | --repeat | --seed | --timeout)
+    --soak | --loss | --batch | --repeat | --seed | --timeout)
       [[ $2 =~ ^[0-9]+$ ]] || wrong_usage "$1 needs a number, not $2"
       ;;&
     --sample | --file | --quiet | --batch | --repeat) needs_routes=$1 ;;&
@@ -46,14 +54,22 @@ while [ $# -gt 0 ]; do
       ;;
     --sample) chosen=examples/data/ipv6_route.sample ;;
     --file) chosen=$(in_start "$2") && shift ;;
-    --quiet) receiver_options+=(--quiet) ;;
+    --quiet) quiet=--quiet receiver_options+=(--quiet) ;;
     --soak) soak=$2 && shift ;;
+    --cluster)
+      cluster=3
+      if [[ ${2:-} =~ ^[0-9]+$ ]]; then cluster=$2 && shift; fi
+      [ "$cluster" -gt 0 ] || wrong_usage "--cluster needs a receiver"
+      ;;
+    --loss) loss=$2 && shift ;;
     --binaries) binaries=$(in_start "$2") && shift ;;
     --batch | --repeat | --seed | --timeout) sender_options+=("$1" "$2") && shift ;;
     *) wrong_usage "unknown option $1" ;;
   esac
   shift
 done
+[ -z "$loss" ] || [ -n "$cluster" ] || wrong_usage "--loss is for --cluster"
+[ -z "$cluster" ] || [ -z "$soak$quiet" ] || wrong_usage "${quiet:---soak} is not for --cluster"
 if [ -n "$soak" ]; then
   [ -z "$needs_routes" ] || wrong_usage "$needs_routes is for routes, --soak sends random records"
   programs=soak folder=tools/soak records=record
@@ -73,7 +89,7 @@ fi
 if [ -z "$binaries" ]; then
   # shellcheck source=scripts/lib/packages.sh
   . scripts/lib/packages.sh
-  require_packages "${BUILD_PACKAGES[@]}"
+  require_packages "${BUILD_PACKAGES[@]}" ${cluster:+nats-server libnats-dev openssl} ${loss:+iproute2 nftables}
   log=build/demo.log
   mkdir -p build
   : >"$log"
@@ -86,6 +102,7 @@ fi
 for program in "${programs}_receiver" "${programs}_sender"; do
   [ -x "$binaries/$program" ] || fail "$binaries has no $program"
 done
+if [ -n "$cluster" ]; then exec scripts/lib/cluster.sh "$binaries" "$cluster" "$loss" "${sender_options[@]}"; fi
 
 work=$(mktemp -d)
 clean_up() {

@@ -8,6 +8,7 @@ declare -A process           # by name
 
 # start NAME COMMAND...: in the background, with all its output in a file of that name.
 start() {
+  : >>"$work/$1" # there for who looks into it at once
   "${@:2}" >>"$work/$1" 2>&1 &
   process[$1]=$!
 }
