@@ -95,8 +95,14 @@ class StreamInbox final : public ServerInbox {
     else if (created_ != stream->Created)  // at the start, or of a stream in the place of another one
       handled_ = created_ == 0 && place_.from == "now" ? last : before;
 
+    // Where servers have lost the end of the stream, something new may stand at places that are handled.
+    for (int64_t time = INT64_MAX; newest_ != 0 && handled_ > before && handled_ <= last; --handled_) {
+      if (const int32_t got = find_time(handled_, time); got != KELVODRIX_OK) return got;
+      if (time <= static_cast<int64_t>(newest_)) break;
+    }
+
     // The new one is there before the old one goes, so that there is always one that knows.
-    const size_t old = floors[1].value_or(0) > floors[0].value_or(0) ? 1 : 0, next = 1 - old;
+    const size_t old = floors[1] > floors[0] ? 1 : 0, next = 1 - old;  // none is less than any
     if (floors[next]) js_DeleteConsumer(stream_->js(), stream_->name(), consumer(next).c_str(), nullptr, nullptr);
     const std::string subject = inbox_ + '.' + std::to_string(++times_);
     queue_ = std::make_shared<Queue>();
@@ -108,7 +114,7 @@ class StreamInbox final : public ServerInbox {
     config.Durable = name.c_str();
     config.DeliverSubject = subject.c_str();
     config.DeliverPolicy = js_DeliverByStartSequence;
-    config.OptStartSeq = handled_ + 1;
+    config.OptStartSeq = std::min(handled_, last) + 1;  // less, if the server has lost what it had
     config.AckPolicy = js_AckAll;
     config.AckWait = std::chrono::nanoseconds(kNever).count();
     config.MaxAckPending = kMostUnderWay;
@@ -149,11 +155,11 @@ class StreamInbox final : public ServerInbox {
     missing_ = delivery.number != received_ + 1;
     if (missing_) return;
     received_ = delivery.number;
-    // Twice, unless the server has lost what it once had, and has given its place to something new.
-    if (delivery.place <= handled_ && delivery.time <= newest_) return;
-    // A server that has not caught up with the others leaves out what it lacks, and counts on.
+    // A server that has not caught up with the others passes over what it lacks, and counts on.
     missing_ = delivery.place > handled_ + 1 && holds_between(handled_, delivery.place);
     if (missing_) return;
+    // Twice, unless the server has lost what it once had, and has given its place to something new.
+    if (delivery.place <= handled_ && delivery.time <= newest_) return;
     const auto frame = bytes_of(message.get());
     if (good_frame(loop, frame, message) && load<uint32_t>(&frame[16]) != 0) {
       missing_ = true;  // if the subscriber ends the thread: then the frame comes again
@@ -172,25 +178,32 @@ class StreamInbox final : public ServerInbox {
     Owned<jsStreamInfo> info;
     if (stream_->info(info, error) != NATS_OK) return true;
     for (uint64_t at = std::max(before + 1, info->State.FirstSeq); at < behind; ++at) {
-      natsMsg *found = nullptr;
-      error = {};
-      const natsStatus got = js_GetMsg(&found, stream_->js(), stream_->name(), at, nullptr, &error);
-      const Message message(found);
-      if (got != NATS_NOT_FOUND && error != JSNoMessageFoundErr) return true;
+      int64_t time = 0;
+      if (find_time(at, time) != KELVODRIX_OK || time != 0) return true;
     }
     return false;
+  }
+
+  // When the message there was stored; 0 where there is none.
+  int32_t find_time(uint64_t place, int64_t &time) const {
+    natsMsg *message = nullptr;
+    jsErrCode error{};
+    const natsStatus got = js_GetMsg(&message, stream_->js(), stream_->name(), place, nullptr, &error);
+    const bool none = got == NATS_NOT_FOUND || error == JSNoMessageFoundErr;
+    time = got == NATS_OK ? natsMsg_GetTime(message) : 0;
+    natsMsg_Destroy(message);
+    return none ? KELVODRIX_OK : stream_->status(got, error);
   }
 
   void control(natsMsg *message, const char *reply) {
     // The server waits until what came before this is handled.
     const std::string stalled(reply != nullptr ? reply : header_of(message, "Nats-Consumer-Stalled"));
     if (!stalled.empty()) natsConnection_Publish(session_->nc(), stalled.c_str(), nullptr, 0);
-    uint64_t sent = 0;
     const std::string_view last = header_of(message, "Nats-Last-Consumer");
-    std::from_chars(last.data(), last.data() + last.size(), sent);
-    missing_ = sent > received_;
+    if (last.empty()) return;
+    missing_ = last != std::to_string(received_);
     // The last acknowledgement may have gone with a server or a connection.
-    if (!reply_.empty()) owed_ = std::max<uint64_t>(owed_, 1);
+    if (!missing_ && !reply_.empty()) owed_ = std::max<uint64_t>(owed_, 1);
   }
 
   void acknowledge() override {

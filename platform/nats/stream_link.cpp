@@ -27,7 +27,7 @@ using std::chrono::milliseconds;
 constexpr milliseconds kLook(20), kNothingToDo(3600000);
 // Without an answer for so long frames are sent again, and again at intervals.
 constexpr milliseconds kPatience(1500), kResendInterval(300);
-// A stream that for so long has less than it once said to have stored has lost it.
+// What a server for so long denies to have, it has lost: some say so in an election.
 constexpr milliseconds kLostForGood(10000);
 constexpr size_t kFramesAtATime = 64;
 constexpr size_t kHeadersCost = 200;  // bytes of a message besides the frame, at most
@@ -170,6 +170,8 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     messages_ += messages.size();
   }
 
+  void keep_mark() { keep("c", "-c" + std::to_string(window_.last()), {}, kHeaderBytes); }
+
   static Message make_message(const Frame &frame, const std::string &reply) {
     natsMsg *created = nullptr;
     const natsStatus status =
@@ -231,8 +233,14 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
       stream = std::make_shared<Stream>(session, place_.stream);
       status = stream->open();
     }
-    uint64_t begin = 0;
-    if (status == KELVODRIX_OK && !begun_) status = begin_in(*stream, begin);
+    uint64_t begin = 0, passed = 0;
+    if (status == KELVODRIX_OK && !begun_) {
+      status = begin_in(*stream, begin);
+      const auto note = [&](const std::string &, const jsConsumerInfo &info) {
+        passed = std::max({passed, info.Delivered.Stream, floor_of(info)});
+      };
+      if (status == KELVODRIX_OK && !visit_consumers(*stream, note)) status = KELVODRIX_ERR_SERVER;
+    }
     if (status == KELVODRIX_OK) {
       inbox_ = session->inbox();
       answers_.emplace(session, inbox_ + ".>", [self = shared_from_this()](natsConnection *, const Message &message) {
@@ -244,7 +252,12 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     reached_ = status;
     if (status != KELVODRIX_OK) return false;
     stream_ = stream;
-    if (!begun_) base_ = begin_at_ = stored_at_ = begin;
+    if (!begun_) {
+      base_ = begin_at_ = stored_at_ = begin;
+      // Where servers have lost the end of a stream, receivers have already passed these places, and would miss what
+      // comes there.
+      for (uint64_t place = begin; place < passed; ++place) keep_mark();
+    }
     begun_ = trouble_ = true;
     most_bytes_ = static_cast<size_t>(natsConnection_GetMaxPayload(session->nc()));
     return true;
@@ -387,7 +400,7 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     } else if (purge_to_ == options.Stream.Purge.Sequence) {
       purge_to_ = 0;
       // The purge may have made the server forget what is acknowledged of the table, until receivers acknowledge more.
-      if (!lost_) keep("c", "-c" + std::to_string(window_.last()), {}, kHeaderBytes);
+      if (!lost_) keep_mark();
     }
     changed_.notify_all();
   }
@@ -408,25 +421,40 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     changed_.notify_all();
   }
 
-  bool find_handled(const Stream &stream, uint64_t last, uint64_t &handled) const {
+  // False where not all consumers are known.
+  template <typename Visit>
+  static bool visit_consumers(const Stream &stream, Visit visit) {
     jsConsumerNamesList *list = nullptr;
     const natsStatus listed = js_ConsumerNames(&list, stream.js(), stream.name(), nullptr, nullptr);
     const Owned<jsConsumerNamesList> names(list);
-    if (listed == NATS_NOT_FOUND) return true;
-    if (listed != NATS_OK) return false;
-    std::map<std::string, uint64_t> floors;  // a receiver may have two consumers for a moment
-    for (int i = 0; i < names->Count; ++i) {
+    const int count = listed == NATS_OK ? names->Count : 0;
+    Owned<jsStreamInfo> all;
+    jsErrCode error{};
+    // A server that was restarted may not know of all yet.
+    if ((listed != NATS_OK && listed != NATS_NOT_FOUND) || stream.info(all, error) != NATS_OK ||
+        all->State.Consumers > count)
+      return false;
+    for (int i = 0; i < count; ++i) {
       const std::string name = names->List[i];
-      if (!name.starts_with("drix-")) continue;
       Owned<jsConsumerInfo> info;
-      jsErrCode error{};
+      if (!name.starts_with("drix-")) continue;
       if (stream.consumer(name, info, error) != NATS_OK) return false;
-      uint64_t &floor = floors[name.substr(0, name.size() - 1)];
-      floor = std::max(floor, floor_of(*info));
+      visit(name, *info);
     }
-    if (floors.empty()) return true;
+    return true;
+  }
+
+  bool find_handled(const Stream &stream, uint64_t last, uint64_t &handled) {
+    const Deadline now = Clock::now();
+    const auto note = [&](const std::string &name, const jsConsumerInfo &info) {
+      Receiver &receiver = receivers_[name.substr(0, name.size() - 1)];  // it may have two consumers for a moment
+      receiver = {std::max(receiver.seen == now ? receiver.floor : 0, floor_of(info)), now};
+    };
+    if (!visit_consumers(stream, note)) return false;
+    std::erase_if(receivers_, [&](const auto &each) { return now - each.second.seen > kLostForGood; });
+    if (receivers_.empty()) return true;
     uint64_t floor = last;
-    for (const auto &[name, each] : floors) floor = std::min(floor, each);
+    for (const auto &[name, each] : receivers_) floor = std::min(floor, each.floor);
     // The frames tell how many messages there were before them.
     for (uint64_t at = std::max(floor, begin_at_) + 1; at <= last; ++at) {
       natsMsg *message = nullptr;
@@ -478,6 +506,11 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
   std::shared_ptr<Stream> stream_;
   std::string inbox_;
   std::optional<Subscription> answers_;
+  struct Receiver {
+    uint64_t floor = 0;
+    Deadline seen{};
+  };
+  std::map<std::string, Receiver> receivers_;
   Deadline next_attempt_{}, next_question_{}, next_purge_{};
 };
 
