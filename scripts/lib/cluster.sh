@@ -93,7 +93,7 @@ users() {
   user sender "\"drix-stream.routes.>\", $stream, \"$api.STREAM.PURGE.drix-routes\", \"$api.STREAM.MSG.GET.drix-routes\",
     \"$api.CONSUMER.NAMES.drix-routes\", \"$api.CONSUMER.INFO.drix-routes.*\""
   for ((i = 1; i <= receivers; ++i)); do
-    rights="$stream, \"\$JS.FC.drix-routes.>\""
+    rights="$stream, \"$api.STREAM.MSG.GET.drix-routes\", \"\$JS.FC.drix-routes.>\""
     for card in "drix-card$i-0" "drix-card$i-1"; do
       rights+=", \"$api.CONSUMER.INFO.drix-routes.$card\", \"$api.CONSUMER.DURABLE.CREATE.drix-routes.$card\",
     \"$api.CONSUMER.DELETE.drix-routes.$card\", \"\$JS.ACK.drix-routes.$card.>\""
