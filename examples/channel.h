@@ -43,6 +43,9 @@ class Channel {
     check(status, "cannot send, with " + std::to_string(undelivered) + " messages undelivered, to " + endpoint_);
   }
 
+  // Has a stream forget what was sent there before this channel was opened.
+  void checkpoint() { check(kelvodrix_checkpoint(handle_), "no checkpoint in " + endpoint_); }
+
   // Returns once everything is acknowledged.
   void flush() {
     uint64_t undelivered = 0;

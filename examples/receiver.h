@@ -9,6 +9,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 #include "drix_services.h"
 #include "kelvodrix.h"
@@ -59,7 +60,9 @@ class Progress {
 // The one receiver of a process.
 class Receiver {
  public:
-  explicit Receiver(const std::string &endpoint) : receiver_(create(endpoint)), stop_on_signal_(receiver_.get()) {}
+  // Waits so long for a server that does not answer, or not for the stream: there may be an election.
+  explicit Receiver(const std::string &endpoint, uint32_t timeout_s = 0)
+      : receiver_(create(endpoint, timeout_s)), stop_on_signal_(receiver_.get()) {}
 
   void subscribe(uint32_t id, kelvodrix_subscriber subscriber, void *context) {
     check(kelvodrix_subscribe(receiver_.get(), id, subscriber, context), "cannot subscribe");
@@ -69,8 +72,9 @@ class Receiver {
   void run() { check(kelvodrix_run(receiver_.get()), "cannot receive"); }
   void stop() { kelvodrix_stop(receiver_.get()); }
 
-  // Prints what went wrong with the stream that was received; throws when anything did.
-  void conclude(const StreamAccount &stream) const {
+  // Prints what went wrong with the stream that was received; throws when anything did. Messages that came again may be
+  // no fault.
+  void conclude(const StreamAccount &stream, bool may_repeat = false) const {
     kelvodrix_counters bus;
     kelvodrix_get_counters(receiver_.get(), &bus);
     drix_services_counters services;
@@ -81,7 +85,7 @@ class Receiver {
                 " logged by the decoder, %" PRIu64 " not delivered\n",
                 stream.missing(), stream.repeated(), stream.differing(), services.log_lines, refused);
     if (!stream.ended()) throw std::runtime_error("stopped before the end of the stream");
-    if (!stream.clean() || services.log_lines != 0 || refused != 0) {
+    if (!stream.clean(may_repeat) || services.log_lines != 0 || refused != 0) {
       throw std::runtime_error("the stream did not arrive whole and unchanged");
     }
     if (services.blocks_live != 0) {
@@ -94,10 +98,15 @@ class Receiver {
     void operator()(kelvodrix_receiver *receiver) const { kelvodrix_receiver_destroy(receiver); }
   };
 
-  static kelvodrix_receiver *create(const std::string &endpoint) {
-    kelvodrix_receiver *receiver = nullptr;
-    check(kelvodrix_receiver_create(endpoint.c_str(), &receiver), "cannot receive at " + endpoint);
-    return receiver;
+  static kelvodrix_receiver *create(const std::string &endpoint, uint32_t timeout_s) {
+    const Clock::time_point start = Clock::now();
+    for (;; std::this_thread::sleep_for(std::chrono::milliseconds(100))) {
+      kelvodrix_receiver *receiver = nullptr;
+      const int32_t status = kelvodrix_receiver_create(endpoint.c_str(), &receiver);
+      if (status == KELVODRIX_OK) return receiver;
+      const bool may_change = status == KELVODRIX_ERR_SERVER || status == KELVODRIX_ERR_STREAM;
+      if (!may_change || seconds_since(start) >= timeout_s) check(status, "cannot receive at " + endpoint);
+    }
   }
 
   std::unique_ptr<kelvodrix_receiver, Destroy> receiver_;

@@ -99,6 +99,7 @@ void send_routes(Channel &channel, const Table &table, const Options &options) {
     }
   }
   send_context(routes::make_end(static_cast<uint32_t>(total)));
+  channel.checkpoint();
   channel.flush();
 }
 

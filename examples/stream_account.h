@@ -25,7 +25,7 @@ class StreamAccount {
   uint64_t repeated() const { return repeated_; }
   uint64_t differing() const { return differing_; }
   bool ended() const { return ended_; }
-  bool clean() const { return missing_ == 0 && repeated_ == 0 && differing_ == 0; }
+  bool clean(bool may_repeat) const { return missing_ == 0 && differing_ == 0 && (may_repeat || repeated_ == 0); }
 
  private:
   uint64_t last_ = 0;

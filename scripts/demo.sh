@@ -9,12 +9,17 @@
 # Usage: scripts/demo.sh [--sample | --file FILE] [--quiet] [--binaries DIR] [OPTION OF route_sender]...
 #        scripts/demo.sh --soak SECONDS [--binaries DIR] [OPTION OF soak_sender]...
 #        scripts/demo.sh --live N [--rounds N] [--binaries DIR]
+#        scripts/demo.sh --cluster [N] [--loss PERCENT] [--sample | --file FILE] [--binaries DIR]
+#                        [OPTION OF route_sender]...
 #   --sample        send the sample's routes anyway
 #   --file FILE     send the routes of a file in the format of /proc/net/ipv6_route
 #   --quiet         print the summary only, as --soak always does
 #   --soak SECONDS  send random records of all message types for so long
 #   --live N        mirror so many routes of a routing daemon; for root, with Debian's frr
 #   --rounds N      so often, with everybody killed or paused meanwhile (default: 1)
+#   --cluster [N]   send the routes to N receivers (default: 3) through a stream of three NATS servers, with TLS and
+#                   passwords, and kill and start again one receiver and the server that leads the stream meanwhile
+#   --loss PERCENT  have packets lost between the servers, which stand in network namespaces then; as root
 #   --binaries DIR  use the programs in DIR instead of installing packages and building
 # Options of both senders: --batch N (routes only), --repeat N (routes only), --seed N (soak only), --timeout SECONDS
 # For example: scripts/demo.sh --repeat 100000
@@ -35,16 +40,19 @@ sender_options=()
 needs_soak=
 needs_routes=
 needs_live=
+quiet=
+cluster=
+loss=
 
 # in_start PATH: the path as meant in the folder where the script was started.
 in_start() { case $1 in /*) echo "$1" ;; *) echo "$start/$1" ;; esac; }
 
 while [ $# -gt 0 ]; do
   case $1 in
-    --file | --soak | --live | --rounds | --binaries | --batch | --repeat | --seed | --timeout)
+    --file | --soak | --live | --rounds | --loss | --binaries | --batch | --repeat | --seed | --timeout)
       [ $# -gt 1 ] || wrong_usage "$1 needs a value"
       ;;&
-    --soak | --live | --rounds | --batch | --repeat | --seed | --timeout)
+    --soak | --live | --rounds | --loss | --batch | --repeat | --seed | --timeout)
       [[ $2 =~ ^[0-9]+$ ]] || wrong_usage "$1 needs a number, not $2"
       ;;&
     --sample | --file | --quiet | --batch | --repeat) needs_routes=$1 ;;&
@@ -56,19 +64,27 @@ while [ $# -gt 0 ]; do
       ;;
     --sample) chosen=examples/data/ipv6_route.sample ;;
     --file) chosen=$(in_start "$2") && shift ;;
-    --quiet) receiver_options+=(--quiet) ;;
+    --quiet) quiet=--quiet receiver_options+=(--quiet) ;;
     --soak) soak=$2 && shift ;;
     --live) live=$2 && shift ;;
     --rounds) rounds=$2 && shift ;;
+    --cluster)
+      cluster=3
+      if [[ ${2:-} =~ ^[0-9]+$ ]]; then cluster=$2 && shift; fi
+      [ "$cluster" -gt 0 ] || wrong_usage "--cluster needs a receiver"
+      ;;
+    --loss) loss=$2 && shift ;;
     --binaries) binaries=$(in_start "$2") && shift ;;
     --batch | --repeat | --seed | --timeout) sender_options+=("$1" "$2") && shift ;;
     *) wrong_usage "unknown option $1" ;;
   esac
   shift
 done
+[ -z "$loss" ] || [ -n "$cluster" ] || wrong_usage "--loss is for --cluster"
+[ -z "$cluster" ] || [ -z "$soak$quiet" ] || wrong_usage "${quiet:---soak} is not for --cluster"
 [ -n "$live" ] || [ -z "$needs_live" ] || wrong_usage "$needs_live is for --live"
 if [ -n "$live" ]; then
-  [ -z "$needs_routes$soak$needs_soak" ] || wrong_usage "${needs_routes:-${needs_soak:---soak}} is not for --live"
+  [ -z "$needs_routes$soak$needs_soak$cluster" ] || wrong_usage "--live goes with --rounds and --binaries only"
   [ ${#sender_options[@]} -eq 0 ] || wrong_usage "${sender_options[0]} is not for --live"
   [ "$(id -u)" -eq 0 ] || fail "--live is for root: the routing daemon has to be told apart from the host's"
   programs=route folder=examples
@@ -89,7 +105,7 @@ else
 fi
 
 if [ -z "$binaries" ]; then
-  require_packages "${BUILD_PACKAGES[@]}"
+  require_packages "${BUILD_PACKAGES[@]}" ${cluster:+nats-server libnats-dev openssl} ${loss:+iproute2 nftables}
   log=build/demo.log
   mkdir -p build
   : >"$log"
@@ -102,6 +118,7 @@ fi
 for program in "${programs}_receiver" "${programs}_sender"; do
   [ -x "$binaries/$program" ] || fail "$binaries has no $program"
 done
+if [ -n "$cluster" ]; then exec scripts/lib/cluster.sh "$binaries" "$cluster" "$loss" "${sender_options[@]}"; fi
 
 if [ -n "$live" ]; then
   require_stopped frr

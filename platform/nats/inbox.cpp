@@ -64,6 +64,7 @@ int32_t ServerInbox::run(Loop &loop) {
     handle(loop, message);
   }
   acknowledge();
+  finish();
   return KELVODRIX_OK;
 }
 

@@ -33,6 +33,7 @@ class ServerInbox : public Inbox {
  protected:
   virtual void handle(Loop &loop, const Message &message) = 0;
   virtual void acknowledge() = 0;
+  virtual void finish() {}  // when the loop has been stopped
   // When nothing is at hand; anything but KELVODRIX_OK ends the loop.
   virtual int32_t idle() { return KELVODRIX_OK; }
 

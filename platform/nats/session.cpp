@@ -38,8 +38,9 @@ Sessions &all() {
 }
 
 std::atomic<pid_t> user = 0;  // the process that has used the library
+std::atomic<int> connections = 0;
 
-// What is still in buffers then would be lost with the library's threads.
+// What is still in buffers then would be lost with the library's threads, and OpenSSL is about to go, which they use.
 void at_exit() {
   if (forked()) return;
   finish_streams();
@@ -48,8 +49,24 @@ void at_exit() {
     std::lock_guard lock(all().mutex);
     for (const auto &[servers, session] : all().by_servers) sessions.push_back(session.lock());
   }
-  for (const auto &session : sessions)
-    if (session != nullptr) session->flush(kLastFlushMs);
+  int own = 0;
+  for (const auto &session : sessions) {
+    if (session == nullptr) continue;
+    session->flush(kLastFlushMs);
+    natsConnection_Close(session->nc());
+    ++own;
+  }
+  // The thread of a writer may be about to end another one.
+  for (int64_t waited_ms = 0; connections > own && waited_ms < kLastFlushMs; ++waited_ms) nats_Sleep(1);
+}
+
+// OpenSSL registers its own end when it is used first: before this, so that it comes after.
+void register_at_exit() {
+  const SignalsHeldBack held_back;  // the library's threads begin here
+  natsOptions *options = nullptr;
+  if (natsOptions_Create(&options) == NATS_OK) natsOptions_SetSecure(options, true);
+  natsOptions_Destroy(options);
+  std::atexit(at_exit);
 }
 
 void require(natsStatus status) {
@@ -167,7 +184,7 @@ std::string id_subject(std::span<const DrixSendDescriptor> messages) {
 int32_t Session::get(const std::string &servers, bool at_once, int64_t timeout_ms, std::shared_ptr<Session> &session) {
   const auto known = [&] {
     std::lock_guard lock(all().mutex);
-    if (user == 0) std::atexit(at_exit);
+    if (user == 0) register_at_exit();
     user = getpid();
     session = all().by_servers[{servers, at_once}].lock();
     if (session != nullptr && session->closed()) session.reset();
@@ -218,6 +235,7 @@ int32_t Session::connect(const std::string &servers, bool at_once, int64_t timeo
   natsOptions_SetClosedCB(created, forget, flag.get());
   const natsStatus status = natsConnection_Connect(&nc_, created);
   if (status != NATS_OK) return status_of(status, hosts);
+  ++connections;
   flag.release();
   return KELVODRIX_OK;
 }
@@ -226,6 +244,7 @@ Session::~Session() {
   if (nc_ == nullptr || forked()) return;
   flush(kLastFlushMs);
   natsConnection_Destroy(nc_);
+  --connections;
 }
 
 void Session::flush(int64_t timeout_ms) const {

@@ -17,7 +17,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::chrono::milliseconds kHeartbeat(1000), kSilence(3000);
+constexpr std::chrono::milliseconds kHeartbeat(1000), kSilence(3000), kLongestElection(10000);
 constexpr std::chrono::milliseconds kLookAgain(100);
 constexpr int kLooks = 15;  // until one who receives under the name must be alive
 constexpr int64_t kMostUnderWay = 4096;
@@ -155,8 +155,8 @@ class StreamInbox final : public ServerInbox {
     missing_ = delivery.number != received_ + 1;
     if (missing_) return;
     received_ = delivery.number;
-    int64_t time = 0;  // of what a server that lacks it has passed over; if nothing was there, it is purged
-    missing_ = delivery.place > handled_ + 1 && (find_time(handled_ + 1, time) != KELVODRIX_OK || time != 0);
+    // A server that has not caught up with the others passes over what it lacks, and counts on.
+    missing_ = delivery.place > handled_ + 1 && holds_between(handled_, delivery.place);
     if (missing_) return;
     // Twice, unless the server has lost what it once had, and has given its place to something new.
     if (delivery.place <= handled_ && delivery.time <= newest_) return;
@@ -170,6 +170,18 @@ class StreamInbox final : public ServerInbox {
     newest_ = std::max(newest_, delivery.time);
     reply_ = reply;
     if (++owed_ >= kMostOwed) acknowledge();
+  }
+
+  // Whether the stream has, or may have, anything between these places. What was purged it has not.
+  bool holds_between(uint64_t before, uint64_t behind) const {
+    jsErrCode error{};
+    Owned<jsStreamInfo> info;
+    if (stream_->info(info, error) != NATS_OK) return true;
+    for (uint64_t at = std::max(before + 1, info->State.FirstSeq); at < behind; ++at) {
+      int64_t time = 0;
+      if (find_time(at, time) != KELVODRIX_OK || time != 0) return true;
+    }
+    return false;
   }
 
   // When the message there was stored; 0 where there is none.
@@ -196,6 +208,18 @@ class StreamInbox final : public ServerInbox {
 
   void acknowledge() override {
     if (owed_ != 0 && natsConnection_PublishString(session_->nc(), reply_.c_str(), "+ACK") == NATS_OK) owed_ = 0;
+  }
+
+  // Until the server has noted the last acknowledgement: nobody repeats it. There may be an election.
+  void finish() override {
+    const Deadline start = Clock::now();
+    natsStatus status = reply_.empty() ? NATS_OK : NATS_TIMEOUT;
+    while (status != NATS_OK && Clock::now() - start < (session_->connected() ? kLongestElection : kSilence)) {
+      natsMsg *noted = nullptr;
+      status = natsConnection_RequestString(&noted, session_->nc(), reply_.c_str(), "+ACK", kLookAgain.count());
+      natsMsg_Destroy(noted);
+      if (status != NATS_OK && status != NATS_TIMEOUT) std::this_thread::sleep_for(kLookAgain);
+    }
   }
 
   const Place place_;

@@ -111,6 +111,9 @@ case $group in
 	--soak --quiet
 	--soak 1 --batch 7
 	--seed 7
+	--loss 2
+	--cluster 0
+	--cluster 2 --soak 1
 	OPTIONS
     ;;
 

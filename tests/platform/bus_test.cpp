@@ -1149,6 +1149,26 @@ TEST_F(BusClusterStream, ReceiverTakesWhatIsNewWhereTheServerHasLostWhatItHad) {
   EXPECT_EQ(receiver.numbers, (Numbers{1, 1, 2, 2, 3}));
 }
 
+TEST_F(BusClusterStream, ReceiverTakesNothingForHandledThatAServerHasLeftOut) {
+  Receiver receiver(at);
+  RawClient peer("peer.*");
+  const std::string stream = "drix-" + name.substr(1), subjects = "drix-stream." + name.substr(1) + ".m.";
+  const std::string own = stream + ".drix-receiver-1", info = server().ask("$JS.API.CONSUMER.INFO." + own);
+  const std::size_t to = info.find("\"deliver_subject\"");
+  server().ask("$JS.API.CONSUMER.DELETE." + own);
+  // In its place one that counts on when it leaves out a frame, as a server does that has not caught up.
+  peer.publish("$JS.API.CONSUMER.DURABLE.CREATE." + own, "peer.made",
+               R"({"stream_name":")" + stream + R"(","config":{"durable_name":"drix-receiver-1","ack_policy":"all",)" +
+                   R"("deliver_policy":"all","filter_subject":")" + subjects + "b\"," +
+                   info.substr(to, info.find(',', to) - to) + "}}");
+  peer.next();
+  peer.publish(subjects + 'a', "", frame(1, message(1)));
+  peer.publish(subjects + 'b', "", frame(2, message(2)));
+  EXPECT_TRUE(eventually([&] { return receiver.counters().delivered == 2; }));
+  receiver.stop();
+  EXPECT_EQ(receiver.numbers, range(1, 3));
+}
+
 TEST_F(BusClusterStream, ExitStoresWhatSendsHaveLeft) {
   server();
   const pid_t child = fork();
