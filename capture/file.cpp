@@ -20,6 +20,7 @@ const Message *File::next() {
   ++packets_;
   try {
     message_ = take_packet(blocks_.packet(), origin_);
+    message_.packet = packets_;
   } catch (const BadCapture &error) {
     fail("packet " + std::to_string(packets_) + ": " + error.what());
   }

@@ -13,7 +13,9 @@ namespace capture {
 // pcap or pcapng of either byte order, of a link type that is left to users, whoever wrote it.
 class File {
  public:
-  explicit File(const std::string &path) : path_(path), blocks_(path) {}  // "-" is standard input; throws BadCapture
+  explicit File(const std::string &path) : path_(path), blocks_(path) {  // "-" is standard input; throws BadCapture
+    origin_.capture = path;
+  }
   explicit File(std::span<const uint8_t> bytes) : blocks_(bytes) {}
 
   // The next message, notes too, valid until the next call; null at the end. Throws BadCapture where the file is

@@ -40,7 +40,8 @@ Message parse(const Packet &packet) {
     throw BadCapture("recorded in version " + std::to_string(bytes[TRACE_VERSION_AT]) + '.' +
                      std::to_string(bytes[TRACE_KIND_AT]) + " of the format, which is unknown here");
   }
-  return {.time = packet.time,
+  return {.packet = 0,
+          .time = packet.time,
           .kind = static_cast<TraceKind>(bytes[TRACE_KIND_AT]),
           .id = load<uint32_t>(bytes + TRACE_ID_AT),
           .handle = load<uint32_t>(bytes + TRACE_HANDLE_AT),

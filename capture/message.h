@@ -24,6 +24,7 @@ using Complaint = std::function<void(const std::string &)>;
 
 // Who recorded a message, as far as its file tells.
 struct Origin {
+  std::string capture;  // the file's path
   std::string program;
   uint32_t process = 0;
   uint32_t pointer_bits = 0;
@@ -32,7 +33,8 @@ struct Origin {
 };
 
 struct Message {
-  uint64_t time;  // nanoseconds since 1970
+  uint64_t packet;  // its number in its file, from 1, where notes count too; what other readers of pcapng call it
+  uint64_t time;    // nanoseconds since 1970
   TraceKind kind;
   uint32_t id;
   uint32_t handle;
@@ -53,8 +55,8 @@ struct Message {
   std::string_view text() const { return {reinterpret_cast<const char *>(payload.data()), payload.size()}; }
 };
 
-// Takes a packet apart, and what the notes program and schema say into the origin. Throws BadCapture, without a file's
-// name.
+// Takes a packet apart, and what the notes program and schema say into the origin. The caller counts packets. Throws
+// BadCapture, without a file's name.
 Message take_packet(const Packet &packet, Origin &origin);
 
 // The types that a schema text describes; the same object for the same text. Throws BadCapture.

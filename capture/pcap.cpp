@@ -1,5 +1,7 @@
 #include "capture/pcap.h"
 
+#include <algorithm>
+
 #include "capture/format.h"
 #include "runtime/wire.h"
 
@@ -96,6 +98,10 @@ BlockParser::Found BlockParser::look_at_header() {
     interfaces_ = {{word(20) & kLinkTypeBits, word(0) == kMicroseconds ? kMicrosecondsDefault : uint8_t{9}, 0}};
     size_ = kFileHeader;
     return Found::other;
+  }
+  constexpr uint8_t kGzip[] = {0x1F, 0x8B};
+  if (std::equal(std::begin(kGzip), std::end(kGzip), bytes_.begin())) {
+    return damage("compressed by gzip; zcat FILE | quopa COMMAND - reads it");
   }
   return damage("neither pcap nor pcapng");
 }

@@ -34,6 +34,7 @@ const Message *Ring::message() {
 
 void Ring::take() {
   has_message_ = false;
+  ++packets_;
   blocks_->pass();
 }
 
@@ -79,7 +80,9 @@ bool Ring::open_from(uint64_t number, uint64_t lost) {
   number_ = *least;
   expect(number_);
   is_behind_schema_ = false;
-  blocks_.emplace(path_of(number_));
+  packets_ = 0;
+  origin_.capture = path_of(number_);
+  blocks_.emplace(origin_.capture);
   return true;
 }
 
@@ -91,6 +94,7 @@ bool Ring::skip(const std::string &why) {
 bool Ring::take_packet() {
   try {
     message_ = capture::take_packet(blocks_->packet(), origin_);
+    message_.packet = packets_ + 1;
   } catch (const BadCapture &error) {
     return skip("packet at byte " + std::to_string(blocks_->position()) + ": " + error.what());
   }

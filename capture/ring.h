@@ -73,6 +73,7 @@ class Ring {
   uint64_t number_;  // of the file that is being read, or that comes next
   uint64_t latest_;  // of those that there were
   std::optional<Blocks> blocks_;
+  uint64_t packets_ = 0;  // of the file that were taken
   bool is_behind_schema_ = false;
   Wait wait_ = {};
   Origin origin_;

@@ -16,6 +16,11 @@ struct RingFile {
 // By a file's name; no value when it is no such file.
 std::optional<RingFile> ring_file(const std::string &name);
 
+// A capture's path for a line of text: of a ring's file only FOLDER/PROCESS.NUMBER. And the path of what is named so; of
+// everything else, and where no such file is there, the path itself. Throws BadCapture where two files have that name.
+std::string short_path(const std::string &path);
+std::string long_path(const std::string &path);
+
 template <class Visit>
 void for_each_ring_file(const std::string &folder, Visit visit) {
   std::error_code error;

@@ -22,7 +22,7 @@ std::tuple<std::string, uint64_t> place_of(const std::string &path) {
 std::vector<std::string> captures_in(const std::string &path) {
   namespace fs = std::filesystem;
   std::error_code error;
-  if (!fs::is_directory(path, error)) return {path};
+  if (!fs::is_directory(path, error)) return {long_path(path)};
   std::vector<std::string> found;
   for (fs::directory_iterator entry(path, error), end; !error && entry != end; entry.increment(error)) {
     const std::string extension = entry->path().extension();

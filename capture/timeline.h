@@ -41,7 +41,7 @@ class Timeline {
   bool is_whole_ = true;
 };
 
-// Files as they are; a folder's captures in the order of their names and, of a ring, numbers. Throws BadCapture.
+// Files as they are, a ring's also by their short paths; a folder's captures in the order of their names and, of a ring, numbers. Throws BadCapture.
 std::vector<std::string> captures_in(const std::string &path);
 
 }  // namespace capture

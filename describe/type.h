@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "describe/suggestion.h"
 #include "runtime/slots.h"
 
 namespace drix::describe {
@@ -20,6 +21,8 @@ struct SlotInfo {
   uint16_t member;         // where f<I> stands in the record
   uint16_t length_member;  // where f<I>Len or f<I>Count stands
   const Type *inner;       // of a table or of a vector's elements
+
+  bool is_address() const { return kind == Kind::array && width == 4 && elements == 4; }  // may be one of IPv6
 };
 
 // The exported operations, see drix_message.h.
@@ -52,6 +55,9 @@ std::span<const Type *const> types();
 
 // By package.message, by the C record's name, or by 0x and the message ID; null when there is none.
 const Type *find(std::string_view name);
+
+// What may be meant by a name that is none: also one without its package.
+Suggestion suggested_type(std::string_view name);
 
 // u16, u8[3], bytes, table(tlv), vector(tlv)
 std::string kind_text(Kind kind, uint32_t width, uint32_t elements, std::string_view inner);

@@ -84,6 +84,15 @@ const Type *find(std::string_view name) {
   return found == std::end(kTypes) ? nullptr : *found;
 }
 
+Suggestion suggested_type(std::string_view name) {
+  Suggestion suggestion(name);
+  for (const Type *type : kTypes) {
+    suggestion.consider(type->name());
+    suggestion.consider(type->message, type->name());
+  }
+  return suggestion;
+}
+
 std::string kind_text(Kind kind, uint32_t width, uint32_t elements, std::string_view inner) {
   const std::string scalar = "u" + std::to_string(8 * width);
   switch (kind) {

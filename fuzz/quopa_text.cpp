@@ -48,7 +48,10 @@ void look_at(const capture::Message &message, drix::inspect::Where &where) {
     show_text(text, look, style);
     show_json(json, look, style);
   }
-  where.holds(*look.type(), look.record(), look.extent(), {});
+  where.holds(*look.type(), look.record(), look.extent(), {}, &look.matches());
+  std::ostringstream matched;
+  show_text(matched, look, styles[0]);
+  where.misfits({});
   if (!look.verdict().accepted()) return;
   std::ostringstream json, again;
   write_json(json, *look.type(), look.record(), styles[0]);

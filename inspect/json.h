@@ -25,7 +25,7 @@ struct JsonStyle {
 
   // Whether an array of such a slot is shown as an address.
   bool shows_address(const describe::SlotInfo &slot, const Label *label) const {
-    return slot.width == 4 && slot.elements == 4 && (ipv6 || (label != nullptr && label->ipv6));
+    return slot.is_address() && (ipv6 || (label != nullptr && label->ipv6));
   }
 };
 

@@ -81,7 +81,7 @@ class Reader {
     for (const auto &[name, value] : object.items()) {
       const std::string member_path = path.empty() ? shortened(name) : path + '.' + shortened(name);
       const std::optional<std::size_t> slot = labels_.slot(type, name);
-      if (!slot) fail(member_path, type.name() + " has no such member");
+      if (!slot) fail(member_path, type.name() + " has no such member" + labels_.suggestion(type, name).text());
       if (!given.insert(*slot).second) fail(member_path, "given twice, as f" + std::to_string(*slot) + " and by label");
       read_member(value, type, *slot, record, member_path);
     }
@@ -126,7 +126,7 @@ class Reader {
       const std::vector<uint8_t> bytes = read_hex(value, path);
       if (bytes.size() != slot.elements) fail_count(bytes.size(), slot.elements, "bytes", path);
       std::memcpy(to, bytes.data(), bytes.size());
-    } else if (slot.width == 4 && slot.elements == 4 && value.is_string()) {
+    } else if (slot.is_address() && value.is_string()) {
       read_address(value, to, path);
     } else {
       if (!value.is_array()) fail(path, wanted(slot) + " is wanted, not " + short_text(value));

@@ -114,6 +114,8 @@ std::optional<uint32_t> Label::value_of(const std::string &text) const {
 }
 
 Labels::Labels(std::string_view file) {
+  constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";  // which some editors begin UTF-8 with
+  if (file.starts_with(kByteOrderMark)) file.remove_prefix(kByteOrderMark.size());
   const Type *type = nullptr;
   for (std::size_t number = 1; !file.empty(); ++number) {
     const std::string_view whole = file.substr(0, file.find('\n'));
@@ -124,7 +126,7 @@ Labels::Labels(std::string_view file) {
       if (line[0] == '[') {
         const std::string_view name = line.ends_with(']') ? line.substr(1, line.size() - 2) : line;
         type = describe::find(name);
-        if (type == nullptr) fail("no type " + quoted(name));
+        if (type == nullptr) fail("no type " + quoted(name) + describe::suggested_type(name).text());
         types_[type].resize(type->slots.size());
       } else if (type == nullptr) {
         fail("a section [PACKAGE.MESSAGE] is wanted first");
@@ -157,7 +159,7 @@ void Labels::parse_member(const Type &type, std::string_view line) {
   if (equals == std::string_view::npos) fail("MEMBER = NAME is wanted");
   const std::string_view member = trim(line.substr(0, equals));
   const std::optional<std::size_t> index = positional(type, member);
-  if (!index) fail(type.name() + " has no member " + quoted(member));
+  if (!index) fail(no_member(type, member));
   std::string_view rest = line.substr(equals + 1);
   const std::string_view name = take_word(rest);
   if (!is_word(name)) fail(quoted(name) + " is no name");
@@ -170,7 +172,7 @@ void Labels::parse_member(const Type &type, std::string_view line) {
   label.name = name;
   const std::string_view what = take_word(rest);
   if (what == "ipv6") {
-    if (slot.kind != Kind::array || slot.width != 4 || slot.elements != 4) {
+    if (!slot.is_address()) {
       fail("ipv6 is for u32[4], and " + std::string(member) + " is " + describe::kind_text(slot));
     }
     label.ipv6 = true;
@@ -196,6 +198,24 @@ const Label *Labels::find(const Type &type, std::size_t slot) const {
 std::string Labels::name(const Type &type, std::size_t slot) const {
   const Label *label = find(type, slot);
   return label == nullptr ? 'f' + std::to_string(slot) : label->name;
+}
+
+std::string Labels::no_member(const Type &type, std::string_view name) const {
+  const describe::Suggestion suggested = suggestion(type, name);
+  const std::string what = type.name() + " has no member " + quoted(name);
+  if (suggested.is_there() || type.slots.empty()) return what + suggested.text();
+  const std::string members = "f0 to f" + std::to_string(type.slots.size() - 1);
+  const bool is_named = types_.contains(&type) || looks_positional(name);
+  return what + "; it has " + members + (is_named ? "" : ", and no labels give these other names");
+}
+
+describe::Suggestion Labels::suggestion(const Type &type, std::string_view name) const {
+  describe::Suggestion suggestion(name);
+  for (std::size_t i = 0; i < type.slots.size() && !looks_positional(name); ++i) {
+    const Label *label = find(type, i);
+    if (label != nullptr) suggestion.consider(label->name);
+  }
+  return suggestion;
 }
 
 std::optional<std::size_t> Labels::slot(const Type &type, std::string_view name) const {

@@ -24,6 +24,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "describe/suggestion.h"
 #include "describe/type.h"
 
 namespace drix::inspect {
@@ -63,6 +64,10 @@ class Labels {
 
   // By either name; no value when there is no such member.
   std::optional<std::size_t> slot(const describe::Type &type, std::string_view name) const;
+
+  // For a name that is none: that the type has no such member, and what may be meant; and only the latter.
+  std::string no_member(const describe::Type &type, std::string_view name) const;
+  describe::Suggestion suggestion(const describe::Type &type, std::string_view name) const;
 
  private:
   void parse_member(const describe::Type &type, std::string_view line);

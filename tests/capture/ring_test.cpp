@@ -87,12 +87,13 @@ TEST(CaptureRing, IsFollowedFromFileToFile) {
 
 TEST(CaptureRing, IsOneOfThoseInItsFolder) {
   const Folder folder;
-  RingFile one(folder, 1, 5), another(folder, 1, 4), older(folder, 1, 3);
+  RingFile one(folder, 1, 5), another(folder, 1, 4), older(folder, 2, 3);
   const auto numbers = [&](const std::string &path) {
     std::string said;
     Follower follower({path}, [](const std::string &line) { ADD_FAILURE() << line; });
     while (const Message *const message = follower.next()) {
-      if (message->kind != TRACE_NOTE) said += std::to_string(message->handle) + ' ';
+      if (message->kind == TRACE_NOTE) continue;
+      said += std::to_string(message->handle) + '#' + std::to_string(message->packet) + ' ';
     }
     return said;
   };
@@ -100,11 +101,12 @@ TEST(CaptureRing, IsOneOfThoseInItsFolder) {
   one.write(3);
   older.begin("quopa-a.b-7.9.pcapng");
   older.write(1);
+  older.write(1);
   another.begin("quopa-a.b-8.0.pcapng");
   another.write(2);
   std::filesystem::copy(folder / "quopa-a.b-7.9.pcapng", folder / "quopa-a.b-7.11.backup");
-  EXPECT_EQ(numbers(folder / "quopa-a.b-7.10.pcapng"), "1 3 ");
-  EXPECT_EQ(numbers(folder.path()), "1 2 3 ");
+  EXPECT_EQ(numbers(folder / "quopa-a.b-7.10.pcapng"), "1#3 1#4 3#3 ");
+  EXPECT_EQ(numbers(folder.path()), "1#3 1#4 2#3 3#3 ");
   EXPECT_THROW(numbers(folder / "quopa-a.b-7.pcapng"), capture::BadCapture);
   EXPECT_THROW(numbers(folder / "a-7.0.pcapng"), capture::BadCapture);
   EXPECT_THROW(numbers(folder / "quopa-none-1.0.pcapng"), capture::BadCapture);

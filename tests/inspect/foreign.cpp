@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <set>
 #include <sstream>
 
 #include "codec.h"
@@ -119,9 +120,10 @@ class Model {
     return members_.size() <= 40 ? text : text + " ... more";
   }
 
-  // The numbers that a path like f1.f3 leads to.
+  // The numbers that a path like f1.f3 leads to, each in its table, like f1[2].
   struct Numbers {
     std::string path;
+    std::string table;
     uint32_t value;
   };
   const std::vector<Numbers> &numbers() const { return numbers_; }
@@ -185,14 +187,14 @@ class Model {
       if (i < 4) network_order[i] = htonl(value);
       is_zero = is_zero && value == 0;
       list += (i == 0 ? "" : ",") + std::to_string(value);
-      numbers_.push_back({condition_path, value});
+      numbers_.push_back({condition_path, path.substr(0, path.rfind('.') + 1), value});
     }
     if (slot.kind == Kind::array) list = '[' + list + ']';
     char address[INET6_ADDRSTRLEN];
-    const bool is_address = ipv6_ && slot.kind == Kind::array && slot.elements == 4;
-    if (is_address) list = inet_ntop(AF_INET6, network_order, address, sizeof address);
-    if (!is_zero) members_.push_back(path + '=' + list);
-    return is_address ? '"' + list + '"' : list;
+    const bool is_address = slot.kind == Kind::array && slot.elements == 4;
+    if (is_address) inet_ntop(AF_INET6, network_order, address, sizeof address);
+    if (!is_zero) members_.push_back(path + '=' + (is_address ? address : list));
+    return is_address && ipv6_ ? '"' + std::string(address) + '"' : list;
   }
 
   bool ipv6_;
@@ -229,11 +231,11 @@ void damage(Bytes &message, Random &random) {
   }
 }
 
-// One number of the record, or one beside it, is compared with what records have there.
-std::string judge_condition(quopa::Look &look, const Model &model, Random &random) {
-  if (model.numbers().empty()) return {};
-  const auto &asked = model.numbers()[random.below(static_cast<uint32_t>(model.numbers().size()))];
-  const uint32_t value = asked.value + random.below(2);
+// Two numbers of the record, or two beside them, are compared with what records have there, both in one element of a
+// vector or each in any.
+std::string judge_conditions(quopa::Look &look, const Model &model, Random &random) {
+  const auto &numbers = model.numbers();
+  if (numbers.empty()) return {};
   const struct {
     const char *sign;
     bool (*holds)(uint32_t, uint32_t);
@@ -241,14 +243,28 @@ std::string judge_condition(quopa::Look &look, const Model &model, Random &rando
       {"=", [](uint32_t a, uint32_t b) { return a == b; }}, {"!=", [](uint32_t a, uint32_t b) { return a != b; }},
       {"<", [](uint32_t a, uint32_t b) { return a < b; }},  {"<=", [](uint32_t a, uint32_t b) { return a <= b; }},
       {">", [](uint32_t a, uint32_t b) { return a > b; }},  {">=", [](uint32_t a, uint32_t b) { return a >= b; }}};
-  const auto &[sign, holds] = signs[random.below(6)];
-  const bool expected =
-      std::any_of(model.numbers().begin(), model.numbers().end(), [&, compares = holds](const Model::Numbers &number) {
-        return number.path == asked.path && compares(number.value, value);
-      });
-  Where where(asked.path + sign + std::to_string(value));
-  const bool got = where.holds(*look.type(), look.record(), look.extent(), {});
-  return got == expected ? "" : asked.path + sign + std::to_string(value) + " is told wrong";
+  Where where;
+  std::set<std::string> tables[2];  // in which each holds
+  std::string outer[2], terms;
+  for (std::size_t i = 0; i < 2; ++i) {
+    const auto &asked = numbers[random.below(static_cast<uint32_t>(numbers.size()))];
+    const auto &chosen = signs[random.below(6)];
+    const uint32_t value = asked.value + random.below(2);
+    const std::string term = asked.path + chosen.sign + std::to_string(value);
+    where.add(drix::inspect::Term(term));
+    terms += ' ' + term;
+    outer[i] = asked.path.substr(0, asked.path.rfind('.') + 1);
+    for (const Model::Numbers &number : numbers) {
+      if (number.path == asked.path && chosen.holds(number.value, value)) tables[i].insert(number.table);
+    }
+  }
+  const bool in_any = random.below(2) == 0;
+  if (in_any) where.allow_any_element();
+  const bool in_same = std::any_of(tables[0].begin(), tables[0].end(),
+                                   [&](const std::string &table) { return tables[1].contains(table); });
+  const bool expected = in_any || outer[0] != outer[1] ? !tables[0].empty() && !tables[1].empty() : in_same;
+  const bool got = where.holds(*look.type(), look.record(), look.extent(), {}, &look.matches());
+  return got == expected ? "" : terms + " is told wrong";
 }
 
 std::string differs(const std::string &what, const std::string &got, const std::string &expected) {
@@ -262,7 +278,7 @@ std::string judge_accepted(quopa::Look &look, const Model &model, const JsonStyl
   show_json(line_of_json, look, style);
   const capture::Message &message = look.message();
   const std::string line_before =
-      R"({"time":1.000000002,"program":"a \"program\\ ","process":3,"direction":"received","type":")" +
+      R"({"capture":"","packet":7,"time":1.000000002,"time_ns":"1000000002","program":"a \"program\\ ","process":3,"direction":"received","type":")" +
       look.type()->name() + "\",\"id\":" + std::to_string(message.id) +
       R"(,"handle":0,"destination":0,"status":0,"index":0,"count":1,"thread":0,"length":)" +
       std::to_string(message.length) + ",\"record\":";
@@ -273,7 +289,7 @@ std::string judge_accepted(quopa::Look &look, const Model &model, const JsonStyl
   const std::string faults[] = {
       differs("JSON", json.str(), model.json()), differs("JSON read again", json_again.str(), model.json()),
       differs("the line of JSON", line_of_json.str(), line_before + model.json() + '}'),
-      differs("text", members, " <- " + look.type()->name() + model.members()), judge_condition(look, model, random)};
+      differs("text", members, " <- " + look.type()->name() + model.members()), judge_conditions(look, model, random)};
   for (const std::string &fault : faults) {
     if (!fault.empty()) return fault;
   }
@@ -288,6 +304,7 @@ struct Counts {
 std::string judge(const Type &type, const capture::Origin &origin, const Bytes &payload, Random &random,
                   Counts &counts) {
   capture::Message message = {};
+  message.packet = 7;
   message.time = 1000000002;
   message.kind = TRACE_RECEIVED;
   message.id = type.id;

@@ -89,7 +89,7 @@ pages() {
 }
 try 'every option is in quopa(1)' pages
 try 'completion' prints annotate bash -c ". '$tree/share/bash-completion/completions/quopa'
-  PATH='$tree/bin':\$PATH COMP_WORDS=(quopa an) COMP_CWORD=1 && _quopa && echo \"\${COMPREPLY[@]}\""
+  PATH='$tree/bin':\$PATH COMP_LINE='quopa an' COMP_POINT=8 COMP_WORDS=(quopa an) COMP_CWORD=1 && _quopa && echo \"\${COMPREPLY[@]}\""
 
 # A program that was linked with a library without symbol versions runs with this one.
 mkdir unversioned

@@ -51,10 +51,29 @@ done <<'END'
 0 1 2 3 4|--type fib6Sync_tlv
 8 6|--type 0x*
 1 2 3|--where f0>1 --where f0<5 --type fib6Sync.tlv
+1 4|--where .status=failed
+2|--where .status=unanswered
+1 2 4|--where .status!=ok
+1|--where .status=-7
+1 2 4|--where .status<0
+5|--where .size>20
+8 6|--where .size<=19 --where .program=?
+|--where .program!=p
+8|--where .time>=+8ms --where .handle=1 --where .destination=0
+0 1|--where .time<08:56:40.125456
+1 2|--where .packet>2 --where .packet<=4 --where .process=99 --where .thread=7
+0 1 2|--count 3
+2 4|--type *.tlv --from +2ms --to +0.004s --where f0!=4
+0|--to 08:56:40.123456
+1 2 3 4 5 8 6|--from 08:56:40.123457 --to 2025-11-25
+3|--from 1764061000126456789 --to 1764061000.126456
+0 1 2 3 4 5 8 6|--from 2025-11-25T08:56:40 --to 08:56
+|--to 2025-11-25T08:55
+|--from 08:57
 END
 
 says 0 stats calls.pcapng <<'END'
-08:56:40.123456 p -- 3 messages were not recorded
+calls.pcapng#10 08:56:40.123456 p -- 3 messages were not recorded
 TYPE                                         WAY         MESSAGES        BYTES   FAILED  NO ANSWER  REJECTED
 0x00000012                                   sent               1            9        0          0         0
 0x00000012                                   received           1            9        0          0         0
@@ -65,10 +84,59 @@ total                                                           8          141  
 from 2025-11-25 08:56:40.123456 to 2025-11-25 08:56:40.131456, 0.008000000 s
 END
 says 0 stats calls.pcapng --json --type '*.tlv' <<'END'
-{"time":1764061000.123456789,"program":"p","process":99,"note":"3 messages were not recorded"}
+{"capture":"calls.pcapng","packet":10,"time":1764061000.123456789,"time_ns":"1764061000123456789","program":"p","process":99,"note":"3 messages were not recorded"}
 {"type":"fib6Sync.tlv","direction":"sent","messages":3,"bytes":60,"failed":1,"unanswered":1,"rejected":0}
 {"type":"fib6Sync.tlv","direction":"received","messages":2,"bytes":40,"failed":1,"unanswered":0,"rejected":0}
 END
+
+# A line of the trace leads to its packet: what it shows, where it is, and that it is no buffer.
+cp calls.pcapng "calls#7"
+mkdir traces && cp calls.pcapng traces/quopa-p-q-99.4.pcapng && cp calls.pcapng traces/quopa-r-98.4.pcapng
+says 0 trace traces/99.4 calls.pcapng --type fib6Sync.tlv --from +3ms --delta <<'END'
+traces/99.4#5 2025-11-25 08:56:40.126456 +0.000000 p <- fib6Sync.tlv f0=4
+calls.pcapng#5 08:56:40.126456 +0.000000 p <- fib6Sync.tlv f0=4
+traces/99.4#6 08:56:40.127456 +0.001000 p <- fib6Sync.tlv DECODER FAILED f0=5
+calls.pcapng#6 08:56:40.127456 +0.000000 p <- fib6Sync.tlv DECODER FAILED f0=5
+traces/99.4#10 08:56:40.123456 -0.004000 p -- 3 messages were not recorded
+calls.pcapng#10 08:56:40.123456 +0.000000 p -- 3 messages were not recorded
+END
+TZ=UTC-10 says 0 trace calls.pcapng --date --type '*.tlv' --from 06:57 --to 06:56 --count 2 <<'END'
+#2 2025-11-25 18:56:40.123456 p -> fib6Sync.tlv h1 f0=1
+#3 2025-11-25 18:56:40.124456 p -> fib6Sync.tlv h1 FAILED -7 f0=2
+END
+while IFS='|' read -r status arguments shown; do
+  # shellcheck disable=SC2086
+  says "$status" decode $arguments <<<"$shown"
+done <<'END'
+0|calls.pcapng#3|{"f0":2,"f1":0}
+0|traces/99.4#4|{"f0":3,"f1":0}
+0|fib6Sync.tlv traces/98.4#6|{"f0":5,"f1":0}
+1|calls.pcapng#1|quopa: calls.pcapng#1 is no message but a note: program p
+1|calls.pcapng#8|quopa: calls.pcapng#8: its capture does not know the type 0x00000012; name another before it
+1|calls.pcapng#11|quopa: calls.pcapng has no packet 11, but 10 from 1 on
+1|missing#11|quopa: missing: No such file or directory
+2|calls.pcapng#x|quopa: calls.pcapng#x: a packet has a number behind the #
+2|calls.pcapng|quopa: calls.pcapng is a capture; name one of its packets, as "quopa trace" numbers them: calls.pcapng#N
+2|fib6Sync.tlv calls#7|quopa: calls#7 is a capture; name one of its packets, as "quopa trace" numbers them: calls#7#N
+2|traces/99.4|quopa: traces/quopa-p-q-99.4.pcapng is a capture; name one of its packets, as "quopa trace" numbers them: traces/quopa-p-q-99.4.pcapng#N
+2|traces|quopa: traces is a folder; "quopa trace" names the packets of its captures in each line
+2|traces#2|quopa: traces has several captures; name the one, as "quopa trace" does in each line
+END
+expect 1 '^ +0  .* not read' '*' '' annotate calls.pcapng#7
+grep -qx 'quopa: calls.pcapng#7 was cut to 3 of 23 bytes' errors || complain 'what is cut is not told'
+cp traces/quopa-p-q-99.4.pcapng traces/quopa-s-99.4.pcapng
+expect 1 '' 'traces/99.4: may be traces/quopa-[a-z-]*-99.4.pcapng or traces/quopa-' '' decode traces/99.4#2
+
+# On a terminal, what went wrong is red, and how far a command is can be seen when nothing else is; but in no pipe.
+expect 0 $' \e\\[1;31mFAILED -7\e\\[0m f0=2$' '' '' trace calls.pcapng --color always
+"$make_capture" 4 spoiled little | "${quopa[@]}" trace - --color always | grep -q $' \e\\[1;31mREJECTED\e\\[0m at ' || complain 'no red rejection'
+on_terminal() { script -qec "$1" /dev/null </dev/null 2>&1 | cat -v; }
+[ "$(on_terminal "'${quopa[0]}' trace calls.pcapng" | grep -cE '31m(FAILED|NO ANSWER|DECODER)')" = 3 ] || complain 'no colours on a terminal'
+[ "$(on_terminal "NO_COLOR=1 '${quopa[0]}' trace calls.pcapng" | grep -c '31m')" = 0 ] || complain 'colours that are not wanted'
+slow="(cat calls.pcapng; sleep 1.1; cat calls.pcapng) | '${quopa[0]}'"
+on_terminal "$slow stats -" >said
+grep -qE '[0-9]+ packets\^M\^\[\[K' said && grep -q '^total .* 16 ' said || complain "how far it is: $(cat said)"
+on_terminal "$slow stats - 2>errors" | grep 'packets' && complain 'progress in a file'
 
 # Written anew, each message keeps its program and the types of its program's version, and notes stay.
 "$make_capture" table little <<'END' | "${quopa[@]}" trace - -w - | sed 's/^\(fib6Sync.tlv .*\) u32@0 /\1 u16@0 /' >other.pcapng
@@ -77,10 +145,12 @@ sent 4 tlv 65538
 note 0 0 unwrapped 2
 sent 9 tlv 65539
 END
-"${quopa[@]}" trace calls.pcapng other.pcapng --json >wanted
+from_captures() { sed -E 's/"capture":"[^"]*","packet":[0-9]+,//'; }
+"${quopa[@]}" trace calls.pcapng other.pcapng --json | from_captures >wanted
 "${quopa[@]}" trace calls.pcapng other.pcapng -w anew.pcapng
-"${quopa[@]}" trace anew.pcapng --json | diff - wanted || complain 'written anew, it is not the same'
+"${quopa[@]}" trace anew.pcapng --json | from_captures | diff - wanted || complain 'written anew, it is not the same'
 "${quopa[@]}" trace anew.pcapng -w - | cmp - anew.pcapng || complain 'written anew again, it is not the same'
+expect 0 '^\{"f0":2,"f1":0\}$' '' '' decode other.pcapng#3
 [ "$(jq -c '[.program, .record.f0, .note != null] | select(.[0] == "q" and (.[1] or .[2]))' wanted | xargs)" = '[q,2,false] [q,null,true] [q,3,false]' ] ||
   complain "other types: $(cat wanted)"
 # Also the last bytes of a file have to find room.
@@ -117,14 +187,14 @@ received 31 tlv 1
 END
 anew="the ring's files before this one were written anew, so messages of that time are missing"
 says 1 compare sender receiver <<END
-not received: 08:56:40.130456 b -> 0x00000012 h1 unknown type, 8 bytes
-received but not sent: 08:56:40.134456 r <- 0x00000013 unknown type, 8 bytes
-received again: 08:56:40.154456 r <- fib6Sync.tlv f0=1
+not received: sender/2.3#3 08:56:40.130456 b -> 0x00000012 h1 unknown type, 8 bytes
+received but not sent: receiver/3.0#5 08:56:40.134456 r <- 0x00000013 unknown type, 8 bytes
+received again: receiver/3.1#3 08:56:40.154456 r <- fib6Sync.tlv f0=1
 5 sent, 6 received: 1 not received, 1 received again, 1 received but not sent
 1 more could not be sent
 latency in us: least 1000, half 2000, 90 % 4000, 99 % 4000, 99.9 % 4000, most 20000
 quopa: sender/quopa-b-2.3.pcapng: $anew
-08:56:40.123456 b -- 4 messages were not recorded
+sender/2.3#4 08:56:40.123456 b -- 4 messages were not recorded
 quopa: 2 messages were cut by the recorder and are not compared
 END
 # One line of standard output each, the sums at the end: STATUS|SENDER|RECEIVER|LAST LINE.

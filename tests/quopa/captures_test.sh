@@ -4,6 +4,8 @@ set -uo pipefail
 . "$(dirname "$0")/expect.sh"
 quopa=("$1") make_capture=$2
 show() { "${quopa[@]}" trace "$@"; }
+# Without what tells one capture from another with the same messages.
+json() { show "$@" --json | sed -E 's/"capture":"[^"]*","packet":[0-9]+,//'; }
 same() { # same WHAT: two files of that name and .wanted
   cmp "$1" "$1.wanted" || complain "$1: $(diff "$1" "$1.wanted" | head -n 4)"
 }
@@ -11,18 +13,26 @@ same() { # same WHAT: two files of that name and .wanted
 "$make_capture" 3000 good little >good.pcapng
 "$make_capture" 3000 good big >big.pcapng
 "$make_capture" 3000 spoiled little >spoiled.pcapng
-show good.pcapng --json >said.wanted
+json good.pcapng >said.wanted
 
 # The same whatever the byte order, through a pipe, written anew, and put together again from two files in a folder.
-show big.pcapng --json >said; same said
-show - --json <good.pcapng >said; same said
-show good.pcapng -w - | show - --json >said; same said
+json big.pcapng >said; same said
+json - <good.pcapng >said; same said
+show good.pcapng -w - | json - >said; same said
 mkdir parts && : >parts/b.pcapng
 show good.pcapng --sent -w parts/b.pcapng
 show good.pcapng --received -w parts/a.pcap
-show parts --json >said
+json parts >said
 same said
 [ "$(wc -l <said)" -eq 3000 ] || complain 'messages are missing'
+
+# Each line leads to its packet, and has its bytes.
+show good.pcapng --bare >records
+show good.pcapng --json --bytes >packets
+jq -r '.packet, .type, .bytes' packets | awk '(NR - 1) % 2100 < 3' | while read -r packet && read -r type && read -r bytes; do
+  sed -n "${packet}p" records | tee line | cmp - <("${quopa[@]}" decode good.pcapng#"$packet") && cmp line <("${quopa[@]}" decode "$type" --hex <<<"$bytes") || echo "$packet"
+done >unlike
+[ ! -s unlike ] || complain "packets are not what their lines show: $(cat unlike)"
 
 # Conditions find what jq finds: TYPE|TERM|CONDITION.
 show good.pcapng --json --ipv6 >addresses
@@ -37,6 +47,16 @@ for case in "$update|f1.f4<=7|.f1.f4 <= 7" "$update|f1.f4!=0|.f1.f4 != 0" "$upda
   jq -c "select(.type == \"$type\").record | select($condition)" addresses >found.wanted
   show good.pcapng --type "$type" --bare --ipv6 --where "$term" | jq -c . >found; same found
   [ -s found.wanted ] || [ "$condition" = false ] || complain "$term: finds nothing"
+done
+# In one element, or each in any; and the line has what was found, zeros too.
+rec=fib6_cfg.query_fib6_rec
+for case in '.f4 >= 100 and .f45 == 0' 'any:any(.f1[]; .f4 >= 100) and any(.f1[]; .f45 == 0)'; do
+  [[ $case == any:* ]] && option=--any-element condition=${case#any:} || option='' condition="any(.f1[]; $case)"
+  jq -c "select(.type == \"$rec\") | select(.record | $condition).packet" packets >found.wanted
+  # shellcheck disable=SC2086
+  show good.pcapng $option --where 'f1.f4>=100' --where f1.f45=0 >lines
+  grep -oE '^#[0-9]+' lines | tr -d '#' >found; same found
+  [ "$(grep -E ' f1\[[0-9]+\]\.f4=[0-9]{3,}' lines | grep -cE ' f1\[[0-9]+\]\.f45=0( |$)')" = "$(wc -l <found)" ] || complain "what was found is not in the line ($option)"
 done
 printf '[%s]\nf1 = route\n[fib6Sync.ipv6Fwd]\nf4 = length enum host=128\nf3 = destination ipv6\n' $update >labels
 jq -c 'select(.type == "'$update'" and .record.f1.f4 == 128) | .time' said >found.wanted
@@ -61,6 +81,26 @@ jq -c 'select(.type == "'$update'").record | .f0.f0 %= 65536' said >found.wanted
 show other.pcapng --bare --type $update >found; same found
 show other.pcapng -w - | show - --bare --type $update >found; same found
 
+# What is compressed, or fits nothing that there is, is told how to be had.
+printf '\x1f\x8b\x08\0\0\0\0\0' >good.gz
+expect 1 '' '^quopa: good.gz: no capture file: compressed by gzip; zcat FILE ' '' trace good.gz
+show good.pcapng --type $update -w updates.pcapng
+while IFS='|' read -r status terms line; do
+  # shellcheck disable=SC2086
+  expect "$status" '' "^quopa: --where $line\$" '' trace updates.pcapng $terms
+done <<END
+0|--where f3=2001:db8::/32|fits no message: $update has no member "f3"; it has f0 to f1; did you mean "f1.f3" of $update\?
+0|--where f2.f0=1 --where f1.f3=1|fits no message: $update has no member "f2"; it has f0 to f1; did you mean "f0.f0" of $update\?
+2|--where rout.flags=U --labels $project/examples/routes.labels|$update has no member "rout"; did you mean "route"\?
+2|--where route.falgs=U --labels $project/examples/routes.labels|fib6Sync.ipv6Fwd has no member "falgs"; did you mean "flags"\?
+2|--where route.flags=U|.* has no member "route"; it has f0 to f[0-9]+, and no labels give these other names
+2|--where .sise=1|no ".sise"; did you mean ".size"\?
+2|--where .x=1|no ".x"; messages have .time .program .status .process .*
+2|--where .time>x|.time>x: "x" is no time; like .*
+2|--where .status<failed|.status<failed: .status goes with = and != only
+2|--where .packet=two|.packet=two: "two" is no number
+END
+
 # Bad captures: what can be read, one line, status 1.
 seq 50 >noise.pcapng
 head -c 100000 good.pcapng >cut.pcapng
@@ -76,7 +116,7 @@ mkdir folder bad
 expect 1 '' '^quopa: folder: no \*.pcapng or \*.pcap in this folder' '' trace folder
 expect 1 '1500 not received' '^quopa: noise.pcapng: no capture file: neither pcap nor pcapng$' '' compare good.pcapng noise.pcapng
 mv noise.pcapng cut.pcapng bad
-show bad --json >output 2>errors
+json bad >output 2>errors
 [ $? -eq 1 ] && [ "$(wc -l <errors)" -eq 2 ] && head -n "$(wc -l <output)" said.wanted | cmp - output || complain "what is bad: $(cat errors)"
 while IFS= read -r line; do grep -qE "^quopa: bad/$line" errors || complain "no line $line: $(cat errors)"; done <<'END'
 noise.pcapng: no capture file: neither pcap nor pcapng$
@@ -84,9 +124,9 @@ cut.pcapng: damaged behind packet [0-9]+, at byte [0-9]+: it ends in the middle 
 END
 
 # Wrong usage.
-for case in '--where f1|"f1" is not MEMBER=VALUE' '--where f99=1|.* has no member "f99"$' '--where f1=1 --type fib6Sync.ipv6Fwd*Msg|"f1" of .*; name a member, as in f1.f0$' \
+for case in '--where f1|"f1" is not MEMBER=VALUE' '--where f99=1|.* has no member "f99"; it has f0 to f[0-9]+$' '--where f1=1 --type fib6Sync.ipv6Fwd*Msg|"f1" of .*; name a member, as in f1.f0$' \
   '--where f1.f3=fe80::/129|f1.f3=fe80::/129: a prefix has a length of 0 to 128' '--where f1.f3<fe80::/10|.*: a prefix goes with = and != only' \
-  '--type nothing.*|no type matches "nothing.\*"' '--sent --received|.*excludes' '--json -w x|.*excludes' '-w good.pcapng|good.pcapng is read' '-f|good.pcapng: not a file that the recorder'; do
+  '--type nothing.*|no type matches "nothing.\*"; "quopa types"' '--type fib6Sync.tlb|no type matches "fib6Sync.tlb"; did you mean "fib6Sync.tlv"' '--sent --received|.*excludes' '--json -w x|.*excludes' '-w good.pcapng|good.pcapng is read' '-f|good.pcapng: not a file that the recorder'; do
   # shellcheck disable=SC2086
   expect $([[ $case == -f* ]] && echo 1 || echo 2) '' "^quopa: (--where )?${case#*|}" '' trace good.pcapng ${case%%|*}
 done
@@ -102,7 +142,7 @@ for case in '-|kept.pcapng' '-|link.pcapng' '-|-' 'kept.pcapng|link.pcapng' 'lin
 done
 [ "$(echo linked/* ring/*)" = 'linked/hard.pcapng ring/quopa-x-1.0.pcapng' ] || complain "-w leaves $(echo linked/* ring/*)"
 # But a folder may get a new one.
-mkdir enlarged && cp good.pcapng enlarged && show enlarged -w enlarged/out.pcapng && show enlarged/out.pcapng --json >said && cmp said said.wanted || complain 'a new file in the folder that is read'
+mkdir enlarged && cp good.pcapng enlarged && show enlarged -w enlarged/out.pcapng && json enlarged/out.pcapng >said && cmp said said.wanted || complain 'a new file in the folder that is read'
 show folder -w folder/out.pcapng 2>errors && complain 'an empty folder is read'
 [ -z "$(ls folder)" ] || complain "a failure leaves $(ls folder)"
 # What is read twice is no pipe.

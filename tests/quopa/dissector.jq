@@ -54,7 +54,8 @@ def message($wanted; $top):
 . as $messages
 | [range(length) as $i
    | $messages[$i] as $wanted
-   | message($wanted; $shown[$i]._source.layers.quopa) as $got
+   | $shown[$i]._source.layers as $layers
+   | (message($wanted; $layers.quopa) | .packet = ($layers.frame["frame.number"] | tonumber)) as $got
    | select($got != $wanted)
    | "packet \($i + 1):\n  quopa  \($wanted | tojson)\n  tshark \($got | tojson)"] as $differences
 | $differences[],

@@ -11,6 +11,11 @@ routes=$project/examples/routes.labels
 # Good input.
 expect 0 '^\{"f0":1,"f1":0,"f2":"616263"\}$' '' "$good" decode $param --hex
 expect 0 '^\{"f0":1,' '' "$good" decode 0xCC4E6BC6 - --hex
+for dump in "$(printf '%b' "$good" | tr -d ' \n' | sed 's/../&:/g; s/:$//')" \
+  '00000000: 0e00 0000 0a00 1300 0400 0000 0800 0a00  ................\n00000010: 0000 0100 0000 0400 0000 0300 0000 6162  ..............ab\n00000020: 63                                       0a\n' \
+  '\t0x0000:  0e00 0000 0a00 1300 0400 0000 0800 0a00\n\t0x0010:  0000 0100 0000 0400 0000 0300 0000 6162 63\n'; do
+  expect 0 '^\{"f0":1,"f1":0,"f2":"616263"\}$' '' "$dump" decode $param --hex
+done
 expect 0 '^\{"f0":1,' '' "$good" decode fib6_cfg_query_comm_param --hex
 expect 0 '^ +30  61 62 63                 f2 = "abc"$' '' "$good" annotate $param --hex
 expect 0 "^$(printf '%b' "$good" | tr -d ' \n')\$" '' '{"f0":1,"f2":[97,98,99]}' encode $param --hex
@@ -29,6 +34,14 @@ expect 0 '^ +\.\.\.  232 bytes more +--full shows them$' '' "$(printf '{"f2":"%0
 "${quopa[@]}" encode korBrokerFib6.nhp6DelMsg --hex <<<'{"f1":[{"f0":1},{"f0":1}]}' | sed 's/0e00000018000000/0e0000000a000000/' >shared
 expect 0 '^ +42  01 00 00 00 +f1\[0\].f0 = 1$' '' '' annotate korBrokerFib6.nhp6DelMsg shared --hex
 grep -q 'f1\[1\]\.f0' output && complain 'a shared element is told twice'
+# Of many elements the first ones, what is wrong with another, and what stands behind them.
+{ echo '{"f1":[{}' && seq 40 | sed 's/.*/,{"f0":7}/' && echo ']}'; } | "${quopa[@]}" encode korBrokerFib6.nhp6DelMsg --hex >many
+sed 's/$/6162/' many | "${quopa[@]}" annotate korBrokerFib6.nhp6DelMsg --hex >folded
+[ "$(grep -oE 'f1\[1[56]\]\.f0 = 7|[0-9]+ bytes more +more elements|nothing points here' folded | xargs)" = \
+  '100 bytes more more elements f1[15].f0 = 7 350 bytes more more elements nothing points here' ] || complain "what is folded: $(tail -n 5 folded)"
+expect 0 '^ +... .* f1\[40\].f0 = 7$' '' '' annotate korBrokerFib6.nhp6DelMsg many --hex --full
+sed 's/07000000$/07/' many >cut
+expect 1 '^ +... .* f1\[40\].f0 .*  <-- rejected$' 'rejected at' '' annotate korBrokerFib6.nhp6DelMsg cut --hex
 expect 0 '^fib6Sync.tlv, message ID 0x' '' '' types fib6Sync.tlv
 expect 0 '^\{"type":"fib6_cfg.query_comm_param".*"record_size":\[16,24\]' '' '' types fib6_cfg --json
 expect 0 '^[0-9]+ types, no difference$' '' '' types --check "$project/describe/baseline.schema"
@@ -36,15 +49,36 @@ expect 0 '^[0-9]+ types, no difference$' '' '' types --check "$project/describe/
 expect 0 '"scalar", 4, 0, nil, name = "metric"' '' '' dissector --labels "$routes"
 expect 1 '' '^quopa: output/none: ' '' dissector -o output/none
 expect 0 '^quopa [0-9.]+$' '' '' --version
-for command in types decode encode annotate trace stats compare replay dissector; do expect 0 '^Examples:$' '' '' $command --help; done
+for command in types decode encode annotate trace stats compare replay dissector; do
+  expect 0 '^Examples:$' '' '' $command --help
+  grep -E '.{81}|Excludes|Needs' output && complain "the help of $command"
+done
 
-# What the shells ask.
-expect 0 '^fib6Sync.ipv6FwdDelMsg$' '' '' __complete decode fib6Sync.ipv6
-expect 0 '^annotate$' '' '' __complete ''
-expect 0 '^fib6Sync.tlv$' '' '' __complete trace a.pcapng --type fib6Sync.t
-expect 0 '^fixed$' '' '' __complete encode $param --layout ''
-expect 0 '^--labels$' '' '' __complete encode $param --la
-expect 0 '' '' '' __complete decode $param ''
+# What the shells ask: CANDIDATES|WORD|WORD...
+while IFS='|' read -r wanted words; do
+  IFS='|' read -ra words <<<"$words|"
+  expect 0 "$wanted" '' '' __complete "${words[@]}"
+done <<END
+^fib6Sync.ipv6FwdDelMsg$|decode|fib6Sync.ipv6
+^annotate$|
+^fib6Sync.tlv$|trace|a.pcapng|--type|fib6Sync.t
+^--type=fib6Sync.tlv$|trace|--type=fib6Sync.t
+^fixed$|encode|$param|--layout|
+^--labels$|encode|$param|--la
+^:files$|decode|$param|
+^:files$|annotate|trace.pcapng#
+^:files$|trace|--labels=$routes
+^:files$|compare|a|b
+|compare|a|b|c
+|encode|x.json
+|trace|a|--count|
+^f1\\.$|trace|a|--type|$msg|--where|f
+^f1\\.f13=$|trace|a|--type=$msg|--where|f1.
+^route\\.prefix_length=$|trace|a|--type|$msg|--labels|$routes|--where|route.
+^\\.size=$|stats|a|--where|.
+END
+expect 0 '*' '' '' __complete trace a --type $msg --where f
+[ "$(cat output)" = $'f0.\nf1.' ] || complain "members of another type: $(cat output)"
 
 # Rejected buffers: what was decoded before, the decoder's line if it has one, position and reason.
 reject() { expect 1 "$1" "$2" "${good/$3/$4}" "${@:5}" $param --hex; }
@@ -73,9 +107,15 @@ expect 1 '' 'input: f1.flags: given twice, as f2 and by label$' '{"f1":{"flags":
 expect 1 '' '^quopa: standard input:2:3: pairs of hexadecimal digits are wanted$' '00\n00x' decode $param --hex
 expect 1 '' '^quopa: standard input:1:2: pairs' '0 0' decode $param --hex
 expect 1 '' '^quopa: standard input:1:3: pairs' '00\000' decode $param --hex
-expect 1 '' 'the last pair of hexadecimal digits is cut off$' '000' decode $param --hex
+expect 1 '' '^quopa: standard input:1:4: pairs' '000' decode $param --hex
+expect 1 '' '^quopa: standard input:1:4: pairs' '00::00' decode $param --hex
 expect 1 '' '^quopa: missing: No such file or directory$' '' decode $param missing
 expect 1 '' '^quopa: /dev/zero: longer than 16 MiB$' '' annotate $param /dev/zero
+printf '\xEF\xBB\xBF[%s]\nf0 = first' $key >marked.labels
+expect 0 '"first":7' '' "$("${quopa[@]}" encode $key --hex --labels marked.labels <<<'{"first":7}')" decode $key --hex --labels marked.labels
+expect 1 '' 'frist: fib6Sync.ipv6FwdKey has no such member; did you mean "first"\?$' '{"frist":7}' encode $key --hex --labels marked.labels
+printf '[%s]' fib6Sync.ipv6FwdKye >bad.labels
+expect 1 '' '^quopa: bad.labels:1: no type "fib6Sync.ipv6FwdKye"; did you mean "fib6Sync.ipv6FwdKey"\?$' '' decode $key --labels bad.labels
 printf '%b' "[$key]\nf0 = a\nf1 = a" >bad.labels
 expect 1 '' '^quopa: bad.labels:3: "a" is a member already$' '' decode $key --labels bad.labels
 sed 's/ u8@24 / u16@24 /; $d' "$project/describe/baseline.schema" >old.schema
@@ -106,11 +146,15 @@ truncate -s 3G large && expect 1 '' '^quopa: large: longer than 16 MiB$' '' deco
 
 # Wrong usage.
 expect 2 '' '^quopa: A subcommand is required$' ''
-expect 2 '' '^quopa: no type "tlv"; "quopa types" lists them$' '' decode tlv
+expect 2 '' '^quopa: no type "tlv"; did you mean "fib6Sync.tlv"\?$' '' decode tlv
+expect 2 '' '^quopa: no type "fib6.other"; "quopa types" lists them$' '' encode fib6.other
+expect 2 '' '^quopa: no command "annotaet"; did you mean "annotate"\?$' '' annotaet x
+expect 2 '' '^quopa: no command "x"; "quopa --help" lists them$' '' x
+expect 2 '' '^quopa: .*--josn; did you mean "--json"\?$' '' types --josn
 expect 2 '' '^quopa: fib6_cfg.query_comm_param has variable length, so there is no fixed layout' '{}' encode $param --hex --layout fixed
 expect 2 '' '^quopa: .*--layout' '' encode $param --layout other
 expect 2 '' '^quopa: no package or type "nothing"' '' types nothing
-expect 2 '' '^quopa: .*excludes' '' types --json --schema
+expect 2 '' '^quopa: .*excludes[^?]*$' '' types --json --schema
 
 # A closed pipe ends it quietly, a full disk does not; nothing is wider than a terminal, shown of one type in twelve,
 # for a start takes its time under sanitizers and in emulators.

@@ -1,6 +1,7 @@
 // The commands of quopa: what each can be told, and how it ends.
 #pragma once
 
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -29,7 +30,7 @@ struct TypesOptions {
 int types(const TypesOptions &options);
 
 struct DecodeOptions {
-  std::string type;
+  std::string type;  // or CAPTURE#NUMBER
   std::string file = "-";
   std::string labels;
   bool hex = false;
@@ -48,12 +49,11 @@ struct EncodeOptions {
 int encode(const EncodeOptions &options);
 
 struct AnnotateOptions {
-  std::string type;
+  std::string type;  // or a packet of a capture, as for decode
   std::string file = "-";
   std::string labels;
   std::string color = "auto";
   bool hex = false;
-  bool ipv6 = false;
   bool full = false;
 };
 int annotate(const AnnotateOptions &options);
@@ -63,7 +63,10 @@ struct SelectionOptions {
   std::vector<std::string> paths;  // files and folders
   std::vector<std::string> types;  // patterns as for file names; any of them
   std::vector<std::string> where;  // all of them
+  std::string from;                // see Moment
+  std::string to;
   std::string labels;
+  bool any_element = false;  // see Where
   bool sent = false;
   bool received = false;
   bool rejected = false;
@@ -73,9 +76,14 @@ struct SelectionOptions {
 struct TraceOptions {
   SelectionOptions selection;
   std::string output;
+  uint64_t count = UINT64_MAX;
   bool follow = false;
   bool json = false;
+  bool bytes = false;
   bool bare = false;
+  std::string color = "auto";
+  bool date = false;
+  bool delta = false;
   bool ipv6 = false;
 };
 int trace(const TraceOptions &options);
@@ -90,6 +98,7 @@ struct CompareOptions {
   std::string sender;
   std::string receiver;  // empty: the sender's
   std::string labels;
+  std::string color = "auto";
   bool json = false;
   bool ipv6 = false;
 };

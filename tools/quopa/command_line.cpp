@@ -4,7 +4,9 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 
+#include "describe/suggestion.h"
 #include "tools/quopa/command.h"
+#include "tools/quopa/help.h"
 
 namespace quopa {
 namespace {
@@ -34,10 +36,11 @@ void add_types(CLI::App &app, Run &run) {
 void add_decode(CLI::App &app, Run &run) {
   const auto options = std::make_shared<DecodeOptions>();
   CLI::App *command = app.add_subcommand("decode", "Show a buffer as one line of JSON");
-  command->add_option("TYPE", options->type, "The message type, like fib6Sync.ipv6Fwd, or its ID, like 0x1234ABCD")
+  command->add_option("TYPE", options->type, "The message type, like fib6Sync.ipv6Fwd, its ID, or CAPTURE#NUMBER")
       ->required();
-  command->add_option("FILE", options->file, "The buffer; - or nothing: standard input");
-  command->add_flag("--hex", options->hex, "The buffer is hexadecimal text, with blanks between pairs of digits");
+  command->add_option("FILE", options->file, "The buffer, or CAPTURE#NUMBER; - or nothing: standard input");
+  command->add_flag("--hex", options->hex,
+                    "The buffer is hexadecimal text: pairs of digits, or a dump like that of xxd");
   command->add_flag("--ipv6", options->ipv6, "Show every u32[4] as an IPv6 address");
   command->add_option("--labels", options->labels, "A file that names members and their values")->type_name("FILE");
   command->footer(
@@ -67,28 +70,33 @@ void add_encode(CLI::App &app, Run &run) {
       "Takes what \"quopa decode\" prints, with whatever options. Members that are not given are zero or empty.\n\n"
       "Examples:\n"
       "  echo '{\"f0\":1,\"f1\":2}' | quopa encode fib6Sync.tlv --hex\n"
-      "  quopa decode fib6Sync.tlv a.bin | jq -c '.f0 = 7' | quopa encode fib6Sync.tlv -o b.bin");
+      "  quopa decode fib6Sync.tlv a | jq -c '.f0 = 7' | quopa encode fib6Sync.tlv -o b");
   command->callback([=, &run] { run = [=] { return encode(*options); }; });
+}
+
+void add_color(CLI::App &command, std::string &color) {
+  command.add_option("--color", color, "auto: on a terminal, unless NO_COLOR is set")
+      ->type_name("auto|always|never")
+      ->check(CLI::IsMember({"auto", "always", "never"}).description(""));
 }
 
 void add_annotate(CLI::App &app, Run &run) {
   const auto options = std::make_shared<AnnotateOptions>();
   CLI::App *command = app.add_subcommand("annotate", "Show a buffer byte by byte with the meaning of each");
-  command->add_option("TYPE", options->type, "The message type, like fib6Sync.ipv6Fwd, or its ID, like 0x1234ABCD")
+  command->add_option("TYPE", options->type, "The message type, like fib6Sync.ipv6Fwd, its ID, or CAPTURE#NUMBER")
       ->required();
-  command->add_option("FILE", options->file, "The buffer; - or nothing: standard input");
-  command->add_flag("--hex", options->hex, "The buffer is hexadecimal text, with blanks between pairs of digits");
-  command->add_flag("--ipv6", options->ipv6, "Show every u32[4] as an IPv6 address");
-  command->add_flag("--full", options->full, "Show long arrays whole");
+  command->add_option("FILE", options->file, "The buffer, or CAPTURE#NUMBER; - or nothing: standard input");
+  command->add_flag("--hex", options->hex,
+                    "The buffer is hexadecimal text: pairs of digits, or a dump like that of xxd");
+  command->add_flag("--full", options->full, "Show long arrays whole, and all elements of vectors");
   command->add_option("--labels", options->labels, "A file that names members and their values")->type_name("FILE");
-  command->add_option("--color", options->color, "auto: on a terminal, unless NO_COLOR is set")
-      ->type_name("auto|always|never")
-      ->check(CLI::IsMember({"auto", "always", "never"}).description(""));
+  add_color(*command, options->color);
   command->footer(
       "Positions are decimal, bytes hexadecimal. In a buffer that the decoder would reject, the word that it\n"
       "does not take is marked; standard error has position and reason, and the status is 1.\n\n"
       "Examples:\n"
       "  quopa annotate fib6Sync.ipv6FwdUpdateMsg message.bin\n"
+      "  quopa annotate trace.pcapng#17\n"
       "  echo '{\"f0\":1}' | quopa encode fib6Sync.tlv | quopa annotate fib6Sync.tlv");
   command->callback([=, &run] { run = [=] { return annotate(*options); }; });
 }
@@ -103,7 +111,8 @@ void add_dissector(CLI::App &app, Run &run) {
       "Members are called quopa.PACKAGE.MESSAGE.f<I> in display filters, whatever their labels.\n\n"
       "Examples:\n"
       "  quopa dissector -o ~/.local/lib/wireshark/plugins/quopa.lua\n"
-      "  tshark -X lua_script:quopa.lua -r trace.pcapng -Y 'quopa.fib6Sync.ipv6Fwd.f3 == 2001:db8::/32'\n"
+      "  tshark -X lua_script:quopa.lua -r trace.pcapng \\\n"
+      "    -Y 'quopa.fib6Sync.ipv6Fwd.f3 == 2001:db8::/32'\n"
       "  tshark -X lua_script:quopa.lua -r trace.pcapng -Y quopa.rejected");
   command->callback([=, &run] { run = [=] { return dissector(*options); }; });
 }
@@ -128,13 +137,24 @@ void add_selection(CLI::App &command, SelectionOptions &options) {
   command.add_option("--where", options.where, "Only records with this member; repeated: all of them. See below")
       ->type_name("TERM")
       ->allow_extra_args(false);
+  command.add_flag("--any-element", options.any_element, "Each TERM on a vector may hold in another element of it");
+  command.add_option("--from", options.from, "Only from this time on, like 08:56:40.5 or +5s. See below")
+      ->type_name("TIME");
+  command.add_option("--to", options.to, "Only up to this time")->type_name("TIME");
   add_labels(command, options.labels);
 }
 
+constexpr char kTimes[] =
+    "A TIME is a local one like 08:56:40.5 or 2025-11-25T08:56, +5s from the first message on, or in seconds or\n"
+    "nanoseconds since 1970. --to includes what is shown with its digits.\n\n";
+
 constexpr char kTerms[] =
-    "A TERM is MEMBER=VALUE, or != < <= > >=. The member is a path like f1.f3, or labels; in arrays and vectors\n"
-    "any element may fulfil it. The value is a number or a label's word; of an u32[4] also an IPv6 address or\n"
-    "a prefix, which stands for all addresses in it; of byte strings hexadecimal digits.\n\n";
+    "A TERM is MEMBER=VALUE, or != < <= > >=. The member is a path like f1.f3, or labels. In arrays and vectors any\n"
+    "element may fulfil it, and of several terms on one vector the same element all, unless --any-element is given.\n"
+    "The value is a number or a label's word; of an u32[4] also an IPv6 address or a prefix, which stands for all\n"
+    "addresses in it; of byte strings hexadecimal digits. Beside its members a message has .time, .program, which may\n"
+    "be a pattern, .process, .thread, .handle, .destination, .packet, .size, and .status: ok, failed, unanswered or a\n"
+    "number.\n\n";
 
 void add_trace(CLI::App &app, Run &run) {
   const auto options = std::make_shared<TraceOptions>();
@@ -143,14 +163,20 @@ void add_trace(CLI::App &app, Run &run) {
   command->add_flag("-f,--follow", options->follow, "Go on with what is recorded meanwhile");
   CLI::Option *json = command->add_flag("--json", options->json, "One JSON object a line");
   CLI::Option *bare = command->add_flag("--bare", options->bare, "Only the records, as \"quopa decode\" shows them");
-  command->add_flag("--ipv6", options->ipv6, "Show every u32[4] as an IPv6 address");
+  CLI::Option *bytes = command->add_flag("--bytes", options->bytes, "With --json: the message's bytes too");
+  CLI::Option *date = command->add_flag("--date", options->date, "The date in every line");
+  CLI::Option *delta = command->add_flag("--delta", options->delta, "The time since the line before");
+  command->add_flag("--ipv6", options->ipv6, "In JSON, show every u32[4] as an IPv6 address");
+  add_color(*command, options->color);
+  command->add_option("--count", options->count, "Only so many messages")->type_name("N");
   CLI::Option *output =
       command->add_option("-w,--write", options->output, "Write them to a capture instead; - is standard output")
           ->type_name("OUT.pcapng");
-  json->excludes(bare, output);
-  bare->excludes(output);
+  json->excludes(bare, output, date, delta);
+  bare->excludes(output, date, delta);
+  bytes->needs(json);
   command->footer(
-      std::string(kTerms) +
+      std::string(kTerms) + kTimes +
       "-f takes the folders in which processes are recorded, or files in them, and ends when it is interrupted.\n\n"
       "Examples:\n"
       "  quopa trace /dev/shm/trace --where f1.f3=2001:db8::/32 --ipv6\n"
@@ -164,7 +190,7 @@ void add_stats(CLI::App &app, Run &run) {
   CLI::App *command = app.add_subcommand("stats", "Count the messages of captures");
   add_selection(*command, options->selection);
   command->add_flag("--json", options->json, "One JSON object a line");
-  command->footer(std::string(kTerms) +
+  command->footer(std::string(kTerms) + kTimes +
                   "Examples:\n"
                   "  quopa stats /dev/shm/trace\n"
                   "  quopa stats /dev/shm/trace --where f1.f3=2001:db8::/32");
@@ -178,7 +204,8 @@ void add_compare(CLI::App &app, Run &run) {
       ->required();
   command->add_option("RECEIVER", options->receiver, "The same, of which what was received counts; nothing: SENDER");
   command->add_flag("--json", options->json, "One JSON object a line, at the end the sums");
-  command->add_flag("--ipv6", options->ipv6, "Show every u32[4] as an IPv6 address");
+  command->add_flag("--ipv6", options->ipv6, "In JSON, show every u32[4] as an IPv6 address");
+  add_color(*command, options->color);
   add_labels(*command, options->labels);
   command->footer(
       "Messages are the same when ID and bytes are; of several the first that was sent is the first that came.\n"
@@ -216,12 +243,38 @@ void add_complete(CLI::App &app, Run &run) {
   command->callback([=, &app, &run] { run = [=, &app] { return complete(app, command->remaining()); }; });
 }
 
+// What is wrong with a command line, and what may be meant by a command or an option that there is none of.
+std::string explain(const CLI::App &app, const std::vector<std::string> &words, const std::string &error) {
+  if (words.empty() || words[0].starts_with('-')) return error;
+  const CLI::App *command = nullptr;
+  drix::describe::Suggestion command_meant(words[0]);
+  for (const CLI::App *one : app.get_subcommands([](const CLI::App *any) { return !any->get_group().empty(); })) {
+    if (one->get_name() == words[0]) command = one;
+    command_meant.consider(one->get_name());
+  }
+  if (command == nullptr) {
+    return "no command \"" + words[0] + '"' +
+           (command_meant.is_there() ? command_meant.text() : "; \"quopa --help\" lists them");
+  }
+  for (const std::string &word : words) {
+    const std::string name = word.substr(0, word.find('='));
+    if (!name.starts_with("--") || command->get_option_no_throw(name) != nullptr) continue;
+    drix::describe::Suggestion option_meant(name);
+    for (const CLI::Option *option : command->get_options()) {
+      for (const std::string &long_name : option->get_lnames()) option_meant.consider("--" + long_name);
+    }
+    return error + option_meant.text();
+  }
+  return error;
+}
+
 }  // namespace
 
 Run parse_command_line(int argc, char **argv) {
   const auto app = std::make_shared<CLI::App>("Shows, checks and makes the messages of libdrix_fib6.", "quopa");
   Run run;
   app->set_version_flag("--version", "quopa " QUOPA_VERSION);
+  app->formatter(std::make_shared<Help>());
   app->require_subcommand(1);
   app->footer(
       "Status: 0 good; 1 bad input, a rejected buffer or differences; 2 wrong usage.\n"
@@ -241,7 +294,7 @@ Run parse_command_line(int argc, char **argv) {
   } catch (const CLI::Success &wanted) {
     return [status = app->exit(wanted)] { return status; };
   } catch (const CLI::ParseError &error) {
-    throw BadUsage(error.what());
+    throw BadUsage(explain(*app, {argv + 1, argv + argc}, error.what()));
   }
   return [app, run] { return run(); };
 }

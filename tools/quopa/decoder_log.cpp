@@ -14,6 +14,7 @@ std::string line;
 }  // namespace
 
 std::string decoder_log(const drix::describe::Type &type, const std::vector<uint8_t> &buffer) {
+  if (type.library.unpack == nullptr) return {};
   drix::inspect::Record record(type);
   const uint8_t none = 0;  // so that an empty buffer has an address too
   line.clear();

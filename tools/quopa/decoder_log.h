@@ -9,7 +9,7 @@
 
 namespace quopa {
 
-// Empty when it accepts the buffer or gives it up silently.
+// Empty when it accepts the buffer or gives it up silently, and where a trace's older version has the type.
 std::string decoder_log(const drix::describe::Type &type, const std::vector<uint8_t> &buffer);
 
 }  // namespace quopa

@@ -19,7 +19,7 @@ using capture::name_of;
 // A file's contents; "-" is standard input.
 std::string read_file(const std::string &path);
 
-// A buffer, from bytes or from pairs of hexadecimal digits with blanks anywhere between pairs.
+// A buffer, from bytes or from pairs of hexadecimal digits with blanks or colons between pairs, also as xxd dumps them.
 std::vector<uint8_t> read_buffer(const std::string &path, bool hexadecimal);
 
 // No labels when the path is empty.

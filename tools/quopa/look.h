@@ -2,11 +2,13 @@
 #pragma once
 
 #include <optional>
+#include <vector>
 
 #include "capture/message.h"
 #include "inspect/extent.h"
 #include "inspect/record.h"
 #include "inspect/walk.h"
+#include "inspect/where.h"
 
 namespace quopa {
 
@@ -39,6 +41,9 @@ class Look {
     return builder_->record().data();
   }
 
+  // Members for which the message was chosen.
+  std::vector<drix::inspect::Where::Match> &matches() { return matches_; }
+
   drix::inspect::Extent extent() { return extent_of(verdict()); }
 
  private:
@@ -51,6 +56,7 @@ class Look {
   const drix::describe::Type *type_;
   std::optional<drix::inspect::Verdict> verdict_;
   std::optional<drix::inspect::RecordBuilder> builder_;
+  std::vector<drix::inspect::Where::Match> matches_;
 };
 
 }  // namespace quopa

@@ -11,7 +11,6 @@ namespace {
 using drix::Kind;
 using drix::describe::SlotInfo;
 using drix::inspect::Event;
-using drix::inspect::Label;
 using drix::inspect::TablePath;
 using drix::inspect::Thing;
 
@@ -19,7 +18,7 @@ std::string offset_text(const Event &word) {
   return "offset " + std::to_string(word.value) + ", to " + std::to_string(uint64_t{word.at} + word.value);
 }
 
-std::string number_text(uint32_t value, const Label *label) {
+std::string number_text(uint32_t value, const drix::inspect::Label *label) {
   std::string text = drix::inspect::scalar_text(value, label);
   if (value < 10 && text == std::to_string(value)) return text;
   char hexadecimal[16];
@@ -107,8 +106,7 @@ std::string Meaning::elements_text(const Entry &entry, uint32_t from, uint32_t s
     const std::string text = characters(buffer_ + from, size);
     return from > event.at ? text : name + (text.empty() ? ": bytes" : " = " + text);
   }
-  const Label *label = style_.labels.find(*path.type, event.slot);
-  if (style_.shows_address(slot, label)) {
+  if (slot.is_address()) {
     if (from > event.at) return {};
     uint8_t words[16];
     drix::copy_elements<uint32_t>(words, buffer_ + event.at, 4);

@@ -2,6 +2,9 @@
 
 #include <fnmatch.h>
 
+#include <algorithm>
+
+#include "tools/quopa/complain.h"
 #include "tools/quopa/show.h"
 
 namespace quopa {
@@ -16,8 +19,25 @@ Selection::Selection(const SelectionOptions &options)
     globs_.push_back(one == nullptr ? glob : one->name());
   }
   matched_.resize(globs_.size());
+  const auto read_moment = [](const char *option, const std::string &text, std::optional<Moment> &moment) {
+    try {
+      if (!text.empty()) moment.emplace(text);
+    } catch (const MomentError &error) {
+      throw BadUsage(std::string(option) + ' ' + error.what());
+    }
+  };
+  read_moment("--from", options.from, from_);
+  read_moment("--to", options.to, to_);
   try {
-    for (const std::string &term : options.where) conditions_.emplace_back(term);
+    for (const std::string &text : options.where) {
+      const drix::inspect::Term term(text);
+      if (PacketTerm::is_one(text)) {
+        packet_terms_.emplace_back(term);
+      } else {
+        where_.add(term);
+      }
+    }
+    if (options.any_element) where_.allow_any_element();
   } catch (const drix::inspect::WhereError &error) {
     throw BadUsage(std::string("--where ") + error.what());
   }
@@ -31,6 +51,16 @@ bool Selection::matches(const std::string &type_name) {
   return any;
 }
 
+// Told of every message, for the first one is what relative times go by.
+bool Selection::takes_time(uint64_t time) {
+  if (!start_) {
+    start_ = time;
+    if (from_) first_ = from_->in(time).first;
+    if (to_) last_ = to_->in(time).last;
+  }
+  return time >= first_ && time <= last_;
+}
+
 bool Selection::takes_type(const Look &look) {
   if (globs_.empty()) return true;
   if (look.type() == nullptr) return matches(type_name(look.message()));
@@ -41,37 +71,41 @@ bool Selection::takes_type(const Look &look) {
 
 bool Selection::takes(Look &look, Styles &styles) {
   const Message &message = look.message();
+  if (!takes_time(message.time)) return false;
   if ((sent_ && !message.is_sent()) || (received_ && !message.is_received())) return false;
   if (failed_ && !message.has_failed()) return false;
   if (!takes_type(look)) return false;
+  const auto holds = [&](const PacketTerm &term) { return term.holds(message, *start_); };
+  if (!std::all_of(packet_terms_.begin(), packet_terms_.end(), holds)) return false;
   if (rejected_ && !look.is_rejected()) return false;
-  if (conditions_.empty()) return true;
+  if (where_.is_empty()) return true;
   if (look.type() == nullptr) return false;
   const drix::inspect::Labels &labels = styles.of(*message.origin).labels;
-  for (drix::inspect::Where &condition : conditions_) {
-    if (!condition.fits(*look.type(), labels)) return false;
-  }
-  const drix::inspect::Extent extent = (look.record(), look.extent());
-  for (drix::inspect::Where &condition : conditions_) {
-    if (!condition.holds(*look.type(), look.record(), extent, labels)) return false;
-  }
-  return true;
+  if (!where_.fits(*look.type(), labels)) return false;
+  const uint8_t *const record = look.record();
+  return where_.holds(*look.type(), record, look.extent(), labels, &look.matches());
 }
 
 void Selection::expect_fitting(Styles &styles) {
   static const Origin own;
-  for (const Type *type : own.types->types()) {
-    if (!matches(type->name())) continue;
-    for (drix::inspect::Where &condition : conditions_) condition.fits(*type, styles.of(own).labels);
-  }
+  const drix::inspect::Labels &labels = styles.of(own).labels;
   for (std::size_t i = 0; i < globs_.size(); ++i) {
-    if (!matched_[i]) throw BadUsage("no type matches \"" + globs_[i] + "\"; \"quopa types\" lists them");
+    for (const Type *type : own.types->types()) matches(type->name());
+    if (matched_[i]) continue;
+    const drix::describe::Suggestion suggestion = drix::describe::suggested_type(globs_[i]);
+    throw BadUsage("no type matches \"" + globs_[i] + '"' +
+                   (suggestion.is_there() ? suggestion.text() : "; \"quopa types\" lists them"));
+  }
+  const std::vector<std::string> misfits = where_.misfits(labels);
+  for (const Type *type : own.types->types()) {
+    if (matches(type->name())) where_.fits(*type, labels);
   }
   try {
-    for (const drix::inspect::Where &condition : conditions_) condition.expect_fitting();
+    where_.expect_fitting();
   } catch (const drix::inspect::WhereError &error) {
     throw BadUsage(std::string("--where ") + error.what());
   }
+  for (const std::string &misfit : misfits) complain("--where fits no message: " + misfit);
 }
 
 }  // namespace quopa

@@ -4,16 +4,20 @@
 #include <cstdio>
 #include <ctime>
 
+#include "capture/ring_file.h"
+#include "describe/printable.h"
 #include "inspect/digits.h"
 
 namespace quopa {
 namespace {
 
 using drix::Kind;
+using drix::describe::printable;
 using drix::describe::SlotInfo;
 using drix::inspect::JsonStyle;
 using drix::inspect::Label;
 using drix::inspect::TablePath;
+using Match = drix::inspect::Where::Match;
 
 constexpr uint64_t kSecond = 1000000000;
 constexpr std::size_t kMostMembers = 40;  // of a line of text
@@ -28,7 +32,7 @@ bool is_zero(const SlotInfo &slot, const uint8_t *table) {
   return std::all_of(value, value + size, [](uint8_t byte) { return byte == 0; });
 }
 
-std::string value_text(const SlotInfo &slot, const uint8_t *table, const Label *label, const JsonStyle &style) {
+std::string value_text(const SlotInfo &slot, const uint8_t *table, const Label *label) {
   const uint8_t *value = table + slot.member;
   if (slot.kind == Kind::scalar) return drix::inspect::scalar_text(drix::inspect::number_at(value, slot.width), label);
   std::string text;
@@ -41,35 +45,51 @@ std::string value_text(const SlotInfo &slot, const uint8_t *table, const Label *
     drix::inspect::append_hex(text, {value, std::min(size, kMostBytes)});
     return size <= kMostBytes ? text : text + "...(" + std::to_string(size) + " bytes)";
   }
-  if (style.shows_address(slot, label)) return drix::inspect::address_text(value);
+  if (slot.is_address()) return drix::inspect::address_text(value);
   for (std::size_t i = 0; i < slot.elements; ++i) {
     text += (i == 0 ? "[" : ",") + std::to_string(drix::inspect::number_at(value + i * slot.width, slot.width));
   }
   return text + ']';
 }
 
-// How many more there are than a line takes is not told: a short message may have millions.
+// f1[2].f3=64
+void show_member(std::ostream &out, const Look &look, const JsonStyle &style, const Match &member) {
+  const auto &[path, index, table] = member;
+  if (path.outer != TablePath::kNone) {
+    out << style.labels.name(*look.type(), path.outer);
+    if (path.element != TablePath::kNone) out << '[' << path.element << ']';
+    out << '.';
+  }
+  out << style.labels.name(*path.type, index) << '='
+      << value_text(path.type->slots[index], table, style.labels.find(*path.type, index));
+}
+
+// Those that are not zero, and those for which the message was chosen. How many more there are than a line takes is not
+// told: a short message may have millions.
 void show_members(std::ostream &out, Look &look, const JsonStyle &style) {
   const uint8_t *const record = look.record();
+  std::vector<Match> matches = look.matches();
   std::size_t members = 0;
   const auto show = [&](const TablePath &path, std::size_t index, const uint8_t *table) {
-    const SlotInfo &slot = path.type->slots[index];
-    if (is_zero(slot, table)) return true;
+    const auto match = std::find_if(matches.begin(), matches.end(),
+                                    [&](const Match &one) { return one.table == table && one.slot == index; });
+    if (match == matches.end() && is_zero(path.type->slots[index], table)) return true;
     if (++members > kMostMembers) {
-      out << " ... more";
+      out << " ...";
       return false;
     }
+    if (match != matches.end()) matches.erase(match);
     out << ' ';
-    if (path.outer != TablePath::kNone) {
-      out << style.labels.name(*look.type(), path.outer);
-      if (path.element != TablePath::kNone) out << '[' << path.element << ']';
-      out << '.';
-    }
-    out << style.labels.name(*path.type, index) << '='
-        << value_text(slot, table, style.labels.find(*path.type, index), style);
+    show_member(out, look, style, {path, index, table});
     return true;
   };
   for_each_member(*look.type(), record, look.extent(), show);
+  if (members <= kMostMembers) return;
+  for (const Match &match : matches) {
+    show_member(out << ' ', look, style, match);
+    out << " ...";
+  }
+  out << " more";
 }
 
 // The status where it is not good.
@@ -89,8 +109,22 @@ std::string json_string(const std::string &text) {
 }
 
 void show_origin_json(std::ostream &out, const Message &message) {
-  out << "{\"time\":" << seconds_text(message.time) << ",\"program\":" << json_string(message.origin->program)
-      << ",\"process\":" << message.origin->process;
+  out << "{\"capture\":" << json_string(printable(message.origin->capture)) << ",\"packet\":" << message.packet
+      << ",\"time\":" << seconds_text(message.time) << ",\"time_ns\":\"" << message.time
+      << "\",\"program\":" << json_string(message.origin->program) << ",\"process\":" << message.origin->process;
+}
+
+void show_origin_text(std::ostream &out, const Message &message, const LineStyle &line) {
+  const std::string &program = message.origin->program;
+  line.has_capture ? out << printable(packet_name(message)) : out << '#' << message.packet;
+  out << ' ' << time_text(message.time, line.has_date);
+  if (line.before) {
+    const bool is_later = message.time >= *line.before;
+    const uint64_t distance = is_later ? message.time - *line.before : *line.before - message.time;
+    const std::string seconds = seconds_text(distance);
+    out << (is_later ? " +" : " -") << seconds.substr(0, seconds.size() - 3);  // microseconds, as the time
+  }
+  out << ' ' << program << (program.empty() ? "" : " ");
 }
 
 }  // namespace
@@ -130,20 +164,27 @@ std::string note_text(const Message &note) {
   return {};
 }
 
-void show_text(std::ostream &out, Look &look, const JsonStyle &style) {
+std::string packet_name(const Message &message) {
+  return capture::short_path(message.origin->capture) + '#' + std::to_string(message.packet);
+}
+
+void show_text(std::ostream &out, Look &look, const JsonStyle &style, const LineStyle &line) {
   const Message &message = look.message();
-  out << time_text(message.time, false) << ' ' << message.origin->program
-      << (message.origin->program.empty() ? "" : " ") << arrow(message) << ' ' << type_name(message);
+  show_origin_text(out, message, line);
+  out << arrow(message) << ' ' << type_name(message);
   if (message.is_sent()) out << " h" << message.handle;
   if (message.destination != 0) out << " to " << message.destination;
   if (message.count > 1) out << " #" << uint64_t{message.index} + 1 << '/' << message.count;
+  const char *const red = line.has_color ? "\033[1;31m" : "";
+  const char *const plain = line.has_color ? "\033[0m" : "";
   const std::string status = status_text(message);
-  if (!status.empty()) out << ' ' << status;
+  if (!status.empty()) out << ' ' << red << status << plain;
   if (message.is_cut()) out << " CUT to " << message.payload.size() << " of " << message.length << " bytes";
   if (look.is_rejected()) {
     const drix::inspect::Verdict &verdict = look.verdict();
-    out << " REJECTED at " << verdict.culprit.at << ": " << explain(verdict)
+    out << ' ' << red << "REJECTED" << plain << " at " << verdict.culprit.at << ": " << explain(verdict)
         << (verdict.logged() ? "" : " (not logged)");
+    for (const Match &match : look.matches()) show_member(out << ' ', look, style, match);
   } else if (look.type() == nullptr) {
     out << " unknown type, " << message.length << " bytes";
   } else {
@@ -151,7 +192,7 @@ void show_text(std::ostream &out, Look &look, const JsonStyle &style) {
   }
 }
 
-void show_json(std::ostream &out, Look &look, const JsonStyle &style) {
+void show_json(std::ostream &out, Look &look, const JsonStyle &style, bool with_bytes) {
   const Message &message = look.message();
   show_origin_json(out, message);
   out << ",\"direction\":" << (message.is_sent() ? "\"sent\"" : "\"received\"") << ",\"type\":";
@@ -162,6 +203,11 @@ void show_json(std::ostream &out, Look &look, const JsonStyle &style) {
   out << ",\"index\":" << message.index << ",\"count\":" << message.count << ",\"thread\":" << message.thread
       << ",\"length\":" << message.length;
   if (message.is_cut()) out << ",\"captured\":" << message.payload.size();
+  if (with_bytes) {
+    std::string bytes;
+    drix::inspect::append_hex(bytes, message.payload);
+    out << ",\"bytes\":\"" << bytes << '"';
+  }
   if (look.is_rejected()) {
     const drix::inspect::Verdict &verdict = look.verdict();
     out << ",\"rejected\":{\"at\":" << verdict.culprit.at << ",\"reason\":" << json_string(explain(verdict))
@@ -175,14 +221,15 @@ void show_json(std::ostream &out, Look &look, const JsonStyle &style) {
   out << '}';
 }
 
-void show_note(std::ostream &out, const Message &note, bool json) {
+void show_note(std::ostream &out, const Message &note, bool json, const LineStyle &line) {
   const std::string text = note_text(note);
   if (text.empty()) return;
   if (json) {
     show_origin_json(out, note);
     out << ",\"note\":" << json_string(text) << "}\n";
   } else {
-    out << time_text(note.time, false) << ' ' << note.origin->program << " -- " << text << '\n';
+    show_origin_text(out, note, line);
+    out << "-- " << text << '\n';
   }
 }
 

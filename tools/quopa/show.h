@@ -1,6 +1,7 @@
 // A message as a line of text or of JSON.
 #pragma once
 
+#include <optional>
 #include <ostream>
 #include <string>
 
@@ -22,11 +23,22 @@ std::string seconds_text(uint64_t nanoseconds);
 // file.
 std::string note_text(const Message &note);
 
+// What a line begins with.
+struct LineStyle {
+  bool has_capture = true;         // the packet's number has its capture in front
+  bool has_date = false;           // and the time has the date
+  bool has_color = false;          // what went wrong is red
+  std::optional<uint64_t> before;  // the time of the line before, to which the distance is told
+};
+
 // Write one line, without its end. Of a record, the text has the members that are not zero.
-void show_text(std::ostream &out, Look &look, const drix::inspect::JsonStyle &style);
-void show_json(std::ostream &out, Look &look, const drix::inspect::JsonStyle &style);
+void show_text(std::ostream &out, Look &look, const drix::inspect::JsonStyle &style, const LineStyle &line = {});
+void show_json(std::ostream &out, Look &look, const drix::inspect::JsonStyle &style, bool with_bytes = false);
 
 // Writes a line where there is something to tell.
-void show_note(std::ostream &out, const Message &note, bool json);
+void show_note(std::ostream &out, const Message &note, bool json, const LineStyle &line = {});
+
+// CAPTURE#NUMBER, as it may be given to a command.
+std::string packet_name(const Message &message);
 
 }  // namespace quopa

@@ -5,17 +5,15 @@
 #include "tools/quopa/command.h"
 #include "tools/quopa/complain.h"
 #include "tools/quopa/decoder_log.h"
-#include "tools/quopa/input.h"
 
 namespace quopa {
 
-int report(const drix::inspect::Verdict &verdict, const drix::describe::Type &type, const std::vector<uint8_t> &buffer,
-           const std::string &path) {
+int report(const drix::inspect::Verdict &verdict, const Subject &subject) {
   if (verdict.accepted()) return kGood;
   std::cout.flush();
-  const std::string log = decoder_log(type, buffer);
+  const std::string log = decoder_log(*subject.type, subject.bytes);
   if (!log.empty()) std::cerr << log << '\n';
-  complain(name_of(path) + ": rejected at " + std::to_string(verdict.culprit.at) + ": " + explain(verdict) +
+  complain(subject.name + ": rejected at " + std::to_string(verdict.culprit.at) + ": " + explain(verdict) +
            (verdict.logged() ? "" : " (not logged)"));
   return kBad;
 }

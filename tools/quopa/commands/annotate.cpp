@@ -1,33 +1,27 @@
 // quopa annotate: a buffer byte by byte.
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <iostream>
 
 #include "tools/quopa/byte_map.h"
 #include "tools/quopa/command.h"
-#include "tools/quopa/input.h"
 #include "tools/quopa/meaning.h"
+#include "tools/quopa/packet.h"
+#include "tools/quopa/terminal.h"
 #include "tools/quopa/verdict.h"
 
 namespace quopa {
 namespace {
 
 using drix::inspect::Event;
+using drix::inspect::TablePath;
 using drix::inspect::Thing;
 using drix::inspect::Verdict;
 
 constexpr uint32_t kRowBytes = 8;
-constexpr uint32_t kFoldedRows = 4;  // longer things are folded
+constexpr uint32_t kFoldedRows = 4;      // longer things are folded
+constexpr uint32_t kShownElements = 16;  // of a vector
 constexpr std::size_t kColumns = 80;
-
-bool wants_color(const std::string &color) {
-  if (color != "auto") return color == "always";
-  const char *no_color = std::getenv("NO_COLOR");
-  return isatty(STDOUT_FILENO) == 1 && (no_color == nullptr || *no_color == '\0');
-}
 
 const char *color_of(Thing thing) {
   switch (thing) {
@@ -63,9 +57,11 @@ class Page {
       const std::string text = meaning_.text(entry, from, size);
       print_row(std::to_string(from), bytes_text(from, size), is_culprit ? text + "  <-- rejected" : text, color);
     }
-    if (folded) {
-      print_row("...", std::to_string(event.size - shown) + " bytes more", "--full shows them", color);
-    }
+    if (folded) print_fold(event.size - shown, "--full shows them", color);
+  }
+
+  void print_fold(uint32_t bytes, const char *what, const char *color) const {
+    print_row("...", std::to_string(bytes) + " bytes more", what, color);
   }
 
  private:
@@ -110,22 +106,46 @@ class Page {
   std::size_t position_width_;
 };
 
+// Of vectors, whose elements may be as many as a buffer has words, the first few elements, unless all are wanted.
+void print_all(const std::vector<Entry> &entries, const Verdict &verdict, const Page &page, bool full) {
+  const auto is_culprit = [&](const Event &event) {
+    return !verdict.accepted() && event.at == verdict.culprit.at && event.thing == verdict.culprit.thing;
+  };
+  const auto is_folded = [&](const auto &entry) {
+    const Event &event = entry->event;
+    const uint32_t element = event.thing == Thing::element_word ? event.element : entry->path.element;
+    return !full && element >= kShownElements && element != TablePath::kNone && !is_culprit(event);
+  };
+  for (auto entry = entries.begin(); entry != entries.end();) {
+    const uint32_t from = entry->event.at;
+    uint32_t end = from;
+    // Gaps in between are many, too.
+    for (; entry != entries.end(); ++entry) {
+      const auto next = std::next(entry);
+      const bool is_gap = end > from && entry->path.outer == TablePath::kNone &&
+                          (entry->event.thing == Thing::unreferenced || entry->event.thing == Thing::unreached);
+      if (!is_folded(entry) && !(is_gap && next != entries.end() && is_folded(next))) break;
+      end = std::max(end, entry->event.at + entry->event.size);
+    }
+    if (end > from) page.print_fold(end - from, "more elements; --full shows them", color_of(Thing::element_word));
+    if (entry == entries.end()) return;
+    page.print(*entry, is_culprit(entry->event));
+    ++entry;
+  }
+}
+
 }  // namespace
 
 int annotate(const AnnotateOptions &options) {
-  const drix::describe::Type &type = find_type(options.type);
-  const drix::inspect::JsonStyle style = {read_labels(options.labels), options.ipv6};
-  const std::vector<uint8_t> buffer = read_buffer(options.file, options.hex);
+  const Subject subject = read_subject(options.type, options.file, options.hex, options.labels, false);
+  const drix::describe::Type &type = *subject.type;
+  const std::vector<uint8_t> &buffer = subject.bytes;
   ByteMap map(static_cast<uint32_t>(buffer.size()));
   const Verdict verdict = drix::inspect::walk(type, buffer.data(), static_cast<uint32_t>(buffer.size()), &map);
   if (!verdict.accepted()) map.add_culprit(verdict);
-  const Meaning meaning(type, buffer.data(), style);
-  const Page page(buffer, meaning, options);
-  for (const Entry &entry : map.in_order()) {
-    const Event &event = entry.event;
-    page.print(entry, !verdict.accepted() && event.at == verdict.culprit.at && event.thing == verdict.culprit.thing);
-  }
-  return report(verdict, type, buffer, options.file);
+  const Meaning meaning(type, buffer.data(), subject.style);
+  print_all(map.in_order(), verdict, Page(buffer, meaning, options), options.full);
+  return report(verdict, subject);
 }
 
 }  // namespace quopa

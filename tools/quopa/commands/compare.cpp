@@ -10,6 +10,7 @@
 #include "tools/quopa/complain.h"
 #include "tools/quopa/input.h"
 #include "tools/quopa/show.h"
+#include "tools/quopa/terminal.h"
 
 namespace quopa {
 namespace {
@@ -25,7 +26,9 @@ struct Same {
 class Comparison {
  public:
   explicit Comparison(const CompareOptions &options)
-      : options_(options), styles_(read_labels(options.labels), options.ipv6) {}
+      : options_(options), styles_(read_labels(options.labels), options.ipv6) {
+    line_.has_color = wants_color(options.color);
+  }
 
   int run() {
     expect_files(options_.sender);
@@ -83,7 +86,9 @@ class Comparison {
     const bool tells = first_time && (kind == TRACE_RECEIVED || options_.sender != options_.receiver);
     capture::Timeline timeline(
         {path}, tells ? complain : [](const std::string &) {});
+    Progress progress;
     while (const Message *message = timeline.next()) {
+      progress.step();
       if (message->kind == TRACE_NOTE && tells) show_note(std::cerr, *message, false);
       if (message->kind != kind) continue;
       if (!message->is_cut()) {
@@ -112,6 +117,7 @@ class Comparison {
   }
 
   void tell(const char *what, const Message &message) {
+    Progress::clear();
     Look look(message);
     const drix::inspect::JsonStyle &style = styles_.of(*message.origin);
     if (options_.json) {
@@ -120,7 +126,7 @@ class Comparison {
       std::cout << "}\n";
     } else {
       std::cout << what << ": ";
-      show_text(std::cout, look, style);
+      show_text(std::cout, look, style, line_);
       std::cout << '\n';
     }
   }
@@ -156,6 +162,7 @@ class Comparison {
 
   const CompareOptions &options_;
   Styles styles_;
+  LineStyle line_;
   std::unordered_map<std::string, Same> same_;
   std::vector<int64_t> latencies_;  // negative where the clocks of two hosts differ
   uint64_t sent_ = 0;

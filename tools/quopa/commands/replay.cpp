@@ -13,6 +13,7 @@
 #include "platform/kelvodrix/kelvodrix.h"
 #include "tools/quopa/command.h"
 #include "tools/quopa/complain.h"
+#include "tools/quopa/terminal.h"
 
 namespace quopa {
 namespace {
@@ -135,11 +136,15 @@ class Replay {
         bus_(options.bus, options.endpoint) {}
 
   int run(capture::Timeline &timeline) {
-    while (const Message *message = timeline.next()) {
-      if (message->kind == kind_) take(*message);
+    {
+      Progress progress;
+      while (const Message *message = timeline.next()) {
+        progress.step();
+        if (message->kind == kind_) take(*message);
+      }
+      while (!open_.empty()) send(open_.begin());
+      bus_.flush();
     }
-    while (!open_.empty()) send(open_.begin());
-    bus_.flush();
     std::cout << "sent " << messages_ << " messages in " << calls_ << " calls, all acknowledged\n";
     if (failed_ > 0) std::cout << failed_ << " left out: their own send had failed\n";
     if (cut_ > 0) std::cout << cut_ << " left out: cut by the recorder\n";

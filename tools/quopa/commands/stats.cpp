@@ -2,6 +2,7 @@
 #include <iomanip>
 #include <iostream>
 #include <map>
+#include <optional>
 
 #include "capture/timeline.h"
 #include "tools/quopa/command.h"
@@ -9,6 +10,7 @@
 #include "tools/quopa/input.h"
 #include "tools/quopa/selection.h"
 #include "tools/quopa/show.h"
+#include "tools/quopa/terminal.h"
 
 namespace quopa {
 namespace {
@@ -95,14 +97,18 @@ int stats(const StatsOptions &options) {
   Selection selection(options.selection);
   Statistics statistics;
   capture::Timeline timeline(options.selection.paths, complain);
+  std::optional<Progress> progress(std::in_place);
   while (const Message *message = timeline.next()) {
+    progress->step();
     if (message->kind == TRACE_NOTE) {
+      Progress::clear();
       show_note(std::cout, *message, options.json);
       continue;
     }
     Look look(*message);
     if (selection.takes(look, styles)) statistics.take(look);
   }
+  progress.reset();
   selection.expect_fitting(styles);
   options.json ? statistics.print_json() : statistics.print_text();
   return timeline.is_whole() ? kGood : kBad;

@@ -17,6 +17,7 @@
 #include "tools/quopa/input.h"
 #include "tools/quopa/selection.h"
 #include "tools/quopa/show.h"
+#include "tools/quopa/terminal.h"
 
 namespace quopa {
 namespace {
@@ -28,9 +29,10 @@ constexpr std::chrono::milliseconds kPause{20};  // between looks for what a pro
 class Output {
  public:
   explicit Output(const TraceOptions &options)
-      : options_(options),
-        styles_(read_labels(options.selection.labels), options.ipv6),
-        selection_(options.selection) {}
+      : options_(options), styles_(read_labels(options.selection.labels), options.ipv6), selection_(options.selection) {
+    line_.has_color = wants_color(options.color);
+    line_.has_capture = options.follow || has_several_captures(options.selection.paths);
+  }
 
   // Creates what is written. To be called when it is settled what is read.
   void open() {
@@ -41,17 +43,23 @@ class Output {
     if (message.kind == TRACE_NOTE) return take_note(message);
     Look look(message);
     if (!selection_.takes(look, styles_)) return;
+    ++taken_;
     if (writer_) return writer_->write(message);
+    Progress::clear();
     const drix::inspect::JsonStyle &style = styles_.of(*message.origin);
     if (options_.bare) {
       if (look.type() == nullptr) return;
       const uint8_t *const record = look.record();
       write_json(std::cout, *look.type(), record, style, look.verdict().accepted() ? nullptr : &look.verdict());
     } else {
-      options_.json ? show_json(std::cout, look, style) : show_text(std::cout, look, style);
+      options_.json ? show_json(std::cout, look, style, options_.bytes)
+                    : show_text(std::cout, look, style, line_at(message.time));
     }
     std::cout << '\n';
   }
+
+  // Whether there is all that was asked for.
+  bool is_full() const { return taken_ == options_.count; }
 
   void flush() {
     std::cout.flush();
@@ -63,13 +71,39 @@ class Output {
  private:
   void take_note(const Message &note) {
     if (note_text(note).empty() || options_.bare) return;
-    writer_ ? writer_->write(note) : show_note(std::cout, note, options_.json);
+    writer_ ? writer_->write(note) : show_note(std::cout, note, options_.json, line_at(note.time));
+  }
+
+  static bool has_several_captures(const std::vector<std::string> &paths) {
+    return paths.size() > 1 || capture::captures_in(paths[0]).size() > 1;
+  }
+
+  // The first line of each day has the date.
+  const LineStyle &line_at(uint64_t time) {
+    constexpr uint64_t kMinute = 60000000000;
+    if (time / kMinute != minute_) {
+      minute_ = time / kMinute;
+      const std::string day = time_text(time, true).substr(0, std::size("2025-11-25") - 1);
+      line_.has_date = day != day_;
+      day_ = day;
+    } else {
+      line_.has_date = false;
+    }
+    line_.has_date = line_.has_date || options_.date;
+    if (options_.delta) line_.before = before_.value_or(time);
+    before_ = time;
+    return line_;
   }
 
   const TraceOptions &options_;
   Styles styles_;
   Selection selection_;
   std::optional<capture::Writer> writer_;
+  uint64_t taken_ = 0;
+  LineStyle line_;
+  std::optional<uint64_t> before_;  // the time of the line before
+  uint64_t minute_ = UINT64_MAX;    // of that time, and its day
+  std::string day_;
 };
 
 // Whether both are one regular file; "-" is a standard stream.
@@ -105,13 +139,18 @@ void expect_other_output(const TraceOptions &options) {
   if (is_read) throw BadUsage((output == "-" ? "standard output" : output) + " is read, so it cannot be written");
 }
 
-[[noreturn]] void follow(const TraceOptions &options, Output &output) {
+int follow(const TraceOptions &options, Output &output) {
   output.expect_fitting();  // nobody would see an end at which to tell
   capture::Follower follower(options.selection.paths, complain);
   output.open();
   while (true) {
-    while (const Message *message = follower.next()) output.take(*message);
+    while (!output.is_full()) {
+      const Message *message = follower.next();
+      if (message == nullptr) break;
+      output.take(*message);
+    }
     output.flush();
+    if (output.is_full()) return kGood;
     if (!std::cout) throw BadInput("standard output cannot be written");
     std::this_thread::sleep_for(kPause);
   }
@@ -122,12 +161,18 @@ void expect_other_output(const TraceOptions &options) {
 int trace(const TraceOptions &options) {
   expect_other_output(options);
   Output output(options);
-  if (options.follow) follow(options, output);
+  if (options.follow) return follow(options, output);
   capture::Timeline timeline(options.selection.paths, complain);
   output.open();
-  while (const Message *message = timeline.next()) output.take(*message);
+  Progress progress;
+  while (!output.is_full()) {
+    const Message *message = timeline.next();
+    if (message == nullptr) break;
+    progress.step();
+    output.take(*message);
+  }
   output.flush();
-  output.expect_fitting();
+  if (!output.is_full()) output.expect_fitting();  // what comes later may fit
   return timeline.is_whole() ? kGood : kBad;
 }
 

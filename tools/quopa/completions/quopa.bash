@@ -1,5 +1,18 @@
 # bash completion for quopa
 _quopa() {
-  mapfile -t COMPREPLY < <(quopa __complete "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null)
+  # The words as they were typed: bash takes = and : for words of their own.
+  local typed=${COMP_LINE:0:COMP_POINT} words last own
+  read -ra words <<<"$typed"
+  [[ $typed == *[[:blank:]] ]] && words+=('')
+  last=${words[-1]} own=${COMP_WORDS[COMP_CWORD]}
+  [[ $own == [=:] ]] && own=
+  mapfile -t COMPREPLY < <(quopa __complete "${words[@]:1}" 2>/dev/null)
+  if [[ ${COMPREPLY[0]-} == :files ]]; then
+    COMPREPLY=()
+    compopt -o default
+    return
+  fi
+  [[ ${COMPREPLY[0]-} == *[=.] ]] && compopt -o nospace
+  COMPREPLY=("${COMPREPLY[@]#"${last%"$own"}"}")
 }
-complete -o default -F _quopa quopa
+complete -F _quopa quopa
