@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -58,9 +59,17 @@ struct AnnotateOptions {
 };
 int annotate(const AnnotateOptions &options);
 
+// How endpoints at servers are read.
+struct TapOptions {
+  std::string bus = "libkelvodrix.so";
+  bool follow = false;                          // goes on where a stream ends
+  std::map<std::string, std::string> recorded;  // files that have what was read of endpoints
+};
+
 // Which messages of which captures; what is not asked for does not matter.
 struct SelectionOptions {
-  std::vector<std::string> paths;  // files and folders
+  std::vector<std::string> paths;  // files, folders and endpoints
+  TapOptions tap;
   std::vector<std::string> types;  // patterns as for file names; any of them
   std::vector<std::string> where;  // all of them
   std::string from;                // see Moment
@@ -77,7 +86,6 @@ struct TraceOptions {
   SelectionOptions selection;
   std::string output;
   uint64_t count = UINT64_MAX;
-  bool follow = false;
   bool json = false;
   bool bytes = false;
   bool bare = false;
@@ -90,6 +98,7 @@ int trace(const TraceOptions &options);
 
 struct StatsOptions {
   SelectionOptions selection;
+  uint64_t count = UINT64_MAX;
   bool json = false;
 };
 int stats(const StatsOptions &options);
@@ -97,6 +106,7 @@ int stats(const StatsOptions &options);
 struct CompareOptions {
   std::string sender;
   std::string receiver;  // empty: the sender's
+  TapOptions tap;
   std::string labels;
   std::string color = "auto";
   bool json = false;

@@ -1,7 +1,11 @@
 // quopa compare: what became of the messages of a sender at a receiver.
 #include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <iostream>
+#include <iterator>
 #include <unordered_map>
 
 #include "capture/ring_file.h"
@@ -10,6 +14,7 @@
 #include "tools/quopa/complain.h"
 #include "tools/quopa/input.h"
 #include "tools/quopa/show.h"
+#include "tools/quopa/tap.h"
 #include "tools/quopa/terminal.h"
 
 namespace quopa {
@@ -23,10 +28,52 @@ struct Same {
   std::size_t told = 0;     // arrivals that were looked at again
 };
 
+// Captures are read twice, so what is at endpoints is written to files first.
+class Recordings {
+ public:
+  explicit Recordings(CompareOptions &options) {
+    const std::vector<std::string> paths = {options.sender, options.receiver};
+    std::vector<std::string> endpoints;
+    std::copy_if(paths.begin(), paths.end(), std::back_inserter(endpoints), is_endpoint);
+    endpoints.erase(std::unique(endpoints.begin(), endpoints.end()), endpoints.end());
+    if (!has_endpoint(endpoints, options.tap) && options.tap.follow) throw BadUsage("-f goes with endpoints");
+    for (std::size_t i = 0; i < paths.size(); ++i) {
+      if (!is_endpoint(paths[i]) || options.tap.recorded.contains(paths[i])) continue;
+      if (folder_.empty()) make_folder();
+      const std::string file = folder_ + '/' + std::to_string(i) + TRACE_FILE_SUFFIX;
+      is_whole_ = record(paths[i], i == 0 ? TRACE_SENT : TRACE_RECEIVED, options.tap, file) && is_whole_;
+      options.tap.recorded[paths[i]] = file;
+    }
+  }
+  Recordings(const Recordings &) = delete;
+  Recordings &operator=(const Recordings &) = delete;
+  ~Recordings() {
+    std::error_code error;
+    if (!folder_.empty()) std::filesystem::remove_all(folder_, error);
+  }
+
+  bool is_whole() const { return is_whole_; }
+
+ private:
+  void make_folder() {
+    folder_ = std::filesystem::temp_directory_path() / "quopa-XXXXXX";
+    if (::mkdtemp(folder_.data()) == nullptr) throw BadInput(folder_ + ": " + std::strerror(errno));
+  }
+
+  std::string folder_;
+  bool is_whole_ = true;
+};
+
+SelectionOptions selection_of(const CompareOptions &options) {
+  SelectionOptions selection;
+  selection.tap = options.tap;
+  return selection;
+}
+
 class Comparison {
  public:
   explicit Comparison(const CompareOptions &options)
-      : options_(options), styles_(read_labels(options.labels), options.ipv6) {
+      : options_(options), open_(opener(selection_of(options))), styles_(read_labels(options.labels), options.ipv6) {
     line_.has_color = wants_color(options.color);
   }
 
@@ -85,7 +132,7 @@ class Comparison {
     // Of what is sender and receiver at once, everything has been told the first time.
     const bool tells = first_time && (kind == TRACE_RECEIVED || options_.sender != options_.receiver);
     capture::Timeline timeline(
-        {path}, tells ? complain : [](const std::string &) {});
+        {path}, tells ? complain : [](const std::string &) {}, open_);
     Progress progress;
     while (const Message *message = timeline.next()) {
       progress.step();
@@ -161,6 +208,7 @@ class Comparison {
   }
 
   const CompareOptions &options_;
+  const capture::Timeline::Open open_;
   Styles styles_;
   LineStyle line_;
   std::unordered_map<std::string, Same> same_;
@@ -180,7 +228,9 @@ class Comparison {
 int compare(const CompareOptions &options) {
   CompareOptions both = options;
   if (both.receiver.empty()) both.receiver = both.sender;
-  return Comparison(both).run();
+  const Recordings recordings(both);
+  const int status = Comparison(both).run();
+  return recordings.is_whole() ? status : kBad;
 }
 
 }  // namespace quopa
