@@ -218,7 +218,7 @@ typedef struct kelvodrix_frame {
   const char *name; /* the receiver's, or the table's */
   uint64_t time;    /* when it came, or was stored, in nanoseconds since 1970 */
   const DrixSendDescriptor *messages;
-  uint32_t count; /* 0: the stream ends here */
+  uint32_t count; /* 0: the end of the stream, or after kelvodrix_tap_stop */
 } kelvodrix_frame;
 
 typedef struct kelvodrix_tap_counters {
@@ -234,6 +234,9 @@ int32_t kelvodrix_tap_open(const char *endpoint, const kelvodrix_tap_options *op
 /* The next frame, valid until the next call. KELVODRIX_ERR_PENDING when nothing came in time, and the status of the
  * connection when that is why; it is made anew meanwhile. */
 int32_t kelvodrix_tap_next(kelvodrix_tap *tap, uint32_t timeout_ms, kelvodrix_frame *frame);
+
+/* Sees nothing of what is sent from now on; what was sent before is still given out. */
+void kelvodrix_tap_stop(kelvodrix_tap *tap);
 
 /* Copies the counters. */
 void kelvodrix_tap_get_counters(const kelvodrix_tap *tap, kelvodrix_tap_counters *counters);

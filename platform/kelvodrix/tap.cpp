@@ -28,6 +28,10 @@ int32_t kelvodrix_tap_next(kelvodrix_tap *tap, uint32_t timeout_ms, kelvodrix_fr
   });
 }
 
+void kelvodrix_tap_stop(kelvodrix_tap *tap) {
+  if (tap != nullptr) tap->tap->stop();
+}
+
 void kelvodrix_tap_get_counters(const kelvodrix_tap *tap, kelvodrix_tap_counters *counters) {
   if (tap != nullptr && counters != nullptr) *counters = tap->tap->counters();
 }

@@ -81,6 +81,7 @@ class Tap {
   virtual ~Tap() = default;
 
   virtual int32_t next(Deadline until, kelvodrix_frame &frame) = 0;
+  virtual void stop() = 0;
   virtual kelvodrix_tap_counters counters() const = 0;
 };
 

@@ -258,6 +258,11 @@ Subscription::Subscription(std::shared_ptr<Session> session, const std::string &
       sub_, [](void *function) { delete static_cast<Take *>(function); }, owned.release());
 }
 
+void Subscription::drain(int64_t timeout_ms) {
+  if (natsSubscription_DrainTimeout(sub_, timeout_ms) == NATS_OK)
+    natsSubscription_WaitForDrainCompletion(sub_, timeout_ms);
+}
+
 Subscription::~Subscription() {
   if (forked()) return;
   natsSubscription_Unsubscribe(sub_);

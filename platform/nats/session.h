@@ -130,6 +130,7 @@ class Subscription {
   using Take = std::function<void(natsConnection *, Message)>;
   Subscription(std::shared_ptr<Session> session, const std::string &subject, Take take);
   ~Subscription();
+  void drain(int64_t timeout_ms);  // has nothing more come than was sent before
 
  private:
   const std::shared_ptr<Session> session_;

@@ -3,6 +3,7 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "../kelvodrix/frame.h"
@@ -20,6 +21,7 @@ constexpr size_t kMessageCosts = 256;  // bytes, besides its own
 constexpr size_t kMostSubjects = 64;   // to subscribe to, for fewer frames
 constexpr size_t kMostConsumers = 8;   // of a stream, likewise
 constexpr milliseconds kMoment(1);
+constexpr uint64_t kTenth = 100'000'000;  // ns; libnats leaves out zeros behind the point of a time in seconds
 
 class ServerTap : public Tap {
  public:
@@ -137,17 +139,26 @@ class DirectTap final : public ServerTap {
 
   int32_t next(Deadline until, kelvodrix_frame &frame) override {
     for (;;) {
-      if (at_hand_.empty() && !take_arrivals(until)) return nothing();
+      if (at_hand_.empty() && !take_arrivals(until)) {
+        if (!stopped_) return nothing();
+        frame = {};
+        return KELVODRIX_OK;
+      }
       Arrivals::Arrival arrival = std::move(at_hand_.front());
       at_hand_.pop_front();
       if (take(std::move(arrival.message), kInstanceBytes, arrival.time, frame)) return KELVODRIX_OK;
     }
   }
 
+  void stop() override {
+    if (std::exchange(stopped_, true)) return;
+    for (const auto &each : frames_) each->drain(kConnectMs);
+  }
+
  private:
   bool take_arrivals(Deadline until) {
     std::unique_lock lock(arrivals_->mutex);
-    arrivals_->changed.wait_until(lock, until, [&] { return !arrivals_->queue.empty(); });
+    arrivals_->changed.wait_until(lock, until, [&] { return !arrivals_->queue.empty() || stopped_; });
     at_hand_.swap(arrivals_->queue);
     arrivals_->bytes = 0;
     counters_.lost = arrivals_->lost;
@@ -157,6 +168,7 @@ class DirectTap final : public ServerTap {
   const std::shared_ptr<Arrivals> arrivals_ = std::make_shared<Arrivals>();
   std::vector<std::unique_ptr<Subscription>> frames_;
   std::deque<Arrivals::Arrival> at_hand_;
+  bool stopped_ = false;
 };
 
 // Consumers that the server forgets, one a subject, whose frames are put together in the order of their places.
@@ -185,7 +197,8 @@ class StreamTap final : public ServerTap {
         if (part.message != nullptr && (first == nullptr || part.place < first->place)) first = &part;
       }
       if (first != nullptr) {
-        if (take(std::move(first->message), 0, first->time, frame)) return KELVODRIX_OK;
+        Message message = std::move(first->message);
+        if (first->time >= from_ && take(std::move(message), 0, first->time, frame)) return KELVODRIX_OK;
       } else if (!follows_) {
         frame = {};
         return KELVODRIX_OK;
@@ -193,6 +206,11 @@ class StreamTap final : public ServerTap {
         return nothing();
       }
     }
+  }
+
+  void stop() override {
+    follows_ = false;
+    for (Part &part : parts_) part.left = 0;
   }
 
  private:
@@ -209,7 +227,7 @@ class StreamTap final : public ServerTap {
     options.Stream = stream_->name();
     options.Ordered = true;
     options.Config.DeliverPolicy = from_ != 0 ? js_DeliverByStartTime : js_DeliverAll;
-    options.Config.OptStartTime = static_cast<int64_t>(from_);
+    options.Config.OptStartTime = static_cast<int64_t>(from_ - from_ % kTenth);
     natsSubscription *made = nullptr;
     jsErrCode error{};
     natsStatus status = js_SubscribeSync(&made, stream_->js(), subject.c_str(), nullptr, &options, &error);
@@ -255,7 +273,7 @@ class StreamTap final : public ServerTap {
     return true;
   }
 
-  const bool follows_;
+  bool follows_;
   const uint64_t from_;
   std::unique_ptr<Stream> stream_;
   std::vector<Part> parts_;

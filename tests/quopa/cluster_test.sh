@@ -32,9 +32,9 @@ same() { cmp "$1" "$2" || complain "$1: $(diff "$1" "$2" | head -n 4)"; }
 for _ in 1 2; do
   "${quopa[@]}" trace "$stream" --json --bus "$bus" | json >said; same said wanted
 done
-for types in 'fib6Sync.tlv' 'fib6Sync.ipv6Fwd*' '*Msg' 'fib6Sync.tlv *.*Key'; do
+for types in T=fib6Sync.tlv "T=fib6Sync.ipv6Fwd*" "T=*Msg" "T=fib6Sync.tlv T=*.*Key"; do
   # shellcheck disable=SC2086
-  set -- $(printf -- '--type %s ' $types)
+  set -- ${types//T=/--type }
   "${quopa[@]}" stats sent.pcapng --json "$@" >wanted
   "${quopa[@]}" stats "$stream" --json --bus "$bus" "$@" >said; same said wanted
 done
@@ -82,18 +82,18 @@ wait $following
 # What is wrong has its words.
 while IFS='|' read -r status settings words arguments; do
   export KELVODRIX_NATS=$settings
-  arguments=${arguments//AT/$at}
+  arguments=${arguments//@/$at}
   # shellcheck disable=SC2086
-  expect "$status" '' "^quopa: ${words//AT/$at}" '' ${arguments//SERVER/${at#*//}} --bus "$bus"
+  expect "$status" '' "^quopa: ${words//@/$at}" '' ${arguments//SERVER/${at#*//}} --bus "$bus"
 done <<'END'
-1|wrong|.*/x: the server refuses the credentials|trace AT/x
-1|none|.*/x: the file that KELVODRIX_NATS names|stats AT/x
+1|wrong|.*/x: the server refuses the credentials|trace @/x
+1|none|.*/x: the file that KELVODRIX_NATS names|stats @/x
 1|settings|.*/x: no server answers|stats nats://127.0.0.1:1/x
 1|settings|.*/x: .*unknown host|compare nats://no..host:1/x .
 1|settings|.*/none: the server keeps no such stream|trace nats-stream://SERVER/none
 1|tap_settings|.*/routes: the server refuses the credentials|trace nats-stream://SERVER/routes
-2|settings|AT/x has no end|trace AT/x few.pcapng
-2|settings|no type matches|trace AT/x --type fib6Sync.x
+2|settings|@/x has no end|trace @/x few.pcapng
+2|settings|no type matches|trace @/x --type fib6Sync.x
 2|settings|-f goes with endpoints|stats few.pcapng -f
 END
 

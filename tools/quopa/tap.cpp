@@ -56,6 +56,7 @@ class Tap final : public capture::Feed {
         has_end_(is_stream(endpoint) && !options.tap.follow),
         idle_(std::move(idle)) {
     library_.find(next_, "kelvodrix_tap_next");
+    library_.find(stop_, "kelvodrix_tap_stop");
     library_.find(close_, "kelvodrix_tap_close");
     library_.find(get_counters_, "kelvodrix_tap_get_counters");
     library_.find(text_of_, "kelvodrix_strerror");
@@ -80,7 +81,7 @@ class Tap final : public capture::Feed {
 
   const Message *next() override {
     while (index_ == frame_.count) {
-      if (is_interrupted || !fetch()) return end();
+      if (!fetch()) return end();
     }
     const DrixSendDescriptor &message = frame_.messages[index_];
     message_ = {.packet = ++packets_,
@@ -104,8 +105,9 @@ class Tap final : public capture::Feed {
   // False at the end.
   bool fetch() {
     index_ = frame_.count = 0;
+    if (is_interrupted) stop_(tap_);
     int32_t status = next_(tap_, 0, &frame_);
-    for (uint32_t silence = 0; status != KELVODRIX_OK && !is_interrupted; silence += kWait) {
+    for (uint32_t silence = 0; status != KELVODRIX_OK; silence += kWait) {
       const bool is_away = status == KELVODRIX_ERR_SERVER;
       if ((!is_away && status != KELVODRIX_ERR_PENDING) || (has_end_ && silence >= kLongestSilence)) {
         const bool is_silent = status == KELVODRIX_ERR_PENDING;
@@ -115,10 +117,11 @@ class Tap final : public capture::Feed {
       if (is_away && !was_away_) complain(endpoint_ + ": " + text_of_(status) + "; it is waited for");
       was_away_ = is_away;
       idle_();
+      if (is_interrupted) stop_(tap_);
       status = next_(tap_, kWait, &frame_);
     }
     was_away_ = false;
-    if (status != KELVODRIX_OK || frame_.count == 0) return false;
+    if (frame_.count == 0) return false;
     origin_.program = frame_.name;
     return true;
   }
@@ -149,6 +152,7 @@ class Tap final : public capture::Feed {
   bool has_end_;
   std::function<void()> idle_;
   decltype(&kelvodrix_tap_next) next_;
+  decltype(&kelvodrix_tap_stop) stop_;
   decltype(&kelvodrix_tap_close) close_;
   decltype(&kelvodrix_tap_get_counters) get_counters_;
   decltype(&kelvodrix_strerror) text_of_;
