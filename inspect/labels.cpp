@@ -51,6 +51,15 @@ std::optional<std::size_t> positional(const Type &type, std::string_view name) {
   return slot;
 }
 
+// A number of so many bits, or several: by what entries of a table are told apart.
+bool is_plain(const SlotInfo &slot) { return slot.kind == Kind::scalar || slot.kind == Kind::array; }
+
+// Whether the line says what a type has to do with a table.
+bool is_role(std::string_view line) {
+  const std::string_view word = take_word(line);
+  return (word == "adds" || word == "deletes" || word == "key" || word == "apart") && !trim(line).starts_with('=');
+}
+
 bool looks_positional(std::string_view name) {
   return name.size() > 1 && name[0] == 'f' && name.find_first_not_of("0123456789", 1) == std::string_view::npos;
 }
@@ -131,7 +140,7 @@ Labels::Labels(std::string_view file) {
       } else if (type == nullptr) {
         fail("a section [PACKAGE.MESSAGE] is wanted first");
       } else {
-        parse_member(*type, line);
+        is_role(line) ? parse_role(*type, line) : parse_member(*type, line);
       }
     } catch (const std::invalid_argument &error) {
       throw LabelError(number, error.what());
@@ -188,6 +197,56 @@ void Labels::parse_member(const Type &type, std::string_view line) {
   }
   if (types_[&type][*index] != nullptr) fail(std::string(member) + " has a label already");
   types_[&type][*index] = std::make_shared<const Label>(std::move(label));
+}
+
+std::size_t Labels::member(const Type &type, std::string_view name) const {
+  const std::optional<std::size_t> found = slot(type, name);
+  if (!found) fail(type.name() + " has no member " + quoted(name));
+  return *found;
+}
+
+void Labels::parse_role(const Type &type, std::string_view line) {
+  using Part = Role::Part;
+  const std::string_view word = take_word(line);
+  Role role = {word == "adds"      ? Part::adds
+               : word == "deletes" ? Part::deletes
+               : word == "apart"   ? Part::apart
+                                   : Part::key,
+               {}};
+  if (role.part == Part::key && trim(line).starts_with("of ")) {
+    take_word(line);
+    const std::string_view record = take_word(line);
+    role.part = Part::key_of;
+    role.record = describe::find(record);
+    if (role.record == nullptr) fail("no type " + quoted(record));
+  }
+  const bool is_teller = role.part == Part::adds || role.part == Part::deletes;
+  for (std::string_view item = take_word(line); !item.empty() && item[0] != '#'; item = take_word(line)) {
+    const std::size_t equals = std::min(item.find('='), item.size());
+    const std::size_t index = member(type, item.substr(0, equals));
+    const SlotInfo &slot = type.slots[index];
+    if (std::count(role.members.begin(), role.members.end(), index) > 0) fail(quoted(item) + " is there already");
+    if (!is_teller && !is_plain(slot))
+      fail(quoted(item) + " is " + describe::kind_text(slot) + ", not a number or several");
+    if (is_teller && slot.inner == nullptr) fail(quoted(item) + " is neither table nor vector");
+    if (is_teller && !role.members.empty() &&
+        (role.part == Part::deletes || type.slots[role.members[0]].kind == Kind::vector)) {
+      fail(quoted(item) + " belongs to no single entry");
+    }
+    role.members.push_back(index);
+    if ((equals < item.size()) != (role.part == Part::key_of)) {
+      fail(quoted(item) + (equals < item.size() ? " is no member" : " is not MEMBER=MEMBER"));
+    }
+    if (role.part != Part::key_of) continue;
+    const std::size_t there = member(*role.record, item.substr(equals + 1));
+    const std::string wanted = describe::kind_text(role.record->slots[there]);
+    if (wanted != describe::kind_text(slot))
+      fail(quoted(item) + ": " + describe::kind_text(slot) + " is not " + wanted);
+    role.record_members.push_back(there);
+  }
+  if (!is_teller && role.members.empty()) fail("members are wanted");
+  Roles &roles = is_teller ? tellers_ : role.part == Part::apart ? apart_ : keys_;
+  if (!roles.emplace(&type, std::move(role)).second) fail(type.name() + " has such a line already");
 }
 
 const Label *Labels::find(const Type &type, std::size_t slot) const {

@@ -11,6 +11,22 @@
 // A section labels the members of a type wherever it occurs, embedded and in vectors too. ipv6 is for u32[4], most
 // significant word first; enum and flags are for scalars. A value that has no word, or a bit that has no letter, leaves
 // the number as it is.
+//
+// A file also says which tables messages keep: of which records, and by which members their entries are told apart.
+//
+//   [fib6Sync.ipv6FwdUpdateMsg]
+//   adds f1                      # or changes; behind it vectors and tables that belong to the entry, as in: adds f1 f2
+//   [fib6Sync.ipv6FwdDelMsg]
+//   deletes f1                   # a record like those added, or a key of them
+//   [fib6Sync.ipv6FwdKey]
+//   key of fib6Sync.ipv6Fwd f2=f3 f3=f4 f0=f0 f1=f1
+//   [fib6Sync.ipv6Fwd]
+//   key f3 f4                    # where not all that keys have tells entries apart, or where there is no such type
+//   apart f6 f13                 # such as a number that each message has: no part of the entry
+//
+// Entries are sorted in the order in which the members of the key are given. Without members, adds and deletes are of
+// messages that are records or keys themselves. For the types that have keys Labels::kTables says all of this; what a
+// file says of a type takes the place of that.
 #pragma once
 
 #include <cstdint>
@@ -42,6 +58,16 @@ struct Label {
   std::optional<uint32_t> value_of(const std::string &text) const;
 };
 
+// What a type has to do with a table. Members are given by their slots.
+struct Role {
+  enum class Part : uint8_t { adds, deletes, key_of, key, apart };
+
+  Part part;
+  std::vector<std::size_t> members;
+  const describe::Type *record = nullptr;        // of key_of: whose key it is
+  std::vector<std::size_t> record_members = {};  // likewise: what its members are called there
+};
+
 // Of text that is no label file.
 struct LabelError : std::runtime_error {
   LabelError(std::size_t in_line, const std::string &what) : std::runtime_error(what), line(in_line) {}
@@ -50,6 +76,9 @@ struct LabelError : std::runtime_error {
 
 class Labels {
  public:
+  // What is known without a file.
+  static const char *const kTables;
+
   Labels() = default;
   explicit Labels(std::string_view file);  // throws LabelError
 
@@ -69,10 +98,22 @@ class Labels {
   std::string no_member(const describe::Type &type, std::string_view name) const;
   describe::Suggestion suggestion(const describe::Type &type, std::string_view name) const;
 
+  using Roles = std::map<const describe::Type *, Role>;
+
+  // Of messages that add or delete, of what has or is a key, and of records with members apart. Of types of this version.
+  const Roles &tellers() const { return tellers_; }
+  const Roles &keys() const { return keys_; }
+  const Roles &apart() const { return apart_; }
+
  private:
   void parse_member(const describe::Type &type, std::string_view line);
+  void parse_role(const describe::Type &type, std::string_view line);
+  std::size_t member(const describe::Type &type, std::string_view name) const;
 
   std::map<const describe::Type *, std::vector<std::shared_ptr<const Label>>> types_;  // by slot, null: no label
+  Roles tellers_;
+  Roles keys_;
+  Roles apart_;
 };
 
 }  // namespace drix::inspect

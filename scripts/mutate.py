@@ -57,11 +57,15 @@ ROOMS = (
     Room(("trace/",), ("quopa_trace", "traced", "walk_trace"),
          r"trace\.(calls|loaded|ring|children|process)"),
     Room(("capture/",), READERS + ("test_capture",), r"Capture|quopa\.(calls|captures)|fuzz\.replay_quopa"),
-    Room(("inspect/", "describe/"), READERS + ("test_inspect", "foreign", "fuzz_round_trip"),
-         r"Catalog|Compatibility|Json|Labels|Printable|Walk|inspect\.|campaign\.sample|quopa\.(commands|calls|captures)|"
+    Room(("inspect/", "describe/"), READERS + ("test_inspect", "foreign", "tables", "fuzz_round_trip"),
+         r"Catalog|Compatibility|Json|Labels|Printable|Walk|inspect\.|campaign\.sample|"
+         r"quopa\.(commands|calls|captures|tables)|"
          r"fuzz\.replay_(quopa|round_trip)"),
     Room(("tools/quopa/selection.cpp",) + tuple(f"tools/quopa/commands/{name}.cpp" for name in (
         "trace", "stats", "compare", "replay")), COMMANDS, r"quopa\.(calls|captures)"),
+    Room(tuple(f"tools/quopa/{name}.cpp" for name in (
+        "arrivals", "entry", "tellings", "commands/table", "commands/history", "commands/diff")),
+         COMMANDS + ("tables",), r"quopa\.(calls|tables)"),
     Room(("tools/quopa/",), READERS + ("foreign",),
          r"inspect\.foreign|quopa\.(commands|calls|captures|dissector)|fuzz\.replay_quopa"),
     Room(("platform/nats/",), ("test_platform",), r"BusCluster"),

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include "inspect/table.h"
+
 namespace {
 
 using drix::inspect::Label;
@@ -44,6 +46,19 @@ TEST(Labels, RefuseWhatWouldNotBeUnderstood) {
       {kSection + "f0 = a flags UG=1", 2, "\"UG=1\" is not LETTER=NUMBER"},
       {kSection + "f0 = a flags \\=1", 2, "\"\\=1\" is not LETTER=NUMBER"},
       {kSection + "f0 = a flags U=1 N=0", 2, "\"N=0\" has no bit"},
+      {kSection + "key", 2, "members are wanted"},
+      {kSection + "key f9", 2, "fib6Sync.ipv6FwdKey has no member \"f9\""},
+      {kSection + "key f0 f0", 2, "\"f0\" is there already"},
+      {kSection + "key f0\nkey f1", 3, "fib6Sync.ipv6FwdKey has such a line already"},
+      {kSection + "key f0=f1", 2, "\"f0=f1\" is no member"},
+      {kSection + "key of fib6Sync.none f0=f0", 2, "no type \"fib6Sync.none\""},
+      {kSection + "key of fib6Sync.ipv6Fwd f0", 2, "\"f0\" is not MEMBER=MEMBER"},
+      {kSection + "key of fib6Sync.ipv6Fwd f0=f99", 2, "fib6Sync.ipv6Fwd has no member \"f99\""},
+      {kSection + "key of fib6Sync.ipv6Fwd f0=f3", 2, "\"f0=f3\": u32 is not u32[4]"},
+      {kSection + "adds f0", 2, "\"f0\" is neither table nor vector"},
+      {"[fib6Sync.ipv6FwdDelMsg]\nkey f1", 2, "\"f1\" is table(ipv6FwdKey), not a number or several"},
+      {"[fib6Sync.ipv6FwdDelMsg]\ndeletes f1 f0", 2, "\"f0\" belongs to no single entry"},
+      {"[korBrokerFib6.nhp6UpdateMsg]\nadds f2 f1", 2, "\"f1\" belongs to no single entry"},
       {kSection + "f0 = a enum " + std::string(100, 'x'), 2, "\"xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx...\" is"},
   };
   for (const auto &[file, line, said] : cases) {
@@ -55,6 +70,29 @@ TEST(Labels, RefuseWhatWouldNotBeUnderstood) {
       EXPECT_EQ(std::string(error.what()).substr(0, said.size()), said) << file;
     }
   }
+}
+
+TEST(Labels, OfTablesHaveAKey) {
+  using drix::inspect::Tables;
+  const struct {
+    std::string file;
+    std::string said;
+  } cases[] = {
+      {"[fib6Sync.nhp6VpnUpdateMsg]\nadds f1", "no members of fib6Sync.nhp6Vpn are said to be the key of its table"},
+      {"[fib6Sync.ipv6Fwd]\nkey f3 f7", "no member of fib6Sync.ipv6FwdKey is said to be f7 of fib6Sync.ipv6Fwd,"},
+      {"[fib6_cfg.query_comm_param]\nkey f0\nadds\napart f1", "fib6_cfg.query_comm_param owns memory,"},
+  };
+  for (const auto &[file, said] : cases) {
+    try {
+      const Tables tables{Labels(file)};
+      ADD_FAILURE() << "taken: " << file;
+    } catch (const drix::inspect::TableError &error) {
+      EXPECT_EQ(std::string(error.what()).substr(0, said.size()), said) << file;
+    }
+  }
+  const Labels labels("[fib6Sync.ipv6Fwd]\nf3 = key\nf4 = apart\nkey key apart # destination\n");
+  EXPECT_EQ(Tables(labels).find(*drix::describe::find("fib6Sync.ipv6FwdDelMsg"))->key,
+            (std::vector<std::size_t>{2, 3}));
 }
 
 TEST(Labels, GiveValuesWordsAndWordsValues) {

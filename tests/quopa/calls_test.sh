@@ -314,4 +314,130 @@ replay 1 calls/q.pcapng deaf --speed max <<'END'
 send 20:30 21:31
 quopa: deaf: late; 2 messages were sent, 2 of them undelivered
 END
+preload=
+# Tables. What is told twice, in vain or of nothing, and the entry that a deletion misses.
+update=0x48CDB5CB delete=0x20B86741 batch=0xF0E9E493
+bytes() { echo "0x$("${quopa[@]}" encode "$@" --hex)"; }
+added() { bytes fib6Sync.ipv6FwdUpdateMsg <<<"{\"f0\":{\"f1\":$1},\"f1\":{\"f3\":\"2001:db8:$2::\",\"f4\":$3,\"f1\":$4,\"f7\":$5}}"; }
+deleted() { bytes fib6Sync.ipv6FwdDelMsg <<<"{\"f0\":{\"f1\":$1},\"f1\":{\"f2\":\"2001:db8:$2::\",\"f3\":$3,\"f1\":$4}}"; }
+batch() { bytes korBrokerFib6.ipv6FwdUpdateMsg <<<"{\"f1\":[$(printf ',{"f3":"2001:db8:%s::","f4":48,"f7":%s}' "$@" | cut -c 2-)]}"; }
+"$make_capture" table little >told.pcapng <<END
+note 64 4 program card
+sent 1 $update $(added 1 1 48 5 7)
+received 2 $update $(added 1 1 48 5 7)
+sent 3 $update $(added 2 1 48 5 7)
+sent 4 $update $(added 3 1 48 5 8)
+received 5 $update $(added 3 1 48 5 8)
+sent 6 $update $(added 4 2 64 0 9) status -7
+sent 7 $update $(added 5 2 64 0 9)
+received 8 $update $(added 5 2 64 0 9)
+sent 9 $delete $(deleted 6 1 48 5)
+received 10 $delete $(deleted 6 1 48 6)
+received 11 $update $(added 7 3 128 0 1) captured 30
+received 12 $update 0x0400
+END
+says 0 table told.pcapng <<'END'
+#6 08:56:40.128456 card 4 <- fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5 f1.f7=8
+#9 08:56:40.131456 card 4 <- fib6Sync.ipv6Fwd 2001:db8:2::/64 f1.f7=9
+2 entries, from 4 messages that card 4 received until 2025-11-25 08:56:40.133456;
+what was there before 2025-11-25 08:56:40.123456 is not known; deletions of what may have been there: 1
+quopa: 1 messages are left out: the bus or the decoder did not take them
+quopa: 1 messages are left out: their decoder rejects them
+quopa: 1 messages are left out: the recorder cut them
+END
+says 0 table told.pcapng --sent --at +5ms --json <<'END'
+{"capture":"told.pcapng","packet":5,"time":1764061000.127456789,"time_ns":"1764061000127456789","program":"card","process":4,"direction":"sent","table":"fib6Sync.ipv6Fwd","key":"2001:db8:1::/48 f1=5","type":"fib6Sync.ipv6FwdUpdateMsg","record":{"f0":{"f0":0,"f1":0},"f1":{"f0":0,"f1":5,"f2":0,"f3":[536939960,65536,0,0],"f4":48,"f5":0,"f6":0,"f7":8,"f8":0,"f9":0,"f10":0,"f11":0,"f12":0,"f13":0}}}
+{"program":"card","process":4,"direction":"sent","entries":1,"messages":3,"unknown_before":1764061000.123456789,"until":1764061000.127456789,"deleted_unknown":0}
+quopa: 1 messages are left out: the bus or the decoder did not take them
+END
+says 0 history told.pcapng 2001:db8:1::/48 <<'END'
+#2 08:56:40.124456 card 4 -> fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5: added f1.f7=7
+#3 08:56:40.125456 card 4 <- fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5: added f1.f7=7
+#4 08:56:40.126456 card 4 -> fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5: repeated without a change, 1 time
+#5 08:56:40.127456 card 4 -> fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5: changed f1.f7 7 -> 8
+#6 08:56:40.128456 card 4 <- fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5: changed f1.f7 7 -> 8
+#10 08:56:40.132456 card 4 -> fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5: deleted
+#11 08:56:40.133456 card 4 <- fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=6: deleted, but not known before
+quopa: 1 messages are left out: the bus or the decoder did not take them
+quopa: 1 messages are left out: their decoder rejects them
+quopa: 1 messages are left out: the recorder cut them
+END
+says 1 diff told.pcapng <<'END'
+missing here: #6 08:56:40.128456 card 4 <- fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5 f1.f7=8
+card 4: 1 entries here, 2 there: 0 missing there, 1 missing here, 0 differ
+quopa: 1 messages are left out: the bus or the decoder did not take them
+quopa: 1 messages are left out: their decoder rejects them
+quopa: 1 messages are left out: the recorder cut them
+END
+expect 0 '"here":1,"there":1,"missing_there":0,"missing_here":0,"differing":0' '*' '' diff told.pcapng@+4ms told.pcapng@+5ms --json
+# A table as it is printed, of which a row may take two lines.
+printf '%s\n' 'whole' 'Destination Next hop Interface Metric Flags' '2001:db8:1::/48 0:8:: eth0 5 UG' '2001:db8:2::/64' '  :: eth0 0 U' \
+  '2001:db8:9::/48 fe80::1 eth0 1 UG' '2001:db8:9::/48 fe80::2 eth0 1 UG' 'Flags: U up' >printed
+says 1 diff told.pcapng printed --labels "$project/examples/routes.labels" <<'END'
+differs: #9 08:56:40.131456 card 4 <- fib6Sync.ipv6Fwd 2001:db8:2::/64: next_hop 0:9:: -> ::
+missing here: 2001:db8:9::/48 metric=1 next_hop=fe80::1,fe80::2
+2 entries here, 3 there: 0 missing there, 1 missing here, 1 differ
+quopa: 1 messages are left out: the bus or the decoder did not take them
+quopa: 1 messages are left out: their decoder rejects them
+quopa: 1 messages are left out: the recorder cut them
+END
+"$make_capture" table little >a.pcapng <<END
+note 64 1 program a
+sent 0 $batch $(batch 1 1 2 2)
+sent 0 $batch $(batch 3 3)
+sent 1 0x21 5
+END
+"$make_capture" table little >b.pcapng <<END
+note 64 2 program b
+received 2 $batch $(batch 1 1 2 2 3 3)
+sent 5 $batch $(batch 3 3)
+sent 6 $batch $(batch 2 9 1 1)
+END
+"$make_capture" table big >c.pcapng <<END
+note 64 3 program c
+received 8 $batch $(batch 1 1)
+received 9 $batch $(batch 2 9)
+received 9 $batch $(batch 2 9)
+received 10 $batch $(batch 8 8) status -1
+END
+says 1 compare a.pcapng b.pcapng c.pcapng --by-key <<'END'
+a.pcapng to b.pcapng:
+3 sent, 3 received: 0 not received, 0 received again, 0 received but not sent, 0 changed on the way
+latency in us: least 2000, half 2000, 90 % 2000, 99 % 2000, 99.9 % 2000, most 2000
+through b.pcapng:
+changed on the way: b.pcapng#2 08:56:40.125456 b 2 <- korBrokerFib6.ipv6Fwd 2001:db8:2::/48: f1.f7 2 -> 9 in b.pcapng#4 08:56:40.129456 b 2
+3 received, 3 sent: 0 not sent on, 0 sent again, 0 sent but not received, 1 changed on the way
+latency in us: least 3000, half 3000, 90 % 3000, 99 % 3000, 99.9 % 3000, most 4000
+b.pcapng to c.pcapng:
+received again: c.pcapng#4 08:56:40.132456 c 3 <- korBrokerFib6.ipv6Fwd 2001:db8:2::/48 f1.f7=9
+not received: b.pcapng#3 08:56:40.128456 b 2 -> korBrokerFib6.ipv6Fwd 2001:db8:3::/48 f1.f7=3
+3 sent, 3 received: 1 not received, 1 received again, 0 received but not sent, 0 changed on the way
+latency in us: least 2000, half 2000, 90 % 2000, 99 % 2000, 99.9 % 2000, most 3000
+quopa: 1 messages are left out: the bus or the decoder did not take them
+END
+says 1 compare b.pcapng c.pcapng --by-key --json <<'END'
+{"difference":"received again","capture":"c.pcapng","packet":4,"time":1764061000.132456789,"time_ns":"1764061000132456789","program":"c","process":3,"direction":"received","table":"korBrokerFib6.ipv6Fwd","key":"2001:db8:2::/48","type":"korBrokerFib6.ipv6FwdUpdateMsg","record":{"f0":0,"f1":[{"f0":0,"f1":0,"f2":0,"f3":[536939960,131072,0,0],"f4":48,"f5":0,"f6":0,"f7":9,"f8":0,"f9":0,"f10":0,"f11":0,"f12":0,"f13":0}]}}
+{"difference":"not received","capture":"b.pcapng","packet":3,"time":1764061000.128456789,"time_ns":"1764061000128456789","program":"b","process":2,"direction":"sent","table":"korBrokerFib6.ipv6Fwd","key":"2001:db8:3::/48","type":"korBrokerFib6.ipv6FwdUpdateMsg","record":{"f0":0,"f1":[{"f0":0,"f1":0,"f2":0,"f3":[536939960,196608,0,0],"f4":48,"f5":0,"f6":0,"f7":3,"f8":0,"f9":0,"f10":0,"f11":0,"f12":0,"f13":0}]}}
+{"sent":3,"failed":0,"received":3,"not_received":1,"received_again":1,"not_sent":0,"changed":0,"latency_ns":[2000000,2000000,2000000,2000000,2000000,3000000]}
+quopa: 1 messages are left out: the bus or the decoder did not take them
+END
+expect 1 '^through b.pcapng:$' '' '' compare a.pcapng b.pcapng c.pcapng
+printf '[fib6Sync.nhp6VpnUpdateMsg]\nadds f1\n' >vpn.labels
+while IFS='|' read -r status line arguments; do
+  # shellcheck disable=SC2086
+  expect "$status" '' "^quopa: $line" '' $arguments
+done <<'END'
+1|nothing tells of ::1$|history a.pcapng ::1
+1|the labels: no members of fib6Sync.nhp6Vpn are said to be the key of its table$|table a.pcapng --labels vpn.labels
+2|KEY is required$|history told.pcapng
+2|the key "f7=1": no table has such a key$|history told.pcapng f7=1
+2|the key "f4=x,::1": f4=x: "x" is n|history told.pcapng f4=x,::1
+2|the key "::1/129": a prefix has a length of 0 to 128$|history told.pcapng ::1/129
+2|the key "fe80": "fe80" is neither an IPv6 address or prefix nor MEMBER=VALUE$|history told.pcapng fe80
+2|--at "noon" is no time|table told.pcapng --at noon
+1|told.pcapng: no routes to compare with those of printed; --labels says|diff told.pcapng printed
+2|the time behind @: "noon" is no time|diff told.pcapng@noon told.pcapng
+2|--where .* has no member "f99"|table a.pcapng --where f99=1
+1|sent.pcapng: nothing was received that tells of a table; name the other capture$|diff sent.pcapng
+END
 exit $((failures > 0))

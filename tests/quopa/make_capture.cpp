@@ -83,7 +83,7 @@ constexpr uint64_t kStart = 1764061000123456789u;
 constexpr uint64_t kMillisecond = 1000000;
 
 // A line a packet: "note HANDLE THREAD TEXT", or "sent" or "received", milliseconds, the type's name in fib6Sync or a
-// message ID, a number for the first member, and what is not as usual: status N, call INDEX COUNT, thread N, handle N,
+// message ID, a number for the first member or the payload's bytes behind 0x, and what is not as usual: status N, call INDEX COUNT, thread N, handle N,
 // captured BYTES.
 void write_table(std::istream &table, File &file) {
   std::string line;
@@ -99,9 +99,8 @@ void write_table(std::istream &table, File &file) {
       continue;
     }
     uint64_t milliseconds = 0;
-    uint32_t number = 0;
-    std::string name;
-    row >> milliseconds >> name >> number;
+    std::string name, content;
+    row >> milliseconds >> name >> content;
     packet = {kStart + milliseconds * kMillisecond, way == "sent" ? TRACE_SENT : TRACE_RECEIVED, 0};
     std::size_t captured = SIZE_MAX;
     for (std::string what; row >> what;) {
@@ -111,9 +110,15 @@ void write_table(std::istream &table, File &file) {
       if (what == "handle") row >> packet.handle;
       if (what == "captured") row >> captured;
     }
+    const bool is_bytes = content.starts_with("0x");
+    const auto number = is_bytes ? 0 : static_cast<uint32_t>(std::stoul(content));
     if (name.starts_with("0x")) {
       packet.id = static_cast<uint32_t>(std::stoul(name, nullptr, 16));
-      file.packet(packet, Bytes(number), captured);
+      Bytes payload(number);
+      for (std::size_t i = 2; is_bytes && i + 1 < content.size(); i += 2) {
+        payload.push_back(static_cast<uint8_t>(std::stoul(content.substr(i, 2), nullptr, 16)));
+      }
+      file.packet(packet, payload, captured);
     } else {
       const reference::Type &type = reference::find("fib6Sync", name);
       packet.id = type.id;

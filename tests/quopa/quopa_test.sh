@@ -49,7 +49,7 @@ expect 0 '^[0-9]+ types, no difference$' '' '' types --check "$project/describe/
 expect 0 '"scalar", 4, 0, nil, name = "metric"' '' '' dissector --labels "$routes"
 expect 1 '' '^quopa: output/none: ' '' dissector -o output/none
 expect 0 '^quopa [0-9.]+$' '' '' --version
-for command in types decode encode annotate trace stats compare replay dissector; do
+for command in types decode encode annotate trace stats compare table history diff replay dissector; do
   expect 0 '^Examples:$' '' '' $command --help
   grep -E '.{81}|Excludes|Needs' output && complain "the help of $command"
 done
@@ -69,7 +69,7 @@ done <<END
 ^:files$|annotate|trace.pcapng#
 ^:files$|trace|--labels=$routes
 ^:files$|compare|a|b
-|compare|a|b|c
+^:files$|compare|a|b|c
 |encode|x.json
 |trace|a|--count|
 ^f1\\.$|trace|a|--type|$msg|--where|f

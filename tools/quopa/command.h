@@ -105,14 +105,41 @@ int stats(const StatsOptions &options);
 
 struct CompareOptions {
   std::string sender;
-  std::string receiver;  // empty: the sender's
+  std::vector<std::string> receivers;  // one behind the other; empty: the sender's
   TapOptions tap;
   std::string labels;
+  bool by_key = false;
   std::string color = "auto";
   bool json = false;
   bool ipv6 = false;
 };
 int compare(const CompareOptions &options);
+
+// Of the selection, the conditions are on entries.
+struct TableOptions {
+  SelectionOptions selection;
+  std::string at;
+  bool json = false;
+  bool ipv6 = false;
+};
+int table(const TableOptions &options);
+
+struct HistoryOptions {
+  SelectionOptions selection;
+  std::string key;
+  bool json = false;
+  bool ipv6 = false;
+};
+int history(const HistoryOptions &options);
+
+struct DiffOptions {
+  SelectionOptions selection;  // without paths
+  std::string here;            // either with @TIME
+  std::string there;           // empty: what was received in the first
+  bool json = false;
+  bool ipv6 = false;
+};
+int diff(const DiffOptions &options);
 
 struct ReplayOptions {
   std::vector<std::string> paths;

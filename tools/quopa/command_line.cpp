@@ -126,10 +126,7 @@ void add_bus(CLI::App &command, std::string &bus) {
       ->type_name("LIBRARY");
 }
 
-void add_selection(CLI::App &command, SelectionOptions &options) {
-  command
-      .add_option("FILE", options.paths, "Captures, folders of captures, and endpoints at servers; - is standard input")
-      ->required();
+void add_conditions(CLI::App &command, SelectionOptions &options) {
   command.add_option("--type", options.types, "Only types that match, like 'fib6Sync.ipv6Fwd*'; repeated: any of them")
       ->type_name("GLOB")
       ->allow_extra_args(false);
@@ -145,10 +142,17 @@ void add_selection(CLI::App &command, SelectionOptions &options) {
       ->type_name("TERM")
       ->allow_extra_args(false);
   command.add_flag("--any-element", options.any_element, "Each TERM on a vector may hold in another element of it");
+  add_labels(command, options.labels);
+}
+
+void add_selection(CLI::App &command, SelectionOptions &options) {
+  command
+      .add_option("FILE", options.paths, "Captures, folders of captures, and endpoints at servers; - is standard input")
+      ->required();
+  add_conditions(command, options);
   command.add_option("--from", options.from, "Only from this time on, like 08:56:40.5 or +5s. See below")
       ->type_name("TIME");
   command.add_option("--to", options.to, "Only up to this time")->type_name("TIME");
-  add_labels(command, options.labels);
   add_bus(command, options.tap.bus);
 }
 
@@ -222,7 +226,10 @@ void add_compare(CLI::App &app, Run &run) {
       ->add_option("SENDER", options->sender,
                    "A capture, a folder of captures, or an endpoint, of which what was sent counts")
       ->required();
-  command->add_option("RECEIVER", options->receiver, "The same, of which what was received counts; nothing: SENDER");
+  command->add_option(
+      "RECEIVER", options->receivers,
+      "The same, of which what was received counts; nothing: SENDER. Several pass it on, each to the next");
+  command->add_flag("--by-key", options->by_key, "Compare entries of tables, however messages put them together");
   command->add_flag("-f,--follow", options->tap.follow, "Go on where a stream ends, until interrupted");
   add_bus(*command, options->tap.bus);
   command->add_flag("--json", options->json, "One JSON object a line, at the end the sums");
@@ -232,13 +239,107 @@ void add_compare(CLI::App &app, Run &run) {
   command->footer(
       "Messages are the same when ID and bytes are; of several the first that was sent is the first that came.\n"
       "Reports what was not received, received again, and received but not sent, and how long the others took.\n"
+      "By key, what messages tell of an entry is the same when all members are, in whatever layout and batch; when\n"
+      "only the key is, it was changed on the way. Of several receivers each hop is reported, through them too.\n"
       "Endpoints are those of \"quopa trace\"; what comes is compared when there is an end, or an interruption.\n"
       "The status is 1 when there is a difference.\n\n"
       "Examples:\n"
       "  quopa compare sender/ receiver/\n"
       "  quopa compare sender/ nats-stream://10.0.0.1:4222/routes\n"
+      "  quopa compare card/ agent/ hardware/ --by-key\n"
       "  quopa compare /dev/shm/trace");
   command->callback([=, &run] { run = [=] { return compare(*options); }; });
+}
+
+// Tables are of messages, so what is chosen of those is chosen as for trace.
+void add_told(CLI::App &command, SelectionOptions &options) {
+  command.add_option("--type", options.types, "Only messages of types that match; repeated: any of them")
+      ->type_name("GLOB")
+      ->allow_extra_args(false);
+  CLI::Option *sent = command.add_flag("--sent", options.sent, "Only what was sent");
+  CLI::Option *received = command.add_flag("--received", options.received, "Only what was received");
+  sent->excludes(received);
+  add_labels(command, options.labels);
+  add_bus(command, options.tap.bus);
+}
+
+void add_where_entry(CLI::App &command, SelectionOptions &options) {
+  command.add_option("--where", options.where, "Only entries with this member, as for trace; repeated: all of them")
+      ->type_name("TERM")
+      ->allow_extra_args(false);
+}
+
+void add_style(CLI::App &command, bool &json, bool &ipv6, const char *json_text) {
+  command.add_flag("--json", json, json_text);
+  command.add_flag("--ipv6", ipv6, "In JSON, show every u32[4] as an IPv6 address");
+}
+
+constexpr char kTables[] =
+    "Tables are those of the types that have keys, and those of which --labels tells (see quopa(1)).\n\n";
+
+void add_table(CLI::App &app, Run &run) {
+  const auto options = std::make_shared<TableOptions>();
+  CLI::App *command = app.add_subcommand("table", "Show the tables that the messages of captures make");
+  command->add_option("FILE", options->selection.paths, "Captures, and folders of captures; - is standard input")
+      ->required();
+  command->add_option("--at", options->at, "As it was then, like 08:56:40.5 or +5s; nothing: at the end")
+      ->type_name("TIME");
+  add_told(*command, options->selection);
+  add_where_entry(*command, options->selection);
+  add_style(*command, options->json, options->ipv6, "One JSON object an entry, at the end one a table");
+  command->footer(
+      std::string("An entry a line, with the packet in which it was changed last and when. Each process has a\n"
+                  "table, of what it received; where nothing was received, of what it sent.\n") +
+      kTables +
+      "Examples:\n"
+      "  quopa table /dev/shm/trace\n"
+      "  quopa table trace.pcapng --at 03:14:07 --where f1.f3=2001:db8::/32");
+  command->callback([=, &run] { run = [=] { return table(*options); }; });
+}
+
+void add_history(CLI::App &app, Run &run) {
+  const auto options = std::make_shared<HistoryOptions>();
+  CLI::App *command = app.add_subcommand("history", "Show all that happened to an entry of a table");
+  command
+      ->add_option("FILE", options->selection.paths, "Captures, and folders of captures; - is standard input; then KEY")
+      ->required();
+  add_told(*command, options->selection);
+  add_style(*command, options->json, options->ipv6, "One JSON object a line");
+  command->footer(
+      std::string("An event a line: added, changed, deleted, or repeated without a change; by whom, and in which\n"
+                  "packet. KEY, the last word, is what \"quopa table\" shows of the key, or a part of it: a prefix\n"
+                  "like 2001:db8::/32, an address, or MEMBER=VALUE.\n") +
+      kTables +
+      "Examples:\n"
+      "  quopa history /dev/shm/trace 2001:db8::/32\n"
+      "  quopa history trace.pcapng 'f0=7 f1=2'");
+  command->callback([=, &run] {
+    std::vector<std::string> &words = options->selection.paths;
+    if (words.size() < 2) throw CLI::RequiredError("KEY");
+    options->key = words.back();
+    words.pop_back();
+    run = [=] { return history(*options); };
+  });
+}
+
+void add_diff(CLI::App &app, Run &run) {
+  const auto options = std::make_shared<DiffOptions>();
+  CLI::App *command = app.add_subcommand("diff", "Report in what two tables differ");
+  command->add_option("HERE", options->here, "A capture, or a folder of captures; behind it perhaps @TIME")->required();
+  command->add_option("THERE", options->there,
+                      "The same; nothing: what processes received in HERE, of what was sent in it");
+  add_told(*command, options->selection);
+  add_where_entry(*command, options->selection);
+  add_style(*command, options->json, options->ipv6, "One JSON object a line, at the end the sums");
+  command->footer(
+      std::string("What counts is what was received, or what was sent where nothing was received. THERE may also be a\n"
+                  "table of routes as route_receiver prints it, with --labels. The status is 1\n"
+                  "when there is a difference.\n") +
+      kTables +
+      "Examples:\n"
+      "  quopa diff sender/ receiver/\n"
+      "  quopa diff trace.pcapng@03:14:07 trace.pcapng@03:14:08");
+  command->callback([=, &run] { run = [=] { return diff(*options); }; });
 }
 
 void add_replay(CLI::App &app, Run &run) {
@@ -310,6 +411,9 @@ Run parse_command_line(int argc, char **argv) {
   add_trace(*app, run);
   add_stats(*app, run);
   add_compare(*app, run);
+  add_table(*app, run);
+  add_history(*app, run);
+  add_diff(*app, run);
   add_replay(*app, run);
   add_dissector(*app, run);
   add_complete(*app, run);

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "capture/timeline.h"
+#include "describe/printable.h"
 #include "tools/quopa/command.h"
 #include "tools/quopa/complain.h"
 #include "tools/quopa/input.h"

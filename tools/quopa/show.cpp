@@ -19,38 +19,11 @@ using drix::inspect::Label;
 using drix::inspect::TablePath;
 using Match = drix::inspect::Where::Match;
 
-constexpr uint64_t kSecond = 1000000000;
+constexpr uint64_t kPerSecond = 1000000000;
 constexpr std::size_t kMostMembers = 40;  // of a line of text
 constexpr std::size_t kMostBytes = 32;    // of a byte string in it
 
 const char *arrow(const Message &message) { return message.is_sent() ? "->" : message.is_received() ? "<-" : "--"; }
-
-bool is_zero(const SlotInfo &slot, const uint8_t *table) {
-  if (slot.kind == Kind::bytes) return drix::inspect::member<uint32_t>(table, slot.length_member) == 0;
-  const uint8_t *const value = table + slot.member;
-  const std::size_t size = slot.width * std::max<std::size_t>(slot.elements, 1);
-  return std::all_of(value, value + size, [](uint8_t byte) { return byte == 0; });
-}
-
-std::string value_text(const SlotInfo &slot, const uint8_t *table, const Label *label) {
-  const uint8_t *value = table + slot.member;
-  if (slot.kind == Kind::scalar) return drix::inspect::scalar_text(drix::inspect::number_at(value, slot.width), label);
-  std::string text;
-  if (slot.kind == Kind::bytes || slot.width == 1) {
-    std::size_t size = slot.elements;
-    if (slot.kind == Kind::bytes) {
-      size = drix::inspect::member<uint32_t>(table, slot.length_member);
-      value = drix::inspect::member<const uint8_t *>(table, slot.member);
-    }
-    drix::inspect::append_hex(text, {value, std::min(size, kMostBytes)});
-    return size <= kMostBytes ? text : text + "...(" + std::to_string(size) + " bytes)";
-  }
-  if (slot.is_address()) return drix::inspect::address_text(value);
-  for (std::size_t i = 0; i < slot.elements; ++i) {
-    text += (i == 0 ? "[" : ",") + std::to_string(drix::inspect::number_at(value + i * slot.width, slot.width));
-  }
-  return text + ']';
-}
 
 // f1[2].f3=64
 void show_member(std::ostream &out, const Look &look, const JsonStyle &style, const Match &member) {
@@ -99,15 +72,6 @@ std::string status_text(const Message &message) {
   return message.is_received() ? "DECODER FAILED" : "FAILED " + std::to_string(message.status);
 }
 
-std::string json_string(const std::string &text) {
-  std::string result = "\"";
-  for (const char c : text) {
-    if (c == '"' || c == '\\') result += '\\';
-    result += c < ' ' ? ' ' : c;
-  }
-  return result + '"';
-}
-
 void show_origin_json(std::ostream &out, const Message &message) {
   out << "{\"capture\":" << json_string(printable(message.origin->capture)) << ",\"packet\":" << message.packet
       << ",\"time\":" << seconds_text(message.time) << ",\"time_ns\":\"" << message.time
@@ -129,6 +93,42 @@ void show_origin_text(std::ostream &out, const Message &message, const LineStyle
 
 }  // namespace
 
+std::string json_string(const std::string &text) {
+  std::string result = "\"";
+  for (const char c : text) {
+    if (c == '"' || c == '\\') result += '\\';
+    result += c < ' ' ? ' ' : c;
+  }
+  return result + '"';
+}
+
+bool is_zero(const SlotInfo &slot, const uint8_t *table) {
+  if (slot.kind == Kind::bytes) return drix::inspect::member<uint32_t>(table, slot.length_member) == 0;
+  const uint8_t *const value = table + slot.member;
+  const std::size_t size = slot.width * std::max<std::size_t>(slot.elements, 1);
+  return std::all_of(value, value + size, [](uint8_t byte) { return byte == 0; });
+}
+
+std::string value_text(const SlotInfo &slot, const uint8_t *table, const Label *label) {
+  const uint8_t *value = table + slot.member;
+  if (slot.kind == Kind::scalar) return drix::inspect::scalar_text(drix::inspect::number_at(value, slot.width), label);
+  std::string text;
+  if (slot.kind == Kind::bytes || slot.width == 1) {
+    std::size_t size = slot.elements;
+    if (slot.kind == Kind::bytes) {
+      size = drix::inspect::member<uint32_t>(table, slot.length_member);
+      value = drix::inspect::member<const uint8_t *>(table, slot.member);
+    }
+    drix::inspect::append_hex(text, {value, std::min(size, kMostBytes)});
+    return size <= kMostBytes ? text : text + "...(" + std::to_string(size) + " bytes)";
+  }
+  if (slot.is_address()) return drix::inspect::address_text(value);
+  for (std::size_t i = 0; i < slot.elements; ++i) {
+    text += (i == 0 ? "[" : ",") + std::to_string(drix::inspect::number_at(value + i * slot.width, slot.width));
+  }
+  return text + ']';
+}
+
 std::string type_name(const Message &message) {
   const drix::describe::Type *const type = message.type();
   if (type != nullptr) return type->name();
@@ -138,19 +138,19 @@ std::string type_name(const Message &message) {
 }
 
 std::string time_text(uint64_t nanoseconds, bool with_date) {
-  const auto seconds = static_cast<std::time_t>(nanoseconds / kSecond);
+  const auto seconds = static_cast<std::time_t>(nanoseconds / kPerSecond);
   std::tm local = {};
   char text[64] = "?";
   if (localtime_r(&seconds, &local) == nullptr) return text;
   const std::size_t length = std::strftime(text, sizeof text, with_date ? "%F %T" : "%T", &local);
-  std::snprintf(text + length, sizeof text - length, ".%06u", static_cast<unsigned>(nanoseconds % kSecond / 1000));
+  std::snprintf(text + length, sizeof text - length, ".%06u", static_cast<unsigned>(nanoseconds % kPerSecond / 1000));
   return text;
 }
 
 std::string seconds_text(uint64_t nanoseconds) {
   char text[32];
-  std::snprintf(text, sizeof text, "%llu.%09llu", static_cast<unsigned long long>(nanoseconds / kSecond),
-                static_cast<unsigned long long>(nanoseconds % kSecond));
+  std::snprintf(text, sizeof text, "%llu.%09llu", static_cast<unsigned long long>(nanoseconds / kPerSecond),
+                static_cast<unsigned long long>(nanoseconds % kPerSecond));
   return text;
 }
 

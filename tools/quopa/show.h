@@ -23,6 +23,13 @@ std::string seconds_text(uint64_t nanoseconds);
 // file.
 std::string note_text(const Message &note);
 
+// A member that has its own bytes, of a table's record.
+bool is_zero(const drix::describe::SlotInfo &slot, const uint8_t *table);
+std::string value_text(const drix::describe::SlotInfo &slot, const uint8_t *table, const drix::inspect::Label *label);
+
+// In quotes.
+std::string json_string(const std::string &text);
+
 // What a line begins with.
 struct LineStyle {
   bool has_capture = true;         // the packet's number has its capture in front

@@ -14,6 +14,9 @@ class Styles {
  public:
   Styles(drix::inspect::Labels labels, bool ipv6) : own_{std::move(labels), ipv6} {}
 
+  // Of this version's types.
+  const drix::inspect::JsonStyle &own() const { return own_; }
+
   // Members that are the same in another version keep their labels there.
   const drix::inspect::JsonStyle &of(const Origin &origin) {
     if (origin.types == &drix::describe::Catalog::own()) return own_;

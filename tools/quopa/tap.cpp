@@ -4,13 +4,13 @@
 
 #include <algorithm>
 #include <chrono>
-#include <csignal>
 
 #include "capture/writer.h"
 #include "describe/type.h"
 #include "platform/kelvodrix/kelvodrix.h"
 #include "tools/quopa/bus_library.h"
 #include "tools/quopa/complain.h"
+#include "tools/quopa/interrupt.h"
 #include "tools/quopa/moment.h"
 
 namespace quopa {
@@ -20,8 +20,6 @@ using capture::Message;
 
 constexpr uint32_t kWait = 100;              // milliseconds, between looks whether the process is interrupted
 constexpr uint32_t kLongestSilence = 10000;  // of a stream that has more
-
-volatile std::sig_atomic_t is_interrupted = 0;
 
 bool is_stream(const std::string &endpoint) { return endpoint.find("-stream://") != std::string::npos; }
 
@@ -69,10 +67,7 @@ class Tap final : public capture::Feed {
                                                start_of(options.from)};
     const int32_t status = open(endpoint.c_str(), &tap_options, &tap_);
     if (status != KELVODRIX_OK) throw BadInput(endpoint + ": " + text_of_(status));
-    struct sigaction action = {};
-    action.sa_handler = [](int) { is_interrupted = 1; };
-    action.sa_flags = static_cast<int>(SA_RESETHAND);
-    for (const int signal : {SIGINT, SIGTERM}) ::sigaction(signal, &action, nullptr);
+    catch_interrupts();
   }
   ~Tap() override {
     if (const std::string lacks = what_lacks(); !lacks.empty() && !has_ended_) complain(lacks);
