@@ -13,6 +13,7 @@ namespace quopa {
 inline constexpr int kGood = 0;
 inline constexpr int kBad = 1;    // bad input, a rejected buffer, or differences found
 inline constexpr int kUsage = 2;  // the command line is wrong
+inline constexpr int kHit = 3;    // a rule of watch has hit
 
 // One line for the user, behind "quopa: ".
 struct BadInput : std::runtime_error {
@@ -140,6 +141,17 @@ struct DiffOptions {
   bool ipv6 = false;
 };
 int diff(const DiffOptions &options);
+
+struct WatchOptions {
+  SelectionOptions selection;
+  std::vector<std::string> rules;  // any of them
+  std::string keep = "5s";
+  std::string after = "1s";
+  std::string folder = ".";
+  std::string command;
+  uint64_t count = UINT64_MAX;
+};
+int watch(const WatchOptions &options);
 
 struct ReplayOptions {
   std::vector<std::string> paths;

@@ -342,6 +342,36 @@ void add_diff(CLI::App &app, Run &run) {
   command->callback([=, &run] { run = [=] { return diff(*options); }; });
 }
 
+void add_watch(CLI::App &app, Run &run) {
+  const auto options = std::make_shared<WatchOptions>();
+  CLI::App *command = app.add_subcommand("watch", "Keep what is recorded around the moment in which a rule hits");
+  command->add_option("FOLDER", options->selection.paths, "Where processes are recorded, or files in it")->required();
+  command->add_option("--on", options->rules, "A rule, see below; repeated: any of them")
+      ->type_name("RULE")
+      ->allow_extra_args(false)
+      ->required();
+  command->add_option("--keep", options->keep, "So much before the hit is kept; nothing: 5s")->type_name("DURATION");
+  command->add_option("--after", options->after, "And so much behind it; nothing: 1s")->type_name("DURATION");
+  command->add_option("-o,--output", options->folder, "The folder for the captures; nothing: this one")
+      ->type_name("FILE");
+  command->add_option("--then", options->command, "Run for each capture by sh, with its name as $1 and the rule as $2")
+      ->type_name("COMMAND");
+  command->add_option("--count", options->count, "End after so many captures")->type_name("N");
+  add_conditions(*command, options->selection);
+  command->footer(
+      std::string(
+          "A RULE is rejected, failed, changes=N for an entry of a table that is added, changed or deleted N times\n"
+          "in a second, or changes=N/DURATION, late=DURATION for what was sent and not received so soon, or a\n"
+          "TERM. Hits while a capture is written are in the same one. A DURATION is 50ms, 5s, 2m or the like.\n"
+          "The status is 3 when there was a hit.\n\n") +
+      kTerms + kTables +
+      "Examples:\n"
+      "  quopa watch /dev/shm/trace --on rejected --on failed\n"
+      "  quopa watch /dev/shm/trace --on changes=3 --keep 30s --then 'mail -s \"$2\" ops <\"$1\"'\n"
+      "  quopa watch /dev/shm/trace --on late=50ms --count 1 || echo found");
+  command->callback([=, &run] { run = [=] { return watch(*options); }; });
+}
+
 void add_replay(CLI::App &app, Run &run) {
   const auto options = std::make_shared<ReplayOptions>();
   CLI::App *command = app.add_subcommand("replay", "Send what captures hold over the stand-in bus");
@@ -414,6 +444,7 @@ Run parse_command_line(int argc, char **argv) {
   add_table(*app, run);
   add_history(*app, run);
   add_diff(*app, run);
+  add_watch(*app, run);
   add_replay(*app, run);
   add_dissector(*app, run);
   add_complete(*app, run);
