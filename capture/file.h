@@ -10,17 +10,23 @@
 
 namespace capture {
 
-// pcap or pcapng of either byte order, of a link type that is left to users, whoever wrote it.
-class File {
+// Where messages come from, in their order.
+class Feed {
  public:
-  explicit File(const std::string &path) : path_(path), blocks_(path) {  // "-" is standard input; throws BadCapture
-    origin_.capture = path;
-  }
+  virtual ~Feed() = default;
+
+  // The next message, notes too, valid until the next call; null at the end. Throws BadCapture where it cannot go on.
+  virtual const Message *next() = 0;
+};
+
+// pcap or pcapng of either byte order, of a link type that is left to users, whoever wrote it.
+class File final : public Feed {
+ public:
+  explicit File(const std::string &path) : File(path, path) {}  // "-" is standard input; throws BadCapture
+  File(const std::string &path, const std::string &name) : path_(path), blocks_(path) { origin_.capture = name; }
   explicit File(std::span<const uint8_t> bytes) : blocks_(bytes) {}
 
-  // The next message, notes too, valid until the next call; null at the end. Throws BadCapture where the file is
-  // damaged.
-  const Message *next();
+  const Message *next() override;
 
  private:
   [[noreturn]] void fail(const std::string &what) const;

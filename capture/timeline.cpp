@@ -34,7 +34,8 @@ std::vector<std::string> captures_in(const std::string &path) {
   return found;
 }
 
-Timeline::Timeline(const std::vector<std::string> &paths, Complaint complain) : complain_(std::move(complain)) {
+Timeline::Timeline(const std::vector<std::string> &paths, Complaint complain, Open open)
+    : complain_(std::move(complain)), open_(std::move(open)) {
   for (const std::string &path : paths) {
     for (const std::string &file : captures_in(path)) {
       // What comes from a pipe cannot be opened again for its first message.
@@ -50,7 +51,7 @@ Timeline::Timeline(const std::vector<std::string> &paths, Complaint complain) : 
 // To the part's next message; opens the file first. False at the end.
 bool Timeline::advance(Part &part) {
   try {
-    if (part.file == nullptr) part.file = std::make_unique<File>(part.path);
+    if (part.file == nullptr) part.file = open_(part.path);
     part.message = part.file->next();
   } catch (const BadCapture &error) {
     is_whole_ = false;

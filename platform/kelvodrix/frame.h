@@ -59,6 +59,12 @@ inline bool well_formed(std::span<const uint8_t> frame) {
          visit_messages(frame, [](uint32_t, const uint8_t *, uint32_t) {});
 }
 
+// Whether these bytes are a whole frame of this version.
+inline bool is_frame(std::span<const uint8_t> bytes) {
+  return bytes.size() >= kHeaderBytes && bytes.size() <= KELVODRIX_MAX_FRAME_BYTES &&
+         load<uint32_t>(&bytes[0]) == bytes.size() && well_formed(bytes);
+}
+
 // Sets how many bytes a frame of the messages takes, or says why there can be none.
 inline int32_t measure_frame(std::span<const DrixSendDescriptor> messages, size_t limit, size_t &frame_bytes) {
   frame_bytes = kHeaderBytes;

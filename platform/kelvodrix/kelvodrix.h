@@ -198,6 +198,52 @@ void kelvodrix_get_counters(const kelvodrix_receiver *receiver, kelvodrix_counte
  * Harmless on null. */
 int32_t kelvodrix_receiver_destroy(kelvodrix_receiver *receiver);
 
+/* ---- Looking on ----
+ *
+ * A tap sees the frames on their way through a server, or what a stream keeps. It is no receiver and acknowledges
+ * nothing: senders and receivers notice nothing of it, and the server keeps nothing of it. Its endpoint is one to send
+ * to, at a server, where a direct one may have a star for all names. Whoever taps has to keep up: what is left in the
+ * queue beyond 64 MiB is lost to it, and counted. One thread may use a tap at a time. */
+
+typedef struct kelvodrix_tap kelvodrix_tap;
+
+typedef struct kelvodrix_tap_options {
+  const uint32_t *ids; /* only frames in which messages with these IDs may be: the server holds back others if it can */
+  uint32_t id_count;   /* 0: all frames */
+  uint32_t follows;    /* of a stream: 0 for what it keeps now, else also what comes */
+  uint64_t from;       /* of a stream: only what was stored from then on, in nanoseconds since 1970 */
+} kelvodrix_tap_options;
+
+typedef struct kelvodrix_frame {
+  const char *name; /* the receiver's, or the table's */
+  uint64_t time;    /* when it came, or was stored, in nanoseconds since 1970 */
+  const DrixSendDescriptor *messages;
+  uint32_t count; /* 0: the end of the stream, or after kelvodrix_tap_stop */
+} kelvodrix_frame;
+
+typedef struct kelvodrix_tap_counters {
+  uint64_t frames;        /* seen */
+  uint64_t malformed;     /* what was no frame of this version */
+  uint64_t lost;          /* not seen, as the queue was full */
+  uint64_t interruptions; /* of the connection; what went directly to receivers meanwhile was not seen */
+} kelvodrix_tap_counters;
+
+/* On KELVODRIX_OK *tap is the caller's to close, and what is sent from now on is seen. options may be null for all. */
+int32_t kelvodrix_tap_open(const char *endpoint, const kelvodrix_tap_options *options, kelvodrix_tap **tap);
+
+/* The next frame, valid until the next call. KELVODRIX_ERR_PENDING when nothing came in time, and the status of the
+ * connection when that is why; it is made anew meanwhile. */
+int32_t kelvodrix_tap_next(kelvodrix_tap *tap, uint32_t timeout_ms, kelvodrix_frame *frame);
+
+/* Sees nothing of what is sent from now on; what was sent before is still given out. */
+void kelvodrix_tap_stop(kelvodrix_tap *tap);
+
+/* Copies the counters. */
+void kelvodrix_tap_get_counters(const kelvodrix_tap *tap, kelvodrix_tap_counters *counters);
+
+/* Harmless on null. */
+void kelvodrix_tap_close(kelvodrix_tap *tap);
+
 #ifdef __cplusplus
 }
 #endif

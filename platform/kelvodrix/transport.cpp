@@ -50,4 +50,10 @@ int32_t make_inbox(const char *endpoint, std::unique_ptr<Inbox> &inbox) {
   return other != nullptr ? other->make_inbox(endpoint, inbox) : make_socket_inbox(endpoint, inbox);
 }
 
+int32_t make_tap(const char *endpoint, const kelvodrix_tap_options &options, std::unique_ptr<Tap> &tap) {
+  const auto [status, other] = choose(endpoint);
+  if (status != KELVODRIX_OK) return status;
+  return other != nullptr ? other->make_tap(endpoint, options, tap) : KELVODRIX_ERR_ENDPOINT;
+}
+
 }  // namespace kelvodrix

@@ -75,15 +75,27 @@ class Inbox {
   virtual int32_t run(Loop &loop) = 0;
 };
 
+// Who looks on at one endpoint.
+class Tap {
+ public:
+  virtual ~Tap() = default;
+
+  virtual int32_t next(Deadline until, kelvodrix_frame &frame) = 0;
+  virtual void stop() = 0;
+  virtual kelvodrix_tap_counters counters() const = 0;
+};
+
 int32_t make_link(const char *endpoint, const kelvodrix_options &options, std::shared_ptr<Link> &link);
 int32_t make_inbox(const char *endpoint, std::unique_ptr<Inbox> &inbox);
+int32_t make_tap(const char *endpoint, const kelvodrix_tap_options &options, std::unique_ptr<Tap> &tap);
 
 // What libkelvodrix_nats.so exports as kelvodrix_nats. The version counts the changes of this header.
-inline constexpr uint32_t kTransportVersion = 2;
+inline constexpr uint32_t kTransportVersion = 3;
 struct Transport {
   uint32_t version;
   int32_t (*make_link)(const char *endpoint, const kelvodrix_options &options, std::shared_ptr<Link> &link);
   int32_t (*make_inbox)(const char *endpoint, std::unique_ptr<Inbox> &inbox);
+  int32_t (*make_tap)(const char *endpoint, const kelvodrix_tap_options &options, std::unique_ptr<Tap> &tap);
 };
 
 }  // namespace kelvodrix

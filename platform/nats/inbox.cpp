@@ -78,8 +78,7 @@ void ServerInbox::wait(Loop &loop) const {
 }
 
 bool ServerInbox::good_frame(Loop &loop, std::span<const uint8_t> frame, const Message &message) {
-  const bool good = frame.size() >= kHeaderBytes && frame.size() <= KELVODRIX_MAX_FRAME_BYTES &&
-                    load<uint32_t>(&frame[0]) == frame.size() && well_formed(frame);
+  const bool good = is_frame(frame);
   if (!good) drop(loop, message);
   return good;
 }
@@ -98,7 +97,8 @@ class DirectInbox final : public ServerInbox {
   // Subscribes unless somebody else has.
   int32_t open(const Place &place) {
     const SignalsHeldBack held_back;
-    if (const int32_t status = Session::get(place.servers, true, kConnectMs, session_); status != KELVODRIX_OK)
+    if (const int32_t status = Session::get(place.servers, Use::receiving, kConnectMs, session_);
+        status != KELVODRIX_OK)
       return status;
     session_->forget_denials();  // of other endpoints
     hello_ = place.subject + "hello";
@@ -217,5 +217,5 @@ int32_t make_direct_inbox(const Place &place, std::unique_ptr<Inbox> &inbox) {
 extern "C" {
 extern const kelvodrix::Transport kelvodrix_nats;
 const kelvodrix::Transport kelvodrix_nats = {kelvodrix::kTransportVersion, kelvodrix::make_nats_link,
-                                             kelvodrix::make_nats_inbox};
+                                             kelvodrix::make_nats_inbox, kelvodrix::make_nats_tap};
 }

@@ -28,7 +28,7 @@ constexpr int64_t kReconnectMs = 50, kWriteDeadlineMs = 2000, kPingMs = 2000, kL
 
 struct Sessions {
   std::mutex mutex;
-  std::map<std::pair<std::string, bool>, std::weak_ptr<Session>> by_servers;
+  std::map<std::pair<std::string, Use>, std::weak_ptr<Session>> by_servers;
 };
 
 // Never destroyed: threads may still use them while the process exits.
@@ -181,25 +181,25 @@ std::string id_subject(std::span<const DrixSendDescriptor> messages) {
   return mixed ? "mixed" : text;
 }
 
-int32_t Session::get(const std::string &servers, bool at_once, int64_t timeout_ms, std::shared_ptr<Session> &session) {
+int32_t Session::get(const std::string &servers, Use use, int64_t timeout_ms, std::shared_ptr<Session> &session) {
   const auto known = [&] {
     std::lock_guard lock(all().mutex);
     if (user == 0) register_at_exit();
     user = getpid();
-    session = all().by_servers[{servers, at_once}].lock();
+    session = all().by_servers[{servers, use}].lock();
     if (session != nullptr && session->closed()) session.reset();
     return session != nullptr;
   };
   if (known()) return KELVODRIX_OK;
   auto made = std::make_shared<Session>();
-  if (const int32_t status = made->connect(servers, at_once, timeout_ms); status != KELVODRIX_OK) return status;
+  if (const int32_t status = made->connect(servers, use, timeout_ms); status != KELVODRIX_OK) return status;
   if (known()) return KELVODRIX_OK;  // by another thread meanwhile
   std::lock_guard lock(all().mutex);
-  all().by_servers[{servers, at_once}] = session = made;
+  all().by_servers[{servers, use}] = session = made;
   return KELVODRIX_OK;
 }
 
-int32_t Session::connect(const std::string &servers, bool at_once, int64_t timeout_ms) {
+int32_t Session::connect(const std::string &servers, Use use, int64_t timeout_ms) {
   const size_t start = servers.find("://") + 3;
   std::istringstream list(servers.substr(start));
   std::vector<std::string> hosts, urls;
@@ -218,7 +218,8 @@ int32_t Session::connect(const std::string &servers, bool at_once, int64_t timeo
   if (!apply_settings(created, settings_)) return KELVODRIX_ERR_SETTINGS;
   if (servers.starts_with("tls")) require(natsOptions_SetSecure(created, true));
   natsOptions_SetTimeout(created, timeout_ms);
-  natsOptions_SetSendAsap(created, at_once);
+  natsOptions_SetSendAsap(created, use == Use::receiving);
+  natsOptions_UseGlobalMessageDelivery(created, use == Use::tapping);
   natsOptions_SetMaxReconnect(created, -1);
   natsOptions_SetReconnectWait(created, kReconnectMs);
   natsOptions_SetReconnectJitter(created, kReconnectMs, kReconnectMs);
@@ -274,6 +275,11 @@ Subscription::Subscription(std::shared_ptr<Session> session, const std::string &
   natsSubscription_SetPendingLimits(sub_, -1, -1);
   natsSubscription_SetOnCompleteCB(
       sub_, [](void *function) { delete static_cast<Take *>(function); }, owned.release());
+}
+
+void Subscription::drain(int64_t timeout_ms) {
+  if (natsSubscription_DrainTimeout(sub_, timeout_ms) == NATS_OK)
+    natsSubscription_WaitForDrainCompletion(sub_, timeout_ms);
 }
 
 Subscription::~Subscription() {

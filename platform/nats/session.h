@@ -51,6 +51,7 @@ std::shared_ptr<Link> make_direct_link(const Place &place, const kelvodrix_optio
 std::shared_ptr<Link> make_stream_link(const Place &place, const kelvodrix_options &options);
 int32_t make_direct_inbox(const Place &place, std::unique_ptr<Inbox> &inbox);
 int32_t make_stream_inbox(const Place &place, std::unique_ptr<Inbox> &inbox);
+int32_t make_nats_tap(const char *endpoint, const kelvodrix_tap_options &options, std::unique_ptr<Tap> &tap);
 
 // Has what the process's streams have taken stored, each for as long as a send may wait.
 void finish_streams();
@@ -71,11 +72,14 @@ bool forked();
 uint64_t random_number();
 
 // One connection for all senders of a process that use the same servers, whose frames are gathered for up to a millisecond,
-// and one for all receivers, whose answers are written at once. Once made, it connects again by itself.
+// one for all receivers, whose answers are written at once, and one for taps, whose subscriptions are served by one
+// thread, so that frames keep their order. Once made, it connects again by itself.
+enum class Use : uint8_t { sending, receiving, tapping };
+
 class Session {
  public:
   // Connects within so many milliseconds, unless there is a connection.
-  static int32_t get(const std::string &servers, bool at_once, int64_t timeout_ms, std::shared_ptr<Session> &session);
+  static int32_t get(const std::string &servers, Use use, int64_t timeout_ms, std::shared_ptr<Session> &session);
   ~Session();
 
   natsConnection *nc() const { return nc_; }
@@ -89,7 +93,7 @@ class Session {
   void forget_denials() const { *denied_ = false; }
 
  private:
-  int32_t connect(const std::string &servers, bool at_once, int64_t timeout_ms);
+  int32_t connect(const std::string &servers, Use use, int64_t timeout_ms);
 
   natsConnection *nc_ = nullptr;
   Settings settings_;
@@ -102,6 +106,8 @@ struct Destroy {
   void operator()(jsCtx *context) const { jsCtx_Destroy(context); }
   void operator()(jsStreamInfo *info) const { jsStreamInfo_Destroy(info); }
   void operator()(jsConsumerInfo *info) const { jsConsumerInfo_Destroy(info); }
+  void operator()(natsSubscription *subscription) const { natsSubscription_Destroy(subscription); }
+  void operator()(jsMsgMetaData *data) const { jsMsgMetaData_Destroy(data); }
   void operator()(jsConsumerNamesList *list) const { jsConsumerNamesList_Destroy(list); }
 };
 template <typename Of>
@@ -124,6 +130,7 @@ class Subscription {
   using Take = std::function<void(natsConnection *, Message)>;
   Subscription(std::shared_ptr<Session> session, const std::string &subject, Take take);
   ~Subscription();
+  void drain(int64_t timeout_ms);  // has nothing more come than was sent before
 
  private:
   const std::shared_ptr<Session> session_;

@@ -12,7 +12,7 @@ constexpr int64_t kRemembered = 10'000'000'000;
 
 }  // namespace
 
-int32_t Stream::open() {
+int32_t Stream::open(bool makes) {
   jsOptions options;
   jsOptions_Init(&options);
   options.Wait = kCallMs;
@@ -22,7 +22,7 @@ int32_t Stream::open() {
   jsErrCode error{};
   Owned<jsStreamInfo> found;
   if (status == NATS_OK) status = info(found, error);
-  return error == JSStreamNotFoundErr ? add() : this->status(status, error);
+  return error == JSStreamNotFoundErr && makes ? add() : this->status(status, error);
 }
 
 int32_t Stream::add() const {

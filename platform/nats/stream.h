@@ -12,8 +12,8 @@ class Stream {
  public:
   Stream(std::shared_ptr<Session> session, const std::string &name) : session_(std::move(session)), name_(name) {}
 
-  // Makes the stream unless it is there.
-  int32_t open();
+  // Makes the stream unless it is there, and unless it is only looked at.
+  int32_t open(bool makes = true);
   // What has come of a call for the stream.
   int32_t status(natsStatus status, jsErrCode error) const;
 

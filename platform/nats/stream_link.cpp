@@ -226,7 +226,7 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     lock.unlock();
     std::shared_ptr<Session> session;
     answers_.reset();
-    int32_t status = forked() ? KELVODRIX_ERR_FORKED : Session::get(place_.servers, false, kConnectMs, session);
+    int32_t status = forked() ? KELVODRIX_ERR_FORKED : Session::get(place_.servers, Use::sending, kConnectMs, session);
     std::shared_ptr<Stream> stream;
     if (status == KELVODRIX_OK) {
       session->forget_denials();  // of other endpoints

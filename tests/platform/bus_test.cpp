@@ -832,6 +832,32 @@ struct RawClient {
   std::string in;
 };
 
+// What somebody sees who looks on.
+struct Tap {
+  explicit Tap(const std::string &at, Numbers ids = {}, bool follows = false) {
+    const kelvodrix_tap_options options = {ids.data(), static_cast<uint32_t>(ids.size()), follows, 0};
+    EXPECT_EQ(kelvodrix_tap_open(at.c_str(), &options, &tap), KELVODRIX_OK);
+  }
+  ~Tap() { kelvodrix_tap_close(tap); }
+  Numbers read(size_t count = SIZE_MAX) const {
+    Numbers numbers;
+    kelvodrix_frame seen;
+    while (numbers.size() < count && kelvodrix_tap_next(tap, kLong, &seen) == KELVODRIX_OK && seen.count != 0) {
+      for (uint32_t i = 0; i < seen.count; ++i) {
+        numbers.push_back(0);
+        std::memcpy(&numbers.back(), reinterpret_cast<const void *>(seen.messages[i].address), seen.messages[i].length);
+      }
+    }
+    return numbers;
+  }
+  uint64_t malformed() const {
+    kelvodrix_tap_counters counters = {};
+    kelvodrix_tap_get_counters(tap, &counters);
+    return counters.malformed;
+  }
+  kelvodrix_tap *tap = nullptr;
+};
+
 std::string receipt(const std::string &instance, uint64_t first, uint64_t last) {
   return instance + little_endian(first, 8) + little_endian(last, 8);
 }
@@ -839,6 +865,8 @@ std::string receipt(const std::string &instance, uint64_t first, uint64_t last) 
 TEST_F(BusCluster, SubjectsTellTheIdAndATapIsNoReceiver) {
   const std::string at = endpoint("nats"), subject = "drix." + at.substr(at.rfind('/') + 1) + ".m.";
   RawClient tap("drix.*.m.>");
+  const Tap all(server().address() + "/*"), others(at, {kOtherId});
+  tap.publish(subject + "mixed", "", std::string(40, 'x'));
   const Sender impatient(at, {50, 4, 1000});
   EXPECT_EQ(impatient.send({1}), KELVODRIX_ERR_NO_RECEIVER);
   EXPECT_EQ(impatient.flush(), kAllDelivered);
@@ -850,7 +878,10 @@ TEST_F(BusCluster, SubjectsTellTheIdAndATapIsNoReceiver) {
   EXPECT_EQ(sender.send({3}, 0, kOtherId), KELVODRIX_OK);
   EXPECT_EQ(DRIX_SendMsg(sender.handle, mixed, 2), KELVODRIX_OK);
   EXPECT_EQ(sender.flush(), kAllDelivered);
-  for (const char *last : {"cc4e6bc6", "00000007", "mixed"}) EXPECT_EQ(tap.next().subject, subject + last);
+  EXPECT_EQ(all.read(5), (Numbers{1, 2, 3, 1, 0}));
+  EXPECT_EQ(others.read(3), (Numbers{3, 1, 0}));
+  EXPECT_EQ(all.malformed() + others.malformed(), 2u);
+  for (const char *last : {"mixed", "cc4e6bc6", "00000007", "mixed"}) EXPECT_EQ(tap.next().subject, subject + last);
   receiver.reset();
   receiver = std::make_unique<Receiver>(at);
   usleep(1100000);  // so long a silence makes the sender ask who is there
@@ -1067,13 +1098,25 @@ TEST_F(BusClusterStream, RefusesTheFormerWriterAndSkipsWhatIsForeign) {
   EXPECT_EQ(kelvodrix_checkpoint(former.handle), KELVODRIX_ERR_WRITER);
   const RawClient peer("peer.*");
   const std::string whole = frame(9, message(9));
+  auto live = std::make_unique<Tap>(at, Numbers{kId}, true);
   for (const std::string &bad : {std::string(), whole.substr(0, 19), whole + '\0', frame(9, message(9), 2)})
     peer.publish("drix-stream." + name.substr(1) + ".m.cc4e6bc6", "", bad);
   EXPECT_TRUE(eventually([&] { return receiver.counters().malformed == 4; }));
-  for (uint32_t i = 6; i < 9; ++i) EXPECT_EQ(writer.send({i}), KELVODRIX_OK);
+  for (uint32_t i = 6; i < 9; ++i) EXPECT_EQ(writer.send({i}, 0, i == 7 ? kOtherId : kId), KELVODRIX_OK);
   EXPECT_EQ(writer.flush(), kAllDelivered);
   receiver.stop();
-  EXPECT_EQ(receiver.numbers, (Numbers{1, 2, 6, 7, 8}));
+  EXPECT_EQ(receiver.numbers, (Numbers{1, 2, 6, 8}));
+  // Who looks on sees the same, however often, and leaves nothing.
+  EXPECT_EQ(live->read(4), (Numbers{1, 2, 6, 8}));
+  for (const Numbers &ids : {Numbers(), Numbers{kOtherId, kId}, Numbers()}) {
+    const Tap tap(at, ids);
+    EXPECT_EQ(tap.read(), (Numbers{1, 2, 6, 7, 8}));
+    EXPECT_EQ(tap.malformed(), 4u);
+  }
+  EXPECT_EQ(Tap(at, {kOtherId}).read(), Numbers{7});
+  live.reset();
+  const std::string asked = "$JS.API.STREAM.INFO.drix-" + name.substr(1);
+  EXPECT_TRUE(eventually([&] { return server().ask(asked).find("\"consumer_count\":1") != std::string::npos; }));
   const std::string said = testing::internal::GetCapturedStderr();
   EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
 }
@@ -1241,6 +1284,10 @@ TEST_F(BusCluster, EachErrorHasItsStatus) {
     const int32_t sent = opened == KELVODRIX_OK ? DRIX_SendMsg(handle, &one, 1) : opened;
     EXPECT_EQ(sent, status == KELVODRIX_OK ? KELVODRIX_ERR_NO_RECEIVER : status) << lines << servers;
     kelvodrix_close(handle, 0, nullptr);
+    kelvodrix_tap *tap = nullptr;
+    const int32_t tapped = kelvodrix_tap_open((servers + "/y").c_str(), nullptr, &tap);
+    EXPECT_EQ(tapped, lines.starts_with("user=d") ? KELVODRIX_OK : status) << lines << servers;
+    kelvodrix_tap_close(tap);
   }
   unsetenv("KELVODRIX_NATS");
   for (const char *rest : {"", "/x", "/x/", "/x/y/z", "/x/y?from=never", "//y", "/x/y?from", "/x/y.z"})

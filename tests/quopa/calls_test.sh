@@ -461,4 +461,57 @@ done <<'END'
 2|--where .* has no member "f99"|table a.pcapng --where f99=1
 1|sent.pcapng: nothing was received that tells of a table; name the other capture$|diff sent.pcapng
 END
+
+# What is recorded is watched: each rule hits what it is for, and a capture has what was around.
+mkdir ring && cp told.pcapng ring/quopa-card-4.0.pcapng
+"$make_capture" table little >ring/quopa-s-1.0.pcapng <<END
+note 64 1 program s
+sent 1000 tlv 1
+sent 1010 tlv 2
+sent 3000 tlv 3 status -7
+sent 3001 tlv 4 status $none
+sent 9000 tlv 6
+sent 9400 tlv 8
+sent 9410 tlv 9
+END
+"$make_capture" table little >ring/quopa-r-2.0.pcapng <<'END'
+note 64 2 program r
+received 1001 tlv 1
+received 1061 tlv 2
+received 3002 tlv 4
+received 9001 tlv 7
+received 9410 tlv 9
+END
+while IFS='|' read -r options lines; do
+  rm -f watch-*
+  # shellcheck disable=SC2086
+  timeout 60 "${quopa[@]}" watch ring $options --then 'echo "$2 $1" >>commands' >said 2>errors
+  [ $? -eq 3 ] && [ ! -s errors ] && sed -E 's/watch-[^ ]*:([0-9]{2})?/&/; s/ [0-9:.]{15} / /' said | cmp -s - <(printf '%b' "$lines") || complain "watch $options: $(cat said errors)"
+done <<'END'
+--on failed --count 1|failed: watch-2025-11-25T08.56.40.129456.pcapng: ring/4.0#7 card -> fib6Sync.ipv6FwdUpdateMsg h1 FAILED -7 f0.f1=4 f1.f3=2001:db8:2:: f1.f4=64 f1.f7=9\n
+--on failed --where f0=3 --count 1|failed: watch-2025-11-25T08.56.43.123456.pcapng: ring/1.0#4 s -> fib6Sync.tlv h1 FAILED -7 f0=3\n
+--on rejected --on f0=7 --count 2|rejected: watch-2025-11-25T08.56.40.135456.pcapng: ring/4.0#13 card <- fib6Sync.ipv6FwdUpdateMsg REJECTED at 0: a buffer has 4 to 2147483647 bytes, not 2\nf0=7: watch-2025-11-25T08.56.49.124456.pcapng: ring/2.0#5 r <- fib6Sync.tlv f0=7\n
+--on changes=3 --sent --count 1|changes=3: watch-2025-11-25T08.56.40.132456.pcapng: ring/4.0#10 card 4 -> fib6Sync.ipv6Fwd 2001:db8:1::/48 f1=5 changed 3 times in 0.008000000 s\n
+--on changes=2/2ms --on changes=3/7ms --on f0=3 --count 1|f0=3: watch-2025-11-25T08.56.43.123456.pcapng: ring/1.0#4 s -> fib6Sync.tlv h1 FAILED -7 f0=3\n
+--on late=50ms --type *.tlv --count 2|late=50ms: watch-2025-11-25T08.56.41.133456.pcapng: ring/1.0#3 s -> fib6Sync.tlv h1 f0=2 received after 0.051000000 s\nlate=50ms: watch-2025-11-25T08.56.49.123456.pcapng: ring/1.0#6 s -> fib6Sync.tlv h1 f0=6 not received\nwatch-2025-11-25T08.56.49.123456.pcapng: 1 more hit\n
+END
+[ "$(tail -n 1 commands)" = 'late=50ms watch-2025-11-25T08.56.49.123456.pcapng' ] && [ "$(wc -l <commands)" = 8 ] || complain "commands: $(cat commands)"
+around() { # around KEEP AFTER: the numbers in the capture of one hit
+  rm -f watch-*
+  timeout 60 "${quopa[@]}" watch ring --on f0=8 --type '*.tlv' --keep "$1" --after "$2" --count 1 >said
+  "${quopa[@]}" trace watch-* --bare | jq -r .f0 | xargs
+}
+[ "$(around 400ms 10ms) $(around 399ms 9ms) $(around 6400ms 0s)" = '6 7 8 9 9 7 8 3 4 4 6 7 8' ] || complain "around a hit: $(around 400ms 10ms), $(around 399ms 9ms), $(around 6400ms 0s)"
+timeout --preserve-status 1 "${quopa[@]}" watch ring --on .size=999 >said && [ ! -s said ] || complain 'a watch without a hit'
+while IFS='|' read -r error arguments; do
+  # shellcheck disable=SC2086
+  expect 2 '' "^quopa: $error" '' watch ring $arguments
+done <<'END'
+no rule "reject"; there are rejected, failed,|--on reject
+changes=0: a number from 1|--on changes=0
+changes=2/x: "x" is no duration|--on changes=2/x
+--keep: "x" is no duration|--on failed --keep x
+nowhere is no folder|--on failed -o nowhere
+END
+
 exit $((failures > 0))

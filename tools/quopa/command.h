@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -12,6 +13,7 @@ namespace quopa {
 inline constexpr int kGood = 0;
 inline constexpr int kBad = 1;    // bad input, a rejected buffer, or differences found
 inline constexpr int kUsage = 2;  // the command line is wrong
+inline constexpr int kHit = 3;    // a rule of watch has hit
 
 // One line for the user, behind "quopa: ".
 struct BadInput : std::runtime_error {
@@ -58,9 +60,17 @@ struct AnnotateOptions {
 };
 int annotate(const AnnotateOptions &options);
 
+// How endpoints at servers are read.
+struct TapOptions {
+  std::string bus = "libkelvodrix.so";
+  bool follow = false;                          // goes on where a stream ends
+  std::map<std::string, std::string> recorded;  // files that have what was read of endpoints
+};
+
 // Which messages of which captures; what is not asked for does not matter.
 struct SelectionOptions {
-  std::vector<std::string> paths;  // files and folders
+  std::vector<std::string> paths;  // files, folders and endpoints
+  TapOptions tap;
   std::vector<std::string> types;  // patterns as for file names; any of them
   std::vector<std::string> where;  // all of them
   std::string from;                // see Moment
@@ -77,7 +87,6 @@ struct TraceOptions {
   SelectionOptions selection;
   std::string output;
   uint64_t count = UINT64_MAX;
-  bool follow = false;
   bool json = false;
   bool bytes = false;
   bool bare = false;
@@ -90,6 +99,7 @@ int trace(const TraceOptions &options);
 
 struct StatsOptions {
   SelectionOptions selection;
+  uint64_t count = UINT64_MAX;
   bool json = false;
 };
 int stats(const StatsOptions &options);
@@ -97,6 +107,7 @@ int stats(const StatsOptions &options);
 struct CompareOptions {
   std::string sender;
   std::vector<std::string> receivers;  // one behind the other; empty: the sender's
+  TapOptions tap;
   std::string labels;
   bool by_key = false;
   std::string color = "auto";
@@ -130,6 +141,17 @@ struct DiffOptions {
   bool ipv6 = false;
 };
 int diff(const DiffOptions &options);
+
+struct WatchOptions {
+  SelectionOptions selection;
+  std::vector<std::string> rules;  // any of them
+  std::string keep = "5s";
+  std::string after = "1s";
+  std::string folder = ".";
+  std::string command;
+  uint64_t count = UINT64_MAX;
+};
+int watch(const WatchOptions &options);
 
 struct ReplayOptions {
   std::vector<std::string> paths;

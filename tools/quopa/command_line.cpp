@@ -121,8 +121,12 @@ void add_labels(CLI::App &command, std::string &labels) {
   command.add_option("--labels", labels, "A file that names members and their values")->type_name("FILE");
 }
 
-void add_selection(CLI::App &command, SelectionOptions &options) {
-  command.add_option("FILE", options.paths, "Captures, and folders of captures; - is standard input")->required();
+void add_bus(CLI::App &command, std::string &bus) {
+  command.add_option("--bus", bus, "The stand-in bus's library, for endpoints; nothing: libkelvodrix.so")
+      ->type_name("LIBRARY");
+}
+
+void add_conditions(CLI::App &command, SelectionOptions &options) {
   command.add_option("--type", options.types, "Only types that match, like 'fib6Sync.ipv6Fwd*'; repeated: any of them")
       ->type_name("GLOB")
       ->allow_extra_args(false);
@@ -138,11 +142,25 @@ void add_selection(CLI::App &command, SelectionOptions &options) {
       ->type_name("TERM")
       ->allow_extra_args(false);
   command.add_flag("--any-element", options.any_element, "Each TERM on a vector may hold in another element of it");
+  add_labels(command, options.labels);
+}
+
+void add_selection(CLI::App &command, SelectionOptions &options) {
+  command
+      .add_option("FILE", options.paths, "Captures, folders of captures, and endpoints at servers; - is standard input")
+      ->required();
+  add_conditions(command, options);
   command.add_option("--from", options.from, "Only from this time on, like 08:56:40.5 or +5s. See below")
       ->type_name("TIME");
   command.add_option("--to", options.to, "Only up to this time")->type_name("TIME");
-  add_labels(command, options.labels);
+  add_bus(command, options.tap.bus);
 }
+
+constexpr char kEndpoints[] =
+    "An endpoint is nats://HOST:PORT/NAME for what is sent to a receiver, with * as the name for all of them, or\n"
+    "nats-stream://HOST:PORT/TABLE for what a stream keeps; tls instead of nats where it is encrypted. The server\n"
+    "leaves out types that --type does not name, and of a stream what was stored before --from. Nothing is\n"
+    "acknowledged. Without an end, it ends when it is interrupted.\n\n";
 
 constexpr char kTimes[] =
     "A TIME is a local one like 08:56:40.5 or 2025-11-25T08:56, +5s from the first message on, or in seconds or\n"
@@ -160,7 +178,7 @@ void add_trace(CLI::App &app, Run &run) {
   const auto options = std::make_shared<TraceOptions>();
   CLI::App *command = app.add_subcommand("trace", "Show the messages of captures in the order of time");
   add_selection(*command, options->selection);
-  command->add_flag("-f,--follow", options->follow, "Go on with what is recorded meanwhile");
+  command->add_flag("-f,--follow", options->selection.tap.follow, "Go on with what is recorded meanwhile");
   CLI::Option *json = command->add_flag("--json", options->json, "One JSON object a line");
   CLI::Option *bare = command->add_flag("--bare", options->bare, "Only the records, as \"quopa decode\" shows them");
   CLI::Option *bytes = command->add_flag("--bytes", options->bytes, "With --json: the message's bytes too");
@@ -176,11 +194,13 @@ void add_trace(CLI::App &app, Run &run) {
   bare->excludes(output, date, delta);
   bytes->needs(json);
   command->footer(
-      std::string(kTerms) + kTimes +
-      "-f takes the folders in which processes are recorded, or files in them, and ends when it is interrupted.\n\n"
+      std::string(kTerms) + kTimes + kEndpoints +
+      "-f takes the folders in which processes are recorded, files in them, or a stream, and ends when it is\n"
+      "interrupted.\n\n"
       "Examples:\n"
       "  quopa trace /dev/shm/trace --where f1.f3=2001:db8::/32 --ipv6\n"
       "  quopa trace /dev/shm/trace -f --rejected\n"
+      "  quopa trace nats://10.0.0.1:4222/card1 --type 'fib6Sync.ipv6Fwd*'\n"
       "  quopa trace old.pcapng --type 'fib6Sync.*' --json | jq .record.f1.f4");
   command->callback([=, &run] { run = [=] { return trace(*options); }; });
 }
@@ -189,8 +209,10 @@ void add_stats(CLI::App &app, Run &run) {
   const auto options = std::make_shared<StatsOptions>();
   CLI::App *command = app.add_subcommand("stats", "Count the messages of captures");
   add_selection(*command, options->selection);
+  command->add_flag("-f,--follow", options->selection.tap.follow, "Go on where a stream ends, until interrupted");
+  command->add_option("--count", options->count, "Only so many messages")->type_name("N");
   command->add_flag("--json", options->json, "One JSON object a line");
-  command->footer(std::string(kTerms) + kTimes +
+  command->footer(std::string(kTerms) + kTimes + kEndpoints +
                   "Examples:\n"
                   "  quopa stats /dev/shm/trace\n"
                   "  quopa stats /dev/shm/trace --where f1.f3=2001:db8::/32");
@@ -200,12 +222,16 @@ void add_stats(CLI::App &app, Run &run) {
 void add_compare(CLI::App &app, Run &run) {
   const auto options = std::make_shared<CompareOptions>();
   CLI::App *command = app.add_subcommand("compare", "Report what a receiver did not get of what was sent");
-  command->add_option("SENDER", options->sender, "A capture, or a folder of captures, of which what was sent counts")
+  command
+      ->add_option("SENDER", options->sender,
+                   "A capture, a folder of captures, or an endpoint, of which what was sent counts")
       ->required();
   command->add_option(
       "RECEIVER", options->receivers,
       "The same, of which what was received counts; nothing: SENDER. Several pass it on, each to the next");
   command->add_flag("--by-key", options->by_key, "Compare entries of tables, however messages put them together");
+  command->add_flag("-f,--follow", options->tap.follow, "Go on where a stream ends, until interrupted");
+  add_bus(*command, options->tap.bus);
   command->add_flag("--json", options->json, "One JSON object a line, at the end the sums");
   command->add_flag("--ipv6", options->ipv6, "In JSON, show every u32[4] as an IPv6 address");
   add_color(*command, options->color);
@@ -215,9 +241,11 @@ void add_compare(CLI::App &app, Run &run) {
       "Reports what was not received, received again, and received but not sent, and how long the others took.\n"
       "By key, what messages tell of an entry is the same when all members are, in whatever layout and batch; when\n"
       "only the key is, it was changed on the way. Of several receivers each hop is reported, through them too.\n"
+      "Endpoints are those of \"quopa trace\"; what comes is compared when there is an end, or an interruption.\n"
       "The status is 1 when there is a difference.\n\n"
       "Examples:\n"
       "  quopa compare sender/ receiver/\n"
+      "  quopa compare sender/ nats-stream://10.0.0.1:4222/routes\n"
       "  quopa compare card/ agent/ hardware/ --by-key\n"
       "  quopa compare /dev/shm/trace");
   command->callback([=, &run] { run = [=] { return compare(*options); }; });
@@ -232,6 +260,7 @@ void add_told(CLI::App &command, SelectionOptions &options) {
   CLI::Option *received = command.add_flag("--received", options.received, "Only what was received");
   sent->excludes(received);
   add_labels(command, options.labels);
+  add_bus(command, options.tap.bus);
 }
 
 void add_where_entry(CLI::App &command, SelectionOptions &options) {
@@ -313,18 +342,48 @@ void add_diff(CLI::App &app, Run &run) {
   command->callback([=, &run] { run = [=] { return diff(*options); }; });
 }
 
+void add_watch(CLI::App &app, Run &run) {
+  const auto options = std::make_shared<WatchOptions>();
+  CLI::App *command = app.add_subcommand("watch", "Keep what is recorded around the moment in which a rule hits");
+  command->add_option("FOLDER", options->selection.paths, "Where processes are recorded, or files in it")->required();
+  command->add_option("--on", options->rules, "A rule, see below; repeated: any of them")
+      ->type_name("RULE")
+      ->allow_extra_args(false)
+      ->required();
+  command->add_option("--keep", options->keep, "So much before the hit is kept; nothing: 5s")->type_name("DURATION");
+  command->add_option("--after", options->after, "And so much behind it; nothing: 1s")->type_name("DURATION");
+  command->add_option("-o,--output", options->folder, "The folder for the captures; nothing: this one")
+      ->type_name("FILE");
+  command->add_option("--then", options->command, "Run for each capture by sh, with its name as $1 and the rule as $2")
+      ->type_name("COMMAND");
+  command->add_option("--count", options->count, "End after so many captures")->type_name("N");
+  add_conditions(*command, options->selection);
+  command->footer(
+      std::string(
+          "A RULE is rejected, failed, changes=N for an entry of a table that is added, changed or deleted N times\n"
+          "in a second, or changes=N/DURATION, late=DURATION for what was sent and not received so soon, or a\n"
+          "TERM. Hits while a capture is written are in the same one. A DURATION is 50ms, 5s, 2m or the like.\n"
+          "The status is 3 when there was a hit.\n\n") +
+      kTerms + kTables +
+      "Examples:\n"
+      "  quopa watch /dev/shm/trace --on rejected --on failed\n"
+      "  quopa watch /dev/shm/trace --on changes=3 --keep 30s --then 'mail -s \"$2\" ops <\"$1\"'\n"
+      "  quopa watch /dev/shm/trace --on late=50ms --count 1 || echo found");
+  command->callback([=, &run] { run = [=] { return watch(*options); }; });
+}
+
 void add_replay(CLI::App &app, Run &run) {
   const auto options = std::make_shared<ReplayOptions>();
   CLI::App *command = app.add_subcommand("replay", "Send what captures hold over the stand-in bus");
   command->add_option("FILE", options->paths, "Captures, and folders of captures")->required();
-  command->add_option("--to", options->endpoint, "Where the receiver is, like ipc:///run/routes")
+  command
+      ->add_option("--to", options->endpoint, "Where the receiver is, like ipc:///run/routes or nats://HOST:PORT/NAME")
       ->type_name("ENDPOINT")
       ->required();
   command->add_option("--speed", options->speed, "2 is twice as fast as it was recorded; max does not wait")
       ->type_name("FACTOR|max");
   command->add_flag("--received", options->received, "Send what was received, instead of what was sent");
-  command->add_option("--bus", options->bus, "The stand-in bus's library; nothing: libkelvodrix.so")
-      ->type_name("LIBRARY");
+  add_bus(*command, options->bus);
   command->footer(
       "What was sent in one call is sent in one call. What is not acknowledged is reported; the status is then 1.\n\n"
       "Examples:\n"
@@ -385,6 +444,7 @@ Run parse_command_line(int argc, char **argv) {
   add_table(*app, run);
   add_history(*app, run);
   add_diff(*app, run);
+  add_watch(*app, run);
   add_replay(*app, run);
   add_dissector(*app, run);
   add_complete(*app, run);

@@ -30,6 +30,9 @@ class Moment {
   // In a capture that starts at a time.
   Span in(uint64_t start) const;
 
+  // Whether it is the same in all captures.
+  bool is_absolute() const { return form_ == Form::absolute; }
+
  private:
   enum class Form : uint8_t { absolute, of_day, since_start };
 

@@ -172,7 +172,7 @@ void show_text(std::ostream &out, Look &look, const JsonStyle &style, const Line
   const Message &message = look.message();
   show_origin_text(out, message, line);
   out << arrow(message) << ' ' << type_name(message);
-  if (message.is_sent()) out << " h" << message.handle;
+  if (message.is_sent() && message.handle != 0) out << " h" << message.handle;
   if (message.destination != 0) out << " to " << message.destination;
   if (message.count > 1) out << " #" << uint64_t{message.index} + 1 << '/' << message.count;
   const char *const red = line.has_color ? "\033[1;31m" : "";

@@ -8,6 +8,7 @@
 #include "capture/timeline.h"
 #include "tools/quopa/complain.h"
 #include "tools/quopa/show.h"
+#include "tools/quopa/tap.h"
 #include "tools/quopa/terminal.h"
 
 namespace quopa {
@@ -30,14 +31,17 @@ drix::inspect::Tables tables_of(const drix::inspect::Labels &labels) {
 }  // namespace
 
 Tellings::Tellings(const SelectionOptions &options, Styles &styles)
-    : styles_(styles), selection_(of_messages(options)), tables_(tables_of(styles.own().labels)) {}
+    : styles_(styles),
+      open_(opener(options)),
+      selection_(of_messages(options)),
+      tables_(tables_of(styles.own().labels)) {}
 
 void Tellings::read(const std::vector<std::string> &paths, const std::optional<Moment> &until, const Take &take,
                     bool is_again) {
   for (const std::string &path : paths) {
     if (!is_again) tell_overwritten(path);
   }
-  capture::Timeline timeline(paths, is_again ? [](const std::string &) {} : complain);
+  capture::Timeline timeline(paths, is_again ? [](const std::string &) {} : complain, open_);
   uint64_t end = UINT64_MAX;
   bool has_start = !until;
   Progress progress;

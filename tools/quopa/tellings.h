@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "capture/timeline.h"
 #include "inspect/table.h"
 #include "tools/quopa/moment.h"
 #include "tools/quopa/selection.h"
@@ -57,6 +58,9 @@ class Tellings {
   void read(const std::vector<std::string> &paths, const std::optional<Moment> &until, const Take &take,
             bool is_again = false);
 
+  // The same of one message, which is no note.
+  void take(const Message &message, const Take &take) { take_message(message, take, false); }
+
   const drix::inspect::Tables &tables() const { return tables_; }
   const std::deque<Teller> &tellers() const { return tellers_; }
 
@@ -71,6 +75,7 @@ class Tellings {
   const Source &source_of(const Message &message);
 
   Styles &styles_;
+  capture::Timeline::Open open_;
   Selection selection_;
   drix::inspect::Tables tables_;
   std::deque<Teller> tellers_;

@@ -1,7 +1,11 @@
 // quopa compare: what became of the messages of a sender at receivers, and on the way through them.
 #include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <iostream>
+#include <iterator>
 #include <memory>
 #include <set>
 #include <unordered_map>
@@ -13,6 +17,7 @@
 #include "tools/quopa/entry.h"
 #include "tools/quopa/input.h"
 #include "tools/quopa/show.h"
+#include "tools/quopa/tap.h"
 #include "tools/quopa/terminal.h"
 
 namespace quopa {
@@ -23,6 +28,49 @@ struct Point {
   std::string path;
   TraceKind kind;
 };
+
+// Captures are read several times, so what is at endpoints is written to files first.
+class Recordings {
+ public:
+  explicit Recordings(CompareOptions &options) {
+    std::vector<std::string> paths = options.receivers;
+    paths.insert(paths.begin(), options.sender);
+    std::vector<std::string> endpoints;
+    std::copy_if(paths.begin(), paths.end(), std::back_inserter(endpoints), is_endpoint);
+    endpoints.erase(std::unique(endpoints.begin(), endpoints.end()), endpoints.end());
+    if (!has_endpoint(endpoints, options.tap) && options.tap.follow) throw BadUsage("-f goes with endpoints");
+    for (std::size_t i = 0; i < paths.size(); ++i) {
+      if (!is_endpoint(paths[i]) || options.tap.recorded.contains(paths[i])) continue;
+      if (folder_.empty()) make_folder();
+      const std::string file = folder_ + '/' + std::to_string(i) + TRACE_FILE_SUFFIX;
+      is_whole_ = record(paths[i], i == 0 ? TRACE_SENT : TRACE_RECEIVED, options.tap, file) && is_whole_;
+      options.tap.recorded[paths[i]] = file;
+    }
+  }
+  Recordings(const Recordings &) = delete;
+  Recordings &operator=(const Recordings &) = delete;
+  ~Recordings() {
+    std::error_code error;
+    if (!folder_.empty()) std::filesystem::remove_all(folder_, error);
+  }
+
+  bool is_whole() const { return is_whole_; }
+
+ private:
+  void make_folder() {
+    folder_ = std::filesystem::temp_directory_path() / "quopa-XXXXXX";
+    if (::mkdtemp(folder_.data()) == nullptr) throw BadInput(folder_ + ": " + std::strerror(errno));
+  }
+
+  std::string folder_;
+  bool is_whole_ = true;
+};
+
+SelectionOptions selection_of(const CompareOptions &options) {
+  SelectionOptions selection;
+  selection.tap = options.tap;
+  return selection;
+}
 
 // Captures are read several times, so none may be a pipe.
 void expect_files(const std::string &path) {
@@ -182,7 +230,7 @@ class HopByBytes : public Hop {
   void for_each(const Point &point, bool first_time, Take take) {
     const bool tells = first_time && is_new(point.path);
     capture::Timeline timeline(
-        {point.path}, tells ? complain : [](const std::string &) {});
+        {point.path}, tells ? complain : [](const std::string &) {}, opener(selection_of(options_)));
     Progress progress;
     while (const Message *message = timeline.next()) {
       progress.step();
@@ -223,8 +271,8 @@ class HopByKey : public Hop {
   HopByKey(const Point &from, const Point &to, const std::string &title, const CompareOptions &options, Styles &styles,
            std::set<std::string> &told)
       : Hop(from, to, title, options, styles, told),
-        from_tellings_(selection(from), styles),
-        to_tellings_(selection(to), styles),
+        from_tellings_(selection(from, options), styles),
+        to_tellings_(selection(to, options), styles),
         lines_({from.path, to.path}, styles) {}
 
  private:
@@ -235,8 +283,8 @@ class HopByKey : public Hop {
     bool is_found;
   };
 
-  static SelectionOptions selection(const Point &point) {
-    SelectionOptions options;
+  static SelectionOptions selection(const Point &point, const CompareOptions &compared) {
+    SelectionOptions options = selection_of(compared);
     options.sent = point.kind == TRACE_SENT;
     options.received = point.kind == TRACE_RECEIVED;
     return options;
@@ -362,8 +410,9 @@ class HopByKey : public Hop {
   std::unordered_map<std::string, std::deque<std::size_t>> by_key_;  // of what is left, in the order of sending
 };
 
-bool has_sent(const std::string &path) {
-  capture::Timeline timeline({path}, [](const std::string &) {});
+bool has_sent(const std::string &path, const CompareOptions &options) {
+  capture::Timeline timeline(
+      {path}, [](const std::string &) {}, opener(selection_of(options)));
   while (const Message *message = timeline.next()) {
     if (message->is_sent()) return true;
   }
@@ -385,7 +434,7 @@ std::vector<Way> ways_of(const CompareOptions &options) {
     const bool is_only = options.receivers.size() == 1;
     ways.push_back({from, {receiver, TRACE_RECEIVED}, is_only ? "" : name_of(from.path) + " to " + name_of(receiver)});
     from = {receiver, TRACE_RECEIVED};
-    if (i + 1 == options.receivers.size() || !has_sent(receiver)) continue;
+    if (i + 1 == options.receivers.size() || !has_sent(receiver, options)) continue;
     ways.push_back({from, {receiver, TRACE_SENT}, "through " + name_of(receiver)});
     from.kind = TRACE_SENT;
   }
@@ -394,7 +443,9 @@ std::vector<Way> ways_of(const CompareOptions &options) {
 
 }  // namespace
 
-int compare(const CompareOptions &options) {
+int compare(const CompareOptions &asked) {
+  CompareOptions options = asked;
+  const Recordings recordings(options);
   Styles styles(read_labels(options.labels), options.ipv6);
   std::set<std::string> told;
   for (const std::vector<std::string> &paths : {std::vector{options.sender}, options.receivers}) {
@@ -414,7 +465,7 @@ int compare(const CompareOptions &options) {
     }
     is_same = hop->run() && is_same;
   }
-  return is_same ? kGood : kBad;
+  return is_same && recordings.is_whole() ? kGood : kBad;
 }
 
 }  // namespace quopa

@@ -102,6 +102,9 @@ void offer_values(const CLI::Option &option, const Words &words, const Start &st
     offer_types(start, false);
   } else if (type == "TERM") {
     offer_terms(words, start);
+  } else if (type == "RULE") {
+    for (const char *rule : {"rejected", "failed", "changes=", "late="}) offer(rule, start);
+    offer_terms(words, start);
   } else if (type == "FILE" || type == "OLD.schema" || type == "OUT.pcapng" || type == "LIBRARY") {
     offer_files();
   } else if (type.find('|') != std::string::npos) {

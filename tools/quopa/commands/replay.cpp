@@ -1,6 +1,4 @@
 // quopa replay: sends what a trace holds over the stand-in bus.
-#include <dlfcn.h>
-
 #include <charconv>
 #include <chrono>
 #include <cmath>
@@ -11,8 +9,10 @@
 #include "capture/timeline.h"
 #include "drix_bus.h"
 #include "platform/kelvodrix/kelvodrix.h"
+#include "tools/quopa/bus_library.h"
 #include "tools/quopa/command.h"
 #include "tools/quopa/complain.h"
+#include "tools/quopa/tap.h"
 #include "tools/quopa/terminal.h"
 
 namespace quopa {
@@ -23,17 +23,14 @@ using capture::Message;
 constexpr uint32_t kSendTimeout = 5000;  // milliseconds for a receiver to come or to make room
 constexpr uint32_t kFlushTimeout = 10000;
 
-// The stand-in bus, loaded at run time: quopa has a bus of its own inside that goes nowhere.
 class Bus {
  public:
-  Bus(const std::string &library, const std::string &endpoint) : endpoint_(endpoint) {
-    void *const loaded = ::dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (loaded == nullptr) throw BadInput(std::string("no bus: ") + ::dlerror() + "; --bus names its library");
-    find(loaded, library, open_, "kelvodrix_open");
-    find(loaded, library, close_, "kelvodrix_close");
-    find(loaded, library, flush_, "kelvodrix_flush");
-    find(loaded, library, text_of_, "kelvodrix_strerror");
-    find(loaded, library, send_, "DRIX_SendMsg");
+  Bus(const std::string &library, const std::string &endpoint) : library_(library), endpoint_(endpoint) {
+    library_.find(open_, "kelvodrix_open");
+    library_.find(close_, "kelvodrix_close");
+    library_.find(flush_, "kelvodrix_flush");
+    library_.find(text_of_, "kelvodrix_strerror");
+    library_.find(send_, "DRIX_SendMsg");
     kelvodrix_options options = KELVODRIX_OPTIONS_DEFAULT;
     options.send_timeout_ms = kSendTimeout;
     const int32_t status = open_(endpoint.c_str(), &options, &handle_);
@@ -56,12 +53,6 @@ class Bus {
   }
 
  private:
-  template <class F>
-  static void find(void *loaded, const std::string &library, F &function, const char *name) {
-    function = reinterpret_cast<F>(::dlsym(loaded, name));
-    if (function == nullptr) throw BadInput(library + ": not the stand-in bus, and messages go onto no other");
-  }
-
   [[noreturn]] void fail(int32_t status) {
     uint64_t undelivered = 0;
     flush_(handle_, 0, &undelivered);
@@ -69,6 +60,7 @@ class Bus {
                    std::to_string(undelivered) + " of them undelivered");
   }
 
+  BusLibrary library_;
   std::string endpoint_;
   decltype(&kelvodrix_open) open_;
   decltype(&kelvodrix_close) close_;
@@ -204,7 +196,10 @@ class Replay {
 }  // namespace
 
 int replay(const ReplayOptions &options) {
-  capture::Timeline timeline(options.paths, complain);
+  SelectionOptions selection;
+  selection.tap.bus = options.bus;
+  has_endpoint(options.paths, selection.tap);
+  capture::Timeline timeline(options.paths, complain, opener(selection));
   return Replay(options).run(timeline);
 }
 

@@ -10,6 +10,7 @@
 #include "tools/quopa/input.h"
 #include "tools/quopa/selection.h"
 #include "tools/quopa/show.h"
+#include "tools/quopa/tap.h"
 #include "tools/quopa/terminal.h"
 
 namespace quopa {
@@ -96,9 +97,15 @@ int stats(const StatsOptions &options) {
   Styles styles(read_labels(options.selection.labels), false);
   Selection selection(options.selection);
   Statistics statistics;
-  capture::Timeline timeline(options.selection.paths, complain);
+  const bool taps = has_endpoint(options.selection.paths, options.selection.tap);
+  if (options.selection.tap.follow && !taps) throw BadUsage("-f goes with endpoints; \"quopa trace\" follows folders");
+  if (taps) selection.expect_fitting(styles);  // there may be no end
+  capture::Timeline timeline(options.selection.paths, complain, opener(options.selection));
   std::optional<Progress> progress(std::in_place);
-  while (const Message *message = timeline.next()) {
+  uint64_t taken = 0;
+  while (taken < options.count) {
+    const Message *const message = timeline.next();
+    if (message == nullptr) break;
     progress->step();
     if (message->kind == TRACE_NOTE) {
       Progress::clear();
@@ -106,7 +113,9 @@ int stats(const StatsOptions &options) {
       continue;
     }
     Look look(*message);
-    if (selection.takes(look, styles)) statistics.take(look);
+    if (!selection.takes(look, styles)) continue;
+    ++taken;
+    statistics.take(look);
   }
   progress.reset();
   selection.expect_fitting(styles);

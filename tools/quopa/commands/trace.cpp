@@ -17,6 +17,7 @@
 #include "tools/quopa/input.h"
 #include "tools/quopa/selection.h"
 #include "tools/quopa/show.h"
+#include "tools/quopa/tap.h"
 #include "tools/quopa/terminal.h"
 
 namespace quopa {
@@ -31,7 +32,8 @@ class Output {
   explicit Output(const TraceOptions &options)
       : options_(options), styles_(read_labels(options.selection.labels), options.ipv6), selection_(options.selection) {
     line_.has_color = wants_color(options.color);
-    line_.has_capture = options.follow || has_several_captures(options.selection.paths);
+    const std::vector<std::string> &paths = options.selection.paths;
+    line_.has_capture = has_several_captures(paths) || (options.selection.tap.follow && !is_endpoint(paths[0]));
   }
 
   // Creates what is written. To be called when it is settled what is read.
@@ -130,7 +132,7 @@ void expect_other_output(const TraceOptions &options) {
   if (output.empty()) return;
   bool is_read = false;
   for (const std::string &path : options.selection.paths) {
-    if (options.follow) {
+    if (options.selection.tap.follow) {
       is_read = is_read || is_followed(path, output);
       continue;
     }
@@ -161,8 +163,14 @@ int follow(const TraceOptions &options, Output &output) {
 int trace(const TraceOptions &options) {
   expect_other_output(options);
   Output output(options);
-  if (options.follow) return follow(options, output);
-  capture::Timeline timeline(options.selection.paths, complain);
+  const bool taps = has_endpoint(options.selection.paths, options.selection.tap);
+  if (options.selection.tap.follow && !taps) return follow(options, output);
+  if (taps) output.expect_fitting();  // there may be no end
+  const auto idle = [&] {
+    output.flush();
+    if (!std::cout) throw BadInput("standard output cannot be written");
+  };
+  capture::Timeline timeline(options.selection.paths, complain, opener(options.selection, idle));
   output.open();
   Progress progress;
   while (!output.is_full()) {
