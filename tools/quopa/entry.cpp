@@ -184,11 +184,7 @@ KeyFilter::KeyFilter(const std::string &text, const drix::inspect::Tables &table
   if (std::any_of(all.begin(), all.end(), [this](const TableInfo *table) { return fits(*table); })) return;
   for (Term &term : terms_) {
     for (const TableInfo *table : all) term.where.fits(*table->record, labels_);
-    try {
-      term.where.expect_fitting();
-    } catch (const drix::inspect::WhereError &error) {
-      refuse(error.what());
-    }
+    for (const std::string &misfit : term.where.misfits(labels_)) refuse(misfit);
   }
   refuse("no table has such a key");
 }
@@ -343,11 +339,7 @@ void Conditions::expect_fitting(const drix::inspect::Tables &tables) {
   for (const auto &[type, telling] : tables.own()) {
     if (!telling.deletes) where_.fits(*type, styles_.own().labels);
   }
-  try {
-    where_.expect_fitting();
-  } catch (const drix::inspect::WhereError &error) {
-    throw BadUsage(std::string("--where ") + error.what());
-  }
+  for (const std::string &misfit : where_.misfits(styles_.own().labels)) throw BadUsage("--where " + misfit);
 }
 
 }  // namespace quopa
