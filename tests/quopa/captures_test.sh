@@ -2,6 +2,7 @@
 # Has quopa read captures, good and bad ones: captures_test.sh QUOPA MAKE_CAPTURE
 set -uo pipefail
 . "$(dirname "$0")/expect.sh"
+cp "$project/examples/routes.labels" . # without a blank in its path
 quopa=("$1") make_capture=$2
 show() { "${quopa[@]}" trace "$@"; }
 # Without what tells one capture from another with the same messages.
@@ -93,11 +94,11 @@ while IFS='|' read -r status terms line; do
 done <<END
 0|--where f3=2001:db8::/32|fits no message: $update has no member "f3"; it has f0 to f1; did you mean "f1.f3" of $update\?
 0|--where f2.f0=1 --where f1.f3=1|fits no message: $update has no member "f2"; it has f0 to f1; did you mean "f0.f0" of $update\?
-2|--where rout.flags=U --labels $project/examples/routes.labels|$update has no member "rout"; did you mean "route"\?
-2|--where route.falgs=U --labels $project/examples/routes.labels|fib6Sync.ipv6Fwd has no member "falgs"; did you mean "flags"\?
+2|--where rout.flags=U --labels routes.labels|$update has no member "rout"; did you mean "route"\?
+2|--where route.falgs=U --labels routes.labels|fib6Sync.ipv6Fwd has no member "falgs"; did you mean "flags"\?
 2|--where route.flags=U|.* has no member "route"; it has f0 to f[0-9]+, and no labels give these other names
-2|--where header.kind=rout --labels $project/examples/routes.labels|header.kind=rout: "rout" is no number; did you mean "route"\?
-2|--where zzz=1 --type $update --labels $project/examples/routes.labels|$update has no member "zzz"; it has f0 to f1
+2|--where header.kind=rout --labels routes.labels|header.kind=rout: "rout" is no number; did you mean "route"\?
+2|--where zzz=1 --type $update --labels routes.labels|$update has no member "zzz"; it has f0 to f1
 2|--where .sise=1|no ".sise"; did you mean ".size"\?
 2|--where .x=1|no ".x"; messages have .time .program .status .process .*
 2|--where .time>x|.time>x: "x" is no time; like .*
