@@ -135,8 +135,9 @@ class NatsLink final : public Link {
     session_.reset();
     const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now());
     lock.unlock();
-    reached_ = forked() ? KELVODRIX_ERR_FORKED
-                        : Session::get(place_.servers, Use::sending, std::clamp(left, 10ms, kLongestConnect).count(), session);
+    reached_ =
+        forked() ? KELVODRIX_ERR_FORKED
+                 : Session::get(place_.servers, Use::sending, std::clamp(left, 10ms, kLongestConnect).count(), session);
     lock.lock();
     if (session == nullptr || session_ != nullptr) return;
     session->forget_denials();  // of other endpoints

@@ -56,7 +56,8 @@ class StreamInbox final : public ServerInbox {
 
   int32_t open() {
     const SignalsHeldBack held_back;
-    if (const int32_t status = Session::get(place_.servers, Use::receiving, kConnectMs, session_); status != KELVODRIX_OK)
+    if (const int32_t status = Session::get(place_.servers, Use::receiving, kConnectMs, session_);
+        status != KELVODRIX_OK)
       return status;
     session_->forget_denials();  // of other endpoints
     inbox_ = session_->inbox();

@@ -29,6 +29,8 @@ constexpr milliseconds kLook(20), kNothingToDo(3600000);
 constexpr milliseconds kPatience(1500), kResendInterval(300);
 // What a server for so long denies to have, it has lost: some say so in an election.
 constexpr milliseconds kLostForGood(10000);
+// A receiver that the server has not named for so long is gone; until then it may be the server that does not know.
+constexpr milliseconds kGoneForGood(60000);
 constexpr size_t kFramesAtATime = 64;
 constexpr size_t kHeadersCost = 200;  // bytes of a message besides the frame, at most
 
@@ -453,7 +455,7 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     if (!visit_consumers(stream, note)) return false;
     for (auto &[name, each] : receivers_)
       each.missing = each.seen == now ? Deadline::max() : std::min(each.missing, now);
-    std::erase_if(receivers_, [&](const auto &each) { return each.second.missing < now - kLostForGood; });
+    std::erase_if(receivers_, [&](const auto &each) { return each.second.missing < now - kGoneForGood; });
     if (receivers_.empty()) return true;
     uint64_t floor = last;
     for (const auto &[name, each] : receivers_) floor = std::min(floor, each.floor);
