@@ -279,8 +279,9 @@ void run(const Round &round, const std::string &at, NatsServers &servers, Totals
   const auto receiving = [&] { return receive(in_stream ? at + "/receiver" : at); };
   const auto sending = [&] { return send(at, round); };
   pid_t to = start(receiving);
-  // Or the sender of a stream need not wait for it, and there is no server for it to begin at.
-  while ((in_stream || round.event == kServerDies) && !account->receives && account->wrong == 0) usleep(1000);
+  // Or the sender of a stream need not wait for it, and it finds no server while that is dead or it stands still.
+  const bool needs_server = round.event == kServerDies || round.event == kReceiverPauses;
+  while ((in_stream || needs_server) && !account->receives && account->wrong == 0) usleep(1000);
   pid_t from = start(sending);
   for (uint32_t ms = 0; in_stream && account->handled_before == 0 && ms < kLong; ++ms) usleep(1000);
   usleep(round.delay_us);
