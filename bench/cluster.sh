@@ -42,10 +42,7 @@ if [ -z "$binaries" ]; then
 fi
 command -v nats-server >/dev/null || { echo "left out: there is no nats-server (Debian: nats-server)"; exit 0; }
 
-work=$(mktemp -d)
-trap 'exec 2>/dev/null; jobs -pr | xargs -r kill -KILL; wait; rm -rf "$work"' EXIT
-trap 'exit 130' INT
-trap 'exit 143' TERM
+. scripts/lib/processes.sh
 echo "max_bytes=8000000000" >"$work/settings"
 export KELVODRIX_NATS=$work/settings
 

@@ -126,17 +126,7 @@ if [ -n "$live" ]; then
   exec scripts/lib/live.sh many "$binaries" "$live" "$rounds"
 fi
 
-work=$(mktemp -d)
-clean_up() {
-  # At once and without a word: what is to be said about a failure has been said.
-  exec 2>/dev/null
-  jobs -pr | xargs -r kill -KILL || true
-  wait || true
-  rm -rf "$work"
-}
-trap clean_up EXIT
-trap 'exit 130' INT
-trap 'exit 143' TERM
+. scripts/lib/processes.sh
 
 endpoint=ipc://$work/demo.ipc
 "$binaries/${programs}_receiver" --endpoint "$endpoint" "${receiver_options[@]}" &

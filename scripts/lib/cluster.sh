@@ -8,6 +8,7 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/../.."
 . scripts/lib/script.sh
+. scripts/lib/processes.sh
 . scripts/lib/servers.sh
 script=demo.sh
 
@@ -16,17 +17,6 @@ sender_options=("${@:4}")
 about=200000 # routes in all, for there to be a middle
 command -v nats-server >/dev/null || fail "--cluster needs nats-server (Debian: nats-server)"
 command -v openssl >/dev/null || fail "--cluster needs openssl"
-
-work=$(mktemp -d)
-clean_up() {
-  exec 2>/dev/null
-  jobs -pr | xargs -r kill -KILL || true
-  wait || true
-  rm -rf "$work"
-}
-trap clean_up EXIT
-trap 'exit 130' INT
-trap 'exit 143' TERM
 
 # on HOST COMMAND...: in place of this shell, so that the process that the shell has started is the command's own.
 on() {

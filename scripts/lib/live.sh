@@ -24,21 +24,9 @@ if [ -z "${DRIX_LIVE_INSIDE:-}" ]; then
   DRIX_LIVE_INSIDE=yes exec "${enter[@]}" "$0" "$@"
 fi
 
-work=$(mktemp -d)
+. scripts/lib/processes.sh
 chmod 755 "$work"
 mkdir "$work/bus"
-declare -A process # by name
-clean_up() {
-  exec 2>/dev/null
-  kill -CONT "${process[@]}" || true
-  kill "${process[@]}" || true
-  jobs -pr | xargs -r kill -KILL || true
-  wait || true
-  rm -rf "$work"
-}
-trap clean_up EXIT
-trap 'exit 130' INT
-trap 'exit 143' TERM
 
 # start NAME COMMAND...: in the background, with its output in a file of that name.
 start() {
@@ -53,10 +41,6 @@ start_sender() {
 start_receiver() {
   start "$1" "$binaries/route_receiver" --keep --endpoint "ipc://$work/bus/$1" --requests "ipc://$work/bus/requests" \
     --status --quiet --check "${@:2}"
-}
-killed() {
-  kill -KILL "${process[$1]}"
-  wait "${process[$1]}" 2>/dev/null || true
 }
 
 # seconds FROM [TO]: between two times of EPOCHREALTIME.

@@ -1,20 +1,15 @@
 # shellcheck shell=bash
 # NATS servers of a script's own, numbered from 1, with their settings and logs in the folder $work. To be sourced after
-# script.sh.
+# script.sh and processes.sh.
 # shellcheck disable=SC2034,SC2154 # for and from those who source this
 
 declare -A port cluster_port # by number
-declare -A process           # by name
 
 # start NAME COMMAND...: in the background, with all its output in a file of that name.
 start() {
   : >>"$work/$1" # there for who looks into it at once
   "${@:2}" >>"$work/$1" 2>&1 &
   process[$1]=$!
-}
-killed() {
-  kill -KILL "${process[$1]}"
-  wait "${process[$1]}" 2>/dev/null || true
 }
 # until_true SECONDS WHAT FILE COMMAND...: waits for the command to succeed; shows the end of the file when it does not.
 until_true() {
