@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstring>
 #include <span>
+#include <vector>
 
 #include "kelvodrix.h"
 
@@ -78,15 +79,28 @@ inline int32_t measure_frame(std::span<const DrixSendDescriptor> messages, size_
   return KELVODRIX_OK;
 }
 
-inline void write_frame(std::span<const DrixSendDescriptor> messages, size_t frame_bytes, uint64_t number,
-                        uint8_t *to) {
-  to = store(to, static_cast<uint32_t>(frame_bytes));
-  to = store(store(store(to, kMagic), number), static_cast<uint32_t>(messages.size()));
+inline void write_messages(std::span<const DrixSendDescriptor> messages, uint8_t *to) {
   for (const DrixSendDescriptor &message : messages) {
     to = store(store(to, message.id), message.length);
     if (message.length != 0) std::memcpy(to, reinterpret_cast<const void *>(message.address), message.length);
     to += message.length;
   }
+}
+
+inline void write_frame(std::span<const DrixSendDescriptor> messages, size_t frame_bytes, uint64_t number,
+                        uint8_t *to) {
+  to = store(to, static_cast<uint32_t>(frame_bytes));
+  write_messages(messages, store(store(store(to, kMagic), number), static_cast<uint32_t>(messages.size())));
+}
+
+inline void append_to_frame(std::span<const DrixSendDescriptor> messages, size_t more_bytes,
+                            std::vector<uint8_t> &frame) {
+  const size_t end = frame.size();
+  const auto count = static_cast<uint32_t>(load<uint32_t>(&frame[16]) + messages.size());
+  frame.resize(end + more_bytes);
+  write_messages(messages, &frame[end]);
+  store(&frame[0], static_cast<uint32_t>(frame.size()));
+  store(&frame[16], count);
 }
 
 }  // namespace kelvodrix

@@ -32,6 +32,13 @@ class Window {
     bytes_ += frame_bytes;
     undelivered_ += messages;
   }
+  // The last frame has got more messages.
+  void extend_last(uint32_t messages, size_t bytes) {
+    in_flight_.back().messages += messages;
+    in_flight_.back().bytes += bytes;
+    bytes_ += bytes;
+    undelivered_ += messages;
+  }
   void settle_first(bool acknowledged) {
     if (acknowledged) undelivered_ -= in_flight_.front().messages;
     bytes_ -= in_flight_.front().bytes;

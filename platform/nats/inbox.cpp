@@ -17,6 +17,7 @@ namespace kelvodrix {
 namespace {
 
 constexpr int64_t kAnyoneThereMs = 250;
+constexpr int kQuestionsIfDirect = 2;
 constexpr uint64_t kMaxUnacknowledged = 64;     // frames
 constexpr size_t kMostQueuedBytes = 128 << 20;  // and as many that the loop has taken and not handled
 constexpr size_t kMessageCosts = 256;           // bytes, besides its own
@@ -77,6 +78,17 @@ void ServerInbox::wait(Loop &loop) const {
   if (items[0].revents != 0) loop.take_wake_up();
 }
 
+int32_t ServerInbox::require_alone(const std::string &subject, int questions) const {
+  natsStatus asked = NATS_TIMEOUT;
+  for (; questions != 0 && asked == NATS_TIMEOUT; --questions) {  // the server may not know yet who is gone
+    natsMsg *answer = nullptr;
+    asked = natsConnection_RequestString(&answer, session_->nc(), subject.c_str(), "", kAnyoneThereMs);
+    natsMsg_Destroy(answer);
+  }
+  const int32_t status = session_->status();
+  return status != KELVODRIX_OK || asked == NATS_NO_RESPONDERS ? status : KELVODRIX_ERR_IN_USE;
+}
+
 bool ServerInbox::good_frame(Loop &loop, std::span<const uint8_t> frame, const Message &message) {
   const bool good = is_frame(frame);
   if (!good) drop(loop, message);
@@ -102,14 +114,7 @@ class DirectInbox final : public ServerInbox {
       return status;
     session_->forget_denials();  // of other endpoints
     hello_ = place.subject + "hello";
-    natsStatus asked = NATS_TIMEOUT;
-    for (int tries = 2; tries != 0 && asked == NATS_TIMEOUT; --tries) {  // the server may not know yet who is gone
-      natsMsg *answer = nullptr;
-      asked = natsConnection_RequestString(&answer, session_->nc(), hello_.c_str(), "", kAnyoneThereMs);
-      natsMsg_Destroy(answer);
-    }
-    if (const int32_t status = session_->status(); status != KELVODRIX_OK) return status;
-    if (asked != NATS_NO_RESPONDERS) return KELVODRIX_ERR_IN_USE;
+    if (const int32_t status = require_alone(hello_, kQuestionsIfDirect); status != KELVODRIX_OK) return status;
     queue_ = std::make_shared<Queue>();
     frames_.emplace(session_, place.subject + ">",
                     [queue = queue_, hello = hello_, instance = instance_](natsConnection *nc, Message message) {

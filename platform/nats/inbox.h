@@ -37,6 +37,8 @@ class ServerInbox : public Inbox {
   // When nothing is at hand; anything but KELVODRIX_OK ends the loop.
   virtual int32_t idle() { return KELVODRIX_OK; }
 
+  // Asks until somebody answers, so often, or the server says that nobody listens there.
+  int32_t require_alone(const std::string &subject, int questions) const;
   // Whether these are a frame of this version; if not, it is counted.
   bool good_frame(Loop &loop, std::span<const uint8_t> frame, const Message &message);
   void drop(Loop &loop, const Message &message);

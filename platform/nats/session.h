@@ -19,7 +19,11 @@
 //   drix-stream.TABLE.c      a frame of no messages: what was before the last whole table is purged, or a place that was passed
 //
 // All frames but the first of a writer name the place of the one before in the stream, Nats-Expected-Last-Sequence: they
-// are stored there and in this order, or not at all. A receiver is a consumer, drix-RECEIVER-0 or drix-RECEIVER-1.
+// are stored there and in this order, or not at all.
+//
+//   $KV.drix-TABLE.RECEIVER  how far the receiver has come, a key of the bucket drix-TABLE: the place of the last frame that
+//                            it has handled, when the stream was made, and a random number that its process has drawn
+//   drix-receiver.TABLE.RECEIVER  asks whether somebody receives under this name, which only the server answers: nobody
 #ifndef KELVODRIX_NATS_SESSION_H
 #define KELVODRIX_NATS_SESSION_H
 
@@ -39,12 +43,15 @@ inline constexpr int64_t kConnectMs = 2000;
 
 // Where an endpoint is.
 struct Place {
-  std::string servers;   // with the scheme
-  std::string subject;   // what the subjects of the endpoint start with
-  std::string stream;    // empty: there is none, frames go from sender to receiver directly
-  std::string receiver;  // what its consumers' names start with
-  std::string from;      // table, resume or now
+  std::string servers;  // with the scheme
+  std::string subject;  // what the subjects of the endpoint start with
+  std::string stream;   // empty: there is none, frames go from sender to receiver directly
+  std::string floor;    // under which it is stored how far the receiver of a stream has come
+  std::string alive;    // on which it listens
+  std::string from;     // table, resume or now
 };
+inline constexpr std::string_view kFloors =
+    "KV_";  // before the stream's name: the stream of what its receivers have handled
 int32_t parse_place(const char *endpoint, bool receives, Place &place);
 
 std::shared_ptr<Link> make_direct_link(const Place &place, const kelvodrix_options &options);
@@ -108,7 +115,6 @@ struct Destroy {
   void operator()(jsConsumerInfo *info) const { jsConsumerInfo_Destroy(info); }
   void operator()(natsSubscription *subscription) const { natsSubscription_Destroy(subscription); }
   void operator()(jsMsgMetaData *data) const { jsMsgMetaData_Destroy(data); }
-  void operator()(jsConsumerNamesList *list) const { jsConsumerNamesList_Destroy(list); }
 };
 template <typename Of>
 using Owned = std::unique_ptr<Of, Destroy>;

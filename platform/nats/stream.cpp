@@ -1,6 +1,8 @@
 #include "stream.h"
 
 #include <algorithm>
+#include <charconv>
+#include <sstream>
 
 namespace kelvodrix {
 
@@ -9,6 +11,11 @@ namespace {
 constexpr int64_t kReplicasInACluster = 3;
 // How long the server knows the IDs of messages, in ns: for frames that are sent again soon. Later it is asked what it has.
 constexpr int64_t kRemembered = 10'000'000'000;
+constexpr int64_t kFloorsBytes = 8 << 20;
+
+std::string_view text_of(const natsMsg *message) {
+  return {natsMsg_GetData(message), static_cast<size_t>(natsMsg_GetDataLength(message))};
+}
 
 }  // namespace
 
@@ -17,26 +24,34 @@ int32_t Stream::open(bool makes) {
   jsOptions_Init(&options);
   options.Wait = kCallMs;
   jsCtx *context = nullptr;
-  natsStatus status = natsConnection_JetStream(&context, session_->nc(), &options);
+  const natsStatus made = natsConnection_JetStream(&context, session_->nc(), &options);
   js_.reset(context);
+  jsStreamInfo *found = nullptr;
   jsErrCode error{};
-  Owned<jsStreamInfo> found;
-  if (status == NATS_OK) status = info(found, error);
+  const natsStatus status = made == NATS_OK ? js_GetStreamInfo(&found, js(), name(), nullptr, &error) : made;
+  const Owned<jsStreamInfo> owned(found);
   return error == JSStreamNotFoundErr && makes ? add() : this->status(status, error);
 }
 
 int32_t Stream::add() const {
   jsStreamConfig config;
   jsStreamConfig_Init(&config);
-  const std::string subjects = name_.substr(0, 4) + "-stream." + name_.substr(5) + ".>";
+  const bool of_floors = name_.starts_with(kFloors);
+  const std::string subjects = of_floors ? "$KV." + name_.substr(kFloors.size()) + ".>"
+                                         : name_.substr(0, 4) + "-stream." + name_.substr(5) + ".>";
   const char *const all[] = {subjects.c_str()};
   config.Name = name();
   config.Subjects = const_cast<const char **>(all);
   config.SubjectsLen = 1;
   config.Storage = js_FileStorage;
   config.Discard = js_DiscardNew;  // or a full stream would lose the start of the table in silence
-  config.MaxBytes = session_->settings().max_bytes;
-  config.Duplicates = kRemembered;
+  config.MaxBytes = of_floors ? kFloorsBytes : session_->settings().max_bytes;
+  if (of_floors) {
+    config.MaxMsgsPerSubject = 1;
+    config.AllowRollup = config.DenyDelete = true;
+  } else {
+    config.Duplicates = kRemembered;
+  }
   const int64_t asked = session_->settings().replicas;
   config.Replicas = asked != 0 ? asked : kReplicasInACluster;
   jsErrCode error{};
@@ -55,23 +70,60 @@ int32_t Stream::status(natsStatus status, jsErrCode error) const {
   return error == 0 || error == JSClusterNotAvailErr ? KELVODRIX_ERR_SERVER : KELVODRIX_ERR_STREAM;
 }
 
-natsStatus Stream::info(Owned<jsStreamInfo> &info, jsErrCode &error) const {
+int32_t Stream::info(Owned<jsStreamInfo> &info, bool subjects) const {
+  jsOptions options;
+  jsOptions_Init(&options);
+  options.Wait = kCallMs;
+  if (subjects) options.Stream.Info.SubjectsFilter = ">";
   jsStreamInfo *found = nullptr;
-  const natsStatus status = js_GetStreamInfo(&found, js(), name(), nullptr, &error);
+  jsErrCode error{};
+  const natsStatus status = js_GetStreamInfo(&found, js(), name(), &options, &error);
   info.reset(found);
-  return status;
+  return this->status(status, error);
 }
 
-natsStatus Stream::consumer(const std::string &name, Owned<jsConsumerInfo> &info, jsErrCode &error) const {
-  jsConsumerInfo *found = nullptr;
-  const natsStatus status = js_GetConsumerInfo(&found, js(), this->name(), name.c_str(), nullptr, &error);
-  info.reset(found);
-  return status;
+int32_t Stream::get(uint64_t place, Message &message) const {
+  natsMsg *got = nullptr;
+  jsErrCode error{};
+  const natsStatus status = js_GetMsg(&got, js(), name(), place, nullptr, &error);
+  return take(status, error, got, message);
 }
 
-uint64_t floor_of(const jsConsumerInfo &info) {
-  const uint64_t start = info.Config->OptStartSeq;
-  return std::max(info.AckFloor.Stream, start != 0 ? start - 1 : 0);
+int32_t Stream::get_last(const std::string &subject, Message &message) const {
+  natsMsg *got = nullptr;
+  jsErrCode error{};
+  const natsStatus status = js_GetLastMsg(&got, js(), name(), subject.c_str(), nullptr, &error);
+  return take(status, error, got, message);
+}
+
+int32_t Stream::take(natsStatus status, jsErrCode error, natsMsg *got, Message &message) const {
+  message.reset(got);
+  const bool none = status == NATS_NOT_FOUND || error == JSNoMessageFoundErr;
+  return none ? KELVODRIX_OK : this->status(status, error);
+}
+
+// {"stream":NAME,"seq":PLACE,...} or {"error":{...,"err_code":CODE,...},...}
+Stored read_stored(natsMsg *answer) {
+  const std::string_view text = text_of(answer);
+  const auto number_after = [&](std::string_view word) {
+    const size_t at = text.find(word);
+    uint64_t number = 0;
+    if (at != text.npos) std::from_chars(text.data() + at + word.size(), text.data() + text.size(), number);
+    return number;
+  };
+  if (natsMsg_IsNoResponders(answer)) return {};
+  if (text.find("\"error\"") == text.npos) return {number_after("\"seq\":"), {}};
+  return {0, static_cast<jsErrCode>(number_after("\"err_code\":"))};
+}
+
+std::string write_floor(const Floor &floor) {
+  return std::to_string(floor.place) + ' ' + std::to_string(floor.created) + ' ' + std::to_string(floor.owner);
+}
+
+Floor read_floor(const natsMsg *message) {
+  std::istringstream text{std::string(text_of(message))};
+  Floor floor;
+  return text >> floor.place >> floor.created >> floor.owner ? floor : Floor();
 }
 
 }  // namespace kelvodrix

@@ -1,4 +1,4 @@
-// A table's stream on a server, as its writer and its receivers see it.
+// A stream on a server: a table's frames, or how far its receivers have come.
 #ifndef KELVODRIX_NATS_STREAM_H
 #define KELVODRIX_NATS_STREAM_H
 
@@ -20,20 +20,36 @@ class Stream {
   const char *name() const { return name_.c_str(); }
   jsCtx *js() const { return js_.get(); }
   const Session &session() const { return *session_; }
-  natsStatus info(Owned<jsStreamInfo> &info, jsErrCode &error) const;
-  natsStatus consumer(const std::string &name, Owned<jsConsumerInfo> &info, jsErrCode &error) const;
+  // With the subjects that there are, when they are asked for.
+  int32_t info(Owned<jsStreamInfo> &info, bool subjects = false) const;
+  // The message at a place, or the last one of a subject; null where there is none.
+  int32_t get(uint64_t place, Message &message) const;
+  int32_t get_last(const std::string &subject, Message &message) const;
 
  private:
   int32_t add() const;
+  int32_t take(natsStatus status, jsErrCode error, natsMsg *got, Message &message) const;
 
   const std::shared_ptr<Session> session_;
   const std::string name_;
   Owned<jsCtx> js_;
 };
 
-// The place up to which a consumer's frames are handled. A server that was restarted knows only where it was to begin
-// until something new is acknowledged.
-uint64_t floor_of(const jsConsumerInfo &info);
+// What a stream says of a message that was sent to it.
+struct Stored {
+  uint64_t at = 0;  // its place; 0: it was not stored
+  jsErrCode error{};
+};
+Stored read_stored(natsMsg *answer);
+
+// How far a receiver has come.
+struct Floor {
+  uint64_t place = 0;   // of the last frame that is handled
+  int64_t created = 0;  // the stream that the place is in
+  uint64_t owner = 0;   // the process that receives; 0: there is none that is to be waited for
+};
+std::string write_floor(const Floor &floor);
+Floor read_floor(const natsMsg *message);
 
 }  // namespace kelvodrix
 

@@ -1,5 +1,6 @@
-// The receiving end of a stream: a consumer of it that is made anew, behind what is handled, at the start and whenever
-// frames are missing. One that is resumed would bring new frames before old ones.
+// The receiving end of a stream: has the server send what follows what is handled, at the start and whenever frames are
+// missing, and notes in the bucket of floors what is handled. The server's own account of it is not used: one that goes on
+// after a pause takes for acknowledged what it has sent, and some forget it.
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -19,10 +20,8 @@ using namespace std::chrono_literals;
 
 constexpr std::chrono::milliseconds kHeartbeat(1000), kSilence(3000), kLongestElection(10000);
 constexpr std::chrono::milliseconds kLookAgain(100);
-constexpr int kLooks = 15;  // until one who receives under the name must be alive
-constexpr int64_t kMostUnderWay = 4096;
+constexpr int kQuestions = 6;  // until one who receives under the name must be alive
 constexpr uint64_t kMostOwed = 64;
-constexpr std::chrono::hours kNever(24 * 365);  // does the server send a frame again by itself
 
 // What the server says of a message, in its reply subject:
 // $JS.ACK.[DOMAIN.ACCOUNT.]STREAM.CONSUMER.TIMES.PLACE.NUMBER.TIME.LEFT[.MORE]
@@ -62,92 +61,82 @@ class StreamInbox final : public ServerInbox {
     session_->forget_denials();  // of other endpoints
     inbox_ = session_->inbox();
     stream_ = std::make_unique<Stream>(session_, place_.stream);
+    floors_ = std::make_unique<Stream>(session_, std::string(kFloors) + place_.stream);
     int32_t status = stream_->open();
+    if (status == KELVODRIX_OK) status = floors_->open();
+    if (status == KELVODRIX_OK) status = require_alone(place_.alive, kQuestions);
+    if (status == KELVODRIX_OK) alive_.emplace(session_, place_.alive, [](natsConnection *, const Message &) {});
     if (status == KELVODRIX_OK) status = consume();
-    // The server may not know yet who is gone.
-    for (int looks = kLooks; looks != 0 && status == KELVODRIX_ERR_IN_USE; --looks) {
-      std::this_thread::sleep_for(kLookAgain);
-      status = consume();
-    }
+    if (status == KELVODRIX_OK) status = put_floor();
     return status;
   }
 
  private:
-  // Has the server send what follows what is handled.
   int32_t consume() {
-    jsErrCode error{};
     Owned<jsStreamInfo> stream;
-    if (const natsStatus status = stream_->info(stream, error); status != NATS_OK)
-      return stream_->status(status, error);
+    if (const int32_t status = stream_->info(stream); status != KELVODRIX_OK) return status;
     const uint64_t last = stream->State.LastSeq, before = std::max<uint64_t>(stream->State.FirstSeq, 1) - 1;
-    std::optional<uint64_t> floors[2];
-    for (size_t i = 0; i < 2; ++i) {
-      Owned<jsConsumerInfo> found;
-      error = {};
-      const natsStatus status = stream_->consumer(consumer(i), found, error);
-      if (error == JSConsumerNotFoundErr) continue;
-      if (status != NATS_OK) return stream_->status(status, error);
-      if (found->PushBound && !std::string_view(found->Config->DeliverSubject).starts_with(inbox_))
-        return KELVODRIX_ERR_IN_USE;
-      floors[i] = floor_of(*found);
+    if (created_ == 0) {
+      Message found;  // a right that is needed when frames are missing is missed at once
+      if (const int32_t status = stream_->get(std::max<uint64_t>(last, 1), found); status != KELVODRIX_OK)
+        return status;
+      Floor floor;
+      if (const int32_t status = find_floor(found, floor); status != KELVODRIX_OK) return status;
+      handled_ = place_.from == "now" ? last
+                 : place_.from == "table"
+                     ? before
+                     : std::clamp(floor.created == stream->Created ? floor.place : 0, before, last);
+    } else if (created_ != stream->Created) {  // another one is in its place
+      handled_ = before;
     }
-    if (created_ == 0 && place_.from != "now" && place_.from != "table")
-      handled_ = std::max(before, std::min(last, std::max(floors[0].value_or(0), floors[1].value_or(0))));
-    else if (created_ != stream->Created)  // at the start, or of a stream in the place of another one
-      handled_ = created_ == 0 && place_.from == "now" ? last : before;
-
     // Where servers have lost the end of the stream, something new may stand at places that are handled.
-    for (int64_t time = INT64_MAX; newest_ != 0 && handled_ > before && handled_ <= last; --handled_) {
-      if (const int32_t got = find_time(handled_, time); got != KELVODRIX_OK) return got;
-      if (time <= static_cast<int64_t>(newest_)) break;
+    for (Message found; newest_ != 0 && handled_ > before && handled_ <= last; --handled_) {
+      if (const int32_t status = stream_->get(handled_, found); status != KELVODRIX_OK) return status;
+      if (found != nullptr && natsMsg_GetTime(found.get()) <= static_cast<int64_t>(newest_)) break;
     }
 
-    // The new one is there before the old one goes, so that there is always one that knows.
-    const size_t old = floors[1] > floors[0] ? 1 : 0, next = 1 - old;  // none is less than any
-    if (floors[next]) js_DeleteConsumer(stream_->js(), stream_->name(), consumer(next).c_str(), nullptr, nullptr);
     const std::string subject = inbox_ + '.' + std::to_string(++times_);
     queue_ = std::make_shared<Queue>();
-    frames_.emplace(session_, subject,
-                    [queue = queue_](natsConnection *, Message message) { queue->put(std::move(message)); });
-    const std::string name = consumer(next);
+    const auto put = [queue = queue_](natsConnection *, Message message) { queue->put(std::move(message)); };
+    frames_.emplace(session_, subject, put);  // by a wildcard, some servers would not see that somebody is there
+    answers_at_ = subject + ".";
+    answers_.emplace(session_, answers_at_ + '*', put);
     jsConsumerConfig config;
     jsConsumerConfig_Init(&config);
-    config.Durable = name.c_str();
     config.DeliverSubject = subject.c_str();
     config.DeliverPolicy = js_DeliverByStartSequence;
     config.OptStartSeq = std::min(handled_, last) + 1;  // less, if the server has lost what it had
-    config.AckPolicy = js_AckAll;
-    config.AckWait = std::chrono::nanoseconds(kNever).count();
-    config.MaxAckPending = kMostUnderWay;
+    config.AckPolicy = js_AckNone;
+    config.Replicas = 1;
+    config.MemoryStorage = true;
     config.FlowControl = true;  // or the server sends all at once
     config.Heartbeat = std::chrono::nanoseconds(kHeartbeat).count();
-    error = {};
+    jsErrCode error{};
     const natsStatus made = js_AddConsumer(nullptr, stream_->js(), stream_->name(), &config, nullptr, &error);
     if (made != NATS_OK) return stream_->status(made, error);
-    if (floors[old]) js_DeleteConsumer(stream_->js(), stream_->name(), consumer(old).c_str(), nullptr, nullptr);
     created_ = stream->Created;
     received_ = 0;
-    owed_ = 0;
-    reply_.clear();
     missing_ = false;
+    in_doubt_ = putting_;
     heard_ = Clock::now();
     return KELVODRIX_OK;
   }
 
-  std::string consumer(size_t which) const { return place_.receiver + std::to_string(which); }
-
   int32_t idle() override {
-    const bool silent = Clock::now() - heard_ > kSilence;
-    look_ms_ = missing_ || silent ? 100 : 1000;
-    if ((!missing_ && !silent) || !session_->connected() || Clock::now() < next_attempt_) return KELVODRIX_OK;
-    const int32_t status = consume();
-    if (status != KELVODRIX_ERR_IN_USE) in_use_ = 0;
-    next_attempt_ = Clock::now() + (in_use_ == 0 ? kLookAgain : kHeartbeat);
-    // In an election a server may take for alive who is gone.
-    return status == KELVODRIX_ERR_IN_USE && ++in_use_ > kLooks ? status : KELVODRIX_OK;
+    const Deadline now = Clock::now();
+    const bool silent = now - heard_ > kSilence, unanswered = putting_ && now - put_at_ > kSilence;
+    const bool in_doubt = in_doubt_ || unanswered;
+    look_ms_ = missing_ || silent || putting_ ? 100 : 1000;
+    if (!(missing_ || silent || in_doubt) || !session_->connected() || now < next_attempt_) return KELVODRIX_OK;
+    int32_t status = missing_ || silent ? consume() : KELVODRIX_OK;
+    if (status == KELVODRIX_OK && in_doubt) status = look_at_floor();
+    next_attempt_ = Clock::now() + kLookAgain;
+    return status == KELVODRIX_ERR_IN_USE ? status : KELVODRIX_OK;
   }
 
   void handle(Loop &loop, const Message &message) override {
+    const std::string_view subject = natsMsg_GetSubject(message.get());
+    if (subject.starts_with(answers_at_)) return take_answer(message.get(), subject.substr(answers_at_.size()));
     if (missing_) return;
     heard_ = Clock::now();
     const char *const reply = natsMsg_GetReply(message.get());
@@ -169,31 +158,17 @@ class StreamInbox final : public ServerInbox {
     }
     handled_ = delivery.place;
     newest_ = std::max(newest_, delivery.time);
-    reply_ = reply;
     if (++owed_ >= kMostOwed) acknowledge();
   }
 
   // Whether the stream has, or may have, anything between these places. What was purged it has not.
   bool holds_between(uint64_t before, uint64_t behind) const {
-    jsErrCode error{};
     Owned<jsStreamInfo> info;
-    if (stream_->info(info, error) != NATS_OK) return true;
-    for (uint64_t at = std::max(before + 1, info->State.FirstSeq); at < behind; ++at) {
-      int64_t time = 0;
-      if (find_time(at, time) != KELVODRIX_OK || time != 0) return true;
-    }
+    if (stream_->info(info) != KELVODRIX_OK) return true;
+    Message found;
+    for (uint64_t at = std::max(before + 1, info->State.FirstSeq); at < behind; ++at)
+      if (stream_->get(at, found) != KELVODRIX_OK || found != nullptr) return true;
     return false;
-  }
-
-  // When the message there was stored; 0 where there is none.
-  int32_t find_time(uint64_t place, int64_t &time) const {
-    natsMsg *message = nullptr;
-    jsErrCode error{};
-    const natsStatus got = js_GetMsg(&message, stream_->js(), stream_->name(), place, nullptr, &error);
-    const bool none = got == NATS_NOT_FOUND || error == JSNoMessageFoundErr;
-    time = got == NATS_OK ? natsMsg_GetTime(message) : 0;
-    natsMsg_Destroy(message);
-    return none ? KELVODRIX_OK : stream_->status(got, error);
   }
 
   void control(natsMsg *message, const char *reply) {
@@ -201,44 +176,104 @@ class StreamInbox final : public ServerInbox {
     const std::string stalled(reply != nullptr ? reply : header_of(message, "Nats-Consumer-Stalled"));
     if (!stalled.empty()) natsConnection_Publish(session_->nc(), stalled.c_str(), nullptr, 0);
     const std::string_view last = header_of(message, "Nats-Last-Consumer");
-    if (last.empty()) return;
-    missing_ = last != std::to_string(received_);
-    // The last acknowledgement may have gone with a server or a connection.
-    if (!missing_ && !reply_.empty()) owed_ = std::max<uint64_t>(owed_, 1);
+    if (!last.empty()) missing_ = last != std::to_string(received_);
+  }
+
+  // The floor is put by one message at a time, each of which names the place of the one before in the bucket: so nobody
+  // who receives under the same name can take it back.
+
+  Message make_floor(const std::string &reply) const {
+    const std::string text = write_floor({handled_, created_, owner_}), before = std::to_string(revision_);
+    natsMsg *made = nullptr;
+    const natsStatus status = natsMsg_Create(&made, place_.floor.c_str(), reply.empty() ? nullptr : reply.c_str(),
+                                             text.data(), static_cast<int>(text.size()));
+    Message message(made);
+    if (status != NATS_OK || natsMsgHeader_Set(made, "Nats-Expected-Last-Subject-Sequence", before.c_str()) != NATS_OK)
+      throw std::bad_alloc();
+    return message;
   }
 
   void acknowledge() override {
-    if (owed_ != 0 && natsConnection_PublishString(session_->nc(), reply_.c_str(), "+ACK") == NATS_OK) owed_ = 0;
+    if (owed_ == 0 || putting_) return;
+    const Message message = make_floor(answers_at_ + std::to_string(++puts_));
+    if (natsConnection_PublishMsg(session_->nc(), message.get()) != NATS_OK) return;
+    putting_ = true;
+    put_at_ = Clock::now();
+    owed_ = 0;
   }
 
-  // Until the server has noted the last acknowledgement: nobody repeats it. There may be an election.
+  void take_answer(natsMsg *message, std::string_view number) {
+    if (!putting_ || number != std::to_string(puts_)) return;
+    const uint64_t stored = read_stored(message).at;
+    in_doubt_ = stored == 0;
+    putting_ = in_doubt_;
+    if (stored != 0) revision_ = stored;
+  }
+
+  int32_t find_floor(Message &found, Floor &floor) {
+    const int32_t status = floors_->get_last(place_.floor, found);
+    if (status != KELVODRIX_OK) return status;
+    floor = found != nullptr ? read_floor(found.get()) : Floor();
+    revision_ = found != nullptr ? natsMsg_GetSequence(found.get()) : 0;
+    return KELVODRIX_OK;
+  }
+
+  int32_t put_floor() {
+    natsMsg *answer = nullptr;
+    const natsStatus sent = natsConnection_RequestMsg(&answer, session_->nc(), make_floor("").get(), kCallMs);
+    const Message owned(answer);
+    const Stored stored = sent == NATS_OK ? read_stored(answer) : Stored();
+    if (stored.at == 0)
+      return stored.error == JSStreamWrongLastSequenceErr ? KELVODRIX_ERR_IN_USE
+                                                          : floors_->status(NATS_ERR, stored.error);
+    revision_ = stored.at;
+    return KELVODRIX_OK;
+  }
+
+  // What has become of the last message is not known.
+  int32_t look_at_floor() {
+    Message found;
+    Floor floor;
+    if (const int32_t status = find_floor(found, floor); status != KELVODRIX_OK) return status;
+    if (floor.owner != 0 && floor.owner != owner_) return KELVODRIX_ERR_IN_USE;
+    in_doubt_ = putting_ = false;
+    if (floor.place != handled_) owed_ = std::max<uint64_t>(owed_, 1);
+    return KELVODRIX_OK;
+  }
+
+  // Until the servers have noted what is handled: nobody repeats it. There may be an election.
   void finish() override {
     const Deadline start = Clock::now();
-    natsStatus status = reply_.empty() ? NATS_OK : NATS_TIMEOUT;
-    while (status != NATS_OK && Clock::now() - start < (session_->connected() ? kLongestElection : kSilence)) {
-      natsMsg *noted = nullptr;
-      status = natsConnection_RequestString(&noted, session_->nc(), reply_.c_str(), "+ACK", kLookAgain.count());
-      natsMsg_Destroy(noted);
-      if (status != NATS_OK && status != NATS_TIMEOUT) std::this_thread::sleep_for(kLookAgain);
+    in_doubt_ |= putting_;
+    while ((in_doubt_ || owed_ != 0) && Clock::now() - start < (session_->connected() ? kLongestElection : kSilence)) {
+      int32_t status = look_at_floor();
+      if (status == KELVODRIX_OK && owed_ != 0) status = put_floor();
+      if (status == KELVODRIX_OK) owed_ = 0;
+      if (status == KELVODRIX_ERR_IN_USE) return;
+      if (status != KELVODRIX_OK) std::this_thread::sleep_for(kLookAgain);
     }
   }
 
   const Place place_;
+  const uint64_t owner_ = random_number();
   std::string inbox_;
-  std::unique_ptr<Stream> stream_;
-  std::optional<Subscription> frames_;
+  std::unique_ptr<Stream> stream_, floors_;
+  std::optional<Subscription> alive_, frames_, answers_;
 
   // The loop's own.
-  int64_t created_ = 0;    // the stream; 0: not known yet
-  uint64_t times_ = 0;     // that a consumer was made
-  uint64_t received_ = 0;  // from this one
-  uint64_t handled_ = 0;   // the place of the last frame
-  uint64_t newest_ = 0;    // when it was stored
-  uint64_t owed_ = 0;      // frames handled and not acknowledged
-  std::string reply_;      // what acknowledges them
-  bool missing_ = false;   // frames were lost on the way
-  int in_use_ = 0;         // how often somebody else was there
-  Deadline heard_{}, next_attempt_{};
+  int64_t created_ = 0;     // the stream; 0: not known yet
+  uint64_t times_ = 0;      // that a consumer was made
+  uint64_t received_ = 0;   // from this one
+  uint64_t handled_ = 0;    // the place of the last frame
+  uint64_t newest_ = 0;     // when it was stored
+  bool missing_ = false;    // frames were lost on the way
+  uint64_t owed_ = 0;       // frames handled and not put into the floor
+  std::string answers_at_;  // what the subjects of answers start with
+  uint64_t puts_ = 0;       // of the floor
+  uint64_t revision_ = 0;   // the place of the last one in the bucket
+  bool putting_ = false;    // one is under way
+  bool in_doubt_ = false;   // and it is not known what became of it
+  Deadline put_at_{}, heard_{}, next_attempt_{};
 };
 
 }  // namespace

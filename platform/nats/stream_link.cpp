@@ -1,7 +1,8 @@
 // The sending end of a stream: keeps frames until they are stored.
 #include <algorithm>
+#include <charconv>
 #include <condition_variable>
-#include <cstdlib>
+#include <cstdio>
 #include <deque>
 #include <list>
 #include <map>
@@ -24,14 +25,14 @@ namespace {
 using namespace std::chrono_literals;
 using std::chrono::milliseconds;
 
-constexpr milliseconds kLook(20), kNothingToDo(3600000);
+constexpr milliseconds kSoon(1), kLook(20), kNothingToDo(3600000);
 // Without an answer for so long frames are sent again, and again at intervals.
 constexpr milliseconds kPatience(1500), kResendInterval(300);
 // What a server for so long denies to have, it has lost: some say so in an election.
 constexpr milliseconds kLostForGood(10000);
-// A receiver that the server has not named for so long is gone; until then it may be the server that does not know.
-constexpr milliseconds kGoneForGood(60000);
 constexpr size_t kFramesAtATime = 64;
+// Small frames grow together while so many are under way.
+constexpr size_t kSharedBytes = 16 << 10, kEnoughUnderWay = 2;
 constexpr size_t kHeadersCost = 200;  // bytes of a message besides the frame, at most
 
 class Writer;
@@ -51,8 +52,9 @@ struct Frame {
 };
 
 struct Kept {
-  std::shared_ptr<const Frame> frame;  // shared with the thread while it sends
+  std::shared_ptr<Frame> frame;  // shared with the thread while it sends
   bool first_of_table, last_of_table;
+  bool sent = false;  // perhaps more than once; it does not change any more
 };
 
 // Everything that has to do with the server is done by a thread, which owns the writer as long as its channel is open.
@@ -95,6 +97,7 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
 
   void settle(Deadline until, bool close, Undelivered &total) override {
     std::unique_lock lock(mutex_);
+    ask_again_ = kSoon;
     while (!closed_ && messages_ != 0 && (!fresh_ || pending()) && Clock::now() < until) {
       asked_ = true;
       wake();
@@ -150,6 +153,7 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
       return reached_;
     }
     if (frame_bytes + kHeadersCost > most_bytes_) return KELVODRIX_ERR_TOO_BIG;
+    if (joins(messages, frame_bytes)) return KELVODRIX_OK;
     if (!window_.fits(frame_bytes)) {
       const int32_t status = full_ ? KELVODRIX_ERR_FULL : stream_->session().status();
       return status != KELVODRIX_OK ? status : KELVODRIX_ERR_WINDOW;
@@ -170,6 +174,21 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     kept_.push_back({std::move(frame), next_begins_table_ && !messages.empty(), false});
     window_.add(static_cast<uint32_t>(messages.size()), frame_bytes);
     messages_ += messages.size();
+  }
+
+  // Whether the last frame, which is not sent yet, takes these messages too.
+  bool joins(std::span<const DrixSendDescriptor> messages, size_t frame_bytes) {
+    const size_t more = frame_bytes - kHeaderBytes;
+    if (kept_.empty() || kept_.back().sent || next_begins_table_ || more > options_.window_bytes - window_.bytes())
+      return false;
+    Frame &frame = *kept_.back().frame;
+    if (frame.bytes.size() + more > std::min(kSharedBytes, most_bytes_ - kHeadersCost) ||
+        frame.subject != place_.subject + "m." + id_subject(messages))
+      return false;
+    append_to_frame(messages, more, frame.bytes);
+    window_.extend_last(static_cast<uint32_t>(messages.size()), more);
+    messages_ += messages.size();
+    return true;
   }
 
   void keep_mark() { keep("c", "-c" + std::to_string(window_.last()), {}, kHeaderBytes); }
@@ -233,15 +252,15 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     if (status == KELVODRIX_OK) {
       session->forget_denials();  // of other endpoints
       stream = std::make_shared<Stream>(session, place_.stream);
+      floors_ = std::make_unique<Stream>(session, std::string(kFloors) + place_.stream);
       status = stream->open();
     }
+    if (status == KELVODRIX_OK) status = floors_->open();
     uint64_t begin = 0, passed = 0;
     if (status == KELVODRIX_OK && !begun_) {
       status = begin_in(*stream, begin);
-      const auto note = [&](const std::string &, const jsConsumerInfo &info) {
-        passed = std::max({passed, info.Delivered.Stream, floor_of(info)});
-      };
-      if (status == KELVODRIX_OK && !visit_consumers(*stream, note)) status = KELVODRIX_ERR_SERVER;
+      if (status == KELVODRIX_OK) status = find_floors(*stream);
+      for (const auto &[receiver, floor] : handled_by_) passed = std::max(passed, floor);
     }
     if (status == KELVODRIX_OK) {
       inbox_ = session->inbox();
@@ -269,15 +288,13 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
   int32_t begin_in(const Stream &stream, uint64_t &at) const {
     Frame frame = {place_.subject + 'w', name_ + "-w", std::vector<uint8_t>(kHeaderBytes)};
     write_frame({}, kHeaderBytes, 0, frame.bytes.data());
-    const Message message = make_message(frame, "");
-    jsPubAck *stored = nullptr;
-    jsErrCode error{};
-    const natsStatus status = js_PublishMsg(&stored, stream.js(), message.get(), nullptr, &error);
-    if (status == NATS_OK) at = stored->Sequence;
-    jsPubAck_Destroy(stored);
-    return status == NATS_NO_RESPONDERS ? KELVODRIX_ERR_SERVER  // an election
-           : is_full(error)             ? KELVODRIX_ERR_FULL
-                                        : stream.status(status, error);
+    natsMsg *answer = nullptr;
+    const natsStatus status =
+        natsConnection_RequestMsg(&answer, stream.session().nc(), make_message(frame, "").get(), kCallMs);
+    const Message owned(answer);
+    const Stored stored = status == NATS_OK ? read_stored(answer) : Stored();
+    at = stored.at;
+    return at != 0 ? KELVODRIX_OK : is_full(stored.error) ? KELVODRIX_ERR_FULL : stream.status(NATS_ERR, stored.error);
   }
 
   static bool is_full(jsErrCode error) {
@@ -289,7 +306,10 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     while (!closed_ && !trouble_ && published_ < (alone_ ? std::min<size_t>(1, kept_.size()) : kept_.size())) {
       const auto from = kept_.begin() + static_cast<ptrdiff_t>(published_);
       const size_t count = alone_ ? 1 : std::min(kFramesAtATime, kept_.size() - published_);
+      // The last one may grow until something is stored.
+      if (count == 1 && published_ >= kEnoughUnderWay && from->frame->bytes.size() < kSharedBytes / 2) return;
       const std::vector<Kept> frames(from, from + static_cast<ptrdiff_t>(count));
+      for (size_t i = 0; i < count; ++i) from[static_cast<ptrdiff_t>(i)].sent = true;
       uint64_t index = window_.first() + published_;
       if (published_ == 0) heard_ = Clock::now();
       published_ += count;
@@ -311,25 +331,22 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
   }
 
   void take_answer(natsMsg *message) {
-    const auto bytes = bytes_of(message);
-    const std::string text(reinterpret_cast<const char *>(bytes.data()), bytes.size());
-    const auto number_after = [](const std::string &in, size_t at, size_t skip) {
-      return at != in.npos ? std::strtoull(in.c_str() + at + skip, nullptr, 10) : 0;
+    const auto number_at = [subject = std::string_view(natsMsg_GetSubject(message))](size_t dot) {
+      uint64_t number = 0;
+      std::from_chars(subject.data() + dot + 1, subject.data() + subject.size(), number);
+      return number;
     };
-    const std::string subject = natsMsg_GetSubject(message);
+    const std::string_view subject = natsMsg_GetSubject(message);
     const size_t last_dot = subject.rfind('.');
-    const uint64_t index = number_after(subject, last_dot, 1);
-    const uint64_t round = number_after(subject, subject.rfind('.', last_dot - 1), 1);
-    const bool refused = natsMsg_IsNoResponders(message) || text.find("\"error\"") != text.npos;
-    const uint64_t at = number_after(text, text.find("\"seq\":"), 6),
-                   error = number_after(text, text.find("\"err_code\":"), 11);
+    const uint64_t index = number_at(last_dot), round = number_at(subject.rfind('.', last_dot - 1));
+    const Stored stored = read_stored(message);
     std::lock_guard lock(mutex_);
     if (index < window_.first() || index > window_.last()) return;
-    if (!refused && at == base_ + index) {
+    if (stored.at == base_ + index) {
       settle_stored(index);
-    } else if (refused && round == round_) {
-      in_doubt_ = error == JSStreamWrongLastSequenceErr && index == window_.first();
-      full_ = is_full(static_cast<jsErrCode>(error));
+    } else if (stored.at == 0 && round == round_) {
+      in_doubt_ = stored.error == JSStreamWrongLastSequenceErr && index == window_.first();
+      full_ = is_full(stored.error);
       trouble_ = true;
     }
     wake();
@@ -356,21 +373,20 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     const auto frame = kept_.front().frame;
     const auto stream = stream_;
     lock.unlock();
-    jsErrCode error{};
+    Message found;
     Owned<jsStreamInfo> info;
-    natsMsg *message = nullptr;
-    const natsStatus got = js_GetMsg(&message, stream->js(), stream->name(), place, nullptr, &error);
-    const Message found(message);
-    const bool none = got == NATS_NOT_FOUND || error == JSNoMessageFoundErr;
-    const bool informed = none && stream->info(info, error) == NATS_OK;
+    const bool known = stream->get(place, found) == KELVODRIX_OK;
+    const bool informed = known && found == nullptr && stream->info(info) == KELVODRIX_OK;
     lock.lock();
     in_doubt_ = false;
     trouble_ = true;
     if (first != window_.first()) return;
-    not_before_ = got == NATS_OK ? Deadline() : not_before_;
-    if (got == NATS_OK && header_of(message, "Nats-Msg-Id") == frame->id) return settle_stored(first);
-    if (got == NATS_OK && natsMsg_GetSubject(message) == place_.subject + "w") return lose();
-    if (got == NATS_OK) ++base_;
+    if (found != nullptr) {
+      not_before_ = Deadline();
+      if (header_of(found.get(), "Nats-Msg-Id") == frame->id) return settle_stored(first);
+      if (natsMsg_GetSubject(found.get()) == place_.subject + "w") return lose();
+      ++base_;
+    }
     if (!informed) return;
     if (info->State.LastSeq >= place) return lose();  // somebody has purged that
     if (info->State.LastSeq == place - 1) return;
@@ -401,8 +417,6 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
       next_purge_ = Clock::now() + kResendInterval;
     } else if (purge_to_ == options.Stream.Purge.Sequence) {
       purge_to_ = 0;
-      // The purge may have made the server forget what is acknowledged of the table, until receivers acknowledge more.
-      if (!lost_) keep_mark();
     }
     changed_.notify_all();
   }
@@ -412,7 +426,8 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     const uint64_t stored_now = stored(), last = stored_at_;
     const auto stream = stream_;
     asked_ = false;
-    next_question_ = Clock::now() + kLook;
+    next_question_ = Clock::now() + ask_again_;
+    ask_again_ = std::min(2 * ask_again_, kLook);
     lock.unlock();
     uint64_t handled = stored_now;
     const bool good = find_handled(*stream, last, handled);
@@ -423,52 +438,37 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     changed_.notify_all();
   }
 
-  // False where not all consumers are known.
-  template <typename Visit>
-  static bool visit_consumers(const Stream &stream, Visit visit) {
-    jsConsumerNamesList *list = nullptr;
-    const natsStatus listed = js_ConsumerNames(&list, stream.js(), stream.name(), nullptr, nullptr);
-    const Owned<jsConsumerNamesList> names(list);
-    const int count = listed == NATS_OK ? names->Count : 0;
-    Owned<jsStreamInfo> all;
-    jsErrCode error{};
-    // A server that was restarted may not know of all yet.
-    if ((listed != NATS_OK && listed != NATS_NOT_FOUND) || stream.info(all, error) != NATS_OK ||
-        all->State.Consumers > count)
-      return false;
-    for (int i = 0; i < count; ++i) {
-      const std::string name = names->List[i];
-      Owned<jsConsumerInfo> info;
-      if (!name.starts_with("drix-")) continue;
-      if (stream.consumer(name, info, error) != NATS_OK) return false;
-      visit(name, *info);
+  // One that the servers do not name in an election is not forgotten for that.
+  int32_t find_floors(const Stream &stream) {
+    Owned<jsStreamInfo> table, all;
+    int32_t status = stream.info(table);
+    if (status == KELVODRIX_OK) status = floors_->info(all, true);
+    const jsStreamStateSubjects *const keys = all != nullptr ? all->State.Subjects : nullptr;
+    Message found;
+    for (int i = 0; keys != nullptr && i < keys->Count && status == KELVODRIX_OK; ++i) {
+      const std::string key = keys->List[i].Subject;
+      status = floors_->get_last(key, found);
+      if (found == nullptr) continue;
+      const Floor floor = read_floor(found.get());
+      if (floor.owner == 0)
+        handled_by_.erase(key);
+      else
+        handled_by_[key] = floor.created == table->Created ? floor.place : 0;
     }
-    return true;
+    return status;
   }
 
   bool find_handled(const Stream &stream, uint64_t last, uint64_t &handled) {
-    const Deadline now = Clock::now();
-    const auto note = [&](const std::string &name, const jsConsumerInfo &info) {
-      Receiver &receiver = receivers_[name.substr(0, name.size() - 1)];  // it may have two consumers for a moment
-      receiver = {std::max(receiver.seen == now ? receiver.floor : 0, floor_of(info)), now, receiver.missing};
-    };
-    if (!visit_consumers(stream, note)) return false;
-    for (auto &[name, each] : receivers_)
-      each.missing = each.seen == now ? Deadline::max() : std::min(each.missing, now);
-    std::erase_if(receivers_, [&](const auto &each) { return each.second.missing < now - kGoneForGood; });
-    if (receivers_.empty()) return true;
+    if (find_floors(stream) != KELVODRIX_OK) return false;
     uint64_t floor = last;
-    for (const auto &[name, each] : receivers_) floor = std::min(floor, each.floor);
+    for (const auto &[receiver, place] : handled_by_) floor = std::min(floor, place);
     // The frames tell how many messages there were before them.
+    Message frame;
     for (uint64_t at = std::max(floor, begin_at_) + 1; at <= last; ++at) {
-      natsMsg *message = nullptr;
-      jsErrCode error{};
-      const natsStatus got = js_GetMsg(&message, stream.js(), stream.name(), at, nullptr, &error);
-      const Message frame(message);
-      if (got != NATS_OK && error != JSNoMessageFoundErr) return false;
-      const std::string_view id = got == NATS_OK ? header_of(message, "Nats-Msg-Id") : "";
+      if (stream.get(at, frame) != KELVODRIX_OK) return false;
+      const std::string_view id = frame != nullptr ? header_of(frame.get(), "Nats-Msg-Id") : "";
       if (!id.starts_with(name_)) continue;
-      handled = std::strtoull(id.data() + name_.size() + 1, nullptr, 10);
+      std::from_chars(id.data() + name_.size() + 1, id.data() + id.size(), handled);
       break;
     }
     return true;
@@ -496,6 +496,7 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
   uint64_t messages_ = 0;               // taken
   uint64_t handled_ = 0;                // of these, by all receivers
   bool asked_ = false, fresh_ = false;  // handled_ is wanted, and as it was after that
+  milliseconds ask_again_ = kSoon;      // after so long
   bool next_begins_table_ = true;
   uint64_t table_at_ = 0;  // the place of the last table's first frame
   uint64_t purge_to_ = 0;  // not 0: the place up to which the stream is to be purged
@@ -510,11 +511,8 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
   std::shared_ptr<Stream> stream_;
   std::string inbox_;
   std::optional<Subscription> answers_;
-  struct Receiver {
-    uint64_t floor = 0;
-    Deadline seen{}, missing = Deadline::max();  // when it was named last, and when it was not first after that
-  };
-  std::map<std::string, Receiver> receivers_;
+  std::unique_ptr<Stream> floors_;
+  std::map<std::string, uint64_t> handled_by_;  // the place of the last frame, by the receiver's key
   Deadline next_attempt_{}, next_question_{}, next_purge_{};
 };
 

@@ -69,26 +69,26 @@ certificates() {
     -CAkey "$work/ca.key" -addext "subjectAltName=$(printf 'IP:%s,' 127.0.0.1 10.77.0.{1,2,3} | sed 's/,$//')"
 }
 
-# user NAME RIGHTS_TO_PUBLISH: a user of the servers and the file that its process takes the password from.
+# user NAME RIGHTS_TO_PUBLISH [SUBJECT]: a user of the servers, who may subscribe to the subject and to an inbox, and the
+# file that its process takes the password from.
 user() {
   local password
   password=$(random_word)
   printf '%s\n' "user=$1" "password=$password" "inbox=_INBOX.$1" "ca=$work/ca.pem" >"$work/$1.settings"
-  echo "  {user: $1, password: \"$password\", permissions: {publish: [$2], subscribe: \"_INBOX.$1.>\"}}" >>"$work/users"
+  echo "  {user: $1, password: \"$password\", permissions: {publish: [$2]," \
+    "subscribe: [\"_INBOX.$1.>\"${3:+, \"$3\"}]}}" >>"$work/users"
 }
 # For each process the rights of docs/cluster.md.
 users() {
-  local api=\$JS.API i card rights
-  local stream="\"$api.STREAM.INFO.drix-routes\", \"$api.STREAM.CREATE.drix-routes\""
-  user sender "\"drix-stream.routes.>\", $stream, \"$api.STREAM.PURGE.drix-routes\", \"$api.STREAM.MSG.GET.drix-routes\",
-    \"$api.CONSUMER.NAMES.drix-routes\", \"$api.CONSUMER.INFO.drix-routes.*\""
+  local api=\$JS.API i name streams=
+  for name in drix-routes KV_drix-routes; do
+    streams+="\"$api.STREAM.INFO.$name\", \"$api.STREAM.CREATE.$name\", \"$api.STREAM.MSG.GET.$name\", "
+  done
+  user sender "$streams \"$api.STREAM.PURGE.drix-routes\", \"drix-stream.routes.>\""
   for ((i = 1; i <= receivers; ++i)); do
-    rights="$stream, \"$api.STREAM.MSG.GET.drix-routes\", \"\$JS.FC.drix-routes.>\""
-    for card in "drix-card$i-0" "drix-card$i-1"; do
-      rights+=", \"$api.CONSUMER.INFO.drix-routes.$card\", \"$api.CONSUMER.DURABLE.CREATE.drix-routes.$card\",
-    \"$api.CONSUMER.DELETE.drix-routes.$card\", \"\$JS.ACK.drix-routes.$card.>\""
-    done
-    user "card$i" "$rights"
+    name=drix-receiver.routes.card$i
+    user "card$i" "$streams \"$api.CONSUMER.CREATE.drix-routes\", \"\$JS.FC.drix-routes.>\", \"$name\",
+    \"\$KV.drix-routes.card$i\"" "$name"
   done
 }
 

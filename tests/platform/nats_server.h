@@ -78,6 +78,7 @@ class NatsServer {
       size += static_cast<size_t>(got > 0 ? got : 0);
     }
     close(fd);
+    all.resize(size);
     return all.substr(std::min(size, all.find("MSG ask")));
   }
   // -1 while it does not answer.
