@@ -33,6 +33,8 @@ constexpr milliseconds kLostForGood(10000);
 constexpr size_t kFramesAtATime = 64;
 // Small frames grow together while so many are under way.
 constexpr size_t kSharedBytes = 16 << 10, kEnoughUnderWay = 2;
+// With so many under way, more may wait for the next answer, and who sends for some room: nobody wakes for each frame.
+constexpr size_t kBusy = 16;
 constexpr size_t kHeadersCost = 200;  // bytes of a message besides the frame, at most
 
 class Writer;
@@ -91,7 +93,7 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
                               status == KELVODRIX_ERR_SERVER || status == KELVODRIX_ERR_HOST;
       if (!may_change) reached_ = KELVODRIX_ERR_SERVER;  // for the next one, who tries anew
       if (!may_change || Clock::now() >= deadline) return status;
-      changed_.wait_until(lock, deadline);
+      changed_.wait_until(lock, std::min(deadline, Clock::now() + kLook));
     }
   }
 
@@ -160,7 +162,7 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     }
     keep("m." + id_subject(messages), "", messages, frame_bytes);
     next_begins_table_ = false;
-    wake();
+    if (published_ < kBusy) wake();
     return KELVODRIX_OK;
   }
 
@@ -214,8 +216,9 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
         return KELVODRIX_OK;
       });
       if (!lock.owns_lock()) lock.lock();
-      const bool busy = wanted_ || asked_ || purge_to_ != 0 || !kept_.empty();
-      thread_.wait_for(lock, busy ? kLook : kNothingToDo, [&] { return news_ || closed_; });
+      const bool busy = wanted_ || purge_to_ != 0 || !kept_.empty();
+      const Deadline next = Clock::now() + (busy ? kLook : kNothingToDo);
+      thread_.wait_until(lock, asked_ ? std::min(next, next_question_) : next, [&] { return news_ || closed_; });
     }
     lock.unlock();
     answers_.reset();
@@ -316,18 +319,21 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
       const uint64_t base = base_;
       lock.unlock();
       natsStatus status = NATS_OK;
-      for (const Kept &each : frames)
-        if (status == NATS_OK) status = publish(*each.frame, index++, base);
+      std::vector<Message> sent;  // each that goes by itself wakes a thread of the library
+      for (const Kept &each : frames) {
+        sent.push_back(make_message(*each.frame, inbox_ + '.' + std::to_string(round_) + '.' + std::to_string(index)));
+        if (status == NATS_OK) status = publish(sent.back().get(), base + index - 1);
+        ++index;
+      }
+      sent.clear();
       lock.lock();
       if (status != NATS_OK) trouble_ = true;
     }
   }
 
-  natsStatus publish(const Frame &frame, uint64_t index, uint64_t base) const {
-    const std::string before = std::to_string(base + index - 1);
-    const Message message = make_message(frame, inbox_ + '.' + std::to_string(round_) + '.' + std::to_string(index));
-    const natsStatus status = natsMsgHeader_Set(message.get(), "Nats-Expected-Last-Sequence", before.c_str());
-    return status == NATS_OK ? natsConnection_PublishMsg(stream_->session().nc(), message.get()) : status;
+  natsStatus publish(natsMsg *message, uint64_t before) const {
+    const natsStatus status = natsMsgHeader_Set(message, "Nats-Expected-Last-Sequence", std::to_string(before).c_str());
+    return status == NATS_OK ? natsConnection_PublishMsg(stream_->session().nc(), message) : status;
   }
 
   void take_answer(natsMsg *message) {
@@ -349,8 +355,11 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
       full_ = is_full(stored.error);
       trouble_ = true;
     }
-    wake();
-    changed_.notify_all();
+    const bool has_more = published_ < std::min(kBusy, kept_.size());
+    if (trouble_ || has_more || purge_to_ != 0 || window_.empty()) wake();
+    const bool has_room = window_.frames() <= std::max<size_t>(kBusy, options_.window_frames / 4 * 3) &&
+                          window_.bytes() <= options_.window_bytes / 4 * 3;
+    if (trouble_ || has_room) changed_.notify_all();
   }
 
   void settle_stored(uint64_t last) {
