@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <cstdlib>
 #include <optional>
 #include <thread>
 
@@ -97,10 +98,19 @@ class StreamInbox final : public ServerInbox {
 
     const std::string subject = inbox_ + '.' + std::to_string(++times_);
     queue_ = std::make_shared<Queue>();
-    const auto put = [queue = queue_](natsConnection *, Message message) { queue->put(std::move(message)); };
-    frames_.emplace(session_, subject, put);  // by a wildcard, some servers would not see that somebody is there
+    // By a wildcard, some servers would not see that somebody is there.
+    frames_.emplace(session_, subject,
+                    [queue = queue_](natsConnection *, Message message) { queue->put(std::move(message)); });
     answers_at_ = subject + ".";
-    answers_.emplace(session_, answers_at_ + '*', put);
+    answers_.emplace(
+        session_, answers_at_ + '*',
+        [queue = queue_, answer = answer_, skipped = answers_at_.size()](natsConnection *, Message message) {
+          const uint64_t put = std::strtoull(natsMsg_GetSubject(message.get()) + skipped, nullptr, 10);
+          if (put <= answer->put) return;
+          answer->revision = read_stored(message.get()).at;
+          answer->put = put;
+          queue->put(std::move(message));  // to wake the loop
+        });
     jsConsumerConfig config;
     jsConsumerConfig_Init(&config);
     config.DeliverSubject = subject.c_str();
@@ -136,7 +146,7 @@ class StreamInbox final : public ServerInbox {
 
   void handle(Loop &loop, const Message &message) override {
     const std::string_view subject = natsMsg_GetSubject(message.get());
-    if (subject.starts_with(answers_at_)) return take_answer(message.get(), subject.substr(answers_at_.size()));
+    if (subject.starts_with(answers_at_)) return;
     if (missing_) return;
     heard_ = Clock::now();
     const char *const reply = natsMsg_GetReply(message.get());
@@ -194,20 +204,18 @@ class StreamInbox final : public ServerInbox {
   }
 
   void acknowledge() override {
+    if (putting_ && answer_->put == puts_) {
+      const uint64_t revision = answer_->revision;
+      in_doubt_ = putting_ = revision == 0;
+      if (revision != 0) revision_ = revision;
+    }
     if (owed_ == 0 || putting_) return;
-    const Message message = make_floor(answers_at_ + std::to_string(++puts_));
+    const Message message = make_floor(answers_at_ + std::to_string(puts_ + 1));
     if (natsConnection_PublishMsg(session_->nc(), message.get()) != NATS_OK) return;
+    ++puts_;
     putting_ = true;
     put_at_ = Clock::now();
     owed_ = 0;
-  }
-
-  void take_answer(natsMsg *message, std::string_view number) {
-    if (!putting_ || number != std::to_string(puts_)) return;
-    const uint64_t stored = read_stored(message).at;
-    in_doubt_ = stored == 0;
-    putting_ = in_doubt_;
-    if (stored != 0) revision_ = stored;
   }
 
   int32_t find_floor(Message &found, Floor &floor) {
@@ -259,6 +267,12 @@ class StreamInbox final : public ServerInbox {
   std::string inbox_;
   std::unique_ptr<Stream> stream_, floors_;
   std::optional<Subscription> alive_, frames_, answers_;
+
+  // To the last floor that was put, as soon as it comes.
+  struct Answer {
+    std::atomic<uint64_t> put = 0, revision = 0;
+  };
+  const std::shared_ptr<Answer> answer_ = std::make_shared<Answer>();
 
   // The loop's own.
   int64_t created_ = 0;     // the stream; 0: not known yet
