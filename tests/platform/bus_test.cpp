@@ -1341,6 +1341,12 @@ TEST_F(BusCluster, EachErrorHasItsStatus) {
     EXPECT_EQ(tapped, lines.starts_with("user=d") && !stream ? KELVODRIX_OK : status) << lines << servers;
     kelvodrix_tap_close(tap);
   }
+  // A right that is needed only when frames are missing.
+  std::ofstream(settings) << user << "p\n";
+  NatsServer mute(
+      "authorization { users: [{user: u, password: p, permissions: {publish: {deny: "
+      "\"$JS.API.STREAM.MSG.GET.drix-x\"}}}] }\n");
+  EXPECT_EQ(create(mute.address("nats-stream://") + "/x/receiver"), KELVODRIX_ERR_CREDENTIALS);
   unsetenv("KELVODRIX_NATS");
   for (const char *rest : {"", "/x", "/x/", "/x/y/z", "/x/y?from=never", "//y", "/x/y?from", "/x/y.z"})
     EXPECT_EQ(create("nats-stream://127.0.0.1:1" + std::string(rest)), KELVODRIX_ERR_ENDPOINT) << rest;
