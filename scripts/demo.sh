@@ -121,8 +121,7 @@ done
 if [ -n "$cluster" ]; then exec scripts/lib/cluster.sh "$binaries" "$cluster" "$loss" "${sender_options[@]}"; fi
 
 if [ -n "$live" ]; then
-  require_stopped frr
-  require_packages iproute2
+  require_packages frr iproute2
   exec scripts/lib/live.sh many "$binaries" "$live" "$rounds"
 fi
 

@@ -1,7 +1,8 @@
 # shellcheck shell=bash
 # Debian packages for the project's scripts. To be sourced.
 
-# require_packages NAME...: installs those of the named packages that are missing, and says so.
+# require_packages NAME...: installs those of the named packages that are missing, and says so. Starts no service that they
+# bring.
 require_packages() {
   local missing=() name
   for name in "$@"; do
@@ -12,27 +13,28 @@ require_packages() {
     return 0
   fi
   echo "packages: installing ${missing[*]}"
-  # Waits for another apt that is at work.
-  local apt=(env DEBIAN_FRONTEND=noninteractive apt-get -qq -o DPkg::Lock::Timeout=300)
+  local root=(env)
   if [ "$(id -u)" -ne 0 ]; then
     command -v sudo >/dev/null || { echo "packages: need root or sudo to install ${missing[*]}" >&2; return 1; }
-    apt=(sudo "${apt[@]}")
+    root=(sudo)
   fi
+  # Waits for another apt that is at work.
+  local apt=("${root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq -o DPkg::Lock::Timeout=300)
   "${apt[@]}" update || echo "packages: apt-get update failed, going on with the present lists" >&2
-  "${apt[@]}" install -y --no-install-recommends "${missing[@]}" >/dev/null ||
+  stopped "${apt[@]}" install -y --no-install-recommends "${missing[@]}" >/dev/null ||
     { echo "packages: could not install ${missing[*]}" >&2; return 1; }
 }
 
-# require_stopped NAME...: as require_packages, for packages that bring a service, which is not to be started.
-require_stopped() {
-  local policy=/usr/sbin/policy-rc.d status=0 sudo=(sudo)
-  [ "$(id -u)" -ne 0 ] || sudo=(env)
-  [ ! -e $policy ] || { require_packages "$@"; return; }
-  printf '#!/bin/sh\nexit 101\n' | "${sudo[@]}" tee $policy >/dev/null && "${sudo[@]}" chmod 755 $policy
-  require_packages "$@" || status=$?
-  "${sudo[@]}" rm $policy
-  return $status
-}
+# Debian asks this file whether a service may start.
+stopped() (
+  policy=/usr/sbin/policy-rc.d
+  if [ ! -e $policy ]; then
+    trap '"${root[@]}" rm -f $policy' EXIT
+    printf '#!/bin/sh\nexit 101\n' | "${root[@]}" tee $policy >/dev/null
+    "${root[@]}" chmod 755 $policy
+  fi
+  "$@"
+)
 
 # shellcheck disable=SC2034 # for those who source this
 BUILD_PACKAGES=(g++ cmake ninja-build libmnl-dev)
