@@ -23,6 +23,7 @@
 //
 //   $KV.drix-TABLE.RECEIVER  how far the receiver has come, a key of the bucket drix-TABLE: the place of the last frame that
 //                            it has handled, when the stream was made, and a random number that its process has drawn
+//   $KV.drix-TABLE.writer.current  the writer that has begun last
 //   drix-receiver.TABLE.RECEIVER  asks whether somebody receives under this name, which only the server answers: nobody
 #ifndef KELVODRIX_NATS_SESSION_H
 #define KELVODRIX_NATS_SESSION_H
@@ -46,7 +47,7 @@ struct Place {
   std::string servers;  // with the scheme
   std::string subject;  // what the subjects of the endpoint start with
   std::string stream;   // empty: there is none, frames go from sender to receiver directly
-  std::string floor;    // under which it is stored how far the receiver of a stream has come
+  std::string floor;    // the key of this end of a stream
   std::string alive;    // on which it listens
   std::string from;     // table, resume or now
 };

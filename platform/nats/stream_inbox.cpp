@@ -174,7 +174,7 @@ class StreamInbox final : public ServerInbox {
   // Whether the stream has, or may have, anything between these places. What was purged it has not.
   bool holds_between(uint64_t before, uint64_t behind) const {
     Owned<jsStreamInfo> info;
-    if (stream_->info(info) != KELVODRIX_OK) return true;
+    if (stream_->info(info) != KELVODRIX_OK || info->State.LastSeq < behind) return true;
     Message found;
     for (uint64_t at = std::max(before + 1, info->State.FirstSeq); at < behind; ++at)
       if (stream_->get(at, found) != KELVODRIX_OK || found != nullptr) return true;

@@ -262,7 +262,11 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     uint64_t begin = 0, passed = 0;
     if (status == KELVODRIX_OK && !begun_) {
       status = begin_in(*stream, begin);
-      if (status == KELVODRIX_OK) status = find_floors(*stream);
+      // Who has the bucket's place of this knows all receivers that were there before.
+      const std::vector<uint8_t> name(name_.begin(), name_.end());
+      if (status == KELVODRIX_OK) status = store_in(*floors_, {place_.floor, name_ + "-f", name}, floors_last_);
+      Owned<jsStreamInfo> table;
+      if (status == KELVODRIX_OK) status = find_floors(*stream, table);
       for (const auto &[receiver, floor] : handled_by_) passed = std::max(passed, floor);
     }
     if (status == KELVODRIX_OK) {
@@ -291,6 +295,10 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
   int32_t begin_in(const Stream &stream, uint64_t &at) const {
     Frame frame = {place_.subject + 'w', name_ + "-w", std::vector<uint8_t>(kHeaderBytes)};
     write_frame({}, kHeaderBytes, 0, frame.bytes.data());
+    return store_in(stream, frame, at);
+  }
+
+  static int32_t store_in(const Stream &stream, const Frame &frame, uint64_t &at) {
     natsMsg *answer = nullptr;
     const natsStatus status =
         natsConnection_RequestMsg(&answer, stream.session().nc(), make_message(frame, "").get(), kCallMs);
@@ -447,12 +455,15 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     changed_.notify_all();
   }
 
-  // One that the servers do not name in an election is not forgotten for that.
-  int32_t find_floors(const Stream &stream) {
-    Owned<jsStreamInfo> table, all;
+  // A server that leads since a moment ago may not have all yet that it will have: what it lacks says nothing.
+  int32_t find_floors(const Stream &stream, Owned<jsStreamInfo> &table) {
+    Owned<jsStreamInfo> all;
     int32_t status = stream.info(table);
     if (status == KELVODRIX_OK) status = floors_->info(all, true);
-    const jsStreamStateSubjects *const keys = all != nullptr ? all->State.Subjects : nullptr;
+    if (status != KELVODRIX_OK) return status;
+    if (all->State.LastSeq < floors_last_) return KELVODRIX_ERR_SERVER;
+    floors_last_ = all->State.LastSeq;
+    const jsStreamStateSubjects *const keys = all->State.Subjects;
     Message found;
     for (int i = 0; keys != nullptr && i < keys->Count && status == KELVODRIX_OK; ++i) {
       const std::string key = keys->List[i].Subject;
@@ -468,14 +479,15 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
   }
 
   bool find_handled(const Stream &stream, uint64_t last, uint64_t &handled) {
-    if (find_floors(stream) != KELVODRIX_OK) return false;
+    Owned<jsStreamInfo> table;
+    if (find_floors(stream, table) != KELVODRIX_OK || table->State.LastSeq < last) return false;
     uint64_t floor = last;
     for (const auto &[receiver, place] : handled_by_) floor = std::min(floor, place);
-    // The frames tell how many messages there were before them.
+    // The frames tell how many messages there were before them. What was purged nobody has to handle.
     Message frame;
-    for (uint64_t at = std::max(floor, begin_at_) + 1; at <= last; ++at) {
-      if (stream.get(at, frame) != KELVODRIX_OK) return false;
-      const std::string_view id = frame != nullptr ? header_of(frame.get(), "Nats-Msg-Id") : "";
+    for (uint64_t at = std::max({floor + 1, begin_at_ + 1, table->State.FirstSeq}); at <= last; ++at) {
+      if (stream.get(at, frame) != KELVODRIX_OK || frame == nullptr) return false;
+      const std::string_view id = header_of(frame.get(), "Nats-Msg-Id");
       if (!id.starts_with(name_)) continue;
       std::from_chars(id.data() + name_.size() + 1, id.data() + id.size(), handled);
       break;
@@ -521,6 +533,7 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
   std::string inbox_;
   std::optional<Subscription> answers_;
   std::unique_ptr<Stream> floors_;
+  uint64_t floors_last_ = 0;                    // the bucket's place that was known last
   std::map<std::string, uint64_t> handled_by_;  // the place of the last frame, by the receiver's key
   Deadline next_attempt_{}, next_question_{}, next_purge_{};
 };

@@ -84,7 +84,7 @@ users() {
   for name in drix-routes KV_drix-routes; do
     streams+="\"$api.STREAM.INFO.$name\", \"$api.STREAM.CREATE.$name\", \"$api.STREAM.MSG.GET.$name\", "
   done
-  user sender "$streams \"$api.STREAM.PURGE.drix-routes\", \"drix-stream.routes.>\""
+  user sender "$streams \"$api.STREAM.PURGE.drix-routes\", \"drix-stream.routes.>\", \"\$KV.drix-routes.writer.current\""
   for ((i = 1; i <= receivers; ++i)); do
     name=drix-receiver.routes.card$i
     user "card$i" "$streams \"$api.CONSUMER.CREATE.drix-routes\", \"\$JS.FC.drix-routes.>\", \"$name\",
