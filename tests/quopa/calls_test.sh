@@ -125,6 +125,7 @@ while IFS='|' read -r status arguments shown; do
 done <<'END'
 0|calls.pcapng#3|{"f0":2,"f1":0}
 0|traces/99.4#4|{"f0":3,"f1":0}
+0|fib6_cfg.query_comm_param calls.pcapng#3|{"f0":2,"f1":0,"f2":""}
 0|fib6Sync.tlv traces/98.4#6|{"f0":5,"f1":0}
 1|calls.pcapng#1|quopa: calls.pcapng#1 is no message but a note: program p
 1|calls.pcapng#8|quopa: calls.pcapng#8: its capture does not know the type 0x00000012; name another before it

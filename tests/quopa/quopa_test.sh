@@ -11,7 +11,7 @@ routes=$project/examples/routes.labels
 # Good input.
 expect 0 '^\{"f0":1,"f1":0,"f2":"616263"\}$' '' "$good" decode $param --hex
 expect 0 '^\{"f0":1,' '' "$good" decode 0xCC4E6BC6 - --hex
-for dump in "$(printf '%b' "$good" | tr -d ' \n' | sed 's/../&:/g; s/:$//')" \
+for dump in "$(printf '%b' "$good" | tr -d ' \n' | sed 's/../&:/g; s/:$//')" "${good/0e00/0e: 00}" \
   '00000000: 0e00 0000 0a00 1300 0400 0000 0800 0a00  ................\n00000010: 0000 0100 0000 0400 0000 0300 0000 6162  ..............ab\n00000020: 63                                       0a\n' \
   '\t0x0000:  0e00 0000 0a00 1300 0400 0000 0800 0a00\n\t0x0010:  0000 0100 0000 0400 0000 0300 0000 6162 63\n'; do
   expect 0 '^\{"f0":1,"f1":0,"f2":"616263"\}$' '' "$dump" decode $param --hex
