@@ -70,11 +70,12 @@ int32_t Stream::status(natsStatus status, jsErrCode error) const {
   return error == 0 || error == JSClusterNotAvailErr ? KELVODRIX_ERR_SERVER : KELVODRIX_ERR_STREAM;
 }
 
-int32_t Stream::info(Owned<jsStreamInfo> &info, bool subjects) const {
+int32_t Stream::info(Owned<jsStreamInfo> &info, Details details) const {
   jsOptions options;
   jsOptions_Init(&options);
   options.Wait = kCallMs;
-  if (subjects) options.Stream.Info.SubjectsFilter = ">";
+  if (details == kSubjects) options.Stream.Info.SubjectsFilter = ">";
+  options.Stream.Info.DeletedDetails = details == kDeleted;
   jsStreamInfo *found = nullptr;
   jsErrCode error{};
   const natsStatus status = js_GetStreamInfo(&found, js(), name(), &options, &error);

@@ -20,8 +20,9 @@ class Stream {
   const char *name() const { return name_.c_str(); }
   jsCtx *js() const { return js_.get(); }
   const Session &session() const { return *session_; }
-  // With the subjects that there are, when they are asked for.
-  int32_t info(Owned<jsStreamInfo> &info, bool subjects = false) const;
+  // With the subjects that there are or the places that were deleted, when they are asked for.
+  enum Details : uint8_t { kNone, kSubjects, kDeleted };
+  int32_t info(Owned<jsStreamInfo> &info, Details details = kNone) const;
   // The message at a place, or the last one of a subject; null where there is none.
   int32_t get(uint64_t place, Message &message) const;
   int32_t get_last(const std::string &subject, Message &message) const;

@@ -459,7 +459,7 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
   int32_t find_floors(const Stream &stream, Owned<jsStreamInfo> &table) {
     Owned<jsStreamInfo> all;
     int32_t status = stream.info(table);
-    if (status == KELVODRIX_OK) status = floors_->info(all, true);
+    if (status == KELVODRIX_OK) status = floors_->info(all, Stream::kSubjects);
     if (status != KELVODRIX_OK) return status;
     if (all->State.LastSeq < floors_last_) return KELVODRIX_ERR_SERVER;
     floors_last_ = all->State.LastSeq;
