@@ -1112,8 +1112,10 @@ TEST_F(BusClusterStream, RefusesTheFormerWriterAndSkipsWhatIsForeign) {
   EXPECT_EQ(former.flush(), kAllDelivered);
   EXPECT_EQ(writer.send({2}), KELVODRIX_OK);
   EXPECT_EQ(writer.flush(), kAllDelivered);
-  EXPECT_EQ(former.send({3, 4}), KELVODRIX_OK);  // it has not learnt of it
-  EXPECT_EQ(former.flush(), Undelivered(KELVODRIX_ERR_LOST, 2));
+  uint64_t taken = 0;  // as it has not learnt of it; most share a frame
+  for (int i = 0; i < 100; ++i) taken += former.send({3}) == KELVODRIX_OK;
+  EXPECT_GT(taken, 0u);
+  EXPECT_EQ(former.flush(), Undelivered(KELVODRIX_ERR_LOST, taken));
   EXPECT_EQ(former.send({5}), KELVODRIX_ERR_WRITER);
   EXPECT_EQ(kelvodrix_checkpoint(former.handle), KELVODRIX_ERR_WRITER);
   const RawClient peer("peer.*");
