@@ -65,6 +65,22 @@ inline bool is_frame(std::span<const uint8_t> bytes) {
          load<uint32_t>(&bytes[0]) == bytes.size() && well_formed(bytes);
 }
 
+// Takes the first of several frames.
+inline std::span<const uint8_t> take_frame(std::span<const uint8_t> &frames) {
+  const auto frame = frames.first(load<uint32_t>(&frames[0]));
+  frames = frames.subspan(frame.size());
+  return frame;
+}
+
+// Whether these bytes are such frames, one or more behind each other.
+inline bool are_frames(std::span<const uint8_t> bytes) {
+  do {
+    if (bytes.size() < kHeaderBytes || load<uint32_t>(&bytes[0]) > bytes.size() || !is_frame(take_frame(bytes)))
+      return false;
+  } while (!bytes.empty());
+  return true;
+}
+
 // Sets how many bytes a frame of the messages takes, or says why there can be none.
 inline int32_t measure_frame(std::span<const DrixSendDescriptor> messages, size_t limit, size_t &frame_bytes) {
   frame_bytes = kHeaderBytes;
