@@ -9,6 +9,7 @@
 #ifndef KELVODRIX_FRAME_H
 #define KELVODRIX_FRAME_H
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -65,9 +66,9 @@ inline bool is_frame(std::span<const uint8_t> bytes) {
          load<uint32_t>(&bytes[0]) == bytes.size() && well_formed(bytes);
 }
 
-// Takes the first of several frames.
+// Takes the first of several frames; what is left, if that is less.
 inline std::span<const uint8_t> take_frame(std::span<const uint8_t> &frames) {
-  const auto frame = frames.first(load<uint32_t>(&frames[0]));
+  const auto frame = frames.first(std::min<size_t>(frames.size(), load<uint32_t>(&frames[0])));
   frames = frames.subspan(frame.size());
   return frame;
 }
@@ -75,8 +76,7 @@ inline std::span<const uint8_t> take_frame(std::span<const uint8_t> &frames) {
 // Whether these bytes are such frames, one or more behind each other.
 inline bool are_frames(std::span<const uint8_t> bytes) {
   do {
-    if (bytes.size() < kHeaderBytes || load<uint32_t>(&bytes[0]) > bytes.size() || !is_frame(take_frame(bytes)))
-      return false;
+    if (bytes.size() < kHeaderBytes || !is_frame(take_frame(bytes))) return false;
   } while (!bytes.empty());
   return true;
 }
