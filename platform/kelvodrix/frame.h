@@ -9,6 +9,7 @@
 #ifndef KELVODRIX_FRAME_H
 #define KELVODRIX_FRAME_H
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -64,6 +65,21 @@ inline bool well_formed(std::span<const uint8_t> frame) {
 inline bool is_frame(std::span<const uint8_t> bytes) {
   return bytes.size() >= kHeaderBytes && bytes.size() <= KELVODRIX_MAX_FRAME_BYTES &&
          load<uint32_t>(&bytes[0]) == bytes.size() && well_formed(bytes);
+}
+
+// Takes the first of several frames; what is left, if that is less.
+inline std::span<const uint8_t> take_frame(std::span<const uint8_t> &frames) {
+  const auto frame = frames.first(std::min<size_t>(frames.size(), load<uint32_t>(&frames[0])));
+  frames = frames.subspan(frame.size());
+  return frame;
+}
+
+// Whether these bytes are such frames, one or more behind each other.
+inline bool are_frames(std::span<const uint8_t> bytes) {
+  do {
+    if (bytes.size() < kHeaderBytes || !is_frame(take_frame(bytes))) return false;
+  } while (!bytes.empty());
+  return true;
 }
 
 // Sets how many bytes a frame of the messages takes, or says why there can be none.

@@ -60,9 +60,9 @@ int32_t ServerInbox::run(Loop &loop) {
       wait(loop);
       continue;
     }
-    const Message message = std::move(at_hand_.front());
+    latest_ = std::move(at_hand_.front());
     at_hand_.pop_front();
-    handle(loop, message);
+    handle(loop, latest_);
   }
   acknowledge();
   finish();
@@ -127,6 +127,11 @@ class DirectInbox final : public ServerInbox {
     return session_->status();
   }
 
+  int32_t run(Loop &loop) override {
+    if (!forked()) handle_rest(loop);
+    return ServerInbox::run(loop);
+  }
+
  private:
   static void answer(natsConnection *nc, const Message &message, uint64_t instance) {
     uint8_t own[kInstanceBytes];
@@ -143,16 +148,30 @@ class DirectInbox final : public ServerInbox {
       return;
     }
     const bool has_instance = bytes.size() >= kInstanceBytes && reply != nullptr;
-    const auto frame = bytes.subspan(has_instance ? kInstanceBytes : bytes.size());
-    if (!good_frame(loop, frame, message)) return;
-    if (load<uint64_t>(&bytes[0]) != instance_)  // it counts as lost
+    const auto frames = bytes.subspan(has_instance ? kInstanceBytes : bytes.size());
+    if (!are_frames(frames)) return drop(loop, message);
+    if (load<uint64_t>(&bytes[0]) != instance_)  // they count as lost
       return answer(session_->nc(), message, instance_);
-
-    const auto number = load<uint64_t>(&frame[8]);
-    if (to_ == reply && number <= last_) return drop(loop, message);
-    if (to_ != reply || number != last_ + 1) {  // another sender, or frames are missing
+    if (to_ != reply) {
       acknowledge();
       to_ = reply;
+      first_ = 1;
+      last_ = 0;
+    }
+    rest_ = frames;
+    handle_rest(loop);
+  }
+
+  // A stop leaves what is behind the frame that is being handled.
+  void handle_rest(Loop &loop) {
+    while (!rest_.empty() && !loop.stopped()) handle(loop, take_frame(rest_));
+  }
+
+  void handle(Loop &loop, std::span<const uint8_t> frame) {
+    const auto number = load<uint64_t>(&frame[8]);
+    if (number <= last_) return drop(loop, latest_);
+    if (number != last_ + 1) {  // frames are missing
+      acknowledge();
       first_ = number;
     }
     last_ = number - 1;
@@ -189,7 +208,8 @@ class DirectInbox final : public ServerInbox {
   std::optional<Subscription> frames_;
 
   // The loop's own.
-  std::string to_;  // whose frames these are, handled and not acknowledged
+  std::span<const uint8_t> rest_;  // of the message, not handled
+  std::string to_;                 // whose frames these are, handled and not acknowledged
   uint64_t first_ = 1, last_ = 0;
 };
 

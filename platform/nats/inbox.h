@@ -45,6 +45,7 @@ class ServerInbox : public Inbox {
 
   std::shared_ptr<Session> session_;
   std::shared_ptr<Queue> queue_;
+  Message latest_;      // that is or was handled
   int look_ms_ = 1000;  // how often there is an idle()
 
  private:

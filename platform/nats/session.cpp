@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <map>
@@ -43,6 +42,7 @@ std::atomic<int> connections = 0;
 // What is still in buffers then would be lost with the library's threads, and OpenSSL is about to go, which they use.
 void at_exit() {
   if (forked()) return;
+  finish_links();
   finish_streams();
   std::vector<std::shared_ptr<Session>> sessions;
   {
@@ -176,8 +176,8 @@ int32_t parse_place(const char *endpoint, bool receives, Place &place) {
 
 std::string id_subject(std::span<const DrixSendDescriptor> messages) {
   const uint32_t id = messages[0].id;
-  char text[9];
-  std::snprintf(text, sizeof(text), "%08x", id);
+  std::string text(8, '0');
+  for (size_t i = 0; i < 8; ++i) text[i] = "0123456789abcdef"[id >> (28 - 4 * i) & 15];
   const bool mixed = std::any_of(messages.begin(), messages.end(), [id](const auto &each) { return each.id != id; });
   return mixed ? "mixed" : text;
 }
@@ -219,7 +219,11 @@ int32_t Session::connect(const std::string &servers, Use use, int64_t timeout_ms
   if (!apply_settings(created, settings_)) return KELVODRIX_ERR_SETTINGS;
   if (servers.starts_with("tls")) require(natsOptions_SetSecure(created, true));
   natsOptions_SetTimeout(created, timeout_ms);
-  natsOptions_SetSendAsap(created, use == Use::receiving);
+  if (use == Use::receiving || use == Use::joining) {
+    natsOptions_SetSendAsap(created, true);
+    // One call of the system for most messages that are sent, and for several that are received.
+    natsOptions_SetIOBufSize(created, use == Use::receiving ? 256 << 10 : 64 << 10);
+  }
   natsOptions_UseGlobalMessageDelivery(created, use == Use::tapping);
   natsOptions_SetMaxReconnect(created, -1);
   natsOptions_SetReconnectWait(created, kReconnectMs);

@@ -3,8 +3,8 @@
 //   drix.NAME.hello   asks who receives at NAME: u64 instance, u64 number, both 0 where there is nothing to be told.
 //                     Answered at once with u64 instance, or by the server: nobody. The instance named there also
 //                     acknowledges, in its turn, that it has seen all frames up to the number that it will see.
-//   drix.NAME.m.ID    u64 instance of the receiver that it is for, then a frame as in frame.h; ID is that of all its
-//                     messages in eight hexadecimal digits, or "mixed"; with the sender's inbox for answers
+//   drix.NAME.m.ID    u64 instance of the receiver that it is for, then one frame or more as in frame.h; ID is that of all
+//                     their messages in eight hexadecimal digits, or "mixed"; with the sender's inbox for answers
 //   the inbox         answers to hello, and acknowledgements: u64 instance, u64 first, u64 last. These frames are handled,
 //                     and those before them that were not acknowledged are lost.
 //
@@ -61,6 +61,9 @@ int32_t make_direct_inbox(const Place &place, std::unique_ptr<Inbox> &inbox);
 int32_t make_stream_inbox(const Place &place, std::unique_ptr<Inbox> &inbox);
 int32_t make_nats_tap(const char *endpoint, const kelvodrix_tap_options &options, std::unique_ptr<Tap> &tap);
 
+// Publishes what the process's links to receivers have kept.
+void finish_links();
+
 // Has what the process's streams have taken stored, each for as long as a send may wait.
 void finish_streams();
 
@@ -79,10 +82,10 @@ bool forked();
 
 uint64_t random_number();
 
-// One connection for all senders of a process that use the same servers, whose frames are gathered for up to a millisecond,
-// one for all receivers, whose answers are written at once, and one for taps, whose subscriptions are served by one
-// thread, so that frames keep their order. Once made, it connects again by itself.
-enum class Use : uint8_t { sending, receiving, tapping };
+// One connection for all senders of a process to receivers at the same servers, which join small frames, one for those to
+// streams, whose frames are gathered for up to a millisecond, one for all receivers, and one for taps, whose subscriptions
+// are served by one thread, so that frames keep their order. Once made, it connects again by itself.
+enum class Use : uint8_t { joining, sending, receiving, tapping };
 
 class Session {
  public:

@@ -56,24 +56,31 @@ class ServerTap : public Tap {
     return subjects;
   }
 
-  // Whether there is something to be seen in a message, behind so many bytes.
-  bool take(Message message, size_t skipped, uint64_t time, kelvodrix_frame &frame) {
+  // What is to be seen in a message: a frame, or several behind the instance of who they are for.
+  void take(Message message, bool has_instance, uint64_t time) {
     const auto bytes = bytes_of(message.get());
-    const auto found = bytes.subspan(std::min(skipped, bytes.size()));
-    if (!is_frame(found)) {
+    rest_ = bytes.subspan(has_instance ? std::min(kInstanceBytes, bytes.size()) : 0);
+    if (!(has_instance ? are_frames(rest_) : is_frame(rest_))) {
       ++counters_.malformed;
-      return false;
+      rest_ = {};
     }
-    ++counters_.frames;
-    messages_.clear();
-    visit_messages(found, [&](uint32_t id, const uint8_t *at, uint32_t length) {
-      messages_.push_back({reinterpret_cast<uintptr_t>(at), id, length});
-    });
     const std::string_view subject = natsMsg_GetSubject(message.get());
     const size_t start = subject.find('.') + 1;
     name_ = subject.substr(start, subject.find('.', start) - start);
-    frame = {name_.c_str(), time, messages_.data(), static_cast<uint32_t>(messages_.size())};
+    time_ = time;
     shown_ = std::move(message);
+  }
+
+  // The next frame of what was taken; false when there is none that has messages.
+  bool show(kelvodrix_frame &frame) {
+    messages_.clear();
+    while (messages_.empty() && !rest_.empty()) {
+      ++counters_.frames;
+      visit_messages(take_frame(rest_), [&](uint32_t id, const uint8_t *at, uint32_t length) {
+        messages_.push_back({reinterpret_cast<uintptr_t>(at), id, length});
+      });
+    }
+    frame = {name_.c_str(), time_, messages_.data(), static_cast<uint32_t>(messages_.size())};
     return !messages_.empty();
   }
 
@@ -90,6 +97,8 @@ class ServerTap : public Tap {
 
  private:
   Message shown_;
+  std::span<const uint8_t> rest_;  // of it
+  uint64_t time_ = 0;
   std::string name_;
   std::vector<DrixSendDescriptor> messages_;
 };
@@ -138,7 +147,7 @@ class DirectTap final : public ServerTap {
   }
 
   int32_t next(Deadline until, kelvodrix_frame &frame) override {
-    for (;;) {
+    while (!show(frame)) {
       if (at_hand_.empty() && !take_arrivals(until)) {
         if (!stopped_) return nothing();
         frame = {};
@@ -146,8 +155,9 @@ class DirectTap final : public ServerTap {
       }
       Arrivals::Arrival arrival = std::move(at_hand_.front());
       at_hand_.pop_front();
-      if (take(std::move(arrival.message), kInstanceBytes, arrival.time, frame)) return KELVODRIX_OK;
+      take(std::move(arrival.message), true, arrival.time);
     }
+    return KELVODRIX_OK;
   }
 
   void stop() override {
@@ -198,7 +208,8 @@ class StreamTap final : public ServerTap {
       }
       if (first != nullptr) {
         Message message = std::move(first->message);
-        if (first->time >= from_ && take(std::move(message), 0, first->time, frame)) return KELVODRIX_OK;
+        if (first->time >= from_) take(std::move(message), false, first->time);
+        if (show(frame)) return KELVODRIX_OK;
       } else if (!follows_) {
         frame = {};
         return KELVODRIX_OK;

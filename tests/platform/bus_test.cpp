@@ -227,7 +227,8 @@ TEST_P(Direct, SlowReceiverFillsTheWindowAndARestartedOneAnswersForItself) {
   auto first = std::make_unique<Receiver>(at, false);
   std::vector<uint8_t> large(12 << 20);
   DrixSendDescriptor message = {reinterpret_cast<uintptr_t>(large.data()), kId, 12u << 20};
-  Sender sender(at, {100, 4, 13u << 20}), small(at, {0, 1, 100});
+  Sender sender(at, {100, 4, 13u << 20}), small(at, {0, 1, 100}), many(at);
+  for (uint32_t i = 0; i < 40; ++i) EXPECT_EQ(many.send({i}, 0, kUnknownId), KELVODRIX_OK);
   for (uint32_t i = 0; i < 3; ++i) EXPECT_EQ(sender.send({i}), KELVODRIX_OK);
   EXPECT_EQ(DRIX_SendMsg(sender.handle, &message, 1), KELVODRIX_OK);  // far more than a socket takes
   EXPECT_EQ(sender.send({99}), KELVODRIX_ERR_WINDOW);
@@ -237,16 +238,18 @@ TEST_P(Direct, SlowReceiverFillsTheWindowAndARestartedOneAnswersForItself) {
   EXPECT_EQ(DRIX_SendMsg(small.handle, &huge, 1), KELVODRIX_ERR_TOO_BIG);
   first->start();
   // Also what was not written yet arrives without a further call.
-  EXPECT_TRUE(eventually([&] { return first->counters().delivered == 4; }));
+  EXPECT_TRUE(eventually([&] { return first->counters().delivered == 4 && first->counters().unknown_id == 40; }));
   EXPECT_EQ(sender.flush(), kAllDelivered);
   first->stop();
   EXPECT_EQ(first->numbers, (Numbers{0, 1, 2, 0}));
 
   for (uint32_t i = 0; i < 4; ++i) EXPECT_EQ(sender.send(range(i, 5)), KELVODRIX_OK);
+  for (uint32_t i = 0; i < 40; ++i) EXPECT_EQ(many.send({i, i}), KELVODRIX_OK);
   first.reset();
   Receiver second(at);
   EXPECT_EQ(sender.send({7}), KELVODRIX_OK);  // needs the room that the lost frames took
   EXPECT_EQ(sender.flush(), Undelivered(KELVODRIX_ERR_LOST, 14));
+  EXPECT_EQ(many.flush(), Undelivered(KELVODRIX_ERR_LOST, 80));
   second.stop();
   EXPECT_EQ(second.numbers, range(7, 8));
 }
@@ -521,8 +524,8 @@ std::string frame(uint64_t number, const std::string &messages, uint64_t count =
          messages;
 }
 
-std::string message(uint32_t number) {
-  return little_endian(kId, 4) + little_endian(4, 4) + std::string(reinterpret_cast<const char *>(&number), 4);
+std::string message(uint32_t number, uint32_t id = kId) {
+  return little_endian(id, 4) + little_endian(4, 4) + std::string(reinterpret_cast<const char *>(&number), 4);
 }
 
 TEST(Bus, HandlesWhatIsGoodAndDisconnectsWhoeverSendsAnythingMalformed) {
@@ -809,6 +812,14 @@ struct RawClient {
     }
     return {words[1], words.size() == 5 ? words[3] : "", take(std::stoul(words.back()) + 2)};
   }
+  // Answers whoever asks meanwhile.
+  Message next_frame(const std::string &instance) {
+    for (;;) {
+      Message got = next();
+      if (!got.subject.ends_with(".hello")) return got;
+      publish(got.reply, "", instance);
+    }
+  }
   void send(const std::string &bytes) const {
     EXPECT_EQ(::send(fd, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
   }
@@ -890,10 +901,12 @@ TEST_F(BusCluster, SubjectsTellTheIdAndATapIsNoReceiver) {
   EXPECT_EQ(sender.flush(), kAllDelivered);
   // Another server takes no frame as large.
   const NatsServer small("max_payload: 1000\n");
-  const Receiver elsewhere(small.address() + "/small");
+  Receiver elsewhere(small.address() + "/small", false);
   const Sender large(small.address() + "/small");
   EXPECT_EQ(large.send(Numbers(82)), KELVODRIX_ERR_TOO_BIG);
   EXPECT_EQ(large.send(Numbers(81)), KELVODRIX_OK);
+  for (uint32_t i = 0; i < 100; ++i) EXPECT_EQ(large.send(Numbers(30)), KELVODRIX_OK);  // two do not fit in one
+  elsewhere.start();
   EXPECT_EQ(large.flush(), kAllDelivered);
 }
 
@@ -912,6 +925,8 @@ TEST_F(BusCluster, HandlesGoodFramesAndAcknowledgesOnlyThose) {
     bad.push_back(whole);
     bad.back()[byte] ^= '\x01';
   }
+  for (const std::string &behind : {whole.substr(8, 19), whole.substr(8, 31), whole.substr(8) + '\0', whole})
+    bad.push_back(whole + behind);
   for (const std::string &each : bad) send(each);
   peer.publish(subject + "m.cc4e6bc6", "", whole);  // nobody to be answered
   std::string other = good;
@@ -927,8 +942,16 @@ TEST_F(BusCluster, HandlesGoodFramesAndAcknowledgesOnlyThose) {
   EXPECT_EQ(peer.next().bytes, instance);
   EXPECT_EQ(peer.next().bytes, receipt(instance, 7, 6));
   EXPECT_EQ(create(at), KELVODRIX_ERR_IN_USE);
+  receiver.on_number = [&](uint32_t number) { number == 8 ? kelvodrix_stop(receiver.receiver) : void(); };
+  send(instance + frame(7, message(7)) + frame(8, message(8)) + frame(9, message(10)));
+  EXPECT_EQ(peer.next().bytes, receipt(instance, 7, 8));
+  receiver.loop.join();
+  receiver.start();  // goes on behind the frame that has stopped it
+  EXPECT_EQ(peer.next().bytes, receipt(instance, 9, 9));
+  peer.publish(subject + "m.cc4e6bc6", "peer.2", instance + frame(1, message(11)) + frame(2, message(12)));
+  EXPECT_EQ(peer.next().bytes, receipt(instance, 1, 2));  // another sender
   receiver.stop();
-  EXPECT_EQ(receiver.numbers, (Numbers{1, 4}));
+  EXPECT_EQ(receiver.numbers, (Numbers{1, 4, 7, 8, 10, 11, 12}));
   EXPECT_EQ(receiver.counters().malformed, bad.size() + 2);
   const std::string said = testing::internal::GetCapturedStderr();
   EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
@@ -943,10 +966,7 @@ TEST_F(BusCluster, SenderBelievesOnlyGoodAcknowledgements) {
     for (uint32_t i = 1; i <= 4; ++i) EXPECT_EQ(sender.send({i}), KELVODRIX_OK);
   });
   RawClient::Message got;
-  // The next frame; answers whoever asks meanwhile.
-  const auto next_frame = [&](const std::string &instance) {
-    for (got = peer.next(); got.subject == subject + "hello"; got = peer.next()) peer.publish(got.reply, "", instance);
-  };
+  const auto next_frame = [&](const std::string &instance) { got = peer.next_frame(instance); };
   for (uint64_t i = 1; i <= 4; ++i) {
     next_frame(first);
     EXPECT_EQ(got.bytes, first + frame(i, message(static_cast<uint32_t>(i))));
@@ -973,6 +993,32 @@ TEST_F(BusCluster, SenderBelievesOnlyGoodAcknowledgements) {
   next_frame(second);
   shutdown(peer.fd, SHUT_RDWR);  // and nobody comes after it
   EXPECT_EQ(sender.flush(), Undelivered(KELVODRIX_ERR_LOST, 6));
+}
+
+TEST_F(BusCluster, FramesThatAreUnderWayGoTogetherAndKeepTheirOrder) {
+  const std::string at = endpoint("nats"), subject = "drix." + at.substr(at.rfind('/') + 1) + ".m.";
+  const std::string instance = little_endian(77, 8);
+  RawClient peer("drix." + at.substr(at.rfind('/') + 1) + ".>");
+  const Tap tap(at);
+  const Sender sender(at, {kLong, 65536, 16 << 20});
+  const auto id = [](uint32_t i) { return i % 500 < 3 ? kOtherId : kId; };
+  std::thread sending([&] {
+    for (uint32_t i = 1; i <= 4000; ++i) EXPECT_EQ(sender.send({i}, 0, id(i)), KELVODRIX_OK);
+    EXPECT_EQ(kelvodrix_close(sender.handle, 0, nullptr), KELVODRIX_ERR_PENDING);  // leaves nothing behind
+  });
+  uint32_t next = 1, messages = 0;
+  for (; next <= 4000; ++messages) {
+    const RawClient::Message got = peer.next_frame(instance);
+    EXPECT_LE(got.bytes.size(), 30u << 10);
+    std::string frames = instance;
+    for (const uint32_t first = next; next <= 4000 && frames.size() < got.bytes.size() && id(next) == id(first); ++next)
+      frames += frame(next, message(next, id(next)));
+    ASSERT_EQ(got.bytes, frames);
+    EXPECT_EQ(got.subject, subject + (id(next - 1) == kId ? "cc4e6bc6" : "00000007"));
+  }
+  sending.join();
+  EXPECT_LT(messages, 1000u);
+  EXPECT_EQ(tap.read(4000), range(1, 4001));
 }
 
 // Between clients and the server: may swallow what goes one way, and end all connections.
@@ -1266,23 +1312,38 @@ TEST_F(BusClusterStream, ReceiverGoesOnInItsOwnStreamAndUnderItsOwnNameOnly) {
   loop.join();
 }
 
-TEST_F(BusClusterStream, ExitStoresWhatSendsHaveLeft) {
+// Sends 40 frames in a process that exits at once. False where another test has used a server in this one.
+bool send_and_exit(const std::string &at) {
   server();
   const pid_t child = fork();
   if (child == 0) {
+    kelvodrix_receiver *receiver = nullptr;
+    const bool needs_one = at.starts_with("nats:");
+    const int32_t created = needs_one ? kelvodrix_receiver_create(at.c_str(), &receiver) : KELVODRIX_OK;
     uint32_t none = 0;
     if (kelvodrix_open(at.c_str(), nullptr, &none) == KELVODRIX_ERR_FORKED) _exit(2);
     const Sender sender(at);
     for (uint32_t i = 0; i < 40; ++i)
-      if (sender.send({i}) != KELVODRIX_OK) _exit(1);
+      if (created != KELVODRIX_OK || sender.send({i}) != KELVODRIX_OK) _exit(1);
     exit(0);
   }
   int status = -1;
   waitpid(child, &status, 0);
-  if (WEXITSTATUS(status) == 2) GTEST_SKIP() << "another test has used a server in this process";
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(status & ~W_EXITCODE(2, 0), 0);
+  return status == 0;
+}
+
+TEST_F(BusClusterStream, ExitStoresWhatSendsHaveLeft) {
+  if (!send_and_exit(at)) GTEST_SKIP() << "another test has used a server in this process";
   Receiver receiver(at);
   EXPECT_TRUE(eventually([&] { return receiver.counters().delivered == 40; }));
+}
+
+TEST_F(BusCluster, ExitPublishesWhatSendsHaveLeft) {
+  const std::string at = endpoint("nats");
+  RawClient tap("drix." + at.substr(at.rfind('/') + 1) + ".m.>");
+  if (!send_and_exit(at)) GTEST_SKIP() << "another test has used a server in this process";
+  for (size_t bytes = 0; bytes < 40 * frame(1, message(1)).size();) bytes += tap.next().bytes.size() - 8;
 }
 
 TEST_F(BusCluster, EachErrorHasItsStatus) {
