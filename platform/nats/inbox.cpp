@@ -22,6 +22,7 @@ constexpr uint64_t kMaxUnacknowledged = 64;     // frames
 constexpr size_t kMostQueuedBytes = 128 << 20;  // and as many that the loop has taken and not handled
 constexpr size_t kMessageCosts = 256;           // bytes, besides its own
 constexpr size_t kMostQueuedToAsk = 4096;
+constexpr size_t kMostDone = 64, kMostDoneBytes = 1 << 20;
 
 }  // namespace
 
@@ -60,9 +61,14 @@ int32_t ServerInbox::run(Loop &loop) {
       wait(loop);
       continue;
     }
-    latest_ = std::move(at_hand_.front());
+    if (done_bytes_ > kMostDoneBytes || done_.size() == kMostDone) {
+      done_.clear();
+      done_bytes_ = 0;
+    }
+    done_.push_back(std::move(at_hand_.front()));
     at_hand_.pop_front();
-    handle(loop, latest_);
+    done_bytes_ += bytes_of(latest().get()).size();
+    handle(loop, latest());
   }
   acknowledge();
   finish();
@@ -169,7 +175,7 @@ class DirectInbox final : public ServerInbox {
 
   void handle(Loop &loop, std::span<const uint8_t> frame) {
     const auto number = load<uint64_t>(&frame[8]);
-    if (number <= last_) return drop(loop, latest_);
+    if (number <= last_) return drop(loop, latest());
     if (number != last_ + 1) {  // frames are missing
       acknowledge();
       first_ = number;

@@ -4,6 +4,7 @@
 
 #include <deque>
 #include <mutex>
+#include <vector>
 
 #include "../kelvodrix/endpoint.h"
 #include "session.h"
@@ -45,14 +46,16 @@ class ServerInbox : public Inbox {
 
   std::shared_ptr<Session> session_;
   std::shared_ptr<Queue> queue_;
-  Message latest_;      // that is or was handled
-  int look_ms_ = 1000;  // how often there is an idle()
+  const Message &latest() const { return done_.back(); }  // that is or was handled
+  int look_ms_ = 1000;                                    // how often there is an idle()
 
  private:
   void wait(Loop &loop) const;
 
   // The loop's own.
   std::deque<Message> at_hand_;
+  std::vector<Message> done_;  // some; each that goes by itself wakes a thread of the library
+  size_t done_bytes_ = 0;
   bool complained_ = false;
 };
 
