@@ -290,6 +290,7 @@ void Subscription::drain(int64_t timeout_ms) {
 Subscription::~Subscription() {
   if (forked()) return;
   natsSubscription_Unsubscribe(sub_);
+  session_->flush(kLastFlushMs);  // the library's thread that reads may be about to give it a message
   natsSubscription_Destroy(sub_);
 }
 

@@ -35,6 +35,7 @@ constexpr size_t kFramesAtATime = 64;
 constexpr size_t kSharedBytes = 16 << 10, kEnoughUnderWay = 2;
 // With so many under way, more may wait for the next answer, and who sends for some room: nobody wakes for each frame.
 constexpr size_t kBusy = 16;
+constexpr size_t kMostSpentBytes = 1 << 20;
 constexpr size_t kHeadersCost = 200;  // bytes of a message besides the frame, at most
 
 class Writer;
@@ -48,15 +49,18 @@ Writers &writers() {
   return instance;
 }
 
+// Small ones are bytes until they are sent, and grow; large ones are copied once only.
 struct Frame {
   std::string subject, id;
   std::vector<uint8_t> bytes;
+  Message message = nullptr;  // for a round of sending
+  uint64_t round = 0;
 };
 
 struct Kept {
   std::shared_ptr<Frame> frame;  // shared with the thread while it sends
   bool first_of_table, last_of_table;
-  bool sent = false;  // perhaps more than once; it does not change any more
+  bool ready;  // perhaps sent; it does not change any more
 };
 
 // Everything that has to do with the server is done by a thread, which owns the writer as long as its channel is open.
@@ -171,17 +175,32 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     auto frame = std::make_shared<Frame>();
     frame->subject = place_.subject + subject;
     frame->id = name_ + '-' + std::to_string(messages_) + id_end;
-    frame->bytes.resize(frame_bytes);
-    write_frame(messages, frame_bytes, messages_, frame->bytes.data());
-    kept_.push_back({std::move(frame), next_begins_table_ && !messages.empty(), false});
+    const bool grows = frame_bytes < kSharedBytes;
+    std::vector<uint8_t> &bytes = grows ? frame->bytes : large_;
+    if (bytes.size() < frame_bytes) bytes.resize(frame_bytes);
+    write_frame(messages, frame_bytes, messages_, bytes.data());
+    if (!grows) prepare(*frame, std::span(large_).first(frame_bytes), window_.last() + 1);
+    if (large_.capacity() > kMostSpentBytes) std::vector<uint8_t>().swap(large_);
+    kept_.push_back({std::move(frame), next_begins_table_ && !messages.empty(), false, !grows});
     window_.add(static_cast<uint32_t>(messages.size()), frame_bytes);
     messages_ += messages.size();
+  }
+
+  // Makes the message of this round.
+  void prepare(Frame &frame, std::span<const uint8_t> bytes, uint64_t index) const {
+    const std::string reply = inbox_ + '.' + std::to_string(round_) + '.' + std::to_string(index);
+    Message message = make_message(frame, reply, bytes);
+    const std::string before = std::to_string(base_ + index - 1);
+    if (natsMsgHeader_Set(message.get(), "Nats-Expected-Last-Sequence", before.c_str()) != NATS_OK)
+      throw std::bad_alloc();
+    frame.message = std::move(message);
+    frame.round = round_;
   }
 
   // Whether the last frame, which is not sent yet, takes these messages too.
   bool joins(std::span<const DrixSendDescriptor> messages, size_t frame_bytes) {
     const size_t more = frame_bytes - kHeaderBytes;
-    if (kept_.empty() || kept_.back().sent || next_begins_table_ || more > options_.window_bytes - window_.bytes())
+    if (kept_.empty() || kept_.back().ready || next_begins_table_ || more > options_.window_bytes - window_.bytes())
       return false;
     Frame &frame = *kept_.back().frame;
     if (frame.bytes.size() + more > std::min(kSharedBytes, most_bytes_ - kHeadersCost) ||
@@ -195,11 +214,11 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
 
   void keep_mark() { keep("c", "-c" + std::to_string(window_.last()), {}, kHeaderBytes); }
 
-  static Message make_message(const Frame &frame, const std::string &reply) {
+  static Message make_message(const Frame &frame, const std::string &reply, std::span<const uint8_t> bytes) {
     natsMsg *created = nullptr;
     const natsStatus status =
         natsMsg_Create(&created, frame.subject.c_str(), reply.empty() ? nullptr : reply.c_str(),
-                       reinterpret_cast<const char *>(frame.bytes.data()), static_cast<int>(frame.bytes.size()));
+                       reinterpret_cast<const char *>(bytes.data()), static_cast<int>(bytes.size()));
     Message message(created);
     if (status != NATS_OK || natsMsgHeader_Set(created, "Nats-Msg-Id", frame.id.c_str()) != NATS_OK)
       throw std::bad_alloc();
@@ -301,7 +320,7 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
   static int32_t store_in(const Stream &stream, const Frame &frame, uint64_t &at) {
     natsMsg *answer = nullptr;
     const natsStatus status =
-        natsConnection_RequestMsg(&answer, stream.session().nc(), make_message(frame, "").get(), kCallMs);
+        natsConnection_RequestMsg(&answer, stream.session().nc(), make_message(frame, "", frame.bytes).get(), kCallMs);
     const Message owned(answer);
     const Stored stored = status == NATS_OK ? read_stored(answer) : Stored();
     at = stored.at;
@@ -318,30 +337,29 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
       const auto from = kept_.begin() + static_cast<ptrdiff_t>(published_);
       const size_t count = alone_ ? 1 : std::min(kFramesAtATime, kept_.size() - published_);
       // The last one may grow until something is stored.
-      if (count == 1 && published_ >= kEnoughUnderWay && from->frame->bytes.size() < kSharedBytes / 2) return;
-      const std::vector<Kept> frames(from, from + static_cast<ptrdiff_t>(count));
-      for (size_t i = 0; i < count; ++i) from[static_cast<ptrdiff_t>(i)].sent = true;
+      if (count == 1 && published_ >= kEnoughUnderWay && !from->ready && from->frame->bytes.size() < kSharedBytes / 2)
+        return;
       uint64_t index = window_.first() + published_;
+      std::vector<std::shared_ptr<const Frame>> frames;
+      for (auto each = from; frames.size() < count; ++each, ++index) {
+        Frame &frame = *each->frame;
+        if (frame.message == nullptr)
+          prepare(frame, frame.bytes, index);
+        else if (frame.round != round_)
+          prepare(frame, bytes_of(frame.message.get()), index);
+        each->ready = true;
+        frames.push_back(each->frame);
+      }
       if (published_ == 0) heard_ = Clock::now();
       published_ += count;
-      const uint64_t base = base_;
       lock.unlock();
       natsStatus status = NATS_OK;
-      std::vector<Message> sent;  // each that goes by itself wakes a thread of the library
-      for (const Kept &each : frames) {
-        sent.push_back(make_message(*each.frame, inbox_ + '.' + std::to_string(round_) + '.' + std::to_string(index)));
-        if (status == NATS_OK) status = publish(sent.back().get(), base + index - 1);
-        ++index;
-      }
-      sent.clear();
+      for (const auto &frame : frames)
+        if (status == NATS_OK) status = natsConnection_PublishMsg(stream_->session().nc(), frame->message.get());
+      frames.clear();
       lock.lock();
       if (status != NATS_OK) trouble_ = true;
     }
-  }
-
-  natsStatus publish(natsMsg *message, uint64_t before) const {
-    const natsStatus status = natsMsgHeader_Set(message, "Nats-Expected-Last-Sequence", std::to_string(before).c_str());
-    return status == NATS_OK ? natsConnection_PublishMsg(stream_->session().nc(), message) : status;
   }
 
   void take_answer(natsMsg *message) {
@@ -354,7 +372,12 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     const size_t last_dot = subject.rfind('.');
     const uint64_t index = number_at(last_dot), round = number_at(subject.rfind('.', last_dot - 1));
     const Stored stored = read_stored(message);
+    std::vector<std::shared_ptr<Frame>> spent;  // each that goes by itself wakes a thread of the library
     std::lock_guard lock(mutex_);
+    if (spent_bytes_ > kMostSpentBytes || spent_.size() >= kFramesAtATime) {
+      spent_.swap(spent);
+      spent_bytes_ = 0;
+    }
     if (index < window_.first() || index > window_.last()) return;
     if (stored.at == base_ + index) {
       settle_stored(index);
@@ -376,10 +399,12 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     not_before_ = doubted_ = Deadline();
     for (; !kept_.empty() && window_.first() <= last; kept_.pop_front()) {
       stored_at_ = base_ + window_.first();
+      spent_bytes_ += window_.first_bytes();
       window_.settle_first(true);
       if (kept_.front().first_of_table) table_at_ = stored_at_;
       if (kept_.front().last_of_table) purge_to_ = table_at_;
       if (published_ != 0) --published_;
+      spent_.push_back(std::move(kept_.front().frame));
     }
   }
 
@@ -502,6 +527,9 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
   std::mutex mutex_;  // guards what follows but for what is the thread's own
   std::condition_variable changed_;
   Window window_;
+  std::vector<uint8_t> large_;                 // to make a large frame in
+  std::vector<std::shared_ptr<Frame>> spent_;  // some that are stored
+  size_t spent_bytes_ = 0;
   std::deque<Kept> kept_;  // as many as in the window
   size_t published_ = 0;   // of these, in this round
   uint64_t round_ = 0;     // of sending what is not stored

@@ -219,6 +219,11 @@ class StreamTap final : public ServerTap {
     }
   }
 
+  ~StreamTap() override {
+    for (const Part &part : parts_) natsSubscription_Unsubscribe(part.consumer.get());
+    if (session_ != nullptr) session_->flush(kConnectMs);  // as for a Subscription
+  }
+
   void stop() override {
     follows_ = false;
     for (Part &part : parts_) part.left = 0;
