@@ -97,6 +97,11 @@ int32_t Stream::get_last(const std::string &subject, Message &message) const {
   return take(status, error, got, message);
 }
 
+void Stream::step_down() const {
+  const std::string subject = "$JS.API.STREAM.LEADER.STEPDOWN." + name_, answer = session_->inbox();
+  natsConnection_PublishRequest(session_->nc(), subject.c_str(), answer.c_str(), nullptr, 0);
+}
+
 int32_t Stream::take(natsStatus status, jsErrCode error, natsMsg *got, Message &message) const {
   message.reset(got);
   const bool none = status == NATS_NOT_FOUND || error == JSNoMessageFoundErr;

@@ -26,6 +26,8 @@ class Stream {
   // The message at a place, or the last one of a subject; null where there is none.
   int32_t get(uint64_t place, Message &message) const;
   int32_t get_last(const std::string &subject, Message &message) const;
+  // For a server that leads the stream and, as was seen of some, stores nothing until another one is to lead.
+  void step_down() const;
 
  private:
   int32_t add() const;

@@ -23,6 +23,7 @@ constexpr std::chrono::milliseconds kHeartbeat(1000), kSilence(3000), kLongestEl
 constexpr std::chrono::milliseconds kLookAgain(100);
 constexpr int kQuestions = 6;  // until one who receives under the name must be alive
 constexpr uint64_t kMostOwed = 64;
+constexpr uint64_t kFewSilences = 2;  // instead of an answer, until another server is to lead: not all ask at once
 
 // What the server says of a message, in its reply subject:
 // $JS.ACK.[DOMAIN.ACCOUNT.]STREAM.CONSUMER.TIMES.PLACE.NUMBER.TIME.LEFT[.MORE]
@@ -136,6 +137,10 @@ class StreamInbox final : public ServerInbox {
     const Deadline now = Clock::now();
     const bool silent = now - heard_ > kSilence, unanswered = putting_ && now - put_at_ > kSilence;
     const bool in_doubt = in_doubt_ || unanswered;
+    if (unanswered && session_->connected() && ++silences_ > kFewSilences + owner_ % kFewSilences) {
+      silences_ = 0;
+      floors_->step_down();
+    }
     look_ms_ = missing_ || silent || putting_ ? 100 : 1000;
     if (!(missing_ || silent || in_doubt) || !session_->connected() || now < next_attempt_) return KELVODRIX_OK;
     int32_t status = missing_ || silent ? consume() : KELVODRIX_OK;
@@ -208,7 +213,7 @@ class StreamInbox final : public ServerInbox {
     if (putting_ && answer_->put == puts_) {
       const uint64_t revision = answer_->revision;
       in_doubt_ = putting_ = revision == 0;
-      if (revision != 0) revision_ = revision;
+      if (revision != 0) revision_ = revision, silences_ = 0;
     }
     if (owed_ == 0 || putting_) return;
     const Message message = make_floor(answers_at_ + std::to_string(puts_ + 1));
@@ -287,6 +292,7 @@ class StreamInbox final : public ServerInbox {
   uint64_t puts_ = 0;       // of the floor
   uint64_t revision_ = 0;   // the place of the last one in the bucket
   bool putting_ = false;    // one is under way
+  uint64_t silences_ = 0;   // in a row, instead of an answer
   bool in_doubt_ = false;   // and it is not known what became of it
   Deadline put_at_{}, heard_{}, next_attempt_{};
 };

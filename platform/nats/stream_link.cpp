@@ -28,6 +28,7 @@ using std::chrono::milliseconds;
 constexpr milliseconds kSoon(1), kLook(20), kNothingToDo(3600000);
 // Without an answer for so long frames are sent again, and again at intervals.
 constexpr milliseconds kPatience(1500), kResendInterval(300);
+constexpr uint64_t kSilences = 3;  // in a row, until another server is to lead
 // What a server for so long denies to have, it has lost: some say so in an election.
 constexpr milliseconds kLostForGood(10000);
 constexpr size_t kFramesAtATime = 64;
@@ -247,7 +248,10 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
   void step(Lock &lock) {
     const Deadline now = Clock::now();
     if ((!begun_ || stream_->session().closed()) && !reach(lock)) return;
-    if (published_ != 0 && now - heard_ > kPatience) trouble_ = true;
+    if (published_ != 0 && now - heard_ > kPatience) {
+      trouble_ = true;
+      if (++silences_ % kSilences == 0) stream_->step_down();
+    }
     if (in_doubt_) look(lock);
     if (trouble_ && now >= not_before_) {  // from the first that is not stored, and that alone until it is
       trouble_ = false;
@@ -311,17 +315,18 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
   }
 
   // Says that the frames that follow are this writer's: from then on nobody else's are stored.
-  int32_t begin_in(const Stream &stream, uint64_t &at) const {
+  int32_t begin_in(const Stream &stream, uint64_t &at) {
     Frame frame = {place_.subject + 'w', name_ + "-w", std::vector<uint8_t>(kHeaderBytes)};
     write_frame({}, kHeaderBytes, 0, frame.bytes.data());
     return store_in(stream, frame, at);
   }
 
-  static int32_t store_in(const Stream &stream, const Frame &frame, uint64_t &at) {
+  int32_t store_in(const Stream &stream, const Frame &frame, uint64_t &at) {
     natsMsg *answer = nullptr;
     const natsStatus status =
         natsConnection_RequestMsg(&answer, stream.session().nc(), make_message(frame, "", frame.bytes).get(), kCallMs);
     const Message owned(answer);
+    if (status == NATS_TIMEOUT && ++silences_ % kSilences == 0) stream.step_down();
     const Stored stored = status == NATS_OK ? read_stored(answer) : Stored();
     at = stored.at;
     return at != 0 ? KELVODRIX_OK : is_full(stored.error) ? KELVODRIX_ERR_FULL : stream.status(NATS_ERR, stored.error);
@@ -396,6 +401,7 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
   void settle_stored(uint64_t last) {
     heard_ = Clock::now();
     alone_ = full_ = false;
+    silences_ = 0;
     not_before_ = doubted_ = Deadline();
     for (; !kept_.empty() && window_.first() <= last; kept_.pop_front()) {
       stored_at_ = base_ + window_.first();
@@ -530,14 +536,15 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
   std::vector<uint8_t> large_;                 // to make a large frame in
   std::vector<std::shared_ptr<Frame>> spent_;  // some that are stored
   size_t spent_bytes_ = 0;
-  std::deque<Kept> kept_;  // as many as in the window
-  size_t published_ = 0;   // of these, in this round
-  uint64_t round_ = 0;     // of sending what is not stored
-  bool alone_ = false;     // no more than one at a time: the first has to be stored
-  bool trouble_ = false;   // a round has failed
-  bool in_doubt_ = false;  // the first frame's place seems to be taken
-  bool full_ = false;      // the stream is
-  bool lost_ = false;      // another one writes
+  std::deque<Kept> kept_;               // as many as in the window
+  size_t published_ = 0;                // of these, in this round
+  std::atomic<uint64_t> silences_ = 0;  // instead of an answer
+  uint64_t round_ = 0;                  // of sending what is not stored
+  bool alone_ = false;                  // no more than one at a time: the first has to be stored
+  bool trouble_ = false;                // a round has failed
+  bool in_doubt_ = false;               // the first frame's place seems to be taken
+  bool full_ = false;                   // the stream is
+  bool lost_ = false;                   // another one writes
   bool closed_ = false;
   uint64_t base_ = 0;                   // the place of a frame is this and its number in the window
   uint64_t begin_at_ = 0;               // the place at which it has begun

@@ -82,7 +82,8 @@ user() {
 users() {
   local api=\$JS.API i name streams=
   for name in drix-routes KV_drix-routes; do
-    streams+="\"$api.STREAM.INFO.$name\", \"$api.STREAM.CREATE.$name\", \"$api.STREAM.MSG.GET.$name\", "
+    streams+="\"$api.STREAM.INFO.$name\", \"$api.STREAM.CREATE.$name\", \"$api.STREAM.MSG.GET.$name\",
+    \"$api.STREAM.LEADER.STEPDOWN.$name\", "
   done
   user sender "$streams \"$api.STREAM.PURGE.drix-routes\", \"drix-stream.routes.>\", \"\$KV.drix-routes.writer.current\""
   for ((i = 1; i <= receivers; ++i)); do

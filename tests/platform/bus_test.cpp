@@ -820,6 +820,13 @@ struct RawClient {
       publish(got.reply, "", instance);
     }
   }
+  // Whether such has come.
+  bool has(const std::string &text) {
+    char chunk[4096];
+    const ssize_t count = recv(fd, chunk, sizeof(chunk), MSG_DONTWAIT);
+    in.append(chunk, static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    return in.find(text) != in.npos;
+  }
   void send(const std::string &bytes) const {
     EXPECT_EQ(::send(fd, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
   }
@@ -1193,6 +1200,7 @@ TEST_F(BusClusterStream, LosesNothingAndHandlesNothingTwiceWhateverConnectionsSw
   Proxy proxy;
   Receiver near(at + "/near"), far(proxy.at + name + "/far");
   const Sender sender(proxy.at + name);
+  RawClient steps("$JS.API.STREAM.LEADER.STEPDOWN.>");
   uint32_t sent = 0;
   const auto send = [&](uint32_t count) {
     for (; count != 0; --count) EXPECT_EQ(sender.send({sent++}), KELVODRIX_OK);
@@ -1209,6 +1217,10 @@ TEST_F(BusClusterStream, LosesNothingAndHandlesNothingTwiceWhateverConnectionsSw
       send(more);
       EXPECT_EQ(sender.flush(), kAllDelivered);
     }
+  // Who hears nothing for long has another server lead.
+  send(1);
+  proxy.swallow(Proxy::kFromServer, [&] { return steps.has("STEPDOWN.drix-" + name.substr(1)); });
+  EXPECT_EQ(sender.flush(), kAllDelivered);
   near.stop();
   far.stop();
   EXPECT_EQ(near.numbers, range(0, sent));
