@@ -10,6 +10,7 @@
 #define KELVODRIX_FRAME_H
 
 #include <algorithm>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -25,18 +26,30 @@ inline constexpr size_t kHeaderBytes = 20;
 inline constexpr size_t kMessageOverhead = 8;
 inline constexpr size_t kAcknowledgementBytes = 8;
 
+// A loop over bytes would stay one when compiled, and take a good part of a receiver's time.
+template <typename T>
+T little_endian(T value) {
+  if constexpr (std::endian::native == std::endian::little)
+    return value;
+  else if constexpr (sizeof(T) == sizeof(uint32_t))
+    return __builtin_bswap32(value);
+  else
+    return __builtin_bswap64(value);
+}
+
 template <typename T>
 T load(const uint8_t *from) {
-  T value = 0;
-  for (size_t i = 0; i < sizeof(T); ++i) value |= T{from[i]} << (8 * i);
-  return value;
+  T value;
+  std::memcpy(&value, from, sizeof(T));
+  return little_endian(value);
 }
 
 // Returns where it ends.
 template <typename T>
 uint8_t *store(uint8_t *to, T value) {
-  for (size_t i = 0; i < sizeof(T); ++i) *to++ = static_cast<uint8_t>(value >> (8 * i));
-  return to;
+  value = little_endian(value);
+  std::memcpy(to, &value, sizeof(T));
+  return to + sizeof(T);
 }
 
 // Calls visit(id, bytes, length) for each message of a frame, which starts with a whole header. False when the frame

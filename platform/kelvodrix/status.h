@@ -26,7 +26,7 @@ class CancelState {
 
 // Returns what the body does, or the status for the exception that leaves it.
 template <typename Body>
-int32_t guarded(Body body, int cancel_state = PTHREAD_CANCEL_DISABLE) {
+int32_t guarded(const Body &body, int cancel_state = PTHREAD_CANCEL_DISABLE) {
   const CancelState state(cancel_state);
   try {
     return body();

@@ -184,9 +184,7 @@ class DirectInbox final : public ServerInbox {
     try {
       loop.deliver(frame);
     } catch (...) {
-      acknowledge();
-      last_ = number;  // the frame is neither handled again nor acknowledged
-      first_ = number + 1;
+      acknowledge();  // what was before it; the frame itself is a gap from now on
       throw;
     }
     last_ = number;
