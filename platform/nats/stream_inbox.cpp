@@ -94,7 +94,7 @@ class StreamInbox final : public ServerInbox {
     // Where servers have lost the end of the stream, something new may stand at places that are handled.
     for (Message found; newest_ != 0 && handled_ > before && handled_ <= last; --handled_) {
       if (const int32_t status = stream_->get(handled_, found); status != KELVODRIX_OK) return status;
-      if (found != nullptr && natsMsg_GetTime(found.get()) <= static_cast<int64_t>(newest_)) break;
+      if (found == nullptr || natsMsg_GetTime(found.get()) <= static_cast<int64_t>(newest_)) break;
     }
 
     const std::string subject = inbox_ + '.' + std::to_string(++times_);
@@ -261,10 +261,13 @@ class StreamInbox final : public ServerInbox {
     in_doubt_ |= putting_;
     while ((in_doubt_ || owed_ != 0) && Clock::now() - start < (session_->connected() ? kLongestElection : kSilence)) {
       int32_t status = look_at_floor();
-      if (status == KELVODRIX_OK && owed_ != 0) status = put_floor();
-      if (status == KELVODRIX_OK) owed_ = 0;
       if (status == KELVODRIX_ERR_IN_USE) return;
-      if (status != KELVODRIX_OK) std::this_thread::sleep_for(kLookAgain);
+      if (status == KELVODRIX_OK && owed_ != 0) {
+        status = put_floor();
+        in_doubt_ = status == KELVODRIX_ERR_IN_USE;  // by one of before that was under way
+        if (status == KELVODRIX_OK) owed_ = 0;
+      }
+      if (status != KELVODRIX_OK && !in_doubt_) std::this_thread::sleep_for(kLookAgain);
     }
   }
 
