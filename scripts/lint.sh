@@ -22,7 +22,7 @@ done
 require_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" clang-tidy-14
 mkdir -p build
 : >build/lint.log
-logged build/lint.log cmake --preset clang -B build/lint -DDRIX_JOIN_SOURCES=OFF
+logged build/lint.log cmake --preset clang -B build/lint -DDRIX_BUILD_NATS=ON -DDRIX_JOIN_SOURCES=OFF
 [ $# -gt 0 ] || logged build/lint.log cmake --build build/lint
 style=good
 check_format || style="not as clang-format-14 leaves it"

@@ -1,9 +1,9 @@
 // What a loaded platform module remembers of the calls that it got.
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
 
-struct LogRecord {
+typedef struct LogRecord {
   uint32_t calls;
   const void *module;
   uint32_t level;
@@ -13,11 +13,11 @@ struct LogRecord {
   const char *function;
   const char *format;
   char text[128];
-};
+} LogRecord;
 
-struct MemoryRecord {
+typedef struct MemoryRecord {
   uint32_t size;
   const void *block;
   uint32_t memory_module;
   const char *function;
-};
+} MemoryRecord;
