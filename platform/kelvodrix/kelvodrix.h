@@ -32,7 +32,8 @@
  * the order in which they were sent, each at least once by each receiver: those that one had handled and not yet
  * acknowledged when it ended come again to the next one of its name, and a frame whose subscriber ended the thread
  * does. Nothing waits for receivers, and there may be none. The table's writer is the one that has begun to send last:
- * what a former one sends is refused, with KELVODRIX_ERR_WRITER from the next send on, and stays counted.
+ * what a former one sends is refused, with KELVODRIX_ERR_WRITER from the next send on, and stays counted. Small calls that
+ * follow each other while frames are under way share a frame, which is handled to its end when the receiver is stopped.
  *
  * A process that ends with open channels, by exit() or the return of main, still gives to the operating system what its
  * sends have left, and waits for room as long as a send on the channel would. Only a flush or kelvodrix_close shows
@@ -43,8 +44,8 @@
  * holds more than KELVODRIX_MAX_FRAME_MESSAGES, which also bounds what its decoding may log. A peer that sends anything
  * malformed is disconnected; through a server, its frame is dropped, and never acknowledged but where it stands in a
  * stream. A stream takes as many bytes as its settings say, and sends return KELVODRIX_ERR_FULL then until a checkpoint
- * or something else has made room. A receiver at a server
- * queues 256 MiB, and what is sent beyond that is lost, and counted by its sender.
+ * or something else has made room. A receiver at a server queues 256 MiB, and what is sent beyond that is lost, and counted
+ * by its sender.
  *
  * All functions may be called from any thread; none but kelvodrix_run is a cancellation point. A process that opens a
  * channel gets one thread, which takes no signals; the library cannot be unloaded. Channels and receivers do not
