@@ -16,7 +16,7 @@
 //                            as Nats-Msg-Id WRITER-NUMBER
 //   drix-stream.TABLE.w      a frame of no messages: the writer WRITER, a random number in sixteen hexadecimal digits,
 //                            has begun, and those before it are writers no more
-//   drix-stream.TABLE.c      a frame of no messages: what was before the last whole table is purged, or a place that was passed
+//   drix-stream.TABLE.c      a frame of no messages: a place that receivers had passed before servers lost what was there
 //
 // All frames but the first of a writer name the place of the one before in the stream, Nats-Expected-Last-Sequence: they
 // are stored there and in this order, or not at all.
