@@ -166,10 +166,18 @@ class StreamInbox final : public ServerInbox {
     // Twice, unless the server has lost what it once had, and has given its place to something new.
     if (delivery.place <= handled_ && delivery.time <= newest_) return;
     const auto frame = bytes_of(message.get());
-    if (good_frame(loop, frame, message) && load<uint32_t>(&frame[16]) != 0) {
-      missing_ = true;  // if the subscriber ends the thread: then the frame comes again
-      loop.deliver(frame);
-      missing_ = false;
+    if (good_frame(loop, frame, message)) {
+      // Or again what was never acknowledged to its writer, after servers have lost it.
+      const std::string_view id = header_of(message.get(), "Nats-Msg-Id"), writer = id.substr(0, id.find('-'));
+      const auto count = load<uint32_t>(&frame[16]);
+      const uint64_t end = load<uint64_t>(&frame[8]) + count;
+      const bool is_handled = !writer.empty() && writer == writer_ && end <= end_;
+      if (count != 0 && !is_handled) {
+        missing_ = true;  // if the subscriber ends the thread: then the frame comes again
+        loop.deliver(frame);
+        missing_ = false;
+      }
+      if (!is_handled) writer_ = writer, end_ = end;
     }
     handled_ = delivery.place;
     newest_ = std::max(newest_, delivery.time);
@@ -289,6 +297,8 @@ class StreamInbox final : public ServerInbox {
   uint64_t received_ = 0;   // from this one
   uint64_t handled_ = 0;    // the place of the last frame
   uint64_t newest_ = 0;     // when it was stored
+  std::string writer_;      // who has sent that
+  uint64_t end_ = 0;        // how many messages of its are handled
   bool missing_ = false;    // frames were lost on the way
   uint64_t owed_ = 0;       // frames handled and not put into the floor
   std::string answers_at_;  // what the subjects of answers start with
