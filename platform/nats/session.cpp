@@ -249,12 +249,23 @@ int32_t Session::connect(const std::string &servers, Use use, int64_t timeout_ms
 Session::~Session() {
   if (nc_ == nullptr || forked()) return;
   flush(kLastFlushMs);
+  natsConnection_Close(nc_);
+  for (natsSubscription *const each : buried_) natsSubscription_Destroy(each);
   natsConnection_Destroy(nc_);
   --connections;
 }
 
 void Session::flush(int64_t timeout_ms) const {
   if (connected()) natsConnection_FlushTimeout(nc_, timeout_ms);
+}
+
+void Session::bury(natsSubscription *subscription) {
+  natsSubscription_Unsubscribe(subscription);
+  const std::lock_guard lock(mutex_);
+  buried_.push_back(subscription);
+  if (!connected() || natsConnection_FlushTimeout(nc_, kLastFlushMs) != NATS_OK) return;
+  for (natsSubscription *const each : buried_) natsSubscription_Destroy(each);
+  buried_.clear();
 }
 
 std::string Session::inbox() const {
@@ -289,9 +300,7 @@ void Subscription::drain(int64_t timeout_ms) {
 
 Subscription::~Subscription() {
   if (forked()) return;
-  natsSubscription_Unsubscribe(sub_);
-  session_->flush(kLastFlushMs);  // the library's thread that reads may be about to give it a message
-  natsSubscription_Destroy(sub_);
+  session_->bury(sub_);
 }
 
 }  // namespace kelvodrix

@@ -31,9 +31,11 @@
 #include <nats/nats.h>
 
 #include <functional>
+#include <mutex>
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "../kelvodrix/transport.h"
 
@@ -99,6 +101,9 @@ class Session {
   bool closed() const { return natsConnection_IsClosed(nc_); }
   bool connected() const { return natsConnection_Status(nc_) == NATS_CONN_STATUS_CONNECTED; }
   void flush(int64_t timeout_ms) const;
+  // Unsubscribes, and destroys the subscription when the library's thread that reads can not be about to give it a message,
+  // as that one does not hold on to it: when it has read an answer since, or is no more.
+  void bury(natsSubscription *subscription);
   // KELVODRIX_OK when there is nothing wrong with the connection.
   int32_t status() const;
   void forget_denials() const { *denied_ = false; }
@@ -108,6 +113,8 @@ class Session {
 
   natsConnection *nc_ = nullptr;
   Settings settings_;
+  std::mutex mutex_;  // guards what follows
+  std::vector<natsSubscription *> buried_;
   const std::shared_ptr<std::atomic<bool>> denied_ = std::make_shared<std::atomic<bool>>(false);
 };
 

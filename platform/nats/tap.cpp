@@ -220,8 +220,7 @@ class StreamTap final : public ServerTap {
   }
 
   ~StreamTap() override {
-    for (const Part &part : parts_) natsSubscription_Unsubscribe(part.consumer.get());
-    if (session_ != nullptr) session_->flush(kConnectMs);  // as for a Subscription
+    for (Part &part : parts_) session_->bury(part.consumer.release());
   }
 
   void stop() override {
