@@ -118,8 +118,8 @@ int receive(const std::string &at) {
   expect(created == KELVODRIX_OK, kelvodrix_strerror(created));
   if (created != KELVODRIX_OK) return 1;
   kelvodrix_subscribe(receiver, kId, handle, nullptr);
-  account->receives = true;
   signal(SIGTERM, [](int) { kelvodrix_stop(receiver); });
+  account->receives = true;
   const int32_t ran = kelvodrix_run(receiver);
   expect(ran == KELVODRIX_OK, kelvodrix_strerror(ran));
   return ran != KELVODRIX_OK || kelvodrix_receiver_destroy(receiver) != KELVODRIX_OK;
@@ -294,6 +294,7 @@ void run(const Round &round, const std::string &at, NatsServers &servers, Totals
   }
   if (round.receiver_dies()) {
     end(to, SIGKILL, "a receiver failed");
+    account->receives = false;
     is_second = true;
     to = start(receiving);
     is_second = false;
@@ -319,6 +320,7 @@ void run(const Round &round, const std::string &at, NatsServers &servers, Totals
       std::max(totals.longest, std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
   account->done = true;
   end(from, 0, "a sender failed");
+  while (!account->receives && account->wrong == 0) usleep(1000);  // the first one may have handled all before it died
   end(to, SIGTERM, "a receiver failed");
   settle(round, totals);
 }
