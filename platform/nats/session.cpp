@@ -250,7 +250,7 @@ Session::~Session() {
   if (nc_ == nullptr || forked()) return;
   flush(kLastFlushMs);
   natsConnection_Close(nc_);
-  for (natsSubscription *const each : buried_) natsSubscription_Destroy(each);
+  buried_.clear();
   natsConnection_Destroy(nc_);
   --connections;
 }
@@ -262,10 +262,8 @@ void Session::flush(int64_t timeout_ms) const {
 void Session::bury(natsSubscription *subscription) {
   natsSubscription_Unsubscribe(subscription);
   const std::lock_guard lock(mutex_);
-  buried_.push_back(subscription);
-  if (!connected() || natsConnection_FlushTimeout(nc_, kLastFlushMs) != NATS_OK) return;
-  for (natsSubscription *const each : buried_) natsSubscription_Destroy(each);
-  buried_.clear();
+  buried_.emplace_back(subscription);
+  if (connected() && natsConnection_FlushTimeout(nc_, kLastFlushMs) == NATS_OK) buried_.clear();
 }
 
 std::string Session::inbox() const {

@@ -89,6 +89,19 @@ uint64_t random_number();
 // are served by one thread, so that frames keep their order. Once made, it connects again by itself.
 enum class Use : uint8_t { joining, sending, receiving, tapping };
 
+struct Destroy {
+  void operator()(natsMsg *message) const { natsMsg_Destroy(message); }
+  void operator()(natsOptions *options) const { natsOptions_Destroy(options); }
+  void operator()(jsCtx *context) const { jsCtx_Destroy(context); }
+  void operator()(jsStreamInfo *info) const { jsStreamInfo_Destroy(info); }
+  void operator()(jsConsumerInfo *info) const { jsConsumerInfo_Destroy(info); }
+  void operator()(natsSubscription *subscription) const { natsSubscription_Destroy(subscription); }
+  void operator()(jsMsgMetaData *data) const { jsMsgMetaData_Destroy(data); }
+};
+template <typename Of>
+using Owned = std::unique_ptr<Of, Destroy>;
+using Message = Owned<natsMsg>;
+
 class Session {
  public:
   // Connects within so many milliseconds, unless there is a connection.
@@ -114,22 +127,9 @@ class Session {
   natsConnection *nc_ = nullptr;
   Settings settings_;
   std::mutex mutex_;  // guards what follows
-  std::vector<natsSubscription *> buried_;
+  std::vector<Owned<natsSubscription>> buried_;
   const std::shared_ptr<std::atomic<bool>> denied_ = std::make_shared<std::atomic<bool>>(false);
 };
-
-struct Destroy {
-  void operator()(natsMsg *message) const { natsMsg_Destroy(message); }
-  void operator()(natsOptions *options) const { natsOptions_Destroy(options); }
-  void operator()(jsCtx *context) const { jsCtx_Destroy(context); }
-  void operator()(jsStreamInfo *info) const { jsStreamInfo_Destroy(info); }
-  void operator()(jsConsumerInfo *info) const { jsConsumerInfo_Destroy(info); }
-  void operator()(natsSubscription *subscription) const { natsSubscription_Destroy(subscription); }
-  void operator()(jsMsgMetaData *data) const { jsMsgMetaData_Destroy(data); }
-};
-template <typename Of>
-using Owned = std::unique_ptr<Of, Destroy>;
-using Message = Owned<natsMsg>;
 
 inline std::span<const uint8_t> bytes_of(const natsMsg *message) {
   return {reinterpret_cast<const uint8_t *>(natsMsg_GetData(message)),

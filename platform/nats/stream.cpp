@@ -97,6 +97,14 @@ int32_t Stream::get_last(const std::string &subject, Message &message) const {
   return take(status, error, got, message);
 }
 
+natsStatus Stream::store(natsMsg *message, Stored &stored) const {
+  natsMsg *answer = nullptr;
+  const natsStatus status = natsConnection_RequestMsg(&answer, session_->nc(), message, kCallMs);
+  const Message owned(answer);
+  stored = status == NATS_OK ? read_stored(answer) : Stored();
+  return status;
+}
+
 void Stream::step_down() const {
   const std::string subject = "$JS.API.STREAM.LEADER.STEPDOWN." + name_, answer = session_->inbox();
   natsConnection_PublishRequest(session_->nc(), subject.c_str(), answer.c_str(), nullptr, 0);

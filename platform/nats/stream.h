@@ -8,6 +8,13 @@ namespace kelvodrix {
 
 inline constexpr int64_t kCallMs = 2000;  // how long a call for a stream may take
 
+// What a stream says of a message that was sent to it.
+struct Stored {
+  uint64_t at = 0;  // its place; 0: it was not stored
+  jsErrCode error{};
+};
+Stored read_stored(natsMsg *answer);
+
 class Stream {
  public:
   Stream(std::shared_ptr<Session> session, const std::string &name) : session_(std::move(session)), name_(name) {}
@@ -26,6 +33,8 @@ class Stream {
   // The message at a place, or the last one of a subject; null where there is none.
   int32_t get(uint64_t place, Message &message) const;
   int32_t get_last(const std::string &subject, Message &message) const;
+  // Sends a message to it, and waits until it is stored or refused.
+  natsStatus store(natsMsg *message, Stored &stored) const;
   // For a server that leads the stream and, as was seen of some, stores nothing until another one is to lead.
   void step_down() const;
 
@@ -37,13 +46,6 @@ class Stream {
   const std::string name_;
   Owned<jsCtx> js_;
 };
-
-// What a stream says of a message that was sent to it.
-struct Stored {
-  uint64_t at = 0;  // its place; 0: it was not stored
-  jsErrCode error{};
-};
-Stored read_stored(natsMsg *answer);
 
 // How far a receiver has come.
 struct Floor {

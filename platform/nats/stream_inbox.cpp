@@ -241,10 +241,8 @@ class StreamInbox final : public ServerInbox {
   }
 
   int32_t put_floor() {
-    natsMsg *answer = nullptr;
-    const natsStatus sent = natsConnection_RequestMsg(&answer, session_->nc(), make_floor("").get(), kCallMs);
-    const Message owned(answer);
-    const Stored stored = sent == NATS_OK ? read_stored(answer) : Stored();
+    Stored stored;
+    floors_->store(make_floor("").get(), stored);
     if (stored.at == 0)
       return stored.error == JSStreamWrongLastSequenceErr ? KELVODRIX_ERR_IN_USE
                                                           : floors_->status(NATS_ERR, stored.error);

@@ -322,12 +322,9 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
   }
 
   int32_t store_in(const Stream &stream, const Frame &frame, uint64_t &at) {
-    natsMsg *answer = nullptr;
-    const natsStatus status =
-        natsConnection_RequestMsg(&answer, stream.session().nc(), make_message(frame, "", frame.bytes).get(), kCallMs);
-    const Message owned(answer);
+    Stored stored;
+    const natsStatus status = stream.store(make_message(frame, "", frame.bytes).get(), stored);
     if (status == NATS_TIMEOUT && ++silences_ % kSilences == 0) stream.step_down();
-    const Stored stored = status == NATS_OK ? read_stored(answer) : Stored();
     at = stored.at;
     return at != 0 ? KELVODRIX_OK : is_full(stored.error) ? KELVODRIX_ERR_FULL : stream.status(NATS_ERR, stored.error);
   }
@@ -368,12 +365,12 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
   }
 
   void take_answer(natsMsg *message) {
-    const auto number_at = [subject = std::string_view(natsMsg_GetSubject(message))](size_t dot) {
+    const std::string_view subject = natsMsg_GetSubject(message);
+    const auto number_at = [&](size_t dot) {
       uint64_t number = 0;
       std::from_chars(subject.data() + dot + 1, subject.data() + subject.size(), number);
       return number;
     };
-    const std::string_view subject = natsMsg_GetSubject(message);
     const size_t last_dot = subject.rfind('.');
     const uint64_t index = number_at(last_dot), round = number_at(subject.rfind('.', last_dot - 1));
     const Stored stored = read_stored(message);
