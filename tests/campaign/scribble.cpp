@@ -44,24 +44,23 @@ class Island {
   uint8_t *start_;
 };
 
-// Puts numbers where a decoder is told where to read, and soon after what stood there before.
+// Puts numbers where a decoder is told where to read, and soon after what stood there before. Every other number stands
+// for as long as it takes to draw the next, so that a thread that is stopped anywhere leaves good and bad images behind.
 class Scribbler {
  public:
   Scribbler(const reference::Type &type, const Bytes &good, uint8_t *buffer)
-      : thread_([this, &good, buffer, positions = find_positions(type, good)] {
-          records::Random random(good.size());
-          records::RandomContent content(random, {.zeros = 10});
+      : positions_(find_positions(type, good)),
+        random_(good.size()),
+        content_(random_, {.zeros = 10}),
+        thread_([this, &good, buffer] {
           while (!stopped_.load(std::memory_order_relaxed)) {
-            const uint32_t width = random.below(3) == 0 ? 4 : 2;
-            const auto &of_width = width == 4 ? positions.words : positions.entries;
-            const uint32_t at = of_width[random.below(static_cast<uint32_t>(of_width.size()))];
-            uint8_t number[4];
-            records::store_number(number, width, content.number(width));
-            for (const uint8_t *from : {static_cast<const uint8_t *>(number), good.data() + at}) {
-              for (uint32_t i = 0; i < width; ++i) {
-                std::atomic_ref(buffer[at + i]).store(from[i], std::memory_order_relaxed);
-              }
-            }
+            const Number first = draw();
+            first.write(buffer);
+            const Number second = draw();
+            first.restore(buffer, good);
+            second.write(buffer);
+            second.restore(buffer, good);
+            begun_.store(true, std::memory_order_relaxed);
           }
         }) {}
   ~Scribbler() {
@@ -69,8 +68,34 @@ class Scribbler {
     thread_.join();
   }
 
+  bool has_begun() const { return begun_.load(std::memory_order_relaxed); }
+
  private:
+  struct Number {
+    uint32_t at;
+    uint32_t width;
+    uint8_t bytes[4];
+
+    void write(uint8_t *buffer) const { store(buffer + at, bytes); }
+    void restore(uint8_t *buffer, const Bytes &good) const { store(buffer + at, good.data() + at); }
+    void store(uint8_t *to, const uint8_t *from) const {
+      for (uint32_t i = 0; i < width; ++i) std::atomic_ref(to[i]).store(from[i], std::memory_order_relaxed);
+    }
+  };
+
+  Number draw() {
+    Number number{.at = 0, .width = random_.below(3) == 0 ? 4U : 2U, .bytes = {}};
+    const auto &of_width = number.width == 4 ? positions_.words : positions_.entries;
+    number.at = of_width[random_.below(static_cast<uint32_t>(of_width.size()))];
+    records::store_number(number.bytes, number.width, content_.number(number.width));
+    return number;
+  }
+
+  const Positions positions_;
+  records::Random random_;
+  records::RandomContent content_;
   std::atomic<bool> stopped_ = false;
+  std::atomic<bool> begun_ = false;
   std::thread thread_;
 };
 
@@ -93,8 +118,11 @@ int main(int argc, char **argv) {
       uint8_t *const buffer = island.place(image);
       Bytes record(type->record_size);
       const Scribbler scribbler(*type, image, buffer);
+      // A busy machine may let the other thread run much later.
+      bool seen_changed = false;
       for (const auto start = std::chrono::steady_clock::now();
-           std::chrono::steady_clock::now() < start + kTimeForAnImage;) {
+           !seen_changed || std::chrono::steady_clock::now() < start + kTimeForAnImage;) {
+        seen_changed = scribbler.has_begun();
         for (int turn = 0; turn < 32; ++turn, ++decodes) {
           fake_platform::reset();
           subject.library.unpack(buffer, length, record.data());
