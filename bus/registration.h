@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 #include "drix_bus.h"
 
@@ -15,7 +16,7 @@ struct Registration {
 };
 
 // Registers types in order until the bus refuses one; returns the bus's last result.
-int32_t register_messages(const Registration *messages, std::size_t count);
+int32_t register_messages(std::span<const Registration> messages);
 
 template <std::size_t N>
 constexpr bool ids_are_unique(const uint32_t (&ids)[N]) {

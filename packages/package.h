@@ -7,8 +7,6 @@
 // file to assert.
 #pragma once
 
-#include <iterator>
-
 #include "bus/registration.h"
 #include "bus/send.h"
 #include "drix_message.h"
@@ -84,7 +82,7 @@ constexpr bool is_well_formed() {
   LIST(DRIX_MESSAGE_OPERATIONS)                                                                               \
   int32_t prefix##_recv_init(void) {                                                                          \
     static const drix::Registration messages[] = { LIST(DRIX_MESSAGE_REGISTRATION) };                         \
-    return drix::register_messages(messages, std::size(messages));                                            \
+    return drix::register_messages(messages);                                                                 \
   }                                                                                                           \
   int32_t prefix##_send_init(void) { return DRIX_RegIDLResorceCleanFuncHook(prefix##__send_resource_clean); } \
   void prefix##__send_resource_clean(void) {}                                                                 \

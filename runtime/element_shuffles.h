@@ -10,7 +10,7 @@
 #if defined(__x86_64__) || defined(__i386__)
 #define DRIX_HAS_SHUFFLES
 
-#include <immintrin.h>
+#include <tmmintrin.h>
 
 #include <cstring>
 
