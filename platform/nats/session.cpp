@@ -275,6 +275,20 @@ int32_t Session::status() const {
   return *denied_ ? KELVODRIX_ERR_CREDENTIALS : KELVODRIX_OK;
 }
 
+Message make_message(const std::string &subject, const std::string &reply, std::span<const uint8_t> bytes,
+                     const char *header, const std::string &value) {
+  natsMsg *made = nullptr;
+  require(natsMsg_Create(&made, subject.c_str(), reply.empty() ? nullptr : reply.c_str(),
+                         reinterpret_cast<const char *>(bytes.data()), static_cast<int>(bytes.size())));
+  Message message(made);
+  set_header(made, header, value);
+  return message;
+}
+
+void set_header(natsMsg *message, const char *name, const std::string &value) {
+  require(natsMsgHeader_Set(message, name, value.c_str()));
+}
+
 Subscription::Subscription(std::shared_ptr<Session> session, const std::string &subject, Take take)
     : session_(std::move(session)) {
   auto owned = std::make_unique<Take>(std::move(take));

@@ -135,6 +135,10 @@ inline std::span<const uint8_t> bytes_of(const natsMsg *message) {
   return {reinterpret_cast<const uint8_t *>(natsMsg_GetData(message)),
           static_cast<size_t>(natsMsg_GetDataLength(message))};
 }
+// With one header; more are set later.
+Message make_message(const std::string &subject, const std::string &reply, std::span<const uint8_t> bytes,
+                     const char *header, const std::string &value);
+void set_header(natsMsg *message, const char *name, const std::string &value);
 // Empty without such a header.
 inline std::string_view header_of(natsMsg *message, const char *name) {
   const char *value = nullptr;

@@ -207,14 +207,9 @@ class StreamInbox final : public ServerInbox {
   // who receives under the same name can take it back.
 
   Message make_floor(const std::string &reply) const {
-    const std::string text = write_floor({handled_, created_, owner_}), before = std::to_string(revision_);
-    natsMsg *made = nullptr;
-    const natsStatus status = natsMsg_Create(&made, place_.floor.c_str(), reply.empty() ? nullptr : reply.c_str(),
-                                             text.data(), static_cast<int>(text.size()));
-    Message message(made);
-    if (status != NATS_OK || natsMsgHeader_Set(made, "Nats-Expected-Last-Subject-Sequence", before.c_str()) != NATS_OK)
-      throw std::bad_alloc();
-    return message;
+    const std::string text = write_floor({handled_, created_, owner_});
+    const std::span bytes(reinterpret_cast<const uint8_t *>(text.data()), text.size());
+    return make_message(place_.floor, reply, bytes, "Nats-Expected-Last-Subject-Sequence", std::to_string(revision_));
   }
 
   void acknowledge() override {

@@ -190,10 +190,8 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
   // Makes the message of this round.
   void prepare(Frame &frame, std::span<const uint8_t> bytes, uint64_t index) const {
     const std::string reply = inbox_ + '.' + std::to_string(round_) + '.' + std::to_string(index);
-    Message message = make_message(frame, reply, bytes);
-    const std::string before = std::to_string(base_ + index - 1);
-    if (natsMsgHeader_Set(message.get(), "Nats-Expected-Last-Sequence", before.c_str()) != NATS_OK)
-      throw std::bad_alloc();
+    Message message = make_message(frame.subject, reply, bytes, "Nats-Msg-Id", frame.id);
+    set_header(message.get(), "Nats-Expected-Last-Sequence", std::to_string(base_ + index - 1));
     frame.message = std::move(message);
     frame.round = round_;
   }
@@ -214,17 +212,6 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
   }
 
   void keep_mark() { keep("c", "-c" + std::to_string(window_.last()), {}, kHeaderBytes); }
-
-  static Message make_message(const Frame &frame, const std::string &reply, std::span<const uint8_t> bytes) {
-    natsMsg *created = nullptr;
-    const natsStatus status =
-        natsMsg_Create(&created, frame.subject.c_str(), reply.empty() ? nullptr : reply.c_str(),
-                       reinterpret_cast<const char *>(bytes.data()), static_cast<int>(bytes.size()));
-    Message message(created);
-    if (status != NATS_OK || natsMsgHeader_Set(created, "Nats-Msg-Id", frame.id.c_str()) != NATS_OK)
-      throw std::bad_alloc();
-    return message;
-  }
 
   // The thread.
   void work() {
@@ -323,7 +310,8 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
 
   int32_t store_in(const Stream &stream, const Frame &frame, uint64_t &at) {
     Stored stored;
-    const natsStatus status = stream.store(make_message(frame, "", frame.bytes).get(), stored);
+    const Message message = make_message(frame.subject, "", frame.bytes, "Nats-Msg-Id", frame.id);
+    const natsStatus status = stream.store(message.get(), stored);
     if (status == NATS_TIMEOUT && ++silences_ % kSilences == 0) stream.step_down();
     at = stored.at;
     return at != 0 ? KELVODRIX_OK : is_full(stored.error) ? KELVODRIX_ERR_FULL : stream.status(NATS_ERR, stored.error);
