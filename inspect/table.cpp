@@ -56,9 +56,9 @@ void append_record(std::string &to, const Type &type, const uint8_t *record) {
 }
 
 // Puts back what was appended.
-class Reader {
+class Restorer {
  public:
-  Reader(std::string_view image, Record &owner) : rest_(image), owner_(owner) {}
+  Restorer(std::string_view image, Record &owner) : rest_(image), owner_(owner) {}
 
   void read_record(const Type &type, uint8_t *record) {
     if (!owns(type)) return take(record, type.record_size);
@@ -223,7 +223,7 @@ void make_image(const Telling &telling, const uint8_t *record, const uint8_t *ca
 
 Record message_of(const Telling &telling, std::string_view image) {
   Record record(*telling.message);
-  Reader reader(image, record);
+  Restorer reader(image, record);
   uint8_t *carried = record.data();
   if (!telling.members.empty()) {
     const SlotInfo &slot = telling.message->slots[telling.members[0]];

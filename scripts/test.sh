@@ -99,7 +99,7 @@ for preset in "${presets[@]}"; do
   : >"$log"
   started=$SECONDS
   logged "$log" cmake --preset "$preset" "${options[@]}"
-  logged "$log" nice cmake --build "${build[@]}"
+  logged "$log" nice cmake --build "${build[@]}" --parallel "$(nproc)"
   echo "   built in $((SECONDS - started)) s"
   finish_tests
   testing=$preset

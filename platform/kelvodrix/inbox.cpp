@@ -130,7 +130,7 @@ class SocketInbox final : public Inbox {
     uint8_t bytes[kAcknowledgementBytes];
     store(bytes, to.handled);
     while (owes(to)) {
-      const ssize_t count = send(to.fd.get(), bytes, sizeof(bytes), MSG_DONTWAIT | MSG_NOSIGNAL);
+      const ssize_t count = ::send(to.fd.get(), bytes, sizeof(bytes), MSG_DONTWAIT | MSG_NOSIGNAL);
       if (count < 0 && errno == EAGAIN) return;
       if (count >= 0 || errno != EINTR) to.acknowledged = to.handled;
     }

@@ -20,7 +20,7 @@ constexpr size_t kBytesToGather = 16 << 10;
 // written.
 constexpr size_t kMostUnwritten = 256 << 10;
 // A link that has written everything keeps no more memory.
-constexpr size_t kMostKept = 1 << 20;
+constexpr size_t kMostKeptOut = 1 << 20;
 constexpr milliseconds kLookInterval(1), kRetryInterval(20);
 constexpr milliseconds kLongestWait(50);  // then a send looks whether its channel has been closed
 
@@ -131,7 +131,7 @@ int32_t SocketLink::write_out() {
       return KELVODRIX_ERR_NO_RECEIVER;
     }
   }
-  if (out_.capacity() > kMostKept) drop_out();
+  if (out_.capacity() > kMostKeptOut) drop_out();
   return KELVODRIX_OK;
 }
 

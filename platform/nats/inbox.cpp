@@ -20,7 +20,6 @@ constexpr int64_t kAnyoneThereMs = 250;
 constexpr int kQuestionsIfDirect = 2;
 constexpr uint64_t kMaxUnacknowledged = 64;     // frames
 constexpr size_t kMostQueuedBytes = 128 << 20;  // and as many that the loop has taken and not handled
-constexpr size_t kMessageCosts = 256;           // bytes, besides its own
 constexpr size_t kMostQueuedToAsk = 4096;
 constexpr size_t kMostDone = 64, kMostDoneBytes = 1 << 20;
 

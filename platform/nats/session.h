@@ -43,6 +43,7 @@ namespace kelvodrix {
 
 inline constexpr size_t kInstanceBytes = 8, kHelloBytes = 16, kReceiptBytes = 24;
 inline constexpr int64_t kConnectMs = 2000;
+inline constexpr size_t kMessageCosts = 256;  // bytes of memory, besides its own
 
 // Where an endpoint is.
 struct Place {

@@ -16,10 +16,9 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr size_t kMostQueuedBytes = 64 << 20;
-constexpr size_t kMessageCosts = 256;  // bytes, besides its own
-constexpr size_t kMostSubjects = 64;   // to subscribe to, for fewer frames
-constexpr size_t kMostConsumers = 8;   // of a stream, likewise
+constexpr size_t kMostWaitingBytes = 64 << 20;
+constexpr size_t kMostSubjects = 64;  // to subscribe to, for fewer frames
+constexpr size_t kMostConsumers = 8;  // of a stream, likewise
 constexpr milliseconds kMoment(1);
 constexpr uint64_t kTenth = 100'000'000;  // ns; libnats leaves out zeros behind the point of a time in seconds
 
@@ -114,7 +113,7 @@ struct Arrivals {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     const size_t cost = kMessageCosts + bytes_of(message.get()).size();
     std::lock_guard lock(mutex);
-    if (bytes + cost > kMostQueuedBytes) {
+    if (bytes + cost > kMostWaitingBytes) {
       ++lost;
       return;
     }
