@@ -8,6 +8,8 @@
 // drix_bench_cluster stall ENDPOINT SECONDS                 the longest send in seconds, each waiting until the one before
 //                                                           is stored or handled; prints "sending" first
 #include <nats/nats.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -293,6 +295,7 @@ void start_receivers(const std::string &endpoint, uint32_t batch, uint32_t recei
   if (pipe(ready) != 0) throw std::runtime_error("pipe");
   for (uint32_t i = 0; i < receivers; ++i) {
     if (fork() != 0) continue;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // or one would wait for a sender that has failed
     try {
       make_exchange(endpoint, batch)->receive(i, records, [] { [[maybe_unused]] auto n = write(ready[1], "", 1); });
       _exit(0);
