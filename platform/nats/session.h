@@ -136,6 +136,9 @@ inline std::span<const uint8_t> bytes_of(const natsMsg *message) {
   return {reinterpret_cast<const uint8_t *>(natsMsg_GetData(message)),
           static_cast<size_t>(natsMsg_GetDataLength(message))};
 }
+inline std::string_view text_of(const natsMsg *message) {
+  return {natsMsg_GetData(message), static_cast<size_t>(natsMsg_GetDataLength(message))};
+}
 // With one header; more are set later.
 Message make_message(const std::string &subject, const std::string &reply, std::span<const uint8_t> bytes,
                      const char *header, const std::string &value);

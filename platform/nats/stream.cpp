@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <sstream>
 
 namespace kelvodrix {
 
@@ -12,10 +11,6 @@ constexpr int64_t kReplicasInACluster = 3;
 // How long the server knows the IDs of messages, in ns: for frames that are sent again soon. Later it is asked what it has.
 constexpr int64_t kRemembered = 10'000'000'000;
 constexpr int64_t kFloorsBytes = 8 << 20;
-
-std::string_view text_of(const natsMsg *message) {
-  return {natsMsg_GetData(message), static_cast<size_t>(natsMsg_GetDataLength(message))};
-}
 
 }  // namespace
 
@@ -128,16 +123,6 @@ Stored read_stored(natsMsg *answer) {
   if (natsMsg_IsNoResponders(answer)) return {};
   if (text.find("\"error\"") == text.npos) return {number_after("\"seq\":"), {}};
   return {0, static_cast<jsErrCode>(number_after("\"err_code\":"))};
-}
-
-std::string write_floor(const Floor &floor) {
-  return std::to_string(floor.place) + ' ' + std::to_string(floor.created) + ' ' + std::to_string(floor.owner);
-}
-
-Floor read_floor(const natsMsg *message) {
-  std::istringstream text{std::string(text_of(message))};
-  Floor floor;
-  return text >> floor.place >> floor.created >> floor.owner ? floor : Floor();
 }
 
 }  // namespace kelvodrix

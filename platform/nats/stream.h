@@ -47,15 +47,6 @@ class Stream {
   Owned<jsCtx> js_;
 };
 
-// How far a receiver has come.
-struct Floor {
-  uint64_t place = 0;   // of the last frame that is handled
-  int64_t created = 0;  // the stream that the place is in
-  uint64_t owner = 0;   // the process that receives; 0: there is none that is to be waited for
-};
-std::string write_floor(const Floor &floor);
-Floor read_floor(const natsMsg *message);
-
 }  // namespace kelvodrix
 
 #endif

@@ -10,8 +10,8 @@
 
 #include "../kelvodrix/frame.h"
 #include "../kelvodrix/process.h"
+#include "floors.h"
 #include "inbox.h"
-#include "stream.h"
 
 namespace kelvodrix {
 

@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <deque>
 #include <list>
-#include <map>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -16,7 +15,7 @@
 #include "../kelvodrix/process.h"
 #include "../kelvodrix/status.h"
 #include "../kelvodrix/window.h"
-#include "stream.h"
+#include "floors.h"
 
 namespace kelvodrix {
 
@@ -265,19 +264,21 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     if (status == KELVODRIX_OK) {
       session->forget_denials();  // of other endpoints
       stream = std::make_shared<Stream>(session, place_.stream);
-      floors_ = std::make_unique<Stream>(session, std::string(kFloors) + place_.stream);
       status = stream->open();
     }
-    if (status == KELVODRIX_OK) status = floors_->open();
+    if (status == KELVODRIX_OK) status = floors_.open(session, place_.stream);
     uint64_t begin = 0, passed = 0;
     if (status == KELVODRIX_OK && !begun_) {
       status = begin_in(*stream, begin);
       // Who has the bucket's place of this knows all receivers that were there before.
       const std::vector<uint8_t> name(name_.begin(), name_.end());
-      if (status == KELVODRIX_OK) status = store_in(*floors_, {place_.floor, name_ + "-f", name}, floors_last_);
+      uint64_t known = 0;
+      if (status == KELVODRIX_OK) status = store_in(floors_.bucket(), {place_.floor, name_ + "-f", name}, known);
+      floors_.expect(known);
       Owned<jsStreamInfo> table;
-      if (status == KELVODRIX_OK) status = find_floors(*stream, table);
-      for (const auto &[receiver, floor] : handled_by_) passed = std::max(passed, floor);
+      if (status == KELVODRIX_OK) status = stream->info(table);
+      if (status == KELVODRIX_OK) status = floors_.look(table->Created);
+      passed = floors_.highest();
     }
     if (status == KELVODRIX_OK) {
       inbox_ = session->inbox();
@@ -471,37 +472,13 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     changed_.notify_all();
   }
 
-  // A server that leads since a moment ago may not have all yet that it will have: what it lacks says nothing.
-  int32_t find_floors(const Stream &stream, Owned<jsStreamInfo> &table) {
-    Owned<jsStreamInfo> all;
-    int32_t status = stream.info(table);
-    if (status == KELVODRIX_OK) status = floors_->info(all, Stream::kSubjects);
-    if (status != KELVODRIX_OK) return status;
-    if (all->State.LastSeq < floors_last_) return KELVODRIX_ERR_SERVER;
-    floors_last_ = all->State.LastSeq;
-    const jsStreamStateSubjects *const keys = all->State.Subjects;
-    Message found;
-    for (int i = 0; keys != nullptr && i < keys->Count && status == KELVODRIX_OK; ++i) {
-      const std::string key = keys->List[i].Subject;
-      status = floors_->get_last(key, found);
-      if (found == nullptr) continue;
-      const Floor floor = read_floor(found.get());
-      if (floor.owner == 0)
-        handled_by_.erase(key);
-      else
-        handled_by_[key] = floor.created == table->Created ? floor.place : 0;
-    }
-    return status;
-  }
-
   bool find_handled(const Stream &stream, uint64_t last, uint64_t &handled) {
     Owned<jsStreamInfo> table;
-    if (find_floors(stream, table) != KELVODRIX_OK || table->State.LastSeq < last) return false;
-    uint64_t floor = last;
-    for (const auto &[receiver, place] : handled_by_) floor = std::min(floor, place);
+    if (stream.info(table) != KELVODRIX_OK || floors_.look(table->Created) != KELVODRIX_OK) return false;
+    if (table->State.LastSeq < last) return false;
     // The frames tell how many messages there were before them. What was purged nobody has to handle.
     Message frame;
-    for (uint64_t at = std::max({floor + 1, begin_at_ + 1, table->State.FirstSeq}); at <= last; ++at) {
+    for (uint64_t at = std::max({floors_.lowest(last) + 1, begin_at_ + 1, table->State.FirstSeq}); at <= last; ++at) {
       if (stream.get(at, frame) != KELVODRIX_OK || frame == nullptr) return false;
       const std::string_view id = header_of(frame.get(), "Nats-Msg-Id");
       if (!id.starts_with(name_)) continue;
@@ -552,9 +529,7 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
   std::shared_ptr<Stream> stream_;
   std::string inbox_;
   std::optional<Subscription> answers_;
-  std::unique_ptr<Stream> floors_;
-  uint64_t floors_last_ = 0;                    // the bucket's place that was known last
-  std::map<std::string, uint64_t> handled_by_;  // the place of the last frame, by the receiver's key
+  Floors floors_;
   Deadline next_attempt_{}, next_question_{}, next_purge_{};
 };
 
