@@ -1335,7 +1335,7 @@ TEST_F(BusClusterStream, ReceiverGoesOnInItsOwnStreamAndUnderItsOwnNameOnly) {
   // What comes again from a writer, at another place and time, is handled already.
   const RawClient peer("peer.*");
   for (const char *id : {"other-0", "other-0-again", "other-1"}) {
-    const uint32_t number = id[6] - '0';
+    const auto number = static_cast<uint32_t>(id[6] - '0');
     peer.store("drix-stream." + name.substr(1) + ".m.a", id, frame(number, message(20 + number)));
   }
   EXPECT_TRUE(eventually([&] { return receiver->counters().delivered >= 4; }));
