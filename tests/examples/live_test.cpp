@@ -196,7 +196,7 @@ class LiveWire : public testing::Test {
 TEST_F(LiveWire, BringsWhatChangesMeanwhile) {
   change_routes(900);
   stream_.emplace(*feed_, *mirror_->ask());
-  for (const uint32_t sent : {1, 50, 100, 200, 5000}) {
+  for (const uint32_t sent : {1U, 50U, 100U, 200U, 5000U}) {
     send(sent);
     change_routes(10);
   }
