@@ -96,7 +96,7 @@ bool are_one_route(const NextHops &hops) {
   const uint32_t object = hops[0].object;
   return hops.size() == 1 || std::all_of(hops.begin(), hops.end(), [&](const NextHop &hop) {
            return object != 0 ? hop.object == object
-                              : hop.object == 0 && hop.gateway != Address() && hop.protocol != RTPROT_RA;
+                              : hop.object == 0 && hop.gateway != kNoAddress && hop.protocol != RTPROT_RA;
          });
 }
 

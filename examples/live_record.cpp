@@ -152,7 +152,7 @@ bool carries_itself(const NextHops &next_hops) { return next_hops.size() == 1 &&
 std::string format_route(const RouteKey &key, const NextHop &next_hop, const std::string &interface) {
   fib6Sync_ipv6Fwd route = make_route(key, next_hop).f1;
   route.f2 = RTF_UP;
-  if (next_hop.gateway != Address()) route.f2 |= RTF_GATEWAY;
+  if (next_hop.gateway != kNoAddress) route.f2 |= RTF_GATEWAY;
   if (key.length == 128) route.f2 |= RTF_HOST;
   if (next_hop.protocol == RTPROT_RA) route.f2 |= RTF_ADDRCONF;
   if (next_hop.type == RTN_LOCAL) route.f2 |= RTF_LOCAL;

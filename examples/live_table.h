@@ -12,6 +12,7 @@
 namespace live {
 
 using Address = std::array<uint32_t, 4>;  // most significant word first
+inline constexpr Address kNoAddress = {};
 
 // What tells the kernel's routes apart, and the order in which they are shown and sent.
 struct RouteKey {

@@ -19,9 +19,9 @@ template <class Vector, class T, std::size_t size>
 class MaskedHead {
  public:
   [[DRIX_MASKS, gnu::always_inline]] explicit MaskedHead(const ElementMasks &masks)
-      : widths_(_mm_loadu_si128(table<__m128i>(masks.widths))),
-        numbers_(_mm256_loadu_si256(table<__m256i>(masks.numbers))),
+      : numbers_(_mm256_loadu_si256(table<__m256i>(masks.numbers))),
         fixed_(_mm256_loadu_si256(table<__m256i>(masks.fixed))),
+        widths_(_mm_loadu_si128(table<__m128i>(masks.widths))),
         moving_(masks.moving),
         scalar_entries_(masks.scalar_entries) {}
 
@@ -40,9 +40,9 @@ class MaskedHead {
   }
 
  private:
-  __m128i widths_;
   __m256i numbers_;
   __m256i fixed_;
+  __m128i widths_;
   __mmask16 moving_;
   __mmask32 scalar_entries_;
 };

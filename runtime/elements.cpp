@@ -199,7 +199,7 @@ uint64_t zero_bytes(const ElementType &type, const void *records, uint32_t count
   }
   for (uint32_t i = count - last; i < count; ++i) {
     uint8_t half[kHalf] = {};
-    std::memcpy(half, record + i * type.record_size, type.record_size);
+    std::memcpy(half, record + std::size_t{i} * type.record_size, type.record_size);
     sum += WindowZeros(type.windows[0]).bytes(half, 0, 1);
   }
   return sum;

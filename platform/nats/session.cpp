@@ -209,6 +209,7 @@ int32_t Session::connect(const std::string &servers, Use use, int64_t timeout_ms
     hosts.push_back(host);
     urls.push_back(servers.substr(0, start) + host);
   }
+  pointers.reserve(urls.size());
   for (const std::string &url : urls) pointers.push_back(url.c_str());
   const SignalsHeldBack held_back;
   natsOptions *created = nullptr;
@@ -242,7 +243,7 @@ int32_t Session::connect(const std::string &servers, Use use, int64_t timeout_ms
   const natsStatus status = natsConnection_Connect(&nc_, created);
   if (status != NATS_OK) return status_of(status, hosts);
   ++connections;
-  flag.release();
+  static_cast<void>(flag.release());
   return KELVODRIX_OK;
 }
 

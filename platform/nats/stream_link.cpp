@@ -379,8 +379,9 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
     }
     const bool has_more = published_ < std::min(kBusy, kept_.size());
     if (trouble_ || has_more || purge_to_ != 0 || window_.empty()) wake();
-    const bool has_room = window_.frames() <= std::max<size_t>(kBusy, options_.window_frames / 4 * 3) &&
-                          window_.bytes() <= options_.window_bytes / 4 * 3;
+    const size_t most_frames = options_.window_frames, most_bytes = options_.window_bytes;
+    const bool has_room =
+        window_.frames() <= std::max(kBusy, most_frames / 4 * 3) && window_.bytes() <= most_bytes / 4 * 3;
     if (trouble_ || has_room) changed_.notify_all();
   }
 

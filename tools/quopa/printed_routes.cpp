@@ -52,7 +52,7 @@ std::optional<Routes> read_printed_routes(const std::string &path) {
     if (words.eof() && std::getline(file, more)) words = std::istringstream(more);
     uint8_t address[16];
     if (!(words >> next_hop >> interface >> route.metric) || inet_pton(AF_INET6, next_hop.c_str(), address) != 1) {
-      throw BadInput(path + ": no route: " + line);
+      throw BadInput(std::string(path).append(": no route: ").append(line));
     }
     routes[route].insert(next_hop);
   }

@@ -9,7 +9,6 @@
 
 namespace quopa {
 
-using drix::describe::Catalog;
 using drix::describe::Type;
 
 Selection::Selection(const SelectionOptions &options)
