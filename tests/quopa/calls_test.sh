@@ -503,8 +503,8 @@ around() { # around KEEP AFTER: the numbers in the capture of one hit
   "${quopa[@]}" trace watch-* --bare | jq -r .f0 | xargs
 }
 [ "$(around 400ms 10ms) $(around 399ms 9ms) $(around 6400ms 0s)" = '6 7 8 9 9 7 8 3 4 4 6 7 8' ] || complain "around a hit: $(around 400ms 10ms), $(around 399ms 9ms), $(around 6400ms 0s)"
-for seconds in 1 5 30; do # to be ready for the end
-  timeout --preserve-status $seconds "${quopa[@]}" watch ring --on .size=999 >said && break
+for seconds in 1 5 30; do # to be ready for the end, of which it is told once only
+  timeout --foreground --preserve-status $seconds "${quopa[@]}" watch ring --on .size=999 >said && break
 done && [ ! -s said ] || complain 'a watch without a hit'
 while IFS='|' read -r error arguments; do
   # shellcheck disable=SC2086
