@@ -125,8 +125,7 @@ int receive(const std::string &at) {
   return ran != KELVODRIX_OK || kelvodrix_receiver_destroy(receiver) != KELVODRIX_OK;
 }
 
-// Sends the frames up to a number, and waits there for the end.
-int send(const std::string &at, const Round &round, uint32_t most) {
+int send(const std::string &at, const Round &round) {
   const kelvodrix_options options = {20, round.window, 32 << 20};
   uint32_t handle = 0;
   if (kelvodrix_open(at.c_str(), &options, &handle) != KELVODRIX_OK) return 1;
@@ -135,6 +134,8 @@ int send(const std::string &at, const Round &round, uint32_t most) {
   for (uint32_t i = 0; i < round.batch; ++i)
     messages.push_back({reinterpret_cast<uintptr_t>(&bytes[i * round.message_bytes]), kId, round.message_bytes});
   uint64_t lost = 0, undelivered = 0;
+  const bool another_comes = round.dies(kSenderDies) && account->second_sender == kNobodysFrame;
+  const uint32_t most = another_comes ? kMostFrames / 2 : kMostFrames;
   while (!account->done) {
     if (account->frames == most) {
       usleep(100);
@@ -278,14 +279,12 @@ void run(const Round &round, const std::string &at, NatsServers &servers, Totals
   account->second_sender = account->goes_on = kNobodysFrame;
   in_stream = round.stream;
   const auto receiving = [&] { return receive(in_stream ? at + "/receiver" : at); };
-  const auto sending = [&] { return send(at, round, kMostFrames); };
-  // So that there are frames left for another sender.
-  const auto sending_half = [&] { return send(at, round, round.dies(kSenderDies) ? kMostFrames / 2 : kMostFrames); };
+  const auto sending = [&] { return send(at, round); };
   pid_t to = start(receiving);
   // Or the sender of a stream need not wait for it, and it finds no server while that is dead or it stands still.
   const bool needs_server = round.event == kServerDies || round.event == kReceiverPauses;
   while ((in_stream || needs_server) && !account->receives && account->wrong == 0) usleep(1000);
-  pid_t from = start(sending_half);
+  pid_t from = start(sending);
   for (uint32_t ms = 0; in_stream && account->handled_before == 0 && ms < kLong; ++ms) usleep(1000);
   usleep(round.delay_us);
   const auto begin = std::chrono::steady_clock::now();
