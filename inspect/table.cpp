@@ -223,15 +223,15 @@ void make_image(const Telling &telling, const uint8_t *record, const uint8_t *ca
 
 Record message_of(const Telling &telling, std::string_view image) {
   Record record(*telling.message);
-  Restorer reader(image, record);
+  Restorer restorer(image, record);
   uint8_t *carried = record.data();
   if (!telling.members.empty()) {
     const SlotInfo &slot = telling.message->slots[telling.members[0]];
-    carried = slot.kind == Kind::table ? carried + slot.member : reader.make_block(slot, carried, 1);
+    carried = slot.kind == Kind::table ? carried + slot.member : restorer.make_block(slot, carried, 1);
   }
-  reader.read_record(*telling.carried, carried);
+  restorer.read_record(*telling.carried, carried);
   for (std::size_t i = 1; i < telling.members.size(); ++i) {
-    reader.read_member(telling.message->slots[telling.members[i]], record.data());
+    restorer.read_member(telling.message->slots[telling.members[i]], record.data());
   }
   return record;
 }
