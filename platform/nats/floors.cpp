@@ -15,8 +15,8 @@ Floor read_floor(const natsMsg *message) {
   return text >> floor.place >> floor.created >> floor.owner ? floor : Floor();
 }
 
-int32_t Floors::open(const std::shared_ptr<Session> &session, const std::string &table) {
-  bucket_ = std::make_unique<Stream>(session, std::string(kFloors) + table);
+int32_t Floors::open(const std::shared_ptr<Session> &session, const std::string &bucket) {
+  bucket_ = std::make_unique<Stream>(session, bucket);
   return bucket_->open();
 }
 

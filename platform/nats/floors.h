@@ -20,7 +20,7 @@ Floor read_floor(const natsMsg *message);
 class Floors {
  public:
   // Through another session, too: what is known stays known.
-  int32_t open(const std::shared_ptr<Session> &session, const std::string &table);
+  int32_t open(const std::shared_ptr<Session> &session, const std::string &bucket);
   const Stream &bucket() const { return *bucket_; }
   // Servers whose bucket ends before this place lag behind.
   void expect(uint64_t place) { last_ = place; }

@@ -94,12 +94,6 @@ int32_t ServerInbox::require_alone(const std::string &subject, int questions) co
   return status != KELVODRIX_OK || asked == NATS_NO_RESPONDERS ? status : KELVODRIX_ERR_IN_USE;
 }
 
-bool ServerInbox::good_frame(Loop &loop, std::span<const uint8_t> frame, const Message &message) {
-  const bool good = is_frame(frame);
-  if (!good) drop(loop, message);
-  return good;
-}
-
 void ServerInbox::drop(Loop &loop, const Message &message) {
   if (!std::exchange(complained_, true))
     std::fprintf(stderr, "kelvodrix: dropped what is no frame of this version, from %.200s; no more is said of such\n",

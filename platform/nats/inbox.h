@@ -40,8 +40,6 @@ class ServerInbox : public Inbox {
 
   // Asks until somebody answers, so often, or the server says that nobody listens there.
   int32_t require_alone(const std::string &subject, int questions) const;
-  // Whether these are a frame of this version; if not, it is counted.
-  bool good_frame(Loop &loop, std::span<const uint8_t> frame, const Message &message);
   void drop(Loop &loop, const Message &message);
 
   std::shared_ptr<Session> session_;

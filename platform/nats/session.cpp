@@ -168,6 +168,7 @@ int32_t parse_place(const char *endpoint, bool receives, Place &place) {
   place.servers = (tls ? "tls://" : "nats://") + std::string(hosts);
   place.subject = (streams ? "drix-stream." : "drix.") + std::string(name) + ".";
   if (streams) place.stream = "drix-" + std::string(name);
+  place.bucket = std::string(kBucket) + place.stream;
   place.floor = "$KV." + place.stream + '.' + (receives ? std::string(receiver) : "writer.current");
   place.alive = "drix-receiver." + std::string(name) + '.' + std::string(receiver);
   place.from = from;

@@ -45,17 +45,18 @@ inline constexpr size_t kInstanceBytes = 8, kHelloBytes = 16, kReceiptBytes = 24
 inline constexpr int64_t kConnectMs = 2000;
 inline constexpr size_t kMessageCosts = 256;  // bytes of memory, besides its own
 
+inline constexpr std::string_view kBucket = "KV_";  // what a bucket's stream is called, before the bucket's name
+
 // Where an endpoint is.
 struct Place {
   std::string servers;  // with the scheme
   std::string subject;  // what the subjects of the endpoint start with
   std::string stream;   // empty: there is none, frames go from sender to receiver directly
+  std::string bucket;   // the stream of how far its receivers have come
   std::string floor;    // the key of this end of a stream
   std::string alive;    // on which it listens
   std::string from;     // table, resume or now
 };
-inline constexpr std::string_view kFloors =
-    "KV_";  // before the stream's name: the stream of what its receivers have handled
 int32_t parse_place(const char *endpoint, bool receives, Place &place);
 
 std::shared_ptr<Link> make_direct_link(const Place &place, const kelvodrix_options &options);

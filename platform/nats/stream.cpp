@@ -31,8 +31,8 @@ int32_t Stream::open(bool makes) {
 int32_t Stream::add() const {
   jsStreamConfig config;
   jsStreamConfig_Init(&config);
-  const bool of_floors = name_.starts_with(kFloors);
-  const std::string subjects = of_floors ? "$KV." + name_.substr(kFloors.size()) + ".>"
+  const bool of_floors = name_.starts_with(kBucket);
+  const std::string subjects = of_floors ? "$KV." + name_.substr(kBucket.size()) + ".>"
                                          : name_.substr(0, 4) + "-stream." + name_.substr(5) + ".>";
   const char *const all[] = {subjects.c_str()};
   config.Name = name();

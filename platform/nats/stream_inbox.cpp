@@ -63,7 +63,7 @@ class StreamInbox final : public ServerInbox {
     session_->forget_denials();  // of other endpoints
     inbox_ = session_->inbox();
     stream_ = std::make_unique<Stream>(session_, place_.stream);
-    floors_ = std::make_unique<Stream>(session_, std::string(kFloors) + place_.stream);
+    floors_ = std::make_unique<Stream>(session_, place_.bucket);
     int32_t status = stream_->open();
     if (status == KELVODRIX_OK) status = floors_->open();
     if (status == KELVODRIX_OK) status = require_alone(place_.alive, kQuestions);
@@ -166,7 +166,9 @@ class StreamInbox final : public ServerInbox {
     // Twice, unless the server has lost what it once had, and has given its place to something new.
     if (delivery.place <= handled_ && delivery.time <= newest_) return;
     const auto frame = bytes_of(message.get());
-    if (good_frame(loop, frame, message)) {
+    if (!is_frame(frame)) {
+      drop(loop, message);
+    } else {
       // Or again what was never acknowledged to its writer, after servers have lost it.
       const std::string_view id = header_of(message.get(), "Nats-Msg-Id"), writer = id.substr(0, id.find('-'));
       const auto count = load<uint32_t>(&frame[16]);

@@ -266,7 +266,7 @@ class Writer final : public Link, public std::enable_shared_from_this<Writer> {
       stream = std::make_shared<Stream>(session, place_.stream);
       status = stream->open();
     }
-    if (status == KELVODRIX_OK) status = floors_.open(session, place_.stream);
+    if (status == KELVODRIX_OK) status = floors_.open(session, place_.bucket);
     uint64_t begin = 0, passed = 0;
     if (status == KELVODRIX_OK && !begun_) {
       status = begin_in(*stream, begin);
